@@ -1,0 +1,255 @@
+#include "machine.h"
+
+#include <csetjmp>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <algorithm>
+#include <utility>
+#include <sys/mman.h>
+#include <unistd.h>
+#include <fcntl.h>
+
+#include "manager_state.h"
+
+namespace velmora::sim {
+
+namespace {
+
+constexpr S32 kFirstDynamicMajor = 254; // the kernel gives dynamic majors from here down
+
+// The command that this thread is running; faults outside one are this program's own.
+thread_local sigjmp_buf* currentCommand = nullptr;
+thread_local Outcome currentOutcome;
+
+[[noreturn]] void die(const char* what)
+{
+    std::perror(what);
+    std::exit(EXIT_FAILURE);
+}
+
+void* mapFixed(U32 address, U32 bytes, int flags, int file)
+{
+    void* const wanted = reinterpret_cast<void*>(address);
+    void* const got = mmap(wanted, bytes, PROT_READ | PROT_WRITE, flags | MAP_FIXED_NOREPLACE, file, 0);
+    if (got != wanted)
+        die("velmora: the controller's address space is not free in this process");
+    return got;
+}
+
+void onFault(int signal, siginfo_t* info, void*)
+{
+    if (currentCommand == nullptr) {
+        std::signal(signal, SIG_DFL);
+        return; // the access is repeated and ends the process
+    }
+    currentOutcome = {Outcome::Kind::Oops, 0, reinterpret_cast<U32>(info->si_addr), {}};
+    siglongjmp(*currentCommand, 1);
+}
+
+void catchFaults()
+{
+    struct sigaction action = {};
+    action.sa_sigaction = onFault;
+    action.sa_flags = SA_SIGINFO;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGSEGV, &action, nullptr);
+    sigaction(SIGBUS, &action, nullptr);
+}
+
+bool inside(U32 address, U32 bytes, U32 start, U32 size)
+{
+    return address >= start && address - start < size && bytes <= size - (address - start);
+}
+
+const char* lockName(TMMLock lock)
+{
+    constexpr const char* names[MM_LOCK_NUM] = {"search_lock", "free_lock", "push_lock", "pop_lock"};
+    return names[lock];
+}
+
+} // namespace
+
+std::string Outcome::describe(std::string_view command) const
+{
+    char text[64] = " returned";
+    if (kind == Kind::Hang)
+        std::snprintf(text, sizeof text, " waits for ever on %s, which is already held", lockName(lock));
+    if (kind == Kind::Oops)
+        std::snprintf(text, sizeof text, " touched 0x%08x, which does not exist", static_cast<unsigned>(address));
+    return std::string(command) + text;
+}
+
+Machine& machine()
+{
+    static Machine instance;
+    return instance;
+}
+
+void Machine::reserveAddressSpace()
+{
+    ramFile_ = memfd_create("velmora-ram", MFD_CLOEXEC);
+    if (ramFile_ < 0 || ftruncate(ramFile_, kRamBytes) != 0)
+        die("velmora: no memory for the controller's RAM");
+    mapFixed(kPageOffset, kRamBytes, MAP_SHARED | MAP_NORESERVE, ramFile_);
+    mapFixed(kScratch, kScratchBytes, MAP_PRIVATE | MAP_ANONYMOUS, -1);
+    catchFaults();
+}
+
+void Machine::powerOn()
+{
+    if (ramFile_ < 0)
+        reserveAddressSpace();
+    // Punching out the whole file drops its pages: cheaper than writing zeros.
+    if (fallocate(ramFile_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, kRamBytes) != 0)
+        std::memset(at(kPageOffset), 0, kRamBytes);
+    std::memset(at(kScratch), 0, kScratchBytes);
+    resetManagerState();
+    faults = {};
+    log_.clear();
+    locks_.fill(false);
+    interruptsOff_ = false;
+    lockTakes_ = cacheFlushes_ = 0;
+    devices_.clear();
+    procEntries_.clear();
+}
+
+Outcome Machine::run(const std::function<U32()>& command)
+{
+    sigjmp_buf place;
+    if (sigsetjmp(place, 1) != 0) {
+        currentCommand = nullptr;
+        return currentOutcome;
+    }
+    currentCommand = &place;
+    const U32 value = command();
+    currentCommand = nullptr;
+    return {Outcome::Kind::Returned, value, 0, {}};
+}
+
+void Machine::stop(const Outcome& outcome)
+{
+    if (currentCommand == nullptr) {
+        std::fprintf(stderr, "velmora: %s\n", outcome.describe("a call outside any command").c_str());
+        std::abort();
+    }
+    currentOutcome = outcome;
+    siglongjmp(*currentCommand, 1);
+}
+
+std::vector<std::string> Machine::takeLog()
+{
+    return std::exchange(log_, {});
+}
+
+bool Machine::exists(U32 address, U32 bytes)
+{
+    return inside(address, bytes, kPageOffset, kRamBytes) || inside(address, bytes, kScratch, kScratchBytes);
+}
+
+std::optional<U32> Machine::firstMissing(U32 address, U32 bytes)
+{
+    if (bytes == 0 || exists(address, bytes))
+        return std::nullopt;
+    if (inside(address, 1, kPageOffset, kRamBytes))
+        return kHighMemory;
+    if (inside(address, 1, kScratch, kScratchBytes))
+        return kScratch + kScratchBytes;
+    return address;
+}
+
+void Machine::lock(TMMLock lock)
+{
+    if (locks_.at(lock))
+        stop({Outcome::Kind::Hang, 0, 0, lock});
+    locks_[lock] = true;
+    interruptsOff_ = true;
+    ++lockTakes_;
+}
+
+void Machine::unlock(TMMLock lock)
+{
+    locks_.at(lock) = false;
+    interruptsOff_ = false;
+}
+
+void Machine::touch(U32 address, U32 bytes)
+{
+    if (const auto missing = firstMissing(address, bytes))
+        stop({Outcome::Kind::Oops, 0, *missing, {}});
+}
+
+// User memory is the scratch area; a copy moves what exists and stops at the first byte that does not.
+static U32 userBytes(U32 address, U32 bytes, std::optional<U32> stopsAt)
+{
+    U32 copied = 0;
+    if (inside(address, 1, kScratch, kScratchBytes))
+        copied = std::min(bytes, kScratch + kScratchBytes - address);
+    return std::min(copied, stopsAt.value_or(copied));
+}
+
+U32 Machine::copyFromUser(void* to, U32 from, U32 bytes)
+{
+    const U32 copied = userBytes(from, bytes, faults.copyInStopsAt);
+    std::memcpy(to, at(from), copied);
+    return bytes - copied;
+}
+
+U32 Machine::copyToUser(U32 to, const void* from, U32 bytes)
+{
+    const U32 copied = userBytes(to, bytes, faults.copyOutStopsAt);
+    std::memcpy(at(to), from, copied);
+    return bytes - copied;
+}
+
+S32 Machine::registerDevice(std::string name)
+{
+    if (faults.registerResult)
+        return *faults.registerResult;
+    S32 major = kFirstDynamicMajor;
+    while (devices_.contains(major))
+        --major;
+    devices_.emplace(major, std::move(name));
+    return major;
+}
+
+void Machine::unregisterDevice(S32 major, const std::string& name)
+{
+    const auto device = devices_.find(major);
+    if (device != devices_.end() && device->second == name)
+        devices_.erase(device);
+}
+
+bool Machine::createProcEntry(std::string name, U32 mode)
+{
+    if (faults.refuseProcEntry)
+        return false;
+    procEntries_[std::move(name)] = mode;
+    return true;
+}
+
+void Machine::removeProcEntry(const std::string& name)
+{
+    procEntries_.erase(name);
+}
+
+S32 Machine::remap(const TMMMapRequest& request, U32 pfn, U32 bytes, TMMProt protection)
+{
+    if (faults.refuseRemap)
+        return -1;
+    auto& target = *static_cast<MapTarget*>(request.pvKernel);
+    if (target.mapForReal) {
+        const auto offset = static_cast<off_t>(pfn) << MMP_PAGE_SHIFT;
+        const void* const got = mmap(at(request.ulStart), bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, ramFile_, offset);
+        if (got == MAP_FAILED)
+            return -1;
+    }
+    target.mapped = true;
+    target.pfn = pfn;
+    target.bytes = bytes;
+    target.protection = protection;
+    return 0;
+}
+
+} // namespace velmora::sim

@@ -1,0 +1,128 @@
+// The simulated machine: a controller's address space inside this 32-bit process, and the kernel services
+// that the manager asks for (kernel/mm/MM_Platform.h), each of which can be made to fail.
+//
+// RAM is a shared memory file mapped at the kernel's linear map, so that a mapping of the device is a real
+// second mapping of the same bytes. User memory is a small scratch area; every other user address
+// faults. One machine for each process: the manager's state is module data.
+//
+//   machine().powerOn();
+//   auto end = machine().run("load", [] { return printer_mm_init(); });
+//   for (const std::string& message : machine().takeLog()) ...
+//
+// Threads: device calls of several threads are run one at a time by the caller (see host/device.h); the
+// machine itself takes no lock of its own.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "../kernel/mm/MM_Platform.h"
+
+namespace velmora::sim {
+
+inline constexpr U32 kPageOffset = 0x94000000;
+inline constexpr U32 kRamBytes = 0x10000000;
+inline constexpr U32 kHighMemory = kPageOffset + kRamBytes;
+inline constexpr U32 kScratch = 0x10000000;
+inline constexpr U32 kScratchBytes = 0x10000;
+inline constexpr U32 kUserLimit = 0x93000000;
+
+// How a command ended. Hang: it would wait for ever on a lock that is already held. Oops: it touched
+// an address that does not exist; address is the first such byte.
+struct Outcome {
+    enum class Kind { Returned, Hang, Oops };
+    Kind kind = Kind::Returned;
+    U32 value = 0;   // what the command returned
+    U32 address = 0; // Oops only
+    TMMLock lock{};  // Hang only
+
+    bool returned() const { return kind == Kind::Returned; }
+    // One line for a person: the command's name and what became of it.
+    std::string describe(std::string_view command) const;
+};
+
+// Services that fail on demand; everything works by default.
+struct Faults {
+    std::optional<S32> registerResult;   // register_chrdev answers this negative code
+    bool refuseProcEntry = false;        // no proc entry is given
+    bool refuseRemap = false;            // remap_pfn_range fails
+    std::optional<U32> copyInStopsAt;    // copy_from_user moves this many bytes at most
+    std::optional<U32> copyOutStopsAt;   // copy_to_user moves this many bytes at most
+};
+
+// The kernel's side of a mapping request (TMMMapRequest::pvKernel).
+struct MapTarget {
+    bool mapForReal = false; // map the bytes at the request's start address, else only note what was asked
+    bool mapped = false;     // out: remap_pfn_range was reached and succeeded
+    U32 pfn = 0;
+    U32 bytes = 0;
+    TMMProt protection{};
+};
+
+class Machine
+{
+public:
+    // Cold start: RAM and scratch zero, log empty, no lock held, no device, no fault, the manager's module data as
+    // they are before a load. Ends the process with a message when the address space is not to be had.
+    void powerOn();
+
+    // Runs one command of the manager. Nested runs are not supported.
+    Outcome run(const std::function<U32()>& command);
+
+    // Messages of the kernel log since the last call, one for each printk, every byte kept.
+    std::vector<std::string> takeLog();
+
+    // True when all bytes of [address, address + bytes) are RAM or all are scratch memory. bytes above 0.
+    static bool exists(U32 address, U32 bytes);
+    // The first byte of [address, address + bytes) that is neither RAM nor scratch; nullopt when all exist.
+    static std::optional<U32> firstMissing(U32 address, U32 bytes);
+    static std::uint8_t* at(U32 address) { return reinterpret_cast<std::uint8_t*>(address); }
+
+    bool lockHeld(TMMLock lock) const { return locks_.at(lock); }
+    bool interruptsOff() const { return interruptsOff_; }
+    unsigned long lockTakes() const { return lockTakes_; }
+    unsigned long cacheFlushes() const { return cacheFlushes_; }
+
+    // Registered character devices, name by major number, and proc entries, mode by name.
+    const std::map<S32, std::string>& devices() const { return devices_; }
+    const std::map<std::string, U32>& procEntries() const { return procEntries_; }
+
+    Faults faults;
+
+    // Services; called by the platform entries only.
+    void print(std::string message) { log_.push_back(std::move(message)); }
+    void lock(TMMLock lock);
+    void unlock(TMMLock lock);
+    void touch(U32 address, U32 bytes);
+    U32 copyFromUser(void* to, U32 from, U32 bytes);
+    U32 copyToUser(U32 to, const void* from, U32 bytes);
+    S32 registerDevice(std::string name);
+    void unregisterDevice(S32 major, const std::string& name);
+    bool createProcEntry(std::string name, U32 mode);
+    void removeProcEntry(const std::string& name);
+    S32 remap(const TMMMapRequest& request, U32 pfn, U32 bytes, TMMProt protection);
+    void flushCache() { ++cacheFlushes_; }
+
+private:
+    void reserveAddressSpace();
+    [[noreturn]] void stop(const Outcome& outcome);
+
+    int ramFile_ = -1;
+    std::vector<std::string> log_;
+    std::array<bool, MM_LOCK_NUM> locks_{};
+    bool interruptsOff_ = false;
+    unsigned long lockTakes_ = 0;
+    unsigned long cacheFlushes_ = 0;
+    std::map<S32, std::string> devices_;
+    std::map<std::string, U32> procEntries_;
+};
+
+Machine& machine();
+
+} // namespace velmora::sim

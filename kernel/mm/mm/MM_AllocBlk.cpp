@@ -1,0 +1,124 @@
+/*
+ * MM_AllocBlk - the allocators: runs of blocks from the free list, first fit from the top of the
+ * segment; and the push of a stack segment.
+ */
+#include "MM_List.h"
+#include "MM_Lock.h"
+#include "MM_Map.h"
+
+namespace {
+
+/* The highest-addressed run, from pstTail down, of at least ulReqBlkNum blocks; null when there is none. */
+TMMBlkStr* FindRun(TMMBlkStr* pstTail, U32 ulReqBlkNum)
+{
+    for (TMMBlkStr* pstRun = pstTail; pstRun != nullptr; pstRun = MM_Back(pstRun))
+        if (static_cast<S32>(MM_Size(pstRun) - ulReqBlkNum) >= 0)
+            return pstRun;
+    return nullptr;
+}
+
+/* Takes blocks off the high end of a run, so that the header of what remains never moves. */
+TMMBlkStr* CutRun(U32 hulHandle, TMMBlkStr* pstRun, U32 ulReqBlkNum)
+{
+    const U32 ulRest = MM_Size(pstRun) - ulReqBlkNum;
+    if (ulRest == 0) {
+        MM_Unlink(TMMRunList{hulHandle}, pstRun);
+        return pstRun;
+    }
+    MM_SetSize(pstRun, ulRest);
+    return MM_At<TMMBlkStr>(MM_Addr(pstRun) + MM_BlkToBytes(ulRest, stSegTable[hulHandle].ubBlkBit));
+}
+
+TMMBlkStr* MM_SearchBlock(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
+{
+    TMMSegInfo& stSeg = stSegTable[hulHandle];
+
+    if (MM_GetTotAvailBlk(hulHandle) == 0)
+        return nullptr;
+    const bool fLocked = MM_LockSegment(hulHandle, search_lock);
+
+    TMMBlkStr* const pstTail = astBlkTail[hulHandle].pstBlk;
+    TMMBlkStr* pstRun = FindRun(pstTail, ulReqBlkNum);
+    if (pstRun == nullptr && stSeg.ulLargestBlkSize >= ulReqBlkNum)
+        pstRun = FindRun(pstTail, ulReqBlkNum); /* counters and list disagree: one more walk, never an endless one */
+    if (pstRun == nullptr) {
+        MM_UnlockSegment(fLocked, search_lock);
+        return nullptr;
+    }
+
+    TMMBlkStr* const pstResult = CutRun(hulHandle, pstRun, ulReqBlkNum);
+    if (stSeg.stInfoFromApp.ubMap != 0 && ubMapID != 0)
+        MM_SetMap(hulHandle, reinterpret_cast<U8*>(pstResult), ulReqBlkNum, ubMapID);
+    stSeg.ulTotalFreeBlkNum -= ulReqBlkNum;
+    stSeg.ulTotalAllocBlkNum += ulReqBlkNum;
+    stSeg.ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);
+
+    if (fLocked && !MM_CountersAgree(hulHandle))
+        MM_TraceMST(hulHandle);
+    MM_UnlockSegment(fLocked, search_lock);
+    return pstResult;
+}
+
+} // namespace
+
+U8* MM_AllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
+{
+    const bool fShouldFit = stSegTable[hulHandle].ulLargestBlkSize >= ulReqBlkNum;
+
+    TMMBlkStr* pstRun = MM_SearchBlock(hulHandle, ulReqBlkNum, ubMapID);
+    if (pstRun == nullptr && fShouldFit)
+        pstRun = MM_SearchBlock(hulHandle, ulReqBlkNum, ubMapID); /* one retry, on purpose */
+    return reinterpret_cast<U8*>(pstRun);
+}
+
+void MM_SetMap(U32 hulHandle, U8* pubBlkTmp, U32 ulReqBlkNum, U8 ubMapID)
+{
+    CMMMapWalker clWalker = MM_WalkMap(hulHandle, MM_RangeOf(hulHandle, pubBlkTmp), pubBlkTmp);
+
+    for (U32 ulBlk = 0; ulBlk < ulReqBlkNum; ++ulBlk) {
+        clWalker.NextByte();
+        clWalker.NextEntry();
+        MMP_Touch(clWalker.Byte(), 1);
+        *clWalker.Byte() = static_cast<U8>(*clWalker.Byte() | (ubMapID << clWalker.BitPos()));
+    }
+}
+
+U32 MM_SearchMap(U8* pubCurrentAddr, U8* pubEndAddr, U8 ubBlkBit)
+{
+    return (MM_Addr(pubEndAddr) - MM_Addr(pubCurrentAddr)) >> ubBlkBit;
+}
+
+U8 MM_GetHeapBlkID(U8* pubReqAddr)
+{
+    U8 ubIdx = 0;
+    while (ubIdx < MAX_PIECE_NUM && MM_IsPiece(ubIdx) && !MM_IsInPiece(ubIdx, MM_Addr(pubReqAddr)))
+        ++ubIdx;
+    return ubIdx;
+}
+
+U8* MM_Push(U32 hulHandle, U32 ulReqBlkNum, U8)
+{
+    TMMSegInfo& stSeg = stSegTable[hulHandle];
+    TStackStr& stStack = astStackStr[hulHandle];
+    const bool fLocked = MM_LockSegment(hulHandle, push_lock);
+
+    const U32 ulBytes = MM_BlkToBytes(ulReqBlkNum, stSeg.ubBlkBit);
+    const U32 ulRounded = MM_StackBytes(ulBytes);
+    if (ulRounded != ulBytes)
+        MMP_Print("\r\n[MM] H(%d) Push Bef (%d) after(%d)", static_cast<S32>(hulHandle), static_cast<S32>(ulBytes),
+                  static_cast<S32>(ulRounded));
+    if (stSeg.ulLargestBlkSize < ulReqBlkNum) {
+        MM_UnlockSegment(fLocked, push_lock);
+        return nullptr;
+    }
+
+    stSeg.ulTotalAllocBlkNum += ulReqBlkNum;
+    stSeg.ulTotalFreeBlkNum -= ulReqBlkNum;
+    stStack.pubStackHead = MM_At(MM_Addr(stStack.pubStackHead) - ulRounded);
+    stSeg.ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);
+
+    if (fLocked && !MM_CountersAgree(hulHandle))
+        MM_TraceMST(hulHandle);
+    MM_UnlockSegment(fLocked, push_lock);
+    return stStack.pubStackHead;
+}

@@ -1,0 +1,221 @@
+/*
+ * MM_FreeBlk - the release routines: runs of blocks back into the free list, their owners out of the map,
+ * all runs of one owner; and the pop of a stack segment.
+ *
+ * A failed check in MM_FreeBlk and MM_Pop returns with the lock held and interrupts off, and undoes
+ * nothing. That is intended: the controller stops at the first broken release.
+ */
+#include "MM_List.h"
+#include "MM_Lock.h"
+#include "MM_Map.h"
+
+const U8 aubMapIDMaskTbl[8] = {0x01, 0x03, 0x07, 0x0F, 0x1F, 0x3F, 0x70, 0xFF}; /* 0x70 is intended; no width reads it */
+const U8 aubBitMaskTbl[8] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
+
+namespace {
+
+U32 CheckRange(U32 hulHandle, U8* pubRlsAddr)
+{
+    if (hulHandle == HEAPHANDLE) {
+        U8 ubFindRange = 0;
+        for (U8 ubIdx = 0; MM_IsPiece(ubIdx) && ubFindRange == 0; ++ubIdx)
+            ubFindRange = MM_IsInPiece(ubIdx, MM_Addr(pubRlsAddr)) ? 1 : 0;
+        MM_ASSERT_FOR(MM_FreeBlk, ubFindRange == 1 && "Free Request is over the available Range of Segment", EASSERT);
+        return ENOERR;
+    }
+    MM_ASSERT_FOR(MM_FreeBlk, (pubRlsAddr >= stSegTable[hulHandle].pubStartAddr) && "Free Request is over the available Range of Segment",
+                  EASSERT);
+    MM_ASSERT_FOR(MM_FreeBlk, (pubRlsAddr < stSegTable[hulHandle].pubEndAddr) && "Free Request is over the available Range of Segment",
+                  EASSERT);
+    return ENOERR;
+}
+
+/* Links a released run into the list and merges it with the neighbours that it touches. Only a run that
+ * starts at a free run's first address counts as released before. The order of the writes matters where
+ * blocks are smaller than a node. */
+U32 InsertRun(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
+{
+    TMMBlkStr*& pstHead = astBlkHead[hulHandle].pstBlk;
+    TMMBlkStr*& pstTail = astBlkTail[hulHandle].pstBlk;
+    const U8 ubBlkBit = stSegTable[hulHandle].ubBlkBit;
+    TMMBcptr stBlkPtr, stTemp;
+    stBlkPtr.pubyiscp = pubRlsAddr;
+    stTemp.pstBlk = pstTail;
+    TMMBlkStr* const pstNew = stBlkPtr.pstBlk;
+    U32 ulSize = ulBlkNo;
+
+    if (stTemp.pstBlk == nullptr) {
+        MM_SetNext(pstNew, nullptr);
+        MM_SetBack(pstNew, nullptr);
+        pstHead = pstTail = pstNew;
+        MM_SetSize(pstNew, ulSize);
+        return ENOERR;
+    }
+    MM_ASSERT_FOR(MM_FreeBlk, (U32)stTemp.pstBlk != stBlkPtr.ulyisl && "Already Freed Block is requested!!", EASSERT);
+
+    if (stTemp.ulyisl < stBlkPtr.ulyisl) {
+        MM_SetBack(pstNew, stTemp.pstBlk);
+        MM_SetNext(pstNew, nullptr);
+        MM_SetNext(stTemp.pstBlk, pstNew);
+        pstTail = pstNew;
+    } else {
+        TMMBlkStr* pstUpper = stTemp.pstBlk;
+        stTemp.pstBlk = MM_Back(pstUpper);
+        while (stTemp.pstBlk != nullptr && stTemp.ulyisl > stBlkPtr.ulyisl) {
+            pstUpper = stTemp.pstBlk;
+            stTemp.pstBlk = MM_Back(pstUpper);
+        }
+        MM_ASSERT_FOR(MM_FreeBlk, (U32)stTemp.pstBlk != stBlkPtr.ulyisl && "Already Freed Block is requested!!", EASSERT);
+
+        MM_SetBack(pstNew, stTemp.pstBlk);
+        if (stTemp.pstBlk == nullptr)
+            pstHead = pstNew;
+        else
+            MM_SetNext(stTemp.pstBlk, pstNew);
+
+        if (stBlkPtr.ulyisl + MM_BlkToBytes(ulBlkNo, ubBlkBit) == MM_Addr(pstUpper)) {
+            ulSize += MM_Size(pstUpper);
+            MM_SetNext(pstNew, MM_Next(pstUpper));
+            if (MM_Next(pstNew) == nullptr)
+                pstTail = pstNew;
+            else
+                MM_SetBack(MM_Next(pstNew), pstNew);
+        } else {
+            MM_SetBack(pstUpper, pstNew);
+            MM_SetNext(pstNew, pstUpper);
+        }
+    }
+    MM_SetSize(pstNew, ulSize);
+
+    TMMBlkStr* const pstLower = MM_Back(pstNew);
+    if (pstLower != nullptr && MM_RunEnd(pstLower, ubBlkBit) == stBlkPtr.ulyisl) {
+        MM_SetSize(pstLower, MM_Size(pstLower) + ulSize);
+        MM_SetNext(pstLower, MM_Next(pstNew));
+        if (MM_Next(pstNew) == nullptr)
+            pstTail = pstLower;
+        else
+            MM_SetBack(MM_Next(pstNew), pstLower);
+    }
+    return ENOERR;
+}
+
+/* Releases the runs of one owner that the map of one range records. */
+void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
+{
+    const U8 ubWidth = stSegTable[hulHandle].stInfoFromApp.ubMap;
+    const U8 ubBlkBit = stSegTable[hulHandle].ubBlkBit;
+    U32 ulEntry = 0; /* counted from the map's end */
+    U32 ulRun = 0;
+
+    for (U8* pubByte = stRange.pubMapEndAddr; pubByte > stRange.pubMapStartAddr;) {
+        --pubByte;
+        for (U8 ubBitPos = 0; ubBitPos < 8; ubBitPos = static_cast<U8>(ubBitPos + ubWidth), ++ulEntry) {
+            const U32 ulWanted = static_cast<U32>(ubMapID) << ubBitPos; /* bits beyond the byte never match */
+            MMP_Touch(pubByte, 1);
+            if ((*pubByte & ulWanted) == ulWanted) {
+                ++ulRun;
+            } else if (ulRun > 0) {
+                MM_FreeBlk(hulHandle, MM_At(MM_Addr(stRange.pubEndAddr) - MM_BlkToBytes(ulEntry, ubBlkBit)), ulRun);
+                ulRun = 0;
+            }
+        }
+    }
+}
+
+} // namespace
+
+U32 MM_FreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
+{
+    TMMSegInfo& stSeg = stSegTable[hulHandle];
+    const bool fLocked = MM_LockSegment(hulHandle, free_lock);
+
+    if (CheckRange(hulHandle, pubRlsAddr) != ENOERR)
+        return EASSERT;
+    MM_ASSERT((ulBlkNo > 0) && "Requested Block Number is invalid", EASSERT);
+    if (stSeg.stInfoFromApp.ubMap != 0)
+        MM_ClearMap(hulHandle, pubRlsAddr, ulBlkNo); /* a map that disagrees is reported, and the release goes on */
+    if (InsertRun(hulHandle, pubRlsAddr, ulBlkNo) != ENOERR)
+        return EASSERT;
+
+    stSeg.ulTotalAllocBlkNum -= ulBlkNo;
+    MM_ASSERT((S32)stSegTable[hulHandle].ulTotalAllocBlkNum >= 0 && "Allocating Block number is turned to minus", EASSERT);
+    stSeg.ulTotalFreeBlkNum += ulBlkNo;
+    stSeg.ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);
+    MM_ASSERT((stSegTable[hulHandle].ulLargestBlkSize >= 0) && (stSegTable[hulHandle].ulLargestBlkSize <= stSegTable[hulHandle].ulTotalFreeBlkNum),
+              EASSERT);
+
+    if (fLocked && !MM_CountersAgree(hulHandle)) {
+        MM_TraceMST(hulHandle);
+        MM_ASSERT(((stSegTable[hulHandle].ulTotalFreeBlkNum + stSegTable[hulHandle].ulTotalAllocBlkNum) == stSegTable[hulHandle].ulTotalBlkNum) && "Total Blk Number is Wrong!!",
+                  EASSERT);
+    }
+    MM_UnlockSegment(fLocked, free_lock);
+    return ENOERR;
+}
+
+U32 MM_ClearMap(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
+{
+    const TMMRange stRange = MM_RangeOf(hulHandle, pubRlsAddr);
+    const U8* pubMapStartAddr = stRange.pubMapStartAddr;
+    const U8* pubMapEndAddr = stRange.pubMapEndAddr;
+    const U8 ubMap = stSegTable[hulHandle].stInfoFromApp.ubMap;
+    CMMMapWalker clWalker = MM_WalkMap(hulHandle, stRange, pubRlsAddr);
+    TMMBcptr stTempBlk;
+
+    stTempBlk.pubyiscp = clWalker.Byte();
+    MM_ASSERT(stTempBlk.pubyiscp >= pubMapStartAddr, EASSERT);
+    MM_ASSERT(stTempBlk.pubyiscp < pubMapEndAddr, EASSERT);
+
+    for (U32 ulBlk = 0; ulBlk < ulBlkNo; ++ulBlk) {
+        if (clWalker.NextByte()) {
+            stTempBlk.pubyiscp = clWalker.Byte();
+            MM_ASSERT(stTempBlk.pubyiscp <= pubMapEndAddr, EASSERT); /* the end itself still passes, on purpose */
+        }
+        clWalker.NextEntry();
+        const U8 ubBitMask = clWalker.EntryMask();
+        MMP_Touch(stTempBlk.pubyiscp, 1);
+        if (ubMap > 1) /* one-bit maps are not checked for a second release, on purpose */
+            MM_ASSERT(((*(stTempBlk.pubyiscp) & ubBitMask ) != 0) && "This bit is already freed!!", EASSERT);
+        *stTempBlk.pubyiscp = static_cast<U8>(*stTempBlk.pubyiscp & ~ubBitMask);
+    }
+    return ENOERR;
+}
+
+void MM_CleanUp(U32 hulHandle, U8 ubMapID)
+{
+    if (stSegTable[hulHandle].stInfoFromApp.ubMap == 0)
+        return;
+    if (hulHandle != HEAPHANDLE) {
+        CleanUpRange(hulHandle, ubMapID, MM_RangeOf(hulHandle, nullptr));
+        return;
+    }
+    for (U8 ubIdx = 0; MM_PieceAddr(PIECE_MAP_START, ubIdx) != MM_UNUSED_PIECE; ++ubIdx)
+        CleanUpRange(hulHandle, ubMapID, MM_PieceRange(ubIdx));
+}
+
+U32 MM_Pop(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
+{
+    TMMSegInfo& stSeg = stSegTable[hulHandle];
+    const bool fLocked = MM_LockSegment(hulHandle, pop_lock);
+    const U32 ulBytes = MM_StackBytes(MM_BlkToBytes(ulBlkNo, stSeg.ubBlkBit));
+
+    MM_ASSERT((ulBlkNo > 0) && "Requested Block Size is invalid", EASSERT);
+    MM_ASSERT((pubRlsAddr == astStackStr[hulHandle].pubStackHead) && "Already Freed Address is requested!", EASSERT);
+    astStackStr[hulHandle].pubStackHead = MM_At(MM_Addr(pubRlsAddr) + ulBytes); /* stored before the next check, on purpose */
+    MM_ASSERT(((astStackStr[hulHandle].pubStackHead) <= (stSegTable[hulHandle].pubEndAddr)) && "Interrupt an another Segment",
+              EASSERT);
+
+    stSeg.ulTotalAllocBlkNum -= ulBlkNo;
+    stSeg.ulTotalFreeBlkNum += ulBlkNo;
+    stSeg.ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);
+    MM_ASSERT((stSegTable[hulHandle].ulLargestBlkSize >= 0) && (stSegTable[hulHandle].ulLargestBlkSize <= stSegTable[hulHandle].ulTotalFreeBlkNum),
+              EASSERT);
+
+    if (fLocked && !MM_CountersAgree(hulHandle)) {
+        MM_TraceMST(hulHandle);
+        MM_ASSERT(((stSegTable[hulHandle].ulTotalFreeBlkNum + stSegTable[hulHandle].ulTotalAllocBlkNum) == stSegTable[hulHandle].ulTotalBlkNum) && "Total Blk Number is Wrong!!",
+                  EASSERT);
+    }
+    MM_UnlockSegment(fLocked, pop_lock);
+    return ENOERR;
+}
