@@ -1,0 +1,69 @@
+# Front door. Each target installs the packages that it is missing, builds what changed and runs.
+#   make build | demo | test | coverage | clean | help
+
+DOC ?=
+COPIES ?= 3
+DPI ?= 150
+
+.DEFAULT_GOAL := help
+.PHONY: help build build-x86 build-arm demo test test-x86 test-arm test-sanitize coverage format lint clean
+
+help:
+	@sed -n 's/^## //p' $(MAKEFILE_LIST)
+
+# Configures a preset once and builds it.
+preset = cmake --preset $(1) $(if $(wildcard build/$(1)/build.ninja),>/dev/null) && cmake --build --preset $(1)
+
+## make build      everything hosted: build/bin/ (32-bit x86), build/arm/bin/ (ARMv7)
+build: build-x86 build-arm
+
+build-x86:
+	@scripts/setup.sh build test
+	@$(call preset,x86)
+
+build-arm:
+	@scripts/setup.sh build test
+	@$(call preset,arm)
+
+## make demo       prints a document through the manager  [DOC=file.pdf COPIES=3 DPI=150]
+demo: build-x86
+	@scripts/setup.sh demo
+	@build/bin/print-job $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo
+
+## make test       every test: x86, ARMv7 under qemu-arm, sanitizers, coverage of kernel/
+test: test-x86 test-arm test-sanitize coverage
+
+test-x86: build-x86
+	@scripts/setup.sh demo
+	ctest --preset x86
+
+test-arm: build-arm
+	ctest --preset arm
+
+test-sanitize:
+	@scripts/setup.sh build test demo
+	@$(call preset,sanitize)
+	ctest --preset sanitize
+
+## make coverage   line coverage of kernel/: build/coverage/report/index.html; fails below 98 %
+coverage:
+	@scripts/setup.sh build test demo
+	@$(call preset,coverage)
+	@find build/coverage -name '*.gcda' -delete
+	ctest --preset coverage
+	@mkdir -p build/coverage/report
+	gcovr --root . --filter kernel/ --object-directory build/coverage --gcov-executable gcov-12 --exclude-throw-branches \
+	    --html-details build/coverage/report/index.html --fail-under-line 98 --print-summary --txt
+
+## make format     rewrites the sources with clang-format;  make lint: clang-tidy over host, lib, tools, examples
+format:
+	@scripts/setup.sh lint
+	clang-format -i $$(git ls-files 'host/*' 'lib/*' 'tools/*' 'examples/*' 'tests/*' | grep -E '\.(h|hpp|cpp)$$')
+
+lint: build-x86
+	@scripts/setup.sh lint
+	clang-tidy --quiet -p build/x86 $$(git ls-files 'host/*.cpp' 'lib/*.cpp' 'tools/*.cpp' 'examples/*.cpp')
+
+## make clean      removes build/
+clean:
+	rm -rf build

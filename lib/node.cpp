@@ -1,0 +1,75 @@
+// The device reached through its node: a real kernel's.
+#define _FILE_OFFSET_BITS 64 // the mapping offset is an address above 2 GiB
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <system_error>
+#include <unistd.h>
+
+#include "device.hpp"
+
+namespace velmora {
+
+namespace {
+
+class Descriptor
+{
+public:
+    Descriptor(const std::string& path, int flags) : number_(open(path.c_str(), O_RDWR | O_CLOEXEC | flags))
+    {
+        if (number_ < 0)
+            throw std::system_error(errno, std::generic_category(), "cannot open " + path);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor() { close(number_); }
+
+    int number() const { return number_; }
+
+private:
+    int number_;
+};
+
+class NodeChannel : public Channel
+{
+public:
+    explicit NodeChannel(const std::string& path) : path_(path), device_(path, 0) {}
+
+    int command(std::uint32_t number, void* record, std::size_t) override
+    {
+        const int result = ioctl(device_.number(), number, record);
+        return result < 0 ? -errno : result;
+    }
+
+    void* map(TAddr address, std::size_t bytes, Caching caching) override
+    {
+        return caching == Caching::Cached ? mapThrough(device_, address, bytes)
+                                          : mapThrough(Descriptor(path_, O_SYNC), address, bytes);
+    }
+
+    void unmap(void* start, std::size_t bytes) override { munmap(start, bytes); }
+
+private:
+    // O_SYNC on the descriptor makes a mapping uncached; the mapping outlives the descriptor.
+    static void* mapThrough(const Descriptor& descriptor, TAddr address, std::size_t bytes)
+    {
+        void* const start = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor.number(), static_cast<off_t>(address));
+        if (start == MAP_FAILED)
+            throw Error("mmap", -errno);
+        return start;
+    }
+
+    std::string path_;
+    Descriptor device_;
+};
+
+} // namespace
+
+std::unique_ptr<Channel> openNode(const std::string& path)
+{
+    return std::make_unique<NodeChannel>(path);
+}
+
+} // namespace velmora

@@ -1,0 +1,48 @@
+#!/bin/sh
+# Installs the Debian packages that the named groups need and that are missing. Root, or a user with sudo.
+#   scripts/setup.sh GROUP...     groups: build demo test lint
+# A stamp under build/ remembers what was found, so that a second run costs nothing.
+set -eu
+cd "$(dirname "$0")/.."
+
+packages() {
+    case $1 in
+    build) echo "g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build" ;;
+    demo) echo "ghostscript" ;;
+    lint) echo "clang-format clang-tidy" ;;
+    test) echo "googletest qemu-user gcovr python3" ;;
+    *) echo "setup.sh: unknown group '$1'" >&2; exit 2 ;;
+    esac
+}
+
+installed() {
+    [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+wanted=
+for group in "$@"; do
+    wanted="$wanted $(packages "$group")"
+done
+stamp=build/.setup-$(echo "$wanted" | cksum | cut -d' ' -f1)
+[ -e "$stamp" ] && exit 0
+
+missing=
+for package in $wanted; do
+    installed "$package" || missing="$missing $package"
+done
+if [ -n "$missing" ]; then
+    echo "Installing:$missing"
+    root=
+    [ "$(id -u)" -eq 0 ] || root=sudo
+    # An index that cannot be fetched is no reason to stop: the packages may still resolve.
+    $root apt-get update -qq || echo "setup.sh: apt-get update reported a problem; going on" >&2
+    # shellcheck disable=SC2086
+    $root env DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends $missing >build-setup.log 2>&1 || {
+        cat build-setup.log >&2
+        rm -f build-setup.log
+        exit 1
+    }
+    rm -f build-setup.log
+fi
+mkdir -p build
+touch "$stamp"

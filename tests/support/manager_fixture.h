@@ -1,0 +1,128 @@
+// What the manager's tests share: a controller that has just been switched on, short ways to bring it up, and
+// the kernel log with the checks' line numbers taken out.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include "../../host/machine.h"
+#include "../../kernel/mm/mm/MM_Core.h"
+#include "../../kernel/mm/mmi/MM_Interface.h"
+
+namespace velmora::test {
+
+using sim::Machine;
+using sim::machine;
+using sim::Outcome;
+
+// The managed area after a load of the default text.
+inline constexpr U32 kAreaStart = 0x95100000;
+inline constexpr U32 kAreaEnd = 0x9DF00000;
+inline constexpr U32 kFixedBytes = 0x212000; // the default fixed segments
+inline constexpr U32 kFloatStart = kAreaStart + kFixedBytes;
+
+class ManagerTest : public ::testing::Test
+{
+protected:
+    ManagerTest() { machine().powerOn(); }
+
+    // Module load with a parameter text; the module's answer.
+    static S32 load(const std::string& text)
+    {
+        std::memset(bigphysarea_info, 0, sizeof bigphysarea_info);
+        std::memcpy(bigphysarea_info, text.data(), std::min(text.size(), sizeof bigphysarea_info - 1));
+        return printer_mm_init();
+    }
+
+    // A loaded and started manager; the messages of the start are dropped.
+    static void start(const std::string& text = "95000000-9e000000")
+    {
+        ASSERT_EQ(load(text), 0);
+        ASSERT_EQ(MM_Entry(MM_CONSTRUCT_DEFAULT_MCT), U32(ENOERR));
+        ASSERT_EQ(MM_LibEntry(SM_BKUP_OK, nullptr), U32(ENOERR));
+        machine().takeLog();
+    }
+
+    // A started manager whose free memory begins at kFloatStart and has this many bytes.
+    static void startWithFreeMemory(U32 bytes)
+    {
+        char text[18];
+        std::snprintf(text, sizeof text, "95000000-%08x", kFloatStart + bytes + 0x100000);
+        start(text);
+    }
+
+    static TSegInfoFromApp request(const char* name, U32 bytes, U32 blockBytes)
+    {
+        TSegInfoFromApp info{};
+        std::memcpy(info.aubSegID, name, std::min<std::size_t>(std::strlen(name), 4));
+        info.ubType = FLOAT;
+        info.ubSegDSType = LINKEDLIST;
+        info.ulSegSize = bytes;
+        info.ulBlkSize = blockBytes;
+        return info;
+    }
+
+    // Creates a float segment of the block allocator and expects success; its handle.
+    static U32 createBlocks(const char* name, U32 bytes, U32 blockBytes, U8 mapBits = 0, U8 semaphore = NO)
+    {
+        TSegInfoFromApp info = request(name, bytes, blockBytes);
+        info.ubMap = mapBits;
+        info.ubSemaphore = semaphore;
+        EXPECT_EQ(MM_CreateSegment(&info), U32(ENOERR)) << name;
+        return info.hulHandle;
+    }
+
+    static U32 createStack(const char* name, U32 bytes, U32 blockBytes, U8 semaphore = NO)
+    {
+        TSegInfoFromApp info = request(name, bytes, blockBytes);
+        info.ubSegDSType = STACK;
+        info.ubSemaphore = semaphore;
+        EXPECT_EQ(MM_CreateSegment(&info), U32(ENOERR)) << name;
+        return info.hulHandle;
+    }
+
+    static void createHeap(U32 blockBytes, U8 mapBits = 0, U8 semaphore = NO)
+    {
+        EXPECT_EQ(createBlocks("HEAP", 0, blockBytes, mapBits, semaphore), U32(HEAPHANDLE));
+    }
+
+    // Messages since the last call, line numbers of checks replaced by N.
+    static std::vector<std::string> log()
+    {
+        std::vector<std::string> messages = machine().takeLog();
+        for (std::string& message : messages)
+            message = std::regex_replace(message, std::regex(",line=[0-9]+\n"), ",line=N\n");
+        return messages;
+    }
+
+    // The one message of a failed check, as it reads after "Assertion failed! ".
+    static std::string check(const std::string& text, const std::string& unit, const std::string& function)
+    {
+        return "Assertion failed! " + text + ",kernel/mm/" + unit + ".cpp," + function + ",line=N\n";
+    }
+    // The same for a sentence in place of a condition.
+    static std::string message(const std::string& text, const std::string& unit, const std::string& function)
+    {
+        return "Assertion failed! " + text + " kernel/mm/" + unit + ".cpp," + function + ",line=N\n";
+    }
+
+    static void expectSilence() { EXPECT_EQ(log(), std::vector<std::string>{}); }
+
+    static void fill(U32 address, U8 byte, U32 bytes) { std::memset(Machine::at(address), byte, bytes); }
+    // True when every byte has the value.
+    static bool isFilled(U32 address, U8 byte, U32 bytes)
+    {
+        const std::uint8_t* const start = Machine::at(address);
+        return std::all_of(start, start + bytes, [=](std::uint8_t value) { return value == byte; });
+    }
+
+    static TMMBlkStr* node(U32 address) { return reinterpret_cast<TMMBlkStr*>(address); }
+    static U8* at(U32 address) { return Machine::at(address); }
+};
+
+} // namespace velmora::test
