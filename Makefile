@@ -3,7 +3,7 @@
 
 DOC ?=
 COPIES ?= 3
-DPI ?= 150
+DPI ?= 75
 
 .DEFAULT_GOAL := help
 .PHONY: help build build-x86 build-arm demo test test-x86 test-arm test-sanitize coverage format lint clean
@@ -25,7 +25,7 @@ build-arm:
 	@scripts/setup.sh build test
 	@$(call preset,arm)
 
-## make demo       prints a document through the manager  [DOC=file.pdf COPIES=3 DPI=150]
+## make demo       prints a document through the manager  [DOC=file.pdf COPIES=3 DPI=75]
 demo: build-x86
 	@scripts/setup.sh demo
 	@build/bin/print-job $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo

@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 packages() {
     case $1 in
     build) echo "g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build" ;;
-    demo) echo "ghostscript" ;;
+    demo) echo "ghostscript ghostscript-doc" ;;
     lint) echo "clang-format clang-tidy" ;;
     test) echo "googletest qemu-user gcovr python3" ;;
     *) echo "setup.sh: unknown group '$1'" >&2; exit 2 ;;

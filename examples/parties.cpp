@@ -1,0 +1,148 @@
+#include "parties.hpp"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cstring>
+#include <set>
+
+namespace printjob {
+
+namespace {
+
+// The job ticket as it lies in "$JCB".
+struct Ticket {
+    char title[8];
+    std::uint32_t copies;
+    std::uint32_t pages;
+};
+
+constexpr std::uint32_t kTicketBytes = 1024;
+
+std::string megabytes(std::uint64_t bytes)
+{
+    return std::to_string((bytes + (1 << 19)) >> 20) + " MiB";
+}
+
+} // namespace
+
+std::uint32_t StoredPage::heapBands() const
+{
+    return static_cast<std::uint32_t>(std::count_if(bands.begin(), bands.end(), [](const Band& band) { return band.inHeap; }));
+}
+
+std::uint8_t ownerOfPage(unsigned number)
+{
+    static const std::vector<std::uint8_t> owners = [] {
+        std::vector<std::uint8_t> ids;
+        for (unsigned id = 1; id < 255; ++id)
+            if (std::popcount(id) == 4)
+                ids.push_back(static_cast<std::uint8_t>(id));
+        return ids;
+    }();
+    return owners[(number - 1) % owners.size()];
+}
+
+JobHandler::JobHandler(std::unique_ptr<velmora::Channel> channel, const Layout& layout) : device_(std::move(channel)), layout_(layout) {}
+
+void JobHandler::start()
+{
+    device_.buildTable();
+    device_.startLibrary(SM_BKUP_OK);
+    ticketSegment_ = device_.createSegment({.name = "$JCB", .blockBytes = kTicketBytes, .type = FIXED}).hulHandle;
+    pageSegment_ = device_
+                       .createSegment({.name = "PAGE",
+                                       .bytes = layout_.pageSegmentBytes,
+                                       .blockBytes = layout_.blockBytes,
+                                       .mapBits = 8,
+                                       .type = FLOATALIGN, // bands begin at page boundaries
+                                       .overflowsToHeap = true})
+                       .hulHandle;
+    device_.createSegment({.name = "HEAP", .bytes = 0, .blockBytes = layout_.heapBlockBytes});
+}
+
+void JobHandler::writeTicket(unsigned copies, unsigned pages)
+{
+    const auto address = device_.allocate(ticketSegment_, kTicketBytes);
+    if (!address)
+        throw OutOfMemory("there is no room for the job ticket");
+    ticket_ = *address;
+    const Ticket ticket{"job 1", copies, pages};
+    const velmora::Mapping view = device_.map(ticket_, sizeof ticket);
+    std::memcpy(view.bytes().data(), &ticket, sizeof ticket);
+}
+
+std::uint64_t JobHandler::pageSegmentUse()
+{
+    const auto segment = device_.segment(static_cast<std::uint8_t>(pageSegment_));
+    return segment ? std::uint64_t(segment->ulTotalAllocBlkNum) * layout_.blockBytes : 0;
+}
+
+void JobHandler::giveBack(const std::vector<StoredPage>& pages)
+{
+    std::set<std::uint8_t> owners;
+    for (const StoredPage& page : pages) {
+        owners.insert(page.owner);
+        for (const Band& band : page.bands)
+            if (band.inHeap)
+                device_.release(pageSegment_, band.address, band.bytes); // an address in the heap goes to the heap
+    }
+    for (const std::uint8_t owner : owners)
+        device_.collectGarbage(pageSegment_, owner);
+    if (ticket_ != 0)
+        device_.release(ticketSegment_, ticket_, kTicketBytes);
+    ticket_ = 0;
+}
+
+RasterProcessor::RasterProcessor(std::unique_ptr<velmora::Channel> channel, const Layout& layout, std::uint32_t pageSegment)
+    : device_(std::move(channel)), layout_(layout), pageSegment_(pageSegment)
+{
+}
+
+Band RasterProcessor::allocateBand(const StoredPage& page, std::uint32_t bytes)
+{
+    const auto address = device_.allocate(pageSegment_, bytes, page.owner);
+    if (!address)
+        throw OutOfMemory("the document does not fit into the controller's memory: page " + std::to_string(page.number) + " needs " +
+                          megabytes(page.header.imageBytes()) + ", and neither the page segment nor the heap has room for its next band");
+    return {*address, bytes, !device_.contains(pageSegment_, *address)};
+}
+
+void RasterProcessor::store(const std::filesystem::path& raster, StoredPage& page)
+{
+    RasterReader reader(raster);
+    page.header = reader.header();
+    for (std::size_t left = page.header.imageBytes(); left > 0;) {
+        const auto bytes = static_cast<std::uint32_t>(std::min<std::size_t>(left, layout_.bandBytes));
+        const Band band = allocateBand(page, bytes);
+        page.bands.push_back(band);
+        const velmora::Mapping view = device_.map(band.address, band.bytes);
+        reader.read(view.bytes().data(), band.bytes);
+        left -= bytes;
+    }
+}
+
+CollationCopy::CollationCopy(std::unique_ptr<velmora::Channel> channel, TAddr ticket) : device_(std::move(channel)), ticket_(ticket) {}
+
+unsigned CollationCopy::copies()
+{
+    Ticket ticket;
+    const velmora::Mapping view = device_.map(ticket_, sizeof ticket);
+    std::memcpy(&ticket, view.bytes().data(), sizeof ticket);
+    return ticket.copies;
+}
+
+void CollationCopy::write(const StoredPage& page, const std::filesystem::path& file)
+{
+    std::ofstream stream(file, std::ios::binary);
+    stream << page.header.text;
+    for (const Band& band : page.bands) {
+        const velmora::Mapping view = device_.map(band.address, band.bytes);
+        stream.write(reinterpret_cast<const char*>(view.bytes().data()), static_cast<std::streamsize>(band.bytes));
+    }
+    stream.close();
+    if (!stream)
+        throw std::runtime_error("cannot write " + file.string());
+}
+
+} // namespace printjob
