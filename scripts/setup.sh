@@ -10,6 +10,7 @@ packages() {
     build) echo "g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build" ;;
     demo) echo "ghostscript ghostscript-doc" ;;
     lint) echo "clang-format clang-tidy" ;;
+    target) echo "qemu-system-arm device-tree-compiler cpio python3" ;;
     test) echo "googletest qemu-user gcovr python3" ;;
     *) echo "setup.sh: unknown group '$1'" >&2; exit 2 ;;
     esac

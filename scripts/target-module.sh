@@ -1,0 +1,61 @@
+#!/bin/sh
+# Builds velmora_mm.ko for a kernel tree and prints its path last. The sources stay clean: Kbuild works in a
+# tree of links under build/module/, one for each kernel tree. Beside the module lie the headers for other
+# kernel code (include/) and the checksums of its exported entries (Module.symvers).
+#   KDIR=kernel-tree [ARCH=arm] [CROSS_COMPILE=arm-linux-gnueabihf-] scripts/target-module.sh [FOLDER]
+# Without KDIR Debian's ARMv7 kernel is taken. FOLDER: another module of this repository, built against velmora_mm.
+set -eu
+called_from=$PWD
+cd "$(dirname "$0")/.."
+root=$PWD
+
+if [ -n "${KDIR:-}" ]; then
+    kdir=$(cd "$called_from" && cd "$KDIR" && pwd -P) || {
+        echo "target-module.sh: KDIR=$KDIR is no folder" >&2
+        exit 2
+    }
+else
+    scripts/target-kernel.sh
+    kdir=$(cd build/target/kernel/headers && pwd -P)
+fi
+[ -e "$kdir/Makefile" ] || {
+    echo "target-module.sh: $kdir is no kernel tree: it has no Makefile" >&2
+    exit 2
+}
+
+folder=${1:-kernel/linux}
+place=$root/build/module/$(basename "$kdir")-$(echo "$kdir" | cksum | cut -d' ' -f1)
+tree=$place/source
+mkdir -p "$tree"
+# Links are made afresh, so that a source that has gone is gone here too; objects stay.
+find "$tree" -type l -delete
+cp -rs "$root/kernel" "$root/include" "$tree/"
+mkdir -p "$tree/tests"
+cp -rs "$root/tests/target" "$tree/tests/"
+
+extra=
+[ "$folder" = kernel/linux ] || extra="KBUILD_EXTRA_SYMBOLS=$place/Module.symvers"
+log=$place/$(basename "$folder").log
+# Warnings of the module's own sources and unresolved symbols are errors.
+status=0
+${MAKE:-make} --no-print-directory -C "$kdir" M="$tree/$folder" ARCH="${ARCH:-arm}" \
+    CROSS_COMPILE="${CROSS_COMPILE:-arm-linux-gnueabihf-}" $extra modules >"$log" 2>&1 || status=$?
+cat "$log"
+[ "$status" -eq 0 ] || exit "$status"
+if grep -E "WARNING: (modpost: )?.*undefined!|/$folder/.*warning:" "$log" >/dev/null; then
+    echo "target-module.sh: the build printed warnings" >&2
+    exit 1
+fi
+
+if [ "$folder" = kernel/linux ]; then
+    mkdir -p "$place/include/velmora_mm"
+    cp "$tree/kernel/linux/velmora_mm.ko" "$place/velmora_mm.ko"
+    if [ -e "$tree/kernel/linux/Module.symvers" ]; then
+        cp "$tree/kernel/linux/Module.symvers" "$place/"
+    fi
+    cp kernel/mm/mm/MM.h "$place/include/"
+    cp include/velmora_mm/velmora_mm.h "$place/include/velmora_mm/"
+    echo "$place/velmora_mm.ko"
+else
+    echo "$tree/$folder"
+fi
