@@ -14,7 +14,7 @@ namespace {
 
 std::mutex oneCommandAtATime; // the kernel's lock around the control entry
 
-int runEntry(const char* name, const std::function<U32()>& entry)
+int runEntry(const std::string& name, const std::function<U32()>& entry)
 {
     const Outcome outcome = machine().run(entry);
     if (!outcome.returned())
@@ -32,7 +32,7 @@ public:
     {
         const std::lock_guard guard(oneCommandAtATime);
         std::memcpy(Machine::at(kScratch), record, bytes);
-        const int result = runEntry("ioctl", [=] { return static_cast<U32>(Velmora_MM_ioctl(number, kScratch)); });
+        const int result = runEntry("ioctl " + commandName(number), [=] { return static_cast<U32>(Velmora_MM_ioctl(number, kScratch)); });
         std::memcpy(record, Machine::at(kScratch), bytes);
         return result;
     }

@@ -50,6 +50,12 @@ std::string codeName(int result)
                                                                      : number;
 }
 
+std::string commandName(std::uint32_t number)
+{
+    const std::uint32_t index = number - MM_CMD_FIRST;
+    return index < kCommandNames.size() ? kCommandNames[index] : std::to_string(number);
+}
+
 Error::Error(const std::string& command, int result) : std::runtime_error(describe(command, result)), result_(result) {}
 
 Mapping::Mapping(Channel& channel, TAddr address, std::size_t bytes, Caching caching) : channel_(&channel)
@@ -85,14 +91,14 @@ template <class Record> int Device::run(std::uint32_t number, Record& record)
 {
     const int result = channel_->command(number, &record, sizeof record);
     if (result < 0)
-        throw Error(kCommandNames[number - MM_CMD_FIRST], result);
+        throw Error(commandName(number), result);
     return result;
 }
 
 template <class Record> void Device::runOrThrow(std::uint32_t number, Record& record)
 {
     if (const int result = run(number, record))
-        throw Error(kCommandNames[number - MM_CMD_FIRST], result);
+        throw Error(commandName(number), result);
 }
 
 void Device::buildTable()

@@ -29,6 +29,9 @@ namespace velmora {
 // Name of a result code of the manager ("EASSERT"), or its number.
 std::string codeName(int result);
 
+// Name of a device command ("MM_CMD_MALLOC"), or its number.
+std::string commandName(std::uint32_t number);
+
 class Error : public std::runtime_error
 {
 public:

@@ -1,0 +1,165 @@
+// The print job's parties: a small document, one that overflows into the heap, one that is too large.
+#include <cstdlib>
+#include <fstream>
+
+#include "../../examples/document.hpp"
+#include "../../examples/mst_display.hpp"
+#include "../../examples/parties.hpp"
+#include "../../host/device.h"
+#include "../support/manager_fixture.h"
+
+namespace velmora::test {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace printjob;
+
+class PrintJob : public ::testing::Test
+{
+protected:
+    PrintJob()
+    {
+        char name[] = "/tmp/velmora-print-job-XXXXXX";
+        folder_ = mkdtemp(name);
+        sim::bootController();
+        handler_.emplace(sim::openDevice(), layout_);
+        handler_->start();
+    }
+    ~PrintJob() override { fs::remove_all(folder_); }
+
+    // A page of noise.
+    fs::path drawPage(unsigned number, unsigned width, unsigned height) const
+    {
+        const fs::path file = folder_ / ("page-" + std::to_string(number) + ".ppm");
+        std::ofstream stream(file, std::ios::binary);
+        stream << "P6\n# noise\n" << width << " " << height << "\n255\n";
+        U32 state = number;
+        for (unsigned i = 0; i < width * height * 3; ++i) {
+            state = state * 1664525 + 1013904223;
+            stream.put(static_cast<char>(state >> 24));
+        }
+        return file;
+    }
+
+    StoredPage store(unsigned number, const fs::path& raster)
+    {
+        StoredPage page{number, ownerOfPage(number), {}, {}};
+        RasterProcessor(sim::openDevice(), layout_, handler_->pageSegment()).store(raster, page);
+        return page;
+    }
+
+    // Rows of the segment table, from the kernel log.
+    std::vector<DisplayRow> table()
+    {
+        machine().takeLog();
+        handler_->display();
+        return displayRows(machine().takeLog());
+    }
+
+    void expectAllFree()
+    {
+        const auto rows = table();
+        ASSERT_EQ(rows.size(), 3u);
+        for (const DisplayRow& row : rows)
+            EXPECT_EQ(row.freeBlocks, row.totalBlocks) << row.name;
+    }
+
+    Layout layout_{.pageSegmentBytes = 1 << 20, .blockBytes = 4096, .heapBlockBytes = 8192, .bandBytes = 64 << 10};
+    fs::path folder_;
+    std::optional<JobHandler> handler_;
+};
+
+TEST_F(PrintJob, APageComesBackAsItWasDrawn)
+{
+    const fs::path raster = drawPage(1, 100, 70);
+    const StoredPage page = store(1, raster);
+    handler_->writeTicket(2, 1);
+    CollationCopy collation(sim::openDevice(), handler_->ticket());
+    EXPECT_EQ(collation.copies(), 2u);
+    collation.write(page, folder_ / "copy.ppm");
+    EXPECT_TRUE(sameBytes(raster, folder_ / "copy.ppm"));
+    EXPECT_FALSE(sameBytes(raster, drawPage(2, 100, 70)));
+    EXPECT_EQ(table().at(1).allocatedBlocks, 6u); // 21000 bytes
+    handler_->giveBack({page});
+    expectAllFree();
+}
+
+TEST_F(PrintJob, BandsThatOverflowIntoTheHeapAreGivenBackOneByOne)
+{
+    std::vector<StoredPage> pages;
+    for (unsigned number = 1; number <= 3; ++number)
+        pages.push_back(store(number, drawPage(number, 400, 500))); // 600,000 bytes each; the segment holds 1 MiB
+    EXPECT_EQ(pages[0].heapBands(), 0u);
+    EXPECT_GT(pages[1].heapBands(), 0u);
+    EXPECT_EQ(pages[2].heapBands() + 0u, pages[2].bands.size());
+    EXPECT_GT(table().at(2).allocatedBlocks, 0u);
+
+    CollationCopy collation(sim::openDevice(), 0x95102000);
+    for (const StoredPage& page : pages) {
+        collation.write(page, folder_ / "copy.ppm");
+        EXPECT_TRUE(sameBytes(folder_ / ("page-" + std::to_string(page.number) + ".ppm"), folder_ / "copy.ppm"));
+    }
+    handler_->giveBack(pages);
+    expectAllFree();
+}
+
+TEST_F(PrintJob, ADocumentTooLargeEndsInAClearMessageWithEverythingGivenBack)
+{
+    // The segment holds 255 blocks of 4 KiB, the heap about 17,000 of 8 KiB: 139 MB of page data cannot fit.
+    layout_.bandBytes = 32 << 20;
+    const fs::path raster = drawPage(1, 4000, 4000);
+    std::vector<StoredPage> pages;
+    std::string message;
+    try {
+        for (unsigned number = 1; number <= 3; ++number) {
+            StoredPage& page = pages.emplace_back(StoredPage{number, ownerOfPage(number), {}, {}});
+            RasterProcessor(sim::openDevice(), layout_, handler_->pageSegment()).store(raster, page);
+        }
+    } catch (const OutOfMemory& error) {
+        message = error.what();
+    }
+    EXPECT_EQ(message, "the document does not fit into the controller's memory: page 2 needs 46 MiB, and neither the page "
+                       "segment nor the heap has room for its next band");
+    handler_->giveBack(pages);
+    expectAllFree();
+}
+
+TEST_F(PrintJob, OwnersOfPagesDoNotContainEachOther)
+{
+    for (unsigned a = 1; a <= 70; ++a)
+        for (unsigned b = 1; b <= 70; ++b)
+            EXPECT_EQ((ownerOfPage(a) & ownerOfPage(b)) == ownerOfPage(a), a == b) << a << " " << b;
+    EXPECT_EQ(ownerOfPage(71), ownerOfPage(1));
+}
+
+TEST_F(PrintJob, FilesThatAreNoRasterAreRefused)
+{
+    const auto file = folder_ / "bad.ppm";
+    for (const char* const content : {"", "P3\n1 1\n255\n", "P6\n1", "P6\n99999999 1\n255\n", "JPEG"}) {
+        std::ofstream(file) << content;
+        EXPECT_THROW(RasterReader reader(file), std::runtime_error) << content;
+    }
+    std::ofstream(file) << "P6\n10 10\n255\nshort";
+    StoredPage page{1, 15, {}, {}};
+    EXPECT_THROW(RasterProcessor(sim::openDevice(), layout_, handler_->pageSegment()).store(file, page), std::runtime_error);
+    handler_->giveBack({page});
+    expectAllFree();
+}
+
+TEST_F(PrintJob, DisplayRowsAreReadColumnByColumn)
+{
+    const auto row = parseDisplayRow(" RIP0   5-    ff000-     1000-       ff-        3-       fc-       fc- 1- 95313000- 95412000\n");
+    ASSERT_TRUE(row);
+    EXPECT_EQ(row->name, "RIP0");
+    EXPECT_EQ(row->handle, 5u);
+    EXPECT_EQ(row->bytes, 0xff000u);
+    EXPECT_EQ(row->blockBytes, 0x1000u);
+    EXPECT_EQ(row->totalBlocks, 0xffu);
+    EXPECT_EQ(row->allocatedBlocks, 3u);
+    EXPECT_EQ(row->freeBlocks, 0xfcu);
+    EXPECT_EQ(row->largestRun, 0xfcu);
+    EXPECT_FALSE(parseDisplayRow("==========================================================================\n"));
+}
+
+} // namespace
+} // namespace velmora::test
