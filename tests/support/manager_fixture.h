@@ -123,6 +123,48 @@ protected:
 
     static TMMBlkStr* node(U32 address) { return reinterpret_cast<TMMBlkStr*>(address); }
     static U8* at(U32 address) { return Machine::at(address); }
+
+    using Lines = std::vector<std::string>;
+
+    static U8* id(const char* name) { return const_cast<U8*>(reinterpret_cast<const U8*>(name)); }
+
+    // A stretch of the free-memory list.
+    struct FreeNode {
+        U32 address, bytes;
+        bool operator==(const FreeNode&) const = default;
+        friend void PrintTo(const FreeNode& free, std::ostream* out)
+        {
+            *out << std::hex << free.address << "+" << free.bytes << std::dec;
+        }
+    };
+
+    // Makes these stretches, in this order, the free-memory list.
+    static void setFreeMemory(const std::vector<FreeNode>& stretches)
+    {
+        pstSegBlkHead = pstSegBlkTail = nullptr;
+        for (const FreeNode& free : stretches) {
+            TMMBlkStr* const added = node(free.address);
+            added->pstNext = nullptr;
+            added->pstBack = pstSegBlkTail;
+            added->ulSize = free.bytes;
+            (pstSegBlkTail != nullptr ? pstSegBlkTail->pstNext : pstSegBlkHead) = added;
+            pstSegBlkTail = added;
+        }
+    }
+
+    // The free-memory list from its head; that links back and tail agree with it is expected.
+    static std::vector<FreeNode> freeMemory()
+    {
+        std::vector<FreeNode> stretches;
+        const TMMBlkStr* last = nullptr;
+        for (const TMMBlkStr* free = pstSegBlkHead; free != nullptr && stretches.size() < 100; free = free->pstNext) {
+            EXPECT_EQ(MM_Addr(free->pstBack), MM_Addr(last));
+            stretches.push_back({MM_Addr(free), free->ulSize});
+            last = free;
+        }
+        EXPECT_EQ(MM_Addr(pstSegBlkTail), MM_Addr(last));
+        return stretches;
+    }
 };
 
 } // namespace velmora::test
