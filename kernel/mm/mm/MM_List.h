@@ -91,6 +91,16 @@ struct TMMFreeMemoryList {
     bool IsLast(const TMMBlkStr* pstBlk, const TMMNode&) const { return pstBlk == pstSegBlkTail; }
 };
 
+/* The free-memory list by its links alone, for the heap's take-over: the node in front of an aligned segment can
+ * have been written over by that segment (the gap may be smaller than a header), so it need not be an end where
+ * its links say so. */
+struct TMMFreeMemoryLinks {
+    TMMBlkStr*& Head() const { return pstSegBlkHead; }
+    TMMBlkStr*& Tail() const { return pstSegBlkTail; }
+    bool IsFirst(const TMMBlkStr*, const TMMNode& stNode) const { return stNode.pstBack == nullptr; }
+    bool IsLast(const TMMBlkStr*, const TMMNode& stNode) const { return stNode.pstNext == nullptr; }
+};
+
 struct TMMRunList {
     U32 hulHandle;
 
@@ -139,15 +149,14 @@ inline void MM_Repoint(TList stList, const TMMBlkStr* pstOld, const TMMNode& stN
 /* Puts a new node of ulSize right after pstBlk. */
 template <class TList> inline void MM_InsertAfter(TList stList, TMMBlkStr* pstBlk, TMMBlkStr* pstNew, U32 ulSize)
 {
-    const TMMNode stNode = MM_ReadNode(pstBlk);
-    const bool fLast = stList.IsLast(pstBlk, stNode);
+    TMMBlkStr* const pstNext = MM_Next(pstBlk);
 
-    MM_WriteNode(pstNew, {fLast ? nullptr : stNode.pstNext, pstBlk, ulSize});
-    MM_SetNext(pstBlk, pstNew);
-    if (fLast)
+    MM_WriteNode(pstNew, {pstNext, pstBlk, ulSize});
+    if (pstNext != nullptr)
+        MM_SetBack(pstNext, pstNew);
+    if (stList.Tail() == pstBlk)
         stList.Tail() = pstNew;
-    else
-        MM_SetBack(stNode.pstNext, pstNew);
+    MM_SetNext(pstBlk, pstNew);
 }
 
 /* The node with the largest size, the first of equals; null for an empty list. */

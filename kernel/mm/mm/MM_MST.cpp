@@ -161,7 +161,7 @@ U32 PlaceHeap(TMMSegInfo* pstSegInfo)
         TMMBlkStr* pstNext = MM_Next(pstTempBlk);
         const U32 ulSize = MM_Size(pstTempBlk);
         if (ulSize <= MAX_SMALL_NODE) {
-            MM_Unlink(stFreeMemory, pstTempBlk);
+            MM_Unlink(TMMFreeMemoryLinks(), pstTempBlk);
         } else {
             stSegStartAddr.aulHeapAddr[ubPieces] = MM_Addr(pstTempBlk);
             stSegEndAddr.aulHeapAddr[ubPieces] = MM_Addr(pstTempBlk) + ulSize;
