@@ -59,12 +59,11 @@ void StoreRecord(TMMSegInfo* pstSegInfo)
     stSegTable[pstSegInfo->stInfoFromApp.hulHandle] = *pstSegInfo;
 }
 
-/* Moves the node of a heap piece, whose fields are stNode, to a new first address. */
-void MovePieceNode(U32 ulOldAddr, const TMMNode& stNode, U32 ulNewAddr)
+/* The free-memory list finds the node of a heap piece, whose fields are stNode, at a new first address. Small pieces
+ * with large blocks may come to share an address, so what is written, and when, matters. */
+void RepointPiece(U32 ulOldAddr, const TMMNode& stNode, U32 ulNewAddr)
 {
-    if (ulOldAddr != ulNewAddr)
-        MM_Repoint(TMMFreeMemoryList(), MM_At<TMMBlkStr>(ulOldAddr), stNode, MM_At<TMMBlkStr>(ulNewAddr));
-    MM_WriteNode(MM_At<TMMBlkStr>(ulNewAddr), stNode);
+    MM_Repoint(TMMFreeMemoryList(), MM_At<TMMBlkStr>(ulOldAddr), stNode, MM_At<TMMBlkStr>(ulNewAddr));
 }
 
 /* Lays out the blocks of one heap piece; its node counts blocks from here on. */
@@ -74,6 +73,8 @@ void LayOutPiece(TMMSegInfo* pstSegInfo, U8 ubIdx, U32 ulUnit)
     const U32 ulStart = AlignUp(ulPlaced, ulUnit);
     TMMNode stNode = MM_ReadNode(MM_At<TMMBlkStr>(ulPlaced));
 
+    if (ulStart != ulPlaced)
+        RepointPiece(ulPlaced, stNode, ulStart);
     U32 ulEnd = ulStart + MM_BlkToBytes(stNode.ulSize >> pstSegInfo->ubBlkBit, pstSegInfo->ubBlkBit);
     if (ulEnd > stSegEndAddr.aulHeapAddr[ubIdx])
         ulEnd -= pstSegInfo->stInfoFromApp.ulBlkSize;
@@ -81,7 +82,7 @@ void LayOutPiece(TMMSegInfo* pstSegInfo, U8 ubIdx, U32 ulUnit)
     stNode.ulSize = (ulEnd - ulStart) >> pstSegInfo->ubBlkBit;
     stSegStartAddr.aulHeapAddr[ubIdx] = ulStart;
     stSegEndAddr.aulHeapAddr[ubIdx] = ulEnd;
-    MovePieceNode(ulPlaced, stNode, ulStart);
+    MM_WriteNode(MM_At<TMMBlkStr>(ulStart), stNode);
     AddPiece(pstSegInfo, ulEnd - ulStart, stNode.ulSize);
 }
 
@@ -97,7 +98,8 @@ void LayOutPieceMap(TMMSegInfo* pstSegInfo, U8 ubIdx, U32 ulUnit)
     stSegMapStartAddr.aulHeapAddr[ubIdx] = ulMapStart;
     stSegMapEndAddr.aulHeapAddr[ubIdx] = ulStart;
     stSegStartAddr.aulHeapAddr[ubIdx] = ulStart;
-    MovePieceNode(ulMapStart, stNode, ulStart);
+    MM_WriteNode(MM_At<TMMBlkStr>(ulStart), stNode);
+    RepointPiece(ulMapStart, stNode, ulStart);
     AddPiece(pstSegInfo, ulBytes, stNode.ulSize);
 }
 
