@@ -14,3 +14,38 @@ MAKEFLAGS += --no-print-directory
 module:
 	@scripts/setup.sh build
 	@KDIR='$(KDIR)' ARCH='$(ARCH)' CROSS_COMPILE='$(CROSS_COMPILE)' MAKE='$(MAKE)' scripts/target-module.sh
+
+# The emulated controller: test programs are static, they run on nothing but the kernel.
+target-work := build/target
+target-cxx := $(CROSS_COMPILE)g++
+target-cxxflags := -static -O2 -g -std=c++20 -Wall -Wextra -Werror -Iinclude -MMD -MP
+
+target-test-objects := $(addprefix $(target-work)/obj/,main.o board.o $(notdir $(patsubst %.cpp,%.o,$(wildcard tests/target/*_test.cpp))))
+
+-include $(wildcard $(target-work)/obj/*.d)
+
+$(target-work)/obj/%.o: tests/target/%.cpp
+	@mkdir -p $(@D)
+	@echo "  ARM     $<"
+	@$(target-cxx) $(target-cxxflags) -c -o $@ $<
+
+$(target-work)/obj/session_text.o: host/session_text.cpp host/session_text.h
+	@mkdir -p $(@D)
+	@echo "  ARM     $<"
+	@$(target-cxx) $(target-cxxflags) -c -o $@ $<
+
+$(target-work)/image/init: $(target-work)/obj/init.o
+$(target-work)/image/bin/target-tests: $(target-test-objects)
+$(target-work)/image/bin/target-session: $(addprefix $(target-work)/obj/,session_main.o board.o session_text.o)
+target-programs := $(addprefix $(target-work)/image/,init bin/target-tests bin/target-session)
+$(target-programs):
+	@mkdir -p $(@D)
+	@$(target-cxx) -static -s -o $@ $^
+
+## make test-target  the module on an emulated controller: QEMU boots Debian's ARMv7 kernel, tests run in it
+test-target:
+	@scripts/setup.sh build target
+	@[ -e build/x86/build.ninja ] || cmake --preset x86 >/dev/null
+	@cmake --build --preset x86 --target velmora-mm
+	@$(MAKE) -f kernel/linux/target.mk $(target-programs)
+	@scripts/target-test.sh

@@ -1,0 +1,50 @@
+#!/bin/sh
+# Runs the module's tests on the emulated controller. The programs of kernel/linux/target.mk and the simulated
+# controller's build/bin/velmora-mm must be there.
+#   SEEDS="1 2 3" COMMANDS=1500 scripts/target-test.sh
+set -eu
+cd "$(dirname "$0")/.."
+work=build/target
+strip=${CROSS_COMPILE:-arm-linux-gnueabihf-}strip
+
+unset KDIR
+mkdir -p "$work/image/lib" "$work/image/sessions"
+# Builds what it is given as target-module.sh does; the path that it printed last.
+build() {
+    scripts/target-module.sh "$@" >"$work/module.log" || {
+        cat "$work/module.log" >&2
+        exit 1
+    }
+    tail -n 1 "$work/module.log"
+}
+module=$(build)
+"$strip" -g -o "$work/image/lib/velmora_mm.ko" "$module"
+for name in peer pte; do
+    folder=$(build "tests/target/$name")
+    "$strip" -g -o "$work/image/lib/velmora_mm_$name.ko" "$folder/velmora_mm_$name.ko"
+done
+
+# The same scripts, answered by the simulated controller.
+rm -f "$work"/image/sessions/*
+for script in tests/target/sessions/*.txt; do
+    name=$(basename "$script" .txt)
+    cp "$script" "$work/image/sessions/"
+    build/bin/velmora-mm script "$script" >"$work/image/sessions/$name.answers"
+done
+for seed in ${SEEDS:-1 2 3}; do
+    python3 tests/target/random_session.py build/bin/velmora-mm "$seed" "${COMMANDS:-1500}" \
+        "$work/image/sessions/random-$seed.txt" "$work/image/sessions/random-$seed.answers"
+done
+
+{
+    echo /bin/target-tests
+    for script in "$work"/image/sessions/*.txt; do
+        name=/sessions/$(basename "$script" .txt)
+        echo "/bin/target-session $name.txt $name.answers"
+    done
+    echo "/bin/target-tests kernel_log" # names no test: only the log is looked through
+} >"$work/run"
+python3 tests/target/make_initramfs.py "$work/tests.cpio" /init="$work/image/init" /bin/="$work/image/bin" /lib/="$work/image/lib" \
+    /sessions/="$work/image/sessions" /etc/run="$work/run"
+scripts/target-boot.sh "$work/tests.cpio" "$work/tests.log"
+echo "target tests: $(grep -c '^PASS' "$work/tests.log") passed"

@@ -1,0 +1,273 @@
+#define _FILE_OFFSET_BITS 64 // mapping offsets are addresses above 2 GiB
+
+#include "board.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fcntl.h>
+#include <fstream>
+#include <sstream>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <sys/sysmacros.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "harness.hpp"
+
+namespace target {
+
+int loadModule(const std::string& file, const std::string& parameters)
+{
+    const int module = open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (module < 0)
+        throw Failure("cannot open " + file);
+    const long result = syscall(SYS_finit_module, module, parameters.c_str(), 0);
+    const int code = result < 0 ? -errno : 0;
+    close(module);
+    return code;
+}
+
+int unloadModule(const std::string& name)
+{
+    return syscall(SYS_delete_module, name.c_str(), O_NONBLOCK) < 0 ? -errno : 0;
+}
+
+bool moduleLoaded(const std::string& name)
+{
+    return access(("/sys/module/" + name + "/initstate").c_str(), F_OK) == 0;
+}
+
+std::optional<unsigned> deviceMajor()
+{
+    std::istringstream devices(readFile("/proc/devices"));
+    std::string line;
+    while (std::getline(devices, line)) {
+        unsigned number;
+        char name[64];
+        if (std::sscanf(line.c_str(), "%u %63s", &number, name) == 2 && std::strcmp(name, VELMORA_MM_DEVICE_NAME) == 0)
+            return number;
+    }
+    return std::nullopt;
+}
+
+void makeNode()
+{
+    const std::optional<unsigned> major = deviceMajor();
+    if (!major)
+        throw Failure("the device is not in /proc/devices");
+    unlink(VELMORA_MM_DEVICE_NODE);
+    if (mknod(VELMORA_MM_DEVICE_NODE, S_IFCHR | 0660, makedev(*major, 0)) != 0)
+        throw Failure(std::string("mknod: ") + std::strerror(errno));
+}
+
+void needManager()
+{
+    if (!moduleLoaded(kModuleName)) {
+        const int result = loadModule(kModuleFile, std::string("bigphysarea=") + kAreaText);
+        if (result != 0)
+            throw Failure("the module cannot be loaded: " + std::to_string(result));
+    }
+    makeNode();
+}
+
+void needFreshManager()
+{
+    needManager();
+    const Descriptor device;
+    TMMInitOption option = MM_CONSTRUCT_DEFAULT_MCT;
+    TLibEntryInfo start = {SM_BKUP_OK, 0};
+    CHECK_EQUAL(device.command(MM_CMD_ENTRY, option), 0);
+    CHECK_EQUAL(device.command(MM_CMD_LIB_ENTRY, start), 0);
+}
+
+void needNoManager()
+{
+    if (moduleLoaded(kModuleName))
+        CHECK_EQUAL(unloadModule(kModuleName), 0);
+}
+
+Descriptor::Descriptor(int flags, const char* path) : number_(open(path, O_RDWR | O_CLOEXEC | flags))
+{
+    if (number_ < 0)
+        throw Failure(std::string("cannot open ") + path + ": " + std::strerror(errno));
+}
+
+Descriptor::~Descriptor()
+{
+    close(number_);
+}
+
+int Descriptor::commandAt(std::uint32_t command, std::uint32_t userAddress) const
+{
+    const int result = ioctl(number_, command, userAddress);
+    return result < 0 ? -errno : result;
+}
+
+std::int64_t mapDevice(const Descriptor& device, std::uint32_t address, std::size_t bytes, void* where)
+{
+    void* const start = mmap(where, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | (where ? MAP_FIXED : 0), device.number(),
+                             static_cast<off_t>(address));
+    return start == MAP_FAILED ? -errno : static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(start));
+}
+
+View::View(const Descriptor& device, std::uint32_t address, std::size_t bytes) : bytes_(bytes)
+{
+    const std::int64_t result = mapDevice(device, address, bytes);
+    if (result < 0)
+        throw Failure("mapping " + shown(address) + " answers " + std::to_string(result));
+    start_ = reinterpret_cast<void*>(static_cast<std::uintptr_t>(result));
+}
+
+View::~View()
+{
+    munmap(start_, bytes_);
+}
+
+namespace {
+
+// The kernel's page table entry of a user address, through the probe module.
+std::uint32_t pageTableEntry(const void* address)
+{
+    static const int loaded = loadModule("/lib/velmora_mm_pte.ko", "");
+    if (loaded != 0 && loaded != -EEXIST)
+        throw Failure("the page table probe cannot be loaded");
+    const int file = open("/proc/velmora_mm_pte", O_RDONLY | O_CLOEXEC);
+    std::uint32_t entry = 0;
+    const ssize_t got = pread(file, &entry, sizeof entry, static_cast<off_t>(reinterpret_cast<std::uintptr_t>(address)));
+    close(file);
+    if (got != sizeof entry)
+        throw Failure("no page table entry at " + shown(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address))));
+    return entry;
+}
+
+} // namespace
+
+std::uint32_t physicalPage(const void* address)
+{
+    return pageTableEntry(address) / kPageBytes;
+}
+
+std::uint32_t memoryType(const void* address)
+{
+    constexpr std::uint32_t kMemoryTypeBits = 0x3C;
+    return pageTableEntry(address) & kMemoryTypeBits;
+}
+
+KernelLog::KernelLog(From from) : file_(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC))
+{
+    if (file_ < 0)
+        throw Failure("cannot open /dev/kmsg");
+    lseek(file_, 0, from == From::Now ? SEEK_END : SEEK_SET);
+}
+
+KernelLog::~KernelLog()
+{
+    close(file_);
+}
+
+namespace {
+
+// The kernel writes a byte that is no printable character as \xNN, and a backslash too.
+std::string unescaped(std::string_view text)
+{
+    std::string bytes;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        unsigned value;
+        if (text[i] == '\\' && i + 3 < text.size() && text[i + 1] == 'x' &&
+            std::sscanf(std::string(text.substr(i + 2, 2)).c_str(), "%2x", &value) == 1) {
+            bytes += static_cast<char>(value);
+            i += 3;
+        } else {
+            bytes += text[i];
+        }
+    }
+    return bytes;
+}
+
+// A message without a line end stays open for more text, unseen, until the next one is printed.
+constexpr char kMark[] = "the test has read up to here";
+
+void closeLastMessage()
+{
+    const int file = open("/dev/kmsg", O_WRONLY | O_CLOEXEC);
+    [[maybe_unused]] const ssize_t written = write(file, kMark, sizeof kMark - 1);
+    close(file);
+}
+
+} // namespace
+
+std::vector<std::string> KernelLog::take()
+{
+    closeLastMessage();
+    std::vector<std::string> messages;
+    char record[8192];
+    for (;;) {
+        const ssize_t got = read(file_, record, sizeof record);
+        if (got < 0 && errno == EPIPE)
+            throw Failure("the kernel log has lost messages");
+        if (got <= 0)
+            return messages;
+        const std::string_view whole(record, static_cast<std::size_t>(got));
+        const std::size_t begin = whole.find(';') + 1;
+        const std::string message = unescaped(whole.substr(begin, whole.find('\n', begin) - begin));
+        if (message != kMark)
+            messages.push_back(message);
+    }
+}
+
+std::vector<std::string> troubles(const std::vector<std::string>& messages)
+{
+    static const char* const signs[] = {"Oops",           "BUG:",          "WARNING:",       "Unable to handle",
+                                        "scheduling while atomic", "sleeping function", "lockdep:", "possible circular locking",
+                                        "inconsistent lock state", "Call trace",  "Backtrace:",     "rcu: INFO", "Internal error",
+                                        "soft lockup",    "hard LOCKUP",   "hung_task", "blocked for more than", "Bad page", "Kernel panic"};
+    std::vector<std::string> found;
+    for (const std::string& message : messages)
+        for (const char* const sign : signs)
+            if (message.find(sign) != message.npos) {
+                found.push_back(message);
+                break;
+            }
+    return found;
+}
+
+std::string readFile(const std::string& path)
+{
+    std::ifstream file(path);
+    std::ostringstream content;
+    content << file.rdbuf();
+    return content.str();
+}
+
+int startProcess(const std::function<void()>& work)
+{
+    std::fflush(stdout);
+    const int process = fork();
+    if (process < 0)
+        throw Failure("fork failed");
+    if (process > 0)
+        return process;
+    int status = 0;
+    try {
+        work();
+    } catch (const std::exception& error) {
+        std::printf("    in another process: %s\n", error.what());
+        std::fflush(stdout);
+        status = 1;
+    }
+    _exit(status);
+}
+
+void waitForProcess(int process)
+{
+    int status = 0;
+    waitpid(process, &status, 0);
+    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+        throw Failure("a process ended badly");
+}
+
+} // namespace target

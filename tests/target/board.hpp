@@ -1,0 +1,123 @@
+// The emulated controller as the tests know it: its kernel's constants, the reserved area, the module, the device,
+// the kernel log.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <velmora_mm/velmora_mm.h>
+
+namespace target {
+
+inline constexpr std::uint32_t kPageBytes = 4096;
+inline constexpr std::uint32_t kPageOffset = 0xC0000000; // of Debian's ARMv7 kernel
+inline constexpr std::uint32_t kPhysOffset = 0x40000000; // RAM of QEMU's virt machine
+inline constexpr std::uint32_t kRamBytes = 0x20000000;
+inline constexpr std::uint32_t kHighMemory = kPageOffset + kRamBytes;
+inline constexpr std::uint32_t kUserLimit = 0xBF000000;
+
+// What kernel/linux/velmora-mm-area.dtso reserves, and the module's parameter for it.
+inline constexpr std::uint32_t kAreaPhys = 0x50000000;
+inline constexpr std::uint32_t kAreaBytes = 0x09000000;
+inline constexpr std::uint32_t kAreaStart = kAreaPhys - kPhysOffset + kPageOffset;
+inline constexpr std::uint32_t kAreaEnd = kAreaStart + kAreaBytes;
+inline constexpr char kAreaText[] = "d0000000-d9000000";
+inline constexpr std::uint32_t kManagedStart = kAreaStart + 0x100000;
+inline constexpr std::uint32_t kManagedEnd = kAreaEnd - 0x100000;
+
+inline constexpr char kModuleFile[] = "/lib/velmora_mm.ko";
+inline constexpr char kModuleName[] = "velmora_mm";
+
+// Module control: 0 or a negative kernel code.
+int loadModule(const std::string& file, const std::string& parameters);
+int unloadModule(const std::string& name);
+bool moduleLoaded(const std::string& name);
+
+// The device's major number in /proc/devices.
+std::optional<unsigned> deviceMajor();
+// Makes the node for the major number in /proc/devices anew.
+void makeNode();
+
+// Loads the manager over the reserved area when it is not loaded, and makes its node.
+void needManager();
+// The same, then empties it: default table, library started afresh, nothing created.
+void needFreshManager();
+void needNoManager();
+
+// A descriptor of the device with calls that answer as the kernel does: negative codes in place of errno.
+class Descriptor
+{
+public:
+    explicit Descriptor(int flags = 0, const char* path = VELMORA_MM_DEVICE_NODE);
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor();
+
+    int number() const { return number_; }
+    int commandAt(std::uint32_t command, std::uint32_t userAddress) const;
+    template <class Record> int command(std::uint32_t number, Record& record) const
+    {
+        return commandAt(number, static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(&record)));
+    }
+
+private:
+    int number_;
+};
+
+// A mapping of the device; throws when refused. unmaps itself.
+class View
+{
+public:
+    View(const Descriptor& device, std::uint32_t address, std::size_t bytes);
+    View(const View&) = delete;
+    View& operator=(const View&) = delete;
+    ~View();
+
+    volatile std::uint8_t& operator[](std::size_t i) const { return static_cast<volatile std::uint8_t*>(start_)[i]; }
+    void* start() const { return start_; }
+
+private:
+    void* start_;
+    std::size_t bytes_;
+};
+
+// mmap of the device: the user address, or a negative kernel code.
+std::int64_t mapDevice(const Descriptor& device, std::uint32_t address, std::size_t bytes, void* where = nullptr);
+
+// Physical page that a user address is mapped to; throws when none is.
+std::uint32_t physicalPage(const void* address);
+// The memory type bits of a user address's page table entry, 0 being uncached.
+std::uint32_t memoryType(const void* address);
+
+// Kernel log, by message. Without the newline at the end of a message: the kernel keeps a line end, not the byte.
+class KernelLog
+{
+public:
+    enum class From { Now, Boot };
+    explicit KernelLog(From from = From::Now);
+    KernelLog(const KernelLog&) = delete;
+    KernelLog& operator=(const KernelLog&) = delete;
+    ~KernelLog();
+
+    // Messages since the last call.
+    std::vector<std::string> take();
+
+private:
+    int file_;
+};
+
+// Messages that a healthy kernel never prints, out of the given ones.
+std::vector<std::string> troubles(const std::vector<std::string>& messages);
+
+std::string readFile(const std::string& path);
+
+// Runs a function in a process of its own; 0 when it returned, 1 when it threw (the text is printed).
+int startProcess(const std::function<void()>& work);
+void waitForProcess(int process);
+
+} // namespace target

@@ -1,0 +1,67 @@
+// The first process of the emulated controller: mounts what a system has, runs the lines of /etc/run one by
+// one, says how that ended and switches off.
+#include <cstdio>
+#include <fstream>
+#include <string>
+#include <sstream>
+#include <vector>
+#include <sys/mount.h>
+#include <sys/reboot.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+int run(const std::string& line)
+{
+    const int process = fork();
+    if (process == 0) {
+        std::istringstream words(line);
+        std::vector<std::string> arguments;
+        for (std::string word; words >> word;)
+            arguments.push_back(word);
+        std::vector<char*> pointers;
+        for (std::string& argument : arguments)
+            pointers.push_back(argument.data());
+        pointers.push_back(nullptr);
+        execv(pointers[0], pointers.data());
+        std::perror(pointers[0]);
+        _exit(127);
+    }
+    int status = 0;
+    while (waitpid(process, &status, 0) != process) {
+    }
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+} // namespace
+
+int main()
+{
+    for (const char* folder : {"/proc", "/sys", "/dev", "/tmp"})
+        mkdir(folder, 0755);
+    mount("proc", "/proc", "proc", 0, nullptr);
+    mount("sysfs", "/sys", "sysfs", 0, nullptr);
+    mount("devtmpfs", "/dev", "devtmpfs", 0, nullptr);
+    mount("tmpfs", "/tmp", "tmpfs", 0, nullptr);
+
+    int failed = 0;
+    std::ifstream lines("/etc/run");
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty())
+            continue;
+        const int status = run(line);
+        if (status != 0) {
+            std::printf("FAIL '%s' ended with %d\n", line.c_str(), status);
+            failed = 1;
+        }
+        std::fflush(stdout);
+    }
+    std::printf("CONTROLLER %s\n", failed == 0 ? "finished" : "failed");
+    std::fflush(stdout);
+    sync();
+    usleep(100000); // the last line is on its way through the serial port
+    reboot(RB_POWER_OFF);
+    return 1;
+}
