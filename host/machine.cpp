@@ -110,7 +110,7 @@ void Machine::powerOn()
     log_.clear();
     locks_.fill(false);
     interruptsOff_ = false;
-    lockTakes_ = cacheFlushes_ = 0;
+    lockTakes_ = cacheFlushes_ = touches_ = 0;
     devices_.clear();
     procEntries_.clear();
 }
@@ -176,6 +176,7 @@ void Machine::unlock(TMMLock lock)
 
 void Machine::touch(U32 address, U32 bytes)
 {
+    ++touches_;
     if (const auto missing = firstMissing(address, bytes))
         stop({Outcome::Kind::Oops, 0, *missing, {}});
 }

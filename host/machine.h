@@ -88,6 +88,8 @@ public:
     bool interruptsOff() const { return interruptsOff_; }
     unsigned long lockTakes() const { return lockTakes_; }
     unsigned long cacheFlushes() const { return cacheFlushes_; }
+    // Accesses to managed memory that the manager announced.
+    unsigned long touches() const { return touches_; }
 
     // Registered character devices, name by major number, and proc entries, mode by name.
     const std::map<S32, std::string>& devices() const { return devices_; }
@@ -119,6 +121,7 @@ private:
     bool interruptsOff_ = false;
     unsigned long lockTakes_ = 0;
     unsigned long cacheFlushes_ = 0;
+    unsigned long touches_ = 0;
     std::map<S32, std::string> devices_;
     std::map<std::string, U32> procEntries_;
 };

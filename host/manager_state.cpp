@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "../kernel/mm/mm/MM_Core.h"
+#include "../kernel/mm/mm/MM_RunIndex.h"
 #include "../kernel/mm/mmi/MM_Interface.h"
 #include "machine.h"
 
@@ -133,6 +133,7 @@ void resetManagerState()
          pubSegMemStartAddr, pubSegMemEndAddr, memstart, memend, ulFixedSegEndAddress, ulMCTStartAddr, bigphysarea_info,
          velmora_mm_major);
     hulFloatHandle = FIRST_FLOAT_HANDLE;
+    MM_ResetRunIndexes();
 }
 
 std::string dumpManagerState()

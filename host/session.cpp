@@ -9,6 +9,7 @@
 #include <map>
 #include <ostream>
 
+#include "../kernel/mm/mm/MM_RunIndex.h"
 #include "../kernel/mm/mmi/MM_Interface.h"
 #include "call_table.h"
 #include "machine.h"
@@ -204,7 +205,13 @@ Answer callFunction(Arguments& arguments)
     if (words.size() != function->arguments)
         throw SyntaxError(name + " takes " + std::to_string(function->arguments) + " arguments");
 
-    return runEntry([&] { return function->invoke(words.data()); },
+    // A function may write results through its arguments, wherever they point: the lists are looked through.
+    return runEntry(
+                    [&] {
+                        const U32 result = function->invoke(words.data());
+                        MM_RecheckRunIndexes();
+                        return result;
+                    },
                     [&](U32 result) -> std::string {
                         for (const U32 word : words) // a segment table entry, if the function took one
                             if (Machine::exists(word, sizeof(TMMSegInfoWire)))
@@ -231,6 +238,7 @@ Answer poke(Arguments& arguments)
     if (!Machine::exists(address, bytes.size()))
         return say("fault");
     std::copy(bytes.begin(), bytes.end(), Machine::at(address));
+    MM_MemoryWritten(address, bytes.size());
     return say("0");
 }
 
@@ -245,6 +253,7 @@ Answer fill(Arguments& arguments)
     if (!Machine::exists(address, bytes))
         return say("fault");
     std::memset(Machine::at(address), static_cast<int>(value), bytes);
+    MM_MemoryWritten(address, bytes);
     return say("0");
 }
 

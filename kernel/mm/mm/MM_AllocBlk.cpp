@@ -5,11 +5,13 @@
 #include "MM_List.h"
 #include "MM_Lock.h"
 #include "MM_Map.h"
+#include "MM_RunIndex.h"
 
 namespace {
 
-/* The highest-addressed run, from pstTail down, of at least ulReqBlkNum blocks; null when there is none. */
-TMMBlkStr* FindRun(TMMBlkStr* pstTail, U32 ulReqBlkNum)
+/* The highest-addressed run, from pstTail down, of at least ulReqBlkNum blocks; null when there is none. The
+ * reference for what the index answers. */
+TMMBlkStr* WalkToRun(TMMBlkStr* pstTail, U32 ulReqBlkNum)
 {
     for (TMMBlkStr* pstRun = pstTail; pstRun != nullptr; pstRun = MM_Back(pstRun))
         if (static_cast<S32>(MM_Size(pstRun) - ulReqBlkNum) >= 0)
@@ -17,15 +19,33 @@ TMMBlkStr* FindRun(TMMBlkStr* pstTail, U32 ulReqBlkNum)
     return nullptr;
 }
 
+TMMBlkStr* FindRun(U32 hulHandle, U32 ulReqBlkNum)
+{
+    if (MM_HasRunIndex(hulHandle) && ulReqBlkNum - 1 < MAX_INDEXED_REQUEST) {
+        TMMBlkStr* const pstRun = MM_IndexedRun(hulHandle, ulReqBlkNum);
+        if (MM_HasRunIndex(hulHandle))
+            return pstRun;
+    }
+    TMMBlkStr* const pstTail = astBlkTail[hulHandle].pstBlk;
+    TMMBlkStr* pstRun = WalkToRun(pstTail, ulReqBlkNum);
+    if (pstRun == nullptr && stSegTable[hulHandle].ulLargestBlkSize >= ulReqBlkNum)
+        pstRun = WalkToRun(pstTail, ulReqBlkNum); /* counters and list disagree: one more walk, never an endless one */
+    return pstRun;
+}
+
 /* Takes blocks off the high end of a run, so that the header of what remains never moves. */
 TMMBlkStr* CutRun(U32 hulHandle, TMMBlkStr* pstRun, U32 ulReqBlkNum)
 {
-    const U32 ulRest = MM_Size(pstRun) - ulReqBlkNum;
+    const U32 ulSize = MM_Size(pstRun);
+    const U32 ulRest = ulSize - ulReqBlkNum;
     if (ulRest == 0) {
+        TMMBlkStr* const pstLower = MM_Back(pstRun);
         MM_Unlink(TMMRunList{hulHandle}, pstRun);
+        MM_IndexRunRemoved(hulHandle, pstRun, ulSize, pstLower);
         return pstRun;
     }
     MM_SetSize(pstRun, ulRest);
+    MM_IndexRunShrunk(hulHandle, pstRun, ulSize);
     return MM_At<TMMBlkStr>(MM_Addr(pstRun) + MM_BlkToBytes(ulRest, stSegTable[hulHandle].ubBlkBit));
 }
 
@@ -37,16 +57,14 @@ TMMBlkStr* MM_SearchBlock(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
         return nullptr;
     const bool fLocked = MM_LockSegment(hulHandle, search_lock);
 
-    TMMBlkStr* const pstTail = astBlkTail[hulHandle].pstBlk;
-    TMMBlkStr* pstRun = FindRun(pstTail, ulReqBlkNum);
-    if (pstRun == nullptr && stSeg.ulLargestBlkSize >= ulReqBlkNum)
-        pstRun = FindRun(pstTail, ulReqBlkNum); /* counters and list disagree: one more walk, never an endless one */
+    TMMBlkStr* const pstRun = FindRun(hulHandle, ulReqBlkNum);
     if (pstRun == nullptr) {
         MM_UnlockSegment(fLocked, search_lock);
         return nullptr;
     }
 
     TMMBlkStr* const pstResult = CutRun(hulHandle, pstRun, ulReqBlkNum);
+    MM_CheckRunIndex(hulHandle);
     if (stSeg.stInfoFromApp.ubMap != 0 && ubMapID != 0)
         MM_SetMap(hulHandle, reinterpret_cast<U8*>(pstResult), ulReqBlkNum, ubMapID);
     stSeg.ulTotalFreeBlkNum -= ulReqBlkNum;
@@ -73,7 +91,9 @@ U8* MM_AllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 
 void MM_SetMap(U32 hulHandle, U8* pubBlkTmp, U32 ulReqBlkNum, U8 ubMapID)
 {
-    CMMMapWalker clWalker = MM_WalkMap(hulHandle, MM_RangeOf(hulHandle, pubBlkTmp), pubBlkTmp);
+    const TMMRange stRange = MM_RangeOf(hulHandle, pubBlkTmp);
+    CMMMapWalker clWalker = MM_WalkMap(hulHandle, stRange, pubBlkTmp);
+    const U32 ulFirst = MM_Addr(clWalker.Byte());
 
     for (U32 ulBlk = 0; ulBlk < ulReqBlkNum; ++ulBlk) {
         clWalker.NextByte();
@@ -81,6 +101,7 @@ void MM_SetMap(U32 hulHandle, U8* pubBlkTmp, U32 ulReqBlkNum, U8 ubMapID)
         MMP_Touch(clWalker.Byte(), 1);
         *clWalker.Byte() = static_cast<U8>(*clWalker.Byte() | (ubMapID << clWalker.BitPos()));
     }
+    MM_MapWritten(stRange, ulFirst, MM_Addr(clWalker.Byte()));
 }
 
 U32 MM_SearchMap(U8* pubCurrentAddr, U8* pubEndAddr, U8 ubBlkBit)

@@ -8,6 +8,7 @@
 #include "MM_List.h"
 #include "MM_Lock.h"
 #include "MM_Map.h"
+#include "MM_RunIndex.h"
 
 const U8 aubMapIDMaskTbl[8] = {0x01, 0x03, 0x07, 0x0F, 0x1F, 0x3F, 0x70, 0xFF}; /* 0x70 is intended; no width reads it */
 const U8 aubBitMaskTbl[8] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
@@ -30,72 +31,85 @@ U32 CheckRange(U32 hulHandle, U8* pubRlsAddr)
     return ENOERR;
 }
 
+/* The runs on either side of an address, by walking down from the tail: the reference for what the index answers. */
+TMMNeighbours WalkToNeighbours(U32 hulHandle, U32 ulAddr)
+{
+    TMMBlkStr* pstUpper = nullptr;
+    TMMBlkStr* pstLower = astBlkTail[hulHandle].pstBlk;
+    while (pstLower != nullptr && MM_Addr(pstLower) > ulAddr) {
+        pstUpper = pstLower;
+        pstLower = MM_Back(pstUpper);
+    }
+    return {pstLower, pstUpper};
+}
+
+TMMNeighbours FindNeighbours(U32 hulHandle, U32 ulAddr, U32 ulBlkNo)
+{
+    if (MM_HasRunIndex(hulHandle)) {
+        const TMMNeighbours stNeighbours = MM_IndexedNeighbours(hulHandle, ulAddr, ulBlkNo);
+        if (MM_HasRunIndex(hulHandle))
+            return stNeighbours;
+    }
+    return WalkToNeighbours(hulHandle, ulAddr);
+}
+
 /* Links a released run into the list and merges it with the neighbours that it touches. Only a run that
  * starts at a free run's first address counts as released before. The order of the writes matters where
  * blocks are smaller than a node. */
 U32 InsertRun(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 {
-    TMMBlkStr*& pstHead = astBlkHead[hulHandle].pstBlk;
-    TMMBlkStr*& pstTail = astBlkTail[hulHandle].pstBlk;
+    const TMMRunList stList{hulHandle};
     const U8 ubBlkBit = stSegTable[hulHandle].ubBlkBit;
     TMMBcptr stBlkPtr, stTemp;
     stBlkPtr.pubyiscp = pubRlsAddr;
-    stTemp.pstBlk = pstTail;
     TMMBlkStr* const pstNew = stBlkPtr.pstBlk;
+    const TMMNeighbours stNeighbours = FindNeighbours(hulHandle, stBlkPtr.ulyisl, ulBlkNo);
+    TMMBlkStr* const pstUpper = stNeighbours.pstUpper;
     U32 ulSize = ulBlkNo;
+    U32 ulUpperSize = 0; /* of the upper neighbour, when it is absorbed */
 
-    if (stTemp.pstBlk == nullptr) {
-        MM_SetNext(pstNew, nullptr);
-        MM_SetBack(pstNew, nullptr);
-        pstHead = pstTail = pstNew;
-        MM_SetSize(pstNew, ulSize);
-        return ENOERR;
-    }
+    stTemp.pstBlk = stNeighbours.pstLower;
     MM_ASSERT_FOR(MM_FreeBlk, (U32)stTemp.pstBlk != stBlkPtr.ulyisl && "Already Freed Block is requested!!", EASSERT);
 
-    if (stTemp.ulyisl < stBlkPtr.ulyisl) {
-        MM_SetBack(pstNew, stTemp.pstBlk);
+    MM_SetBack(pstNew, stTemp.pstBlk);
+    if (pstUpper == nullptr)
         MM_SetNext(pstNew, nullptr);
+    if (stTemp.pstBlk == nullptr)
+        stList.Head() = pstNew;
+    else
         MM_SetNext(stTemp.pstBlk, pstNew);
-        pstTail = pstNew;
-    } else {
-        TMMBlkStr* pstUpper = stTemp.pstBlk;
-        stTemp.pstBlk = MM_Back(pstUpper);
-        while (stTemp.pstBlk != nullptr && stTemp.ulyisl > stBlkPtr.ulyisl) {
-            pstUpper = stTemp.pstBlk;
-            stTemp.pstBlk = MM_Back(pstUpper);
-        }
-        MM_ASSERT_FOR(MM_FreeBlk, (U32)stTemp.pstBlk != stBlkPtr.ulyisl && "Already Freed Block is requested!!", EASSERT);
 
-        MM_SetBack(pstNew, stTemp.pstBlk);
-        if (stTemp.pstBlk == nullptr)
-            pstHead = pstNew;
+    if (pstUpper == nullptr) {
+        stList.Tail() = pstNew;
+    } else if (stBlkPtr.ulyisl + MM_BlkToBytes(ulBlkNo, ubBlkBit) == MM_Addr(pstUpper)) {
+        ulUpperSize = MM_Size(pstUpper);
+        ulSize += ulUpperSize;
+        MM_SetNext(pstNew, MM_Next(pstUpper));
+        if (MM_Next(pstNew) == nullptr)
+            stList.Tail() = pstNew;
         else
-            MM_SetNext(stTemp.pstBlk, pstNew);
-
-        if (stBlkPtr.ulyisl + MM_BlkToBytes(ulBlkNo, ubBlkBit) == MM_Addr(pstUpper)) {
-            ulSize += MM_Size(pstUpper);
-            MM_SetNext(pstNew, MM_Next(pstUpper));
-            if (MM_Next(pstNew) == nullptr)
-                pstTail = pstNew;
-            else
-                MM_SetBack(MM_Next(pstNew), pstNew);
-        } else {
-            MM_SetBack(pstUpper, pstNew);
-            MM_SetNext(pstNew, pstUpper);
-        }
+            MM_SetBack(MM_Next(pstNew), pstNew);
+    } else {
+        MM_SetBack(pstUpper, pstNew);
+        MM_SetNext(pstNew, pstUpper);
     }
     MM_SetSize(pstNew, ulSize);
 
     TMMBlkStr* const pstLower = MM_Back(pstNew);
-    if (pstLower != nullptr && MM_RunEnd(pstLower, ubBlkBit) == stBlkPtr.ulyisl) {
+    const bool fAbsorbed = pstLower != nullptr && MM_RunEnd(pstLower, ubBlkBit) == stBlkPtr.ulyisl;
+    if (fAbsorbed) {
         MM_SetSize(pstLower, MM_Size(pstLower) + ulSize);
         MM_SetNext(pstLower, MM_Next(pstNew));
         if (MM_Next(pstNew) == nullptr)
-            pstTail = pstLower;
+            stList.Tail() = pstLower;
         else
             MM_SetBack(MM_Next(pstNew), pstLower);
     }
+
+    TMMBlkStr* const pstResult = fAbsorbed ? pstLower : pstNew;
+    if (ulUpperSize != 0)
+        MM_IndexRunRemoved(hulHandle, pstUpper, ulUpperSize, pstResult);
+    MM_IndexRunGrown(hulHandle, pstResult);
     return ENOERR;
 }
 
@@ -137,6 +151,7 @@ U32 MM_FreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
     if (InsertRun(hulHandle, pubRlsAddr, ulBlkNo) != ENOERR)
         return EASSERT;
 
+    MM_CheckRunIndex(hulHandle);
     stSeg.ulTotalAllocBlkNum -= ulBlkNo;
     MM_ASSERT((S32)stSegTable[hulHandle].ulTotalAllocBlkNum >= 0 && "Allocating Block number is turned to minus", EASSERT);
     stSeg.ulTotalFreeBlkNum += ulBlkNo;
@@ -169,7 +184,9 @@ U32 MM_ClearMap(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
     for (U32 ulBlk = 0; ulBlk < ulBlkNo; ++ulBlk) {
         if (clWalker.NextByte()) {
             stTempBlk.pubyiscp = clWalker.Byte();
-            MM_ASSERT(stTempBlk.pubyiscp <= pubMapEndAddr, EASSERT); /* the end itself still passes, on purpose */
+            MM_ASSERT(stTempBlk.pubyiscp <= pubMapEndAddr, EASSERT);
+            if (stTempBlk.pubyiscp == pubMapEndAddr) /* the end itself still passes, on purpose: a byte of the first block */
+                MM_MemoryWritten(stTempBlk.ulyisl, 1);
         }
         clWalker.NextEntry();
         const U8 ubBitMask = clWalker.EntryMask();

@@ -4,6 +4,7 @@
  */
 #include "MM_Heap.h"
 #include "MM_List.h"
+#include "MM_RunIndex.h"
 
 TMMBcptr astBlkHead[MAX_SEGTABLE_SIZE];
 TMMBcptr astBlkTail[MAX_SEGTABLE_SIZE];
@@ -228,7 +229,7 @@ void InitHeap(TMMSegInfo* pstSegInfo, U32 ulUnit)
 void ZeroBytes(U32 ulStart, U32 ulEnd)
 {
     if (ulEnd > ulStart)
-        MMP_MemSet(MM_At(ulStart), 0, ulEnd - ulStart);
+        MM_FillMemory(MM_At(ulStart), 0, ulEnd - ulStart);
 }
 
 } // namespace
@@ -258,6 +259,8 @@ U32 MM_FindNewLargestBlk(U32 hulHandle)
         const TStackStr& stStack = astStackStr[hulHandle];
         return (MM_Addr(stStack.pubStackHead) - MM_Addr(stStack.pubStackTail)) >> stSegTable[hulHandle].ubBlkBit;
     }
+    if (MM_HasRunIndex(hulHandle))
+        return MM_IndexedLargest(hulHandle);
     const TMMBlkStr* pstLargest = MM_LargestNode(astBlkHead[hulHandle].pstBlk);
     return pstLargest == nullptr ? 0 : MM_Size(pstLargest);
 }
@@ -267,6 +270,7 @@ U32 MM_SegInitial(TMMSegInfo* pstSegInfo)
     const U32 hulHandle = pstSegInfo->stInfoFromApp.hulHandle;
     const U32 ulUnit = AlignUnit(pstSegInfo->stInfoFromApp.ulBlkSize);
 
+    MM_DropRunIndex(hulHandle);
     pstSegInfo->ulRealAvailSize = pstSegInfo->stInfoFromApp.ulRetSegSize;
     stSegTable[hulHandle].ulSemID = 0;
     if (hulHandle == HEAPHANDLE) {
@@ -283,6 +287,8 @@ U32 MM_SegInitial(TMMSegInfo* pstSegInfo)
         InitSegment(pstSegInfo, ulUnit);
     InstallRoutines(pstSegInfo);
     StoreRecord(pstSegInfo);
+    MM_RecheckRunIndexes();
+    MM_BuildRunIndex(hulHandle);
 
     stSegTable[hulHandle].ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);
     MM_ASSERT((stSegTable[hulHandle].ulLargestBlkSize >= 0) && (stSegTable[hulHandle].ulLargestBlkSize <= stSegTable[hulHandle].ulTotalFreeBlkNum),

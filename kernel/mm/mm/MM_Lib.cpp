@@ -5,6 +5,7 @@
 #include "MM_Heap.h"
 #include "MM_List.h"
 #include "MM_Map.h"
+#include "MM_RunIndex.h"
 
 U32 hulFixedHandle;
 U32 hulFloatHandle = FIRST_FLOAT_HANDLE;
@@ -59,6 +60,7 @@ U32 MM_LibEntry(TStartOption enStartOption, void (*)(void))
     hulFixedHandle = 0;
     for (TMMSegInfo& stSeg : stSegTable)
         stSeg = TMMSegInfo{};
+    MM_ResetRunIndexes();
 
     U8 aubJobControl[4] = {'$', 'J', 'C', 'B'};
     switch (enStartOption) {
@@ -84,6 +86,7 @@ U32 MM_ConstructSegLinkedList(void)
     TMMBlkStr* pstNode = MM_At<TMMBlkStr>(ulStart);
 
     MM_WriteNode(pstNode, {nullptr, nullptr, ulEnd - ulStart});
+    MM_RecheckRunIndexes();
 
     /* The first row in table order ends the free memory, even if a later row starts lower: intended. */
     for (U8 iubMCTTableIDX = 0; iubMCTTableIDX < MAX_MCT_NUM; ++iubMCTTableIDX) {
@@ -115,7 +118,7 @@ BOOL MM_IsBrokenDramBackUp(void)
 
     pstMCTTable[0] = MM_At<TMCTInfo>(CM_IF_ReadMCTStartAddr());
     MM_RearrangeMCT(pstMCTTable);
-    MMP_MemSet(pstMCTTable[0], 0, ulMCTAreaBytes);
+    MM_FillMemory(reinterpret_cast<U8*>(pstMCTTable[0]), 0, ulMCTAreaBytes);
     for (U8 ubIdx = 0; ubIdx < MAX_MCT_NUM; ++ubIdx)
         *pstMCTTable[ubIdx] = CM_IF_GetDefaultMCT()[ubIdx];
     return MM_CheckSumMCT();
@@ -387,6 +390,7 @@ U32 MM_ReallocBlock(U32 hulHandle, U8* pubReallocAddr, U32 ulReqBlk)
                              : ClaimInside(hulHandle, stMatchBlk.pstBlk, pubReallocAddr, pubBlkEndAddr, ulReqBlk);
     if (ulResult != ENOERR)
         return ulResult;
+    MM_RefillRunIndex(hulHandle);
 
     stSeg.ulTotalAllocBlkNum += ulReqBlk;
     stSeg.ulTotalFreeBlkNum -= ulReqBlk;

@@ -2,7 +2,7 @@
  * MM_MCT - rows of the memory configuration table: look up, fill, empty, clear.
  * The table in use is always reached through pstMCTTable. Names are compared as strncmp does over 4 bytes.
  */
-#include "MM_Core.h"
+#include "MM_RunIndex.h"
 
 TMCTInfo* pstMCTTable[MAX_MCT_NUM];
 TMCTInfo MCTTable[MAX_MCT_NUM];
@@ -26,7 +26,7 @@ void SetName(TMCTInfo* pstRow, const U8* aubID)
 void ZeroMemory(const TMCTInfo* pstRow)
 {
     if (pstRow->ulSize != 0)
-        MMP_MemSet(pstRow->pubStartAddr, 0, pstRow->ulSize);
+        MM_FillMemory(pstRow->pubStartAddr, 0, pstRow->ulSize);
 }
 
 bool IsClearable(const TMCTInfo* pstRow)

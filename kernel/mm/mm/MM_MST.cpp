@@ -4,6 +4,7 @@
  */
 #include "MM_Heap.h"
 #include "MM_List.h"
+#include "MM_RunIndex.h"
 
 TMMSegInfo stSegTable[MAX_SEGTABLE_SIZE];
 TMMBlkStr* pstSegBlkHead;
@@ -202,11 +203,13 @@ U32 PlaceHeap(TMMSegInfo* pstSegInfo)
 
 U32 MM_RearrangeSegList(U8 ubType, TMMBlkStr* pstSegBlk, U32 ulNewSegSize, U8* pubAlignAddr)
 {
+    U32 ulResult = ENOERR;
     if (ubType == FLOATALIGN && MM_Addr(pubAlignAddr) != MM_Addr(pstSegBlk))
-        return CutInside(pstSegBlk, ulNewSegSize, pubAlignAddr);
-    if (ubType == FLOAT || ubType == FLOATALIGN)
-        return CutFront(pstSegBlk, ulNewSegSize);
-    return ENOERR;
+        ulResult = CutInside(pstSegBlk, ulNewSegSize, pubAlignAddr);
+    else if (ubType == FLOAT || ubType == FLOATALIGN)
+        ulResult = CutFront(pstSegBlk, ulNewSegSize);
+    MM_RecheckRunIndexes();
+    return ulResult;
 }
 
 U32 MM_InstallSegment(TMMSegInfo* pstSegInfo)
@@ -222,9 +225,10 @@ U32 MM_InstallSegment(TMMSegInfo* pstSegInfo)
         ulResult = PlaceFixed(pstSegInfo);
     else if (ubType == FLOATALIGN)
         ulResult = PlaceAligned(pstSegInfo);
-    if (ulResult != ENOERR)
+    if (ulResult != ENOERR) {
+        MM_RecheckRunIndexes(); /* the list may have been cut all the same */
         return ulResult;
-
+    }
     MM_SegInitial(pstSegInfo); /* its failure is on the log; the segment stays as far as it was written */
     return ENOERR;
 }

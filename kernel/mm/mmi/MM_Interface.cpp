@@ -3,7 +3,7 @@
  * the proc file; the default MCT and the configuration that the core reads through the CM_IF_ accessors.
  */
 #include "MM_Interface.h"
-#include "../mm/MM_Core.h"
+#include "../mm/MM_RunIndex.h"
 
 char bigphysarea_info[BIGPHYSAREA_INFO_SIZE];
 U32 memstart, memend;
@@ -277,7 +277,7 @@ U32 RunMemset(TMMCommandRecord& stRecord)
 {
     const TMemsetInfo& stInfo = stRecord.stMemset;
     if (stInfo.n != 0)
-        MMP_MemSet(MM_At(stInfo.s), static_cast<U8>(stInfo.c), stInfo.n); /* trusts the address, intended */
+        MM_FillMemory(MM_At(stInfo.s), static_cast<U8>(stInfo.c), stInfo.n); /* trusts the address, intended */
     MMP_Print("%s", "");
     return ENOERR;
 }

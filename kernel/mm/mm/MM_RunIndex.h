@@ -1,0 +1,109 @@
+/*
+ * MM_RunIndex.h - an index over a segment's free runs, so that allocation and release need not walk the list.
+ *
+ * The segment's address range is cut into chunks of a power-of-two number of blocks. For each chunk a static
+ * table holds the run that starts highest in it and the size of the longest run that starts in it;
+ * a tree of maxima over the latter leads to the highest chunk with a run that is long enough. From there on the
+ * list itself is read, at most one chunk's worth of it. The tables are a megabyte in all, shared by the segments in
+ * the order of their creation: a chunk is one block where there is room, more in large segments of small blocks.
+ *
+ * The list is the truth. The index is kept only while a segment does ordinary things; whatever it is not
+ * made for drops it, and the segment walks its list until it is initialised again:
+ *   - blocks below 16 bytes, where the headers of neighbouring runs share bytes;
+ *   - a release that overlaps a free run or reaches past its range;
+ *   - a claim at a chosen address that leaves links behind that do not agree (MM_ReallocBlock);
+ *   - a header that is overwritten, as far as the manager sees it (fills, clears, owner entries outside
+ *     the map, other segments laid over this one);
+ *   - a chunk that does not hold what the index says.
+ *
+ * Locking: as the run lists themselves; an index belongs to its segment.
+ */
+#ifndef MM_RUNINDEX_H
+#define MM_RUNINDEX_H
+
+#include "MM_Heap.h"
+
+extern "C" {
+/* FALSE: segments that are initialised from now on walk their lists. TRUE is the state at load. */
+void MM_UseRunIndex(BOOL fUse);
+
+/* Gives back all tables: the library starts afresh. */
+void MM_ResetRunIndexes(void);
+
+/* Gives an initialised segment new tables and fills them from its list. A segment that cannot be indexed has no index
+ * afterwards, nor have segments whose memory it shares. */
+void MM_BuildRunIndex(U32 hulHandle);
+
+/* Fills a segment's tables anew after its list was changed by other means; drops the index when the list is no
+ * ordinary one. Nothing for a segment without an index. */
+void MM_RefillRunIndex(U32 hulHandle);
+
+/* The segment walks its list from now on. */
+void MM_DropRunIndex(U32 hulHandle);
+
+/* True while a segment's index is kept. */
+BOOL MM_HasRunIndex(U32 hulHandle);
+
+/* True when a kept index and the list agree in everything. */
+BOOL MM_RunIndexAgrees(U32 hulHandle);
+
+/* Somebody wrote ulBytes at ulAddr other than through a run list: drops the indexes of the segments that have a run's
+ * header there. */
+void MM_MemoryWritten(U32 ulAddr, U32 ulBytes);
+
+/* Drops every index that does not agree with its list: after control operations that write free memory. */
+void MM_RecheckRunIndexes(void);
+}
+
+/* Debug builds (MM_CHECK_RUN_INDEX) stop where an index and its list disagree after an operation. */
+inline void MM_CheckRunIndex([[maybe_unused]] U32 hulHandle)
+{
+#ifdef MM_CHECK_RUN_INDEX
+    if (!MM_RunIndexAgrees(hulHandle))
+        __builtin_trap();
+#endif
+}
+
+/* Owner entries were written from byte ulFirst up to byte ulLast of a map: what lay outside the map was other memory. */
+inline void MM_MapWritten(const TMMRange& stRange, U32 ulFirst, U32 ulLast)
+{
+    if (ulFirst < MM_Addr(stRange.pubMapStartAddr) || ulLast >= MM_Addr(stRange.pubMapEndAddr))
+        MM_MemoryWritten(ulFirst, ulLast - ulFirst + 1);
+}
+
+/* Fills memory that may hold anything, free runs included. */
+inline void MM_FillMemory(U8* pubAddr, U8 ubByte, U32 ulBytes)
+{
+    MM_MemoryWritten(MM_Addr(pubAddr), ulBytes);
+    MMP_MemSet(pubAddr, ubByte, ulBytes);
+}
+
+/* For segments with an index: -------------------------------------------------------------------------- */
+
+/* Larger requests, and those of 0 blocks, are the walk's: it compares as signed numbers. */
+constexpr U32 MAX_INDEXED_REQUEST = 0x7FFFFFFF;
+
+/* The highest run of at least ulReqBlkNum blocks (1 to MAX_INDEXED_REQUEST), null when there is none. When the index is found
+ * wrong it is dropped, and the result says nothing. */
+TMMBlkStr* MM_IndexedRun(U32 hulHandle, U32 ulReqBlkNum);
+
+/* The free runs on either side of a place. */
+struct TMMNeighbours {
+    TMMBlkStr* pstLower; /* the highest run that starts at or below it, or null */
+    TMMBlkStr* pstUpper; /* the lowest run that starts above it, or null */
+};
+
+/* The neighbours of ulBlkNo blocks at ulAddr. The index is dropped, and the result says nothing, when the blocks are
+ * no piece of allocated memory between two runs (a run that starts exactly at ulAddr is left to the caller). */
+TMMNeighbours MM_IndexedNeighbours(U32 hulHandle, U32 ulAddr, U32 ulBlkNo);
+
+/* Longest free run, blocks. */
+U32 MM_IndexedLargest(U32 hulHandle);
+
+/* The list was changed: a run is new or larger, is shorter than its old size, was taken out (pstLower: the run
+ * that now lies below its place, or null). Nothing for a segment without an index. */
+void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun);
+void MM_IndexRunShrunk(U32 hulHandle, TMMBlkStr* pstRun, U32 ulOldSize);
+void MM_IndexRunRemoved(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower);
+
+#endif

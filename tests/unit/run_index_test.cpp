@@ -1,0 +1,284 @@
+// The index over free runs: the same results as the plain walk, and when it gives up.
+#include <random>
+
+#include "../../host/manager_state.h"
+#include "../../kernel/mm/mm/MM_RunIndex.h"
+#include "../support/manager_fixture.h"
+
+namespace velmora::test {
+namespace {
+
+class RunIndex : public ManagerTest
+{
+protected:
+    ~RunIndex() override { MM_UseRunIndex(TRUE); }
+};
+
+struct Shape {
+    U32 bytes, blockBytes;
+    U8 mapBits;
+};
+
+// What a sequence of operations answered and left behind.
+struct Trace {
+    std::vector<U32> answers;
+    std::vector<std::string> messages;
+    std::string state;
+    bool operator==(const Trace&) const = default;
+};
+
+// Random allocations and releases, a few of them wrong, in one segment.
+class Sequence : public RunIndex
+{
+protected:
+    struct Allocation {
+        U32 address, blocks;
+        U8 owner;
+    };
+
+    Trace play(bool useIndex, const Shape& shape, unsigned seed, unsigned steps, bool wrongReleases)
+    {
+        machine().powerOn();
+        MM_UseRunIndex(useIndex);
+        start();
+        const U32 handle = createBlocks("BLK0", shape.bytes, shape.blockBytes, shape.mapBits);
+        indexed = MM_HasRunIndex(handle);
+
+        std::mt19937 random(seed);
+        Trace trace;
+        std::vector<Allocation> live;
+        for (unsigned step = 0; step < steps; ++step) {
+            const U32 bits = shape.mapBits;
+            const U8 owner = static_cast<U8>(bits == 0 ? 0 : 1 + random() % ((1u << bits) - 1));
+            const unsigned what = random() % 100;
+            if (what < 50 || live.empty()) {
+                const U32 blocks = random() % 8 == 0 ? 1 + random() % 200 : 1 + random() % 8;
+                const U32 address = MM_AllocBlock(handle, blocks, owner);
+                trace.answers.push_back(address);
+                if (address != 0)
+                    live.push_back({address, blocks, owner});
+            } else if (what < 96) {
+                const std::size_t which = random() % live.size();
+                Allocation& a = live[which];
+                // Sometimes only the first or the last part.
+                const U32 part = random() % 4 == 0 ? 1 + random() % a.blocks : a.blocks;
+                const bool fromTheEnd = random() % 2 == 0;
+                const U32 address = fromTheEnd ? a.address + (a.blocks - part) * shape.blockBytes : a.address;
+                trace.answers.push_back(MM_FreeBlock(handle, at(address), part));
+                if (!fromTheEnd)
+                    a.address += part * shape.blockBytes;
+                a.blocks -= part;
+                if (a.blocks == 0) {
+                    live[which] = live.back();
+                    live.pop_back();
+                }
+            } else if (what == 96 && wrongReleases) {
+                const U32 start = MM_Addr(astBlkHead[handle].pstBlk); // released before
+                trace.answers.push_back(MM_FreeBlk(handle, at(start), 1));
+            } else if (what == 97 && wrongReleases && random() % 20 == 0) {
+                const U32 inside = MM_Addr(astBlkTail[handle].pstBlk) + shape.blockBytes; // overlaps a free run
+                trace.answers.push_back(MM_FreeBlk(handle, at(inside), 1));
+            }
+            trace.answers.push_back(MM_GetLargestBlk(handle));
+            if (step % 64 == 0) {
+                EXPECT_TRUE(MM_RunIndexAgrees(handle)) << "seed " << seed << " step " << step;
+                trace.state += sim::dumpManagerState();
+            }
+        }
+        stillIndexed = MM_HasRunIndex(handle);
+        trace.messages = log();
+        trace.state += sim::dumpManagerState();
+        return trace;
+    }
+
+    bool indexed = false;
+    bool stillIndexed = false;
+};
+
+TEST_F(Sequence, AnswersMessagesAndListsAreThoseOfTheWalk)
+{
+    const Shape shapes[] = {{0x4000, 16, 0},     {0x100000, 64, 0}, {0x100000, 64, 1}, {0x80000, 32, 2},
+                            {0x200000, 1024, 4}, {0x800000, 4096, 8}, {0, 4096, 0},    {0, 64, 0}};
+    for (const Shape& shape : shapes)
+        for (unsigned seed = 1; seed <= 3; ++seed) {
+            const Trace indexedTrace = play(true, shape, seed, 4000, false);
+            EXPECT_TRUE(indexed);
+            EXPECT_TRUE(stillIndexed);
+            const Trace walkTrace = play(false, shape, seed, 4000, false);
+            EXPECT_FALSE(indexed);
+            ASSERT_EQ(indexedTrace, walkTrace) << shape.bytes << "/" << shape.blockBytes << " seed " << seed;
+        }
+}
+
+TEST_F(Sequence, WrongReleasesAnswerAsWithTheWalk)
+{
+    for (unsigned seed = 1; seed <= 10; ++seed) {
+        const Shape shape{0x80000, 64, static_cast<U8>(seed % 2 == 0 ? 0 : 8)};
+        ASSERT_EQ(play(true, shape, seed, 3000, true), play(false, shape, seed, 3000, true)) << seed;
+    }
+}
+
+TEST_F(RunIndex, SegmentsHaveAnIndexUnlessTheirBlocksCannotHoldAHeader)
+{
+    start();
+    EXPECT_TRUE(MM_HasRunIndex(createBlocks("B16", 0x1000, 16)));
+    EXPECT_FALSE(MM_HasRunIndex(createBlocks("B15", 0x1000, 15)));
+    EXPECT_FALSE(MM_HasRunIndex(createStack("STK", 0x1000, 64)));
+    createHeap(4096);
+    EXPECT_TRUE(MM_HasRunIndex(HEAPHANDLE));
+}
+
+TEST_F(RunIndex, ManySegmentsShareTheTables)
+{
+    start();
+    for (U32 i = 0; i < 44; ++i) {
+        char name[5];
+        std::snprintf(name, sizeof name, "S%03u", i);
+        const U32 handle = createBlocks(name, 0x200000, 16);
+        EXPECT_TRUE(MM_HasRunIndex(handle)) << i;
+        const U32 address = MM_AllocBlock(handle, 3, 0);
+        EXPECT_EQ(address, MM_Addr(stSegTable[handle].pubEndAddr) - 48);
+        EXPECT_TRUE(MM_RunIndexAgrees(handle));
+    }
+    createHeap(64);
+    EXPECT_TRUE(MM_HasRunIndex(HEAPHANDLE));
+}
+
+TEST_F(RunIndex, AStartOfTheLibraryGivesTheTablesBack)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x100000, 64);
+    EXPECT_EQ(MM_LibEntry(SM_BKUP_OK, nullptr), U32(ENOERR));
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_EQ(MM_LibEntry(SM_BKUP_OK, nullptr), U32(ENOERR));
+        EXPECT_TRUE(MM_HasRunIndex(createBlocks("BLK0", 0x8000000, 64)));
+    }
+}
+
+TEST_F(RunIndex, AReleaseThatOverlapsAFreeRunDropsTheIndex)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    ASSERT_NE(MM_AllocBlock(handle, 10, 0), 0u);
+    const U32 start = MM_Addr(stSegTable[handle].pubStartAddr);
+    EXPECT_EQ(MM_FreeBlk(handle, at(start + 640), 1), U32(ENOERR)); // free already, but not at a run's first address
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+}
+
+TEST_F(RunIndex, AReleasePastTheSegmentsEndDropsTheIndex)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 address = MM_AllocBlock(handle, 2, 0);
+    EXPECT_EQ(MM_FreeBlk(handle, at(address), 3), U32(EASSERT)); // counters turn negative
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+}
+
+TEST_F(RunIndex, ADoubleReleaseKeepsTheIndex)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    EXPECT_EQ(MM_FreeBlk(handle, stSegTable[handle].pubStartAddr, 1), U32(EASSERT));
+    EXPECT_TRUE(MM_HasRunIndex(handle));
+    EXPECT_TRUE(MM_RunIndexAgrees(handle));
+}
+
+TEST_F(RunIndex, AClaimThatLeavesAWholeListKeepsTheIndexAnotherDropsIt)
+{
+    start();
+    const U32 kept = createBlocks("BLK0", 0x10000, 64);
+    const U32 start = MM_Addr(stSegTable[kept].pubStartAddr);
+    EXPECT_EQ(MM_ReallocBlock(kept, at(start + 64 * 20), 5), U32(ENOERR)); // inside the only run
+    EXPECT_TRUE(MM_HasRunIndex(kept));
+    EXPECT_TRUE(MM_RunIndexAgrees(kept));
+    EXPECT_EQ(MM_FreeBlock(kept, at(start + 64 * 20), 5), U32(ENOERR));
+    EXPECT_EQ(MM_GetLargestBlk(kept), 1024u);
+
+    // The run above keeps its link to the run that was split: links that do not agree.
+    EXPECT_EQ(MM_ReallocBlock(kept, at(start + 64 * 500), 5), U32(ENOERR));
+    EXPECT_EQ(MM_ReallocBlock(kept, at(start + 64 * 100), 5), U32(ENOERR));
+    EXPECT_FALSE(MM_HasRunIndex(kept));
+}
+
+TEST_F(RunIndex, MemoryThatIsWrittenWhereAHeaderLiesDropsTheIndex)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 first = MM_AllocBlock(handle, 100, 0);
+    const U32 run = MM_Addr(stSegTable[handle].pubStartAddr);
+    const struct {
+        U32 address, bytes;
+        bool kept;
+    } cases[] = {{first, 6400, true},    {run + 12, 1000, true}, {run - 10, 10, true}, {run - 10, 11, false},
+                 {run + 11, 1, false},   {run, 0x10000, false},  {0, 0xFFFFFFFF, false}, {run, 0, true},
+                 {0xFFFFFFFF, 1, true}};
+    for (const auto& c : cases) {
+        MM_BuildRunIndex(handle);
+        ASSERT_TRUE(MM_HasRunIndex(handle));
+        MM_MemoryWritten(c.address, c.bytes);
+        EXPECT_EQ(MM_HasRunIndex(handle), c.kept) << c.address << "+" << c.bytes;
+    }
+}
+
+TEST_F(RunIndex, AFillByCommandIsNoticed)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const TMemsetInfo info{MM_Addr(stSegTable[handle].pubStartAddr), 0, 4};
+    std::memcpy(at(sim::kScratch), &info, sizeof info);
+    EXPECT_EQ(Velmora_MM_ioctl(MM_CMD_MEMSET, sim::kScratch), 0);
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+}
+
+TEST_F(RunIndex, SegmentsThatShareMemoryWalk)
+{
+    start();
+    U8 name[4] = {'S', 'A', 'M', 'E'};
+    U8 rjl[4] = {'$', 'R', 'J', 'L'};
+    ASSERT_EQ(MM_DeleteSegment(rjl), U32(ENOERR));
+    ASSERT_EQ(MM_AddSegment(name, 0x10000, at(kAreaStart + 8192)), U32(ENOERR)); // where "$JCB" lies
+    TSegInfoFromApp info = request("$JCB", 0, 64);
+    info.ubType = FIXED;
+    ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+    EXPECT_TRUE(MM_HasRunIndex(0));
+    info = request("SAME", 0, 64);
+    info.ubType = FIXED;
+    ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+    EXPECT_FALSE(MM_HasRunIndex(0));
+    EXPECT_FALSE(MM_HasRunIndex(1));
+}
+
+TEST_F(RunIndex, AChunkThatDoesNotHoldWhatTheIndexSaysDropsIt)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 run = MM_Addr(stSegTable[handle].pubStartAddr);
+    const U32 size = 3;
+    std::memcpy(at(run + 8), &size, sizeof size); // behind the manager's back
+    EXPECT_EQ(MM_AllocBlock(handle, 10, 0), 0u);  // what the walk answers
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+    EXPECT_EQ(MM_AllocBlock(handle, 3, 0), run);
+}
+
+TEST_F(RunIndex, TheCostOfACallDoesNotGrowWithTheRuns)
+{
+    // A comb over the whole segment: only its first block's neighbours make a run of two.
+    start();
+    const U32 handle = createBlocks("COMB", 200000 * 16, 16);
+    const U32 start = MM_Addr(stSegTable[handle].pubStartAddr);
+    const U32 blocks = MM_GetTotBlk(handle);
+    ASSERT_EQ(MM_AllocBlock(handle, blocks, 0), start);
+    for (U32 block = 3; block < blocks; block += 2)
+        ASSERT_EQ(MM_FreeBlock(handle, at(start + block * 16), 1), U32(ENOERR));
+    ASSERT_EQ(MM_FreeBlock(handle, at(start), 2), U32(ENOERR));
+    ASSERT_TRUE(MM_HasRunIndex(handle));
+
+    const unsigned long before = machine().touches();
+    EXPECT_EQ(MM_AllocBlock(handle, 2, 0), start);
+    EXPECT_EQ(MM_FreeBlock(handle, at(start), 2), U32(ENOERR));
+    EXPECT_LT(machine().touches() - before, 40u); // accesses to list nodes; the walk makes 300,000
+}
+
+} // namespace
+} // namespace velmora::test
