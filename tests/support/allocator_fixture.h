@@ -7,7 +7,8 @@
 
 #include "manager_fixture.h"
 
-namespace velmora::test {
+namespace velmora::test
+{
 
 class AllocatorTest : public ManagerTest
 {
@@ -29,7 +30,8 @@ protected:
     {
         Runs found;
         const TMMBlkStr* last = nullptr;
-        for (const TMMBlkStr* run = astBlkHead[handle].pstBlk; run != nullptr && found.size() < 1000; run = run->pstNext) {
+        for (const TMMBlkStr* run = astBlkHead[handle].pstBlk; run != nullptr && found.size() < 1000;
+             run = run->pstNext) {
             EXPECT_EQ(MM_Addr(run->pstBack), MM_Addr(last)) << "link back of the run at 0x" << std::hex << MM_Addr(run);
             found.push_back({MM_Addr(run), run->ulSize});
             last = run;

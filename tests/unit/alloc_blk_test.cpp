@@ -1,8 +1,10 @@
 // Block allocation: the search of the free runs, the owner map, the address helpers, the search lock.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test {
-namespace {
+namespace velmora::test
+{
+namespace
+{
 
 class AllocBlk : public AllocatorTest
 {
@@ -103,7 +105,8 @@ TEST_F(AllocBlk, CounterThatPromisesMoreThanTheListEndsAfterOneRetry)
     const U32 seg = sixteenBlocks(YES);
     leaveFree(seg, {{0, 2}, {4, 2}});
     stSegTable[seg].ulLargestBlkSize = 3;
-    expectTakes(search_lock, [=] { return alloc(seg, 3); }, 2);
+    expectTakes(
+        search_lock, [=] { return alloc(seg, 3); }, 2);
     EXPECT_EQ(alloc(seg, 3), 0U);
     EXPECT_EQ(counts(seg), (std::vector<U32>{16, 12, 4, 3}));
     EXPECT_EQ(blockRuns(seg), (Runs{{0, 2}, {4, 2}}));
@@ -120,7 +123,7 @@ TEST_F(AllocBlk, CounterThatPromisesLessThanTheListDoesNotStopTheSearch)
 TEST_F(AllocBlk, FitIsDecidedBySignedDifference)
 {
     const U32 seg = sixteenBlocks();
-    EXPECT_EQ(alloc(seg, 0x80000010), 0U); // 16 - 0x80000010 is the lowest signed number
+    EXPECT_EQ(alloc(seg, 0x80000010), 0U);             // 16 - 0x80000010 is the lowest signed number
     EXPECT_EQ(alloc(seg, 0xFFFFFFFF), block(seg, 17)); // 16 + 1 blocks remain
     EXPECT_EQ(runs(seg), (Runs{{kFloatStart, 17}}));
     EXPECT_EQ(counts(seg), (std::vector<U32>{16, 0xFFFFFFFF, 17, 17}));
@@ -250,8 +253,9 @@ TEST_F(AllocBlk, HeapBlockIdIsThePieceOrTheFirstUnusedIndex)
 
 TEST_F(AllocBlk, HeapBlockIdOfAnAddressOutsideFivePiecesIsFive)
 {
-    createHeapOf({{0x95400000, 0x1000}, {0x95500000, 0x1000}, {0x95600000, 0x1000}, {0x95700000, 0x1000}, {0x95800000, 0x1000}},
-                 64);
+    createHeapOf(
+        {{0x95400000, 0x1000}, {0x95500000, 0x1000}, {0x95600000, 0x1000}, {0x95700000, 0x1000}, {0x95800000, 0x1000}},
+        64);
     EXPECT_EQ(MM_GetHeapBlkID(at(0x95800000)), 4);
     EXPECT_EQ(MM_GetHeapBlkID(at(0x95801000)), 5);
 }

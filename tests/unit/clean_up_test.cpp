@@ -1,8 +1,10 @@
 // Clean-up by owner: every run of an owner's blocks back in one call.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test {
-namespace {
+namespace velmora::test
+{
+namespace
+{
 
 class CleanUp : public AllocatorTest
 {
@@ -193,7 +195,9 @@ TEST_F(CleanUp, RunIsNotCarriedFromOnePieceOfTheHeapToTheNext)
 
 TEST_F(CleanUp, HeapOfFivePiecesIsCleanedToItsLast)
 {
-    createHeapOf({{0x95400000, 0x400}, {0x95500000, 0x400}, {0x95600000, 0x400}, {0x95700000, 0x400}, {0x95800000, 0x400}}, 64, 1);
+    createHeapOf(
+        {{0x95400000, 0x400}, {0x95500000, 0x400}, {0x95600000, 0x400}, {0x95700000, 0x400}, {0x95800000, 0x400}}, 64,
+        1);
     for (int piece = 0; piece < 5; ++piece)
         alloc(HEAPHANDLE, 15, 1);
     MM_CleanUp(HEAPHANDLE, 1);

@@ -2,8 +2,10 @@
 #include "../support/allocator_fixture.h"
 #include "../../kernel/mm/mm/MM_Map.h"
 
-namespace velmora::test {
-namespace {
+namespace velmora::test
+{
+namespace
+{
 
 const char kOutOfRange[] = "\"Free Request is over the available Range of Segment\"";
 
@@ -289,7 +291,7 @@ TEST_F(FreeBlk, EveryFailedCheckLeavesTheLockHeldAndTheNextReleaseHangs)
         c.fail(seg);
         EXPECT_EQ(log().size(), 1U);
         EXPECT_TRUE(machine().run([=] { return alloc(seg, 1); }).returned()); // its own lock
-        machine().lock(search_lock); // which turned interrupts on again
+        machine().lock(search_lock);                                          // which turned interrupts on again
         machine().unlock(search_lock);
         EXPECT_EQ(machine().run([=] { return release(seg, block(seg, 15), 1); }).lock, free_lock);
         EXPECT_TRUE(machine().lockHeld(free_lock));

@@ -1,8 +1,10 @@
 // Allocation and release by handle: bytes to blocks, the checks, overflow into the heap, releases that go there.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test {
-namespace {
+namespace velmora::test
+{
+namespace
+{
 
 const char kLib[] = "mm/MM_Lib";
 constexpr U32 kRefused = 0xFFFFFFFF;
@@ -37,7 +39,8 @@ TEST_F(HandleApi, MallocRoundsBytesUpToBlocks)
 {
     const struct {
         U32 blockBytes, bytes, blocks;
-    } cases[] = {{4096, 1, 1}, {4096, 4096, 1}, {4096, 4097, 2}, {4096, 8192, 2}, {64, 65, 2}, {100, 100, 1}, {100, 101, 2}};
+    } cases[] = {{4096, 1, 1}, {4096, 4096, 1}, {4096, 4097, 2}, {4096, 8192, 2},
+                 {64, 65, 2},  {100, 100, 1},   {100, 101, 2}};
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.bytes << " bytes in blocks of " << c.blockBytes);
         machine().powerOn();
@@ -115,10 +118,8 @@ TEST_F(HandleApi, OwnersAreAcceptedByMapWidth)
         U8 mapBits;
         std::vector<U8> accepted, refused;
     } cases[] = {
-        {0, {0}, {1, 2, 255}},
-        {1, {0, 1}, {2, 3, 255}},
-        {2, {1, 2, 3}, {0, 4, 255}},
-        {4, {1, 2, 14, 15}, {0, 16, 255}},
+        {0, {0}, {1, 2, 255}},           {1, {0, 1}, {2, 3, 255}},
+        {2, {1, 2, 3}, {0, 4, 255}},     {4, {1, 2, 14, 15}, {0, 16, 255}},
         {8, {1, 2, 128, 254, 255}, {0}},
     };
     for (const auto& c : cases) {
@@ -246,7 +247,8 @@ TEST_F(HandleApi, HeapAreaIsTheHeapsPieces)
 
 TEST_F(HandleApi, HeapAreaOfFivePiecesEndsAfterTheFifth)
 {
-    createHeapOf({{0x95400000, 0x400}, {0x95500000, 0x400}, {0x95600000, 0x400}, {0x95700000, 0x400}, {0x95800000, 0x400}}, 64);
+    createHeapOf(
+        {{0x95400000, 0x400}, {0x95500000, 0x400}, {0x95600000, 0x400}, {0x95700000, 0x400}, {0x95800000, 0x400}}, 64);
     EXPECT_EQ(MM_CheckHeapArea(at(0x95800000)), TRUE);
     EXPECT_EQ(MM_CheckHeapArea(at(0x95800400)), 0);
 }
@@ -352,8 +354,10 @@ TEST_F(HandleApi, HeapAddressUnderAStacksHandleGoesToTheStackWhichRefusesIt)
     createHeapOf({{0x95400000, 0x10000}}, 4096);
     const U32 address = MM_AllocBlock(HEAPHANDLE, 3, 0);
     EXPECT_EQ(MM_FreeBlock(stack, at(address), 3), U32(ENOERR));
-    EXPECT_EQ(log(), (Lines{check("(pubRlsAddr == astStackStr[hulHandle].pubStackHead) && \"Already Freed Address is requested!\"",
-                                  "mm/MM_FreeBlk", "MM_Pop")}));
+    EXPECT_EQ(
+        log(),
+        (Lines{check("(pubRlsAddr == astStackStr[hulHandle].pubStackHead) && \"Already Freed Address is requested!\"",
+                     "mm/MM_FreeBlk", "MM_Pop")}));
     EXPECT_EQ(counts(HEAPHANDLE), (std::vector<U32>{16, 3, 13, 13}));
 }
 
@@ -363,8 +367,8 @@ TEST_F(HandleApi, SegmentAddressUnderTheHeapsHandleIsRefusedByTheHeap)
     createHeapOf({{0x95400000, 0x10000}}, 4096);
     const U32 address = MM_AllocBlock(seg, 1, 0);
     EXPECT_EQ(MM_FreeBlock(HEAPHANDLE, at(address), 1), U32(ENOERR));
-    EXPECT_EQ(log(), (Lines{check("ubFindRange == 1 && \"Free Request is over the available Range of Segment\"", "mm/MM_FreeBlk",
-                                  "MM_FreeBlk")}));
+    EXPECT_EQ(log(), (Lines{check("ubFindRange == 1 && \"Free Request is over the available Range of Segment\"",
+                                  "mm/MM_FreeBlk", "MM_FreeBlk")}));
     EXPECT_EQ(counts(seg)[1], 1U);
 }
 

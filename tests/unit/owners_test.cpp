@@ -1,8 +1,10 @@
 // Garbage collection by owner and permanent heap blocks.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test {
-namespace {
+namespace velmora::test
+{
+namespace
+{
 
 class Owners : public AllocatorTest
 {
@@ -18,7 +20,10 @@ protected:
     // The heap's map byte that many bytes below the map's end.
     static U8& heapMap(U32 bytesFromEnd) { return *at(kHeap + 64 - bytesFromEnd); }
 
-    static std::string notPermanent(const std::string& text) { return check(text, "mm/MM_Lib", "MM_CheckPermanentBlk"); }
+    static std::string notPermanent(const std::string& text)
+    {
+        return check(text, "mm/MM_Lib", "MM_CheckPermanentBlk");
+    }
     const std::string freed =
         notPermanent("((*(stTempBlk.pubyiscp) & ubBitMask ) != 0) && \"This bit is already freed!!\"");
 
@@ -144,8 +149,8 @@ TEST_F(Owners, RefusedReleaseIsCountedAllTheSame)
     const U32 address = alloc(HEAPHANDLE, 4, 1);
     MM_SetPermanentBlk(address, 4);
     MM_ReleasePermanentBlk(kHeap, 3); // the heap's map
-    EXPECT_EQ(log(), (Lines{check("ubFindRange == 1 && \"Free Request is over the available Range of Segment\"", "mm/MM_FreeBlk",
-                                  "MM_FreeBlk")}));
+    EXPECT_EQ(log(), (Lines{check("ubFindRange == 1 && \"Free Request is over the available Range of Segment\"",
+                                  "mm/MM_FreeBlk", "MM_FreeBlk")}));
     EXPECT_EQ(ulPermanentBlkCount, 1U);
     EXPECT_EQ(MM_GetPermanentStartBlk(), address);
 }
@@ -246,15 +251,14 @@ TEST_F(Owners, NarrowEntriesAreTestedByTheirMaskShiftedOnceMore)
 {
     const struct {
         U8 mapBits;
-        U8 byte;        // the map's last byte
-        U32 block;      // counted from the end
+        U8 byte;   // the map's last byte
+        U32 block; // counted from the end
         U32 expected;
     } cases[] = {
         {4, 0x0E, 1, 1}, {4, 0x0F, 1, 0}, {4, 0xE0, 2, 0}, {4, 0xF0, 2, 0}, // 0xF0 shifted by four is 0xF00
         {2, 0x02, 1, 1}, {2, 0x03, 1, 0}, {2, 0x08, 2, 0}, {2, 0x0C, 2, 0}, {2, 0x80, 4, 0},
         {1, 0x00, 1, 1}, {1, 0x01, 1, 0}, // the mask loses its only bit; one bit is not tested for nobody
-        {1, 0x02, 2, 0}, {1, 0x00, 2, 0},
-        {1, 0x10, 5, 0}, {1, 0x00, 5, 0}, // 0x10 shifted by four is not cut to nothing
+        {1, 0x02, 2, 0}, {1, 0x00, 2, 0}, {1, 0x10, 5, 0}, {1, 0x00, 5, 0}, // 0x10 shifted by four is not cut to nothing
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits, byte " << int(c.byte) << ", block " << c.block);

@@ -1,8 +1,10 @@
 // Printer job language commands on the table of fixed segments.
 #include "../support/manager_fixture.h"
 
-namespace velmora::test {
-namespace {
+namespace velmora::test
+{
+namespace
+{
 
 class Pjl : public ManagerTest
 {
@@ -73,7 +75,8 @@ TEST_F(Pjl, FixedDeleteZeroesTheMemoryAndEmptiesTheRow)
 TEST_F(Pjl, FixedDeleteOfAnUnknownNameIsReportedAndAnswersNoError)
 {
     EXPECT_EQ(run("FIXEDDELETE", "NONE"), U32(ENOERR));
-    EXPECT_EQ(log(), (Lines{check("(ubResult == TRUE) && \"Can't find such SegmentID\"", "mm/MM_MCT", "MM_DeleteSegment")}));
+    EXPECT_EQ(log(),
+              (Lines{check("(ubResult == TRUE) && \"Can't find such SegmentID\"", "mm/MM_MCT", "MM_DeleteSegment")}));
     expectTableUnchanged();
 }
 
@@ -112,8 +115,8 @@ TEST_F(Pjl, TablesOwnRowIsProtectedAgainstEveryCommand)
     for (const char* command : {"FIXEDADD", "FIXEDDELETE", "CLEARSEGMENT", "ANYTHING"})
         for (const char* name : {"$MCT", "$MCT2"}) { // four bytes count
             EXPECT_EQ(run(command, name, 8192, 0x9D000000), 14U);
-            EXPECT_EQ(log(), (Lines{check("strncmp(aubCFGID, (U8*)\"$MCT\", 4) && \"MCT can't be modified\"", "mm/MM_Lib",
-                                          "MM_ExecPJL")}));
+            EXPECT_EQ(log(), (Lines{check("strncmp(aubCFGID, (U8*)\"$MCT\", 4) && \"MCT can't be modified\"",
+                                          "mm/MM_Lib", "MM_ExecPJL")}));
         }
     expectTableUnchanged();
     EXPECT_TRUE(isFilled(kAreaStart, 0xA5, kFixedBytes));
@@ -122,14 +125,16 @@ TEST_F(Pjl, TablesOwnRowIsProtectedAgainstEveryCommand)
 TEST_F(Pjl, NullCommandIsRefusedBeforeTheNameIsLookedAt)
 {
     EXPECT_EQ(MM_ExecPJL(nullptr, id("$MCT"), 0, nullptr), 14U);
-    EXPECT_EQ(log(), (Lines{check("pubCommand != NULL && \"pubCommand is NULL. Can't execute function\"", "mm/MM_Lib", "MM_ExecPJL")}));
+    EXPECT_EQ(log(), (Lines{check("pubCommand != NULL && \"pubCommand is NULL. Can't execute function\"", "mm/MM_Lib",
+                                  "MM_ExecPJL")}));
     expectTableUnchanged();
 }
 
 TEST_F(Pjl, UnknownWordsAreIgnored)
 {
     fillFixed();
-    for (const char* command : {"", "FIXED", "FIXEDAD", "FIXEDDELET", "CLEARSEGMEN", "fixeddelete", " FIXEDDELETE", "DELETE"}) {
+    for (const char* command :
+         {"", "FIXED", "FIXEDAD", "FIXEDDELET", "CLEARSEGMEN", "fixeddelete", " FIXEDDELETE", "DELETE"}) {
         EXPECT_EQ(run(command, "$JCB", 8192, 0x9D000000), U32(ENOERR)) << command;
         expectSilence();
     }

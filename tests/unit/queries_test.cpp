@@ -2,8 +2,10 @@
 #include "../../host/manager_state.h"
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test {
-namespace {
+namespace velmora::test
+{
+namespace
+{
 
 const char kLib[] = "mm/MM_Lib";
 constexpr U32 kAllOnes = 0xFFFFFFFF;
@@ -53,7 +55,9 @@ TEST_F(Queries, CountsRefuseHandlesBeyondTheTableWithFourteen)
     const struct {
         const char* name;
         U32 (*query)(U32);
-    } cases[] = {{"MM_GetTotBlk", MM_GetTotBlk}, {"MM_GetTotAvailBlk", MM_GetTotAvailBlk}, {"MM_GetLargestBlk", MM_GetLargestBlk}};
+    } cases[] = {{"MM_GetTotBlk", MM_GetTotBlk},
+                 {"MM_GetTotAvailBlk", MM_GetTotAvailBlk},
+                 {"MM_GetLargestBlk", MM_GetLargestBlk}};
     for (const auto& c : cases)
         for (const U32 handle : {50U, 0x10030U, kAllOnes}) {
             EXPECT_EQ(c.query(handle), 14U);
@@ -68,7 +72,8 @@ TEST_F(Queries, InitialCountDoesNotKnowTheHeapsSecondHandle)
     createUsedHeap();
     for (const U32 handle : {U32(HEAPHANDLE_ALIAS), 50U, kAllOnes}) {
         EXPECT_EQ(MM_GetInitTotBlk(handle), 14U);
-        EXPECT_EQ(log(), (Lines{check("(hulHandle < MAX_SEGTABLE_SIZE) && \"Handle value is invalid!!\"", kLib, "MM_GetInitTotBlk")}));
+        EXPECT_EQ(log(), (Lines{check("(hulHandle < MAX_SEGTABLE_SIZE) && \"Handle value is invalid!!\"", kLib,
+                                      "MM_GetInitTotBlk")}));
     }
 }
 
@@ -298,11 +303,14 @@ TEST_F(Queries, QueriesTakeNoLockAndChangeNothing)
 // Display -----------------------------------------------------------------------------------------------------
 
 const char kRule[] = "==============================================================================================\n";
-const char kTitle[] = "                             Display MST                                                     =\n";
-const char kColumns[] = "[S_ID][Hd][Seg Size][BlkSize][TotBNO][TAllocBNO][TFreeBNO][TLargeBNO][VM][StartAdd][EndAddre]=\n";
+const char kTitle[] =
+    "                             Display MST                                                     =\n";
+const char kColumns[] =
+    "[S_ID][Hd][Seg Size][BlkSize][TotBNO][TAllocBNO][TFreeBNO][TLargeBNO][VM][StartAdd][EndAddre]=\n";
 const char kClosing[] = "==========================================================================\n";
 const std::string kUnusedRow =
-    std::string(" \0\0\0\0", 5) + "   0-        0-        0-        0-        0-        0-        0- 0-        0-        0\n";
+    std::string(" \0\0\0\0", 5) +
+    "   0-        0-        0-        0-        0-        0-        0- 0-        0-        0\n";
 
 class Display : public Queries
 {
@@ -321,9 +329,11 @@ protected:
         EXPECT_EQ(log(), rows);
     }
 
-    const Lines usedHeapRows{" HEAP  49-    10000-     1000-       10-        0-       10-       1b- 0- 95400000- 95410000\n",
-                             " HEAP  49-    20000-     1000-       20-        5-       1b-       1b- 0- 95500000- 95520000\n"};
-    const std::string usedRow = " BLKS   5-    10000-     1000-       10-        3-        d-        d- 0- 95312000- 95322000\n";
+    const Lines usedHeapRows{
+        " HEAP  49-    10000-     1000-       10-        0-       10-       1b- 0- 95400000- 95410000\n",
+        " HEAP  49-    20000-     1000-       20-        5-       1b-       1b- 0- 95500000- 95520000\n"};
+    const std::string usedRow =
+        " BLKS   5-    10000-     1000-       10-        3-        d-        d- 0- 95312000- 95322000\n";
 };
 
 TEST_F(Display, OneEntry)
@@ -344,14 +354,16 @@ TEST_F(Display, SizeIsTheUsableOneAndOverflowIsShown)
     info.ubMap = 1;
     info.ubVM = 0x1F;
     ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
-    expectDisplayed(5, {" MAPD   5-      fc0-       40-       3f-        0-       3f-       3f-1f- 95312040- 95313000\n"});
+    expectDisplayed(5,
+                    {" MAPD   5-      fc0-       40-       3f-        0-       3f-       3f-1f- 95312040- 95313000\n"});
 }
 
 TEST_F(Display, HandleColumnIsTheRecordsOwn)
 {
     createUsed();
     stSegTable[5].stInfoFromApp.hulHandle = 12345;
-    expectDisplayed(5, {" BLKS12345-    10000-     1000-       10-        3-        d-        d- 0- 95312000- 95322000\n"});
+    expectDisplayed(
+        5, {" BLKS12345-    10000-     1000-       10-        3-        d-        d- 0- 95312000- 95322000\n"});
 }
 
 TEST_F(Display, HeapIsShownPieceByPiece)
@@ -364,14 +376,16 @@ TEST_F(Display, PieceIsCountedInTheHeapsOwnBlockSize)
 {
     // Blocks of 100 bytes count as 64: 62 in a piece that is aligned to 0x95400004 and loses a block at its end.
     createHeapOf({{0x95400000, 0x1000}}, 100);
-    expectDisplayed(HEAPHANDLE, {" HEAP  49-      f9c-       64-       27- ffffffe9-       3e-       3e- 0- 95400004- 95400fa0\n"});
+    expectDisplayed(HEAPHANDLE,
+                    {" HEAP  49-      f9c-       64-       27- ffffffe9-       3e-       3e- 0- 95400004- 95400fa0\n"});
 }
 
 TEST_F(Display, PiecesMapIsNotPartOfItsRow)
 {
     createHeapOf({{0x95400000, 0x1000}}, 64, 8);
     alloc(HEAPHANDLE, 3, 1);
-    expectDisplayed(HEAPHANDLE, {" HEAP  49-      fc0-       40-       3f-        3-       3c-       3c- 0- 95400040- 95401000\n"});
+    expectDisplayed(HEAPHANDLE,
+                    {" HEAP  49-      fc0-       40-       3f-        3-       3c-       3c- 0- 95400040- 95401000\n"});
 }
 
 TEST_F(Display, EverythingIsEntryZeroTheEntriesWithAHandleAndTheHeap)
@@ -406,7 +420,8 @@ TEST_F(Display, HeapThatDoesNotExistHasNoRows)
 
 TEST_F(Display, FivePiecesAreFiveRows)
 {
-    createHeapOf({{0x95400000, 0x400}, {0x95500000, 0x400}, {0x95600000, 0x400}, {0x95700000, 0x400}, {0x95800000, 0x400}}, 64);
+    createHeapOf(
+        {{0x95400000, 0x400}, {0x95500000, 0x400}, {0x95600000, 0x400}, {0x95700000, 0x400}, {0x95800000, 0x400}}, 64);
     MM_DisplayMST(HEAPHANDLE);
     EXPECT_EQ(log().size(), 3U + 5 + 1);
 }
@@ -430,11 +445,13 @@ TEST_F(Display, TraceOfEverythingHasItsOwnSpacing)
     const std::string unused = std::string("\r\n \0\0\0\0", 7) +
                                "       0   0x       0          0        0           0           0          0   0"
                                "  0x       0 0x       0";
-    expectTraced(MM_DISPLAY_ALL,
-                 {unused,
-                  "\r\n BLKS       5   0x   10000       4096       16           3          13         13   0  0x95312000 0x95322000",
-                  "\r\n HEAP      49   0x   10000       4096       16           0          16         27   0  0x95400000 0x95410000",
-                  "\r\n HEAP      49   0x   20000       4096       32           5          27         27   0  0x95500000 0x95520000"});
+    expectTraced(MM_DISPLAY_ALL, {unused,
+                                  "\r\n BLKS       5   0x   10000       4096       16           3          13         "
+                                  "13   0  0x95312000 0x95322000",
+                                  "\r\n HEAP      49   0x   10000       4096       16           0          16         "
+                                  "27   0  0x95400000 0x95410000",
+                                  "\r\n HEAP      49   0x   20000       4096       32           5          27         "
+                                  "27   0  0x95500000 0x95520000"});
 }
 
 TEST_F(Display, TraceOfAnythingElsePrintsNothing)

@@ -1,8 +1,10 @@
 // Stack segments: push from the end downwards, pop of the piece pushed last, the push and pop locks.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test {
-namespace {
+namespace velmora::test
+{
+namespace
+{
 
 class Stack : public AllocatorTest
 {
@@ -17,8 +19,9 @@ protected:
     const std::string noBlocks = failed("(ulBlkNo > 0) && \"Requested Block Size is invalid\"");
     const std::string notTheTop = failed("(pubRlsAddr == astStackStr[hulHandle].pubStackHead) && "
                                          "\"Already Freed Address is requested!\"");
-    const std::string pastTheEnd = failed("((astStackStr[hulHandle].pubStackHead) <= (stSegTable[hulHandle].pubEndAddr)) && "
-                                          "\"Interrupt an another Segment\"");
+    const std::string pastTheEnd =
+        failed("((astStackStr[hulHandle].pubStackHead) <= (stSegTable[hulHandle].pubEndAddr)) && "
+               "\"Interrupt an another Segment\"");
     const std::string largestTooLarge =
         failed("(stSegTable[hulHandle].ulLargestBlkSize >= 0) && "
                "(stSegTable[hulHandle].ulLargestBlkSize <= stSegTable[hulHandle].ulTotalFreeBlkNum)");
