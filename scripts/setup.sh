@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages that the named groups need and that are missing. Root, or a user with sudo.
-#   scripts/setup.sh GROUP...     groups: build demo test lint
+#   scripts/setup.sh GROUP...     groups: bench build demo lint target test
 # A stamp under build/ remembers what was found, so that a second run costs nothing.
 set -eu
 cd "$(dirname "$0")/.."
@@ -8,6 +8,7 @@ cd "$(dirname "$0")/.."
 packages() {
     case $1 in
     build) echo "g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build" ;;
+    bench) echo "g++-12 g++-12-multilib cmake ninja-build libboost-dev python3" ;;
     demo) echo "ghostscript ghostscript-doc" ;;
     lint) echo "clang-format clang-tidy" ;;
     target) echo "qemu-system-arm device-tree-compiler cpio python3" ;;
