@@ -22,7 +22,7 @@ fi
 
 timeout --kill-after=10 "$seconds" qemu-system-arm -M virt -cpu cortex-a15 -m 512 -smp 2 -nodefaults -nographic -no-reboot \
     -kernel "$work/kernel/vmlinuz" -dtb "$work/board.dtb" -initrd "$initramfs" -serial stdio \
-    -append "console=ttyAMA0 loglevel=3 log_buf_len=8M printk.devkmsg=on panic=-1 oops=panic rdinit=/init" </dev/null 2>&1 |
+    -append "console=ttyAMA0 loglevel=3 log_buf_len=8M printk.devkmsg=on rcupdate.rcu_cpu_stall_timeout=120 watchdog_thresh=60 panic=-1 oops=panic rdinit=/init" </dev/null 2>&1 |
     tr -d '\r' | tee "$log"
 if grep -E 'Oops|BUG:|WARNING:|Unable to handle|scheduling while atomic|lockdep|Kernel panic' "$log" >&2; then
     echo "target-boot.sh: the kernel reported trouble" >&2

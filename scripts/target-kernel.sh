@@ -1,14 +1,14 @@
 #!/bin/sh
-# Brings Debian's ARMv7 kernel and its headers into build/target/, as plain folders: nothing is installed
+# Brings Debian's ARMv7 kernel, its headers and a static shell into build/target/, as plain folders: nothing is installed
 # and the machine's own package lists are left alone.
 #   scripts/target-kernel.sh         prepares, and prints nothing when all is there
 #   build/target/kernel/vmlinuz      the kernel             build/target/kernel/headers   KDIR for the module
-#   build/target/kernel/release      its release name
+#   build/target/kernel/release      its release name  build/target/kernel/busybox   a shell for it
 set -eu
 cd "$(dirname "$0")/.."
 
 work=$PWD/build/target
-[ -e "$work/kernel/ready" ] && exit 0
+[ -e "$work/kernel/busybox" ] && exit 0
 
 echo "Fetching Debian's ARMv7 kernel" >&2
 mkdir -p "$work/apt/lists/partial" "$work/apt/archives/partial" "$work/packages"
@@ -33,7 +33,7 @@ series=$(echo "$release" | sed 's/^\([0-9]*\.[0-9]*\).*/\1/')
 common=linux-headers-${release%-armmp}-common
 
 cd "$work/packages"
-apt apt-get download "$image:armhf" "linux-headers-$release:armhf" "$common" "linux-kbuild-$series"
+apt apt-get download "$image:armhf" "linux-headers-$release:armhf" "$common" "linux-kbuild-$series" busybox-static:armhf
 rm -rf "$work/root" "$work/kernel"
 mkdir -p "$work/root" "$work/kernel"
 for package in ./*.deb; do
@@ -57,4 +57,4 @@ ln -s "$work/root/boot/vmlinuz-$release" "$work/kernel/vmlinuz"
 ln -s "$work/root/$headers" "$work/kernel/headers"
 echo "$release" >"$work/kernel/release"
 rm -rf "$work/apt" "$work/packages"
-touch "$work/kernel/ready"
+ln -s "$work/root/bin/busybox" "$work/kernel/busybox" # the last: all is there

@@ -14,7 +14,6 @@
 #include <linux/version.h>
 #include <asm/cacheflush.h>
 #include <asm/memory.h>
-#include <asm/pgtable.h>
 
 #if LINUX_VERSION_CODE < KERNEL_VERSION(5, 0, 0)
 #define mmc_access_ok(ulUser, ulBytes) access_ok(VERIFY_READ, (void __user*)(ulUser), ulBytes)

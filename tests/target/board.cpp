@@ -188,6 +188,15 @@ std::string unescaped(std::string_view text)
     return bytes;
 }
 
+// What a kernel says when the emulator was not given the processor for a while.
+bool isAboutTiming(const std::string& message)
+{
+    for (const char* const begin : {"hrtimer: interrupt took", "clocksource: ", "sched: ", "workqueue: ", "perf: "})
+        if (message.starts_with(begin))
+            return true;
+    return false;
+}
+
 // A message without a line end stays open for more text, unseen, until the next one is printed.
 constexpr char kMark[] = "the test has read up to here";
 
@@ -214,7 +223,7 @@ std::vector<std::string> KernelLog::take()
         const std::string_view whole(record, static_cast<std::size_t>(got));
         const std::size_t begin = whole.find(';') + 1;
         const std::string message = unescaped(whole.substr(begin, whole.find('\n', begin) - begin));
-        if (message != kMark)
+        if (message != kMark && !isAboutTiming(message))
             messages.push_back(message);
     }
 }

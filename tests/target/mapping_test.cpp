@@ -174,17 +174,18 @@ TARGET_TEST(contents_of_the_area_survive_a_reload)
 
 TARGET_TEST(area_is_left_alone_by_a_kernel_short_of_memory)
 {
+    constexpr std::uint32_t kStride = 8 * kPageBytes;
     needManager();
     const Descriptor device;
     const View view(device, kAreaStart, kAreaBytes);
-    for (std::uint32_t offset = 0; offset < kAreaBytes; offset += kPageBytes)
+    for (std::uint32_t offset = 0; offset < kAreaBytes; offset += kStride)
         *reinterpret_cast<volatile std::uint32_t*>(static_cast<std::uint8_t*>(view.start()) + offset + 64) = offset ^ 0x5A5A5A5A;
-    constexpr std::size_t kMuch = 200 << 20;
+    constexpr std::size_t kMuch = 64 << 20;
     auto* const much = static_cast<volatile std::uint8_t*>(mmap(nullptr, kMuch, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     CHECK(much != MAP_FAILED);
     for (std::size_t i = 0; i < kMuch; i += kPageBytes)
         much[i + 64] = 1;
     munmap(const_cast<std::uint8_t*>(much), kMuch);
-    for (std::uint32_t offset = 0; offset < kAreaBytes; offset += kPageBytes)
+    for (std::uint32_t offset = 0; offset < kAreaBytes; offset += kStride)
         CHECK_EQUAL(*reinterpret_cast<volatile std::uint32_t*>(static_cast<std::uint8_t*>(view.start()) + offset + 64), offset ^ 0x5A5A5A5A);
 }

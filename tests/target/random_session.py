@@ -12,7 +12,7 @@ import sys
 
 program, seed, count, script_file, answers_file = sys.argv[1], int(sys.argv[2]), int(sys.argv[3]), sys.argv[4], sys.argv[5]
 rng = random.Random(seed)
-START, END = 0x95000000, 0x9E000000
+START, END = 0x95000000, 0x97000000
 kept = []  # lines and their answers
 
 
@@ -188,7 +188,10 @@ def start_library():
 
 def create_until_one():
     while not segments:
-        create()
+        try:
+            create()
+        except Dropped:
+            pass
 
 
 run('load "94000000-96000000"')
@@ -199,10 +202,10 @@ ioctl(0x5300, struct.pack("<Ii", 0, -1))
 create_until_one()
 actions = {allocate: 45, release: 35, look: 12, memory: 8, create: 4, collect: 3, fixed: 2, bad_release: 1}
 for _ in range(count):
-    if rng.random() < 0.002:
-        start_library()
-        continue
     try:
+        if rng.random() < 0.002:
+            start_library()
+            continue
         rng.choices(list(actions), weights=list(actions.values()))[0]()
     except Dropped:
         pass

@@ -6,6 +6,8 @@
 // reserved here, and moved back in the answers: in records by command, in messages and memory by value. What user space
 // cannot do (call, dump, locks) is no command here.
 #include <algorithm>
+#include <cctype>
+#include <chrono>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -210,8 +212,8 @@ private:
         makeNode();
         {
             const Descriptor device;
-            const View view(device, kAreaStart, kAreaBytes);
-            std::memset(view.start(), 0, kAreaBytes);
+            const View view(device, kAreaStart, simEnd_ - simStart_);
+            std::memset(view.start(), 0, simEnd_ - simStart_);
         }
         CHECK_EQUAL(unloadModule(kModuleName), 0);
     }
@@ -344,6 +346,7 @@ int compare(const char* scriptFile, const char* answersFile)
     std::ifstream script(scriptFile), answers(answersFile);
     if (!script || !answers)
         throw Failure(std::string("cannot open ") + scriptFile + " or " + answersFile);
+    const auto begin = std::chrono::steady_clock::now();
     Session session;
     unsigned commands = 0;
     std::string line;
@@ -365,7 +368,8 @@ int compare(const char* scriptFile, const char* answersFile)
             return 1;
         }
     }
-    std::printf("PASS session %s: the same answers and messages to %u commands\n", scriptFile, commands);
+    std::printf("PASS session %s: the same answers and messages to %u commands (%.2f s)\n", scriptFile, commands,
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count());
     return 0;
 }
 
