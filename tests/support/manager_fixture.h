@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -95,8 +94,11 @@ protected:
     static std::vector<std::string> log()
     {
         std::vector<std::string> messages = machine().takeLog();
-        for (std::string& message : messages)
-            message = std::regex_replace(message, std::regex(",line=[0-9]+\n"), ",line=N\n");
+        for (std::string& message : messages) {
+            const std::size_t number = message.rfind(",line=") + 6;
+            if (number >= 6 && message.find_first_not_of("0123456789", number) == message.size() - 1 && message.back() == '\n')
+                message.replace(number, message.size() - 1 - number, "N");
+        }
         return messages;
     }
 

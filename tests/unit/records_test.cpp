@@ -491,11 +491,14 @@ TEST_F(Records, TheReportsPrintOneLineEach)
 
 TEST_F(Records, TheManagersChecksNameTheirSourceRelativeToTheRepository)
 {
-    const std::regex line(R"(Assertion failed! ulBlkSize > 0,kernel/mm/mm/MM_InitSegment\.cpp,MM_GetBlkBit,line=[1-9][0-9]*\n)");
     MM_GetBlkBit(0);
     const Lines messages = machine().takeLog();
     ASSERT_EQ(messages.size(), 1u);
-    EXPECT_TRUE(std::regex_match(messages[0], line)) << messages[0];
+    const std::string beginning = "Assertion failed! ulBlkSize > 0,kernel/mm/mm/MM_InitSegment.cpp,MM_GetBlkBit,line=";
+    EXPECT_EQ(messages[0].substr(0, beginning.size()), beginning);
+    const int line = std::stoi(messages[0].substr(beginning.size()));
+    EXPECT_GT(line, 1);
+    EXPECT_EQ(messages[0], beginning + std::to_string(line) + "\n");
 }
 
 TEST_F(Records, ASourcePathBeginsAtTheManagersFolder)
