@@ -95,11 +95,18 @@ void MM_SetMap(U32 hulHandle, U8* pubBlkTmp, U32 ulReqBlkNum, U8 ubMapID)
     CMMMapWalker clWalker = MM_WalkMap(hulHandle, stRange, pubBlkTmp);
     const U32 ulFirst = MM_Addr(clWalker.Byte());
 
-    for (U32 ulBlk = 0; ulBlk < ulReqBlkNum; ++ulBlk) {
+    for (U32 ulLeft = ulReqBlkNum; ulLeft > 0;) {
+        const U32 ulWhole = clWalker.WholeBytes(ulLeft);
+        if (ulWhole > 0) {
+            MM_OrBytes(clWalker.FirstWholeByte(), ulWhole, MM_ByteOf(ubMapID, stSegTable[hulHandle].stInfoFromApp.ubMap));
+            ulLeft -= clWalker.SkipBytes(ulWhole);
+            continue;
+        }
         clWalker.NextByte();
         clWalker.NextEntry();
         MMP_Touch(clWalker.Byte(), 1);
         *clWalker.Byte() = static_cast<U8>(*clWalker.Byte() | (ubMapID << clWalker.BitPos()));
+        --ulLeft;
     }
     MM_MapWritten(stRange, ulFirst, MM_Addr(clWalker.Byte()));
 }

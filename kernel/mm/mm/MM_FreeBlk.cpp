@@ -118,14 +118,26 @@ void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
 {
     const U8 ubWidth = stSegTable[hulHandle].stInfoFromApp.ubMap;
     const U8 ubBlkBit = stSegTable[hulHandle].ubBlkBit;
+    const U32 ulByteEntries = 8 / ubWidth;
+    const U8 ubOwned = MM_ByteOf(ubMapID, ubWidth);
+    const bool fFits = (ubMapID >> ubWidth) == 0;
     U32 ulEntry = 0; /* counted from the map's end */
     U32 ulRun = 0;
 
     for (U8* pubByte = stRange.pubMapEndAddr; pubByte > stRange.pubMapStartAddr;) {
         --pubByte;
+        MMP_Touch(pubByte, 1);
+        if (*pubByte == 0 && ulRun == 0 && ubMapID != 0) { /* nobody's */
+            ulEntry += ulByteEntries;
+            continue;
+        }
+        if (fFits && (*pubByte & ubOwned) == ubOwned) { /* all the owner's */
+            ulEntry += ulByteEntries;
+            ulRun += ulByteEntries;
+            continue;
+        }
         for (U8 ubBitPos = 0; ubBitPos < 8; ubBitPos = static_cast<U8>(ubBitPos + ubWidth), ++ulEntry) {
             const U32 ulWanted = static_cast<U32>(ubMapID) << ubBitPos; /* bits beyond the byte never match */
-            MMP_Touch(pubByte, 1);
             if ((*pubByte & ulWanted) == ulWanted) {
                 ++ulRun;
             } else if (ulRun > 0) {
@@ -181,7 +193,14 @@ U32 MM_ClearMap(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
     MM_ASSERT(stTempBlk.pubyiscp >= pubMapStartAddr, EASSERT);
     MM_ASSERT(stTempBlk.pubyiscp < pubMapEndAddr, EASSERT);
 
-    for (U32 ulBlk = 0; ulBlk < ulBlkNo; ++ulBlk) {
+    for (U32 ulLeft = ulBlkNo; ulLeft > 0; --ulLeft) {
+        const U32 ulInMap = MM_Addr(pubMapEndAddr) - MM_Addr(clWalker.FirstWholeByte());
+        const U32 ulWhole = clWalker.WholeBytes(ulLeft) < ulInMap ? clWalker.WholeBytes(ulLeft) : ulInMap;
+        if (ulWhole > 0 && clWalker.Byte() < pubMapEndAddr) {
+            ulLeft -= clWalker.SkipBytes(MM_ClearMarkedBytes(clWalker.FirstWholeByte(), ulWhole, ubMap));
+            if (ulLeft == 0)
+                break;
+        }
         if (clWalker.NextByte()) {
             stTempBlk.pubyiscp = clWalker.Byte();
             MM_ASSERT(stTempBlk.pubyiscp <= pubMapEndAddr, EASSERT);

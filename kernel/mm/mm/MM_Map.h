@@ -43,6 +43,17 @@ public:
 
     void NextEntry() { ubBitPos = static_cast<U8>(ubBitPos - ubWidth); }
 
+    /* Whole bytes that the next ulEntries entries fill from the next byte on; 0 unless the current one is used up. */
+    U32 WholeBytes(U32 ulEntries) const { return ubBitPos != 0 || ubWidth == 0 ? 0 : ulEntries / (8 / ubWidth); }
+    U8* FirstWholeByte() const { return MM_At(stByte.ulyisl + 1); }
+
+    /* Passes over ulBytes whole bytes; the entries in them. */
+    U32 SkipBytes(U32 ulBytes)
+    {
+        stByte.ulyisl += ulBytes;
+        return ulBytes * (8 / ubWidth);
+    }
+
     U8 EntryMask() const
     {
         return ubWidth == 1 ? aubBitMaskTbl[ubBitPos] : static_cast<U8>(aubMapIDMaskTbl[ubWidth - 1] << ubBitPos);
@@ -53,6 +64,59 @@ private:
     U8 ubBitPos; /* of the entry last visited; 0 means that the byte is used up */
     U8 ubWidth;
 };
+
+/* A byte in which every entry is the ID. Bits of an ID that is wider than the entry reach into the next ones. */
+inline U8 MM_ByteOf(U8 ubMapID, U8 ubWidth)
+{
+    U32 ulByte = 0;
+    for (U8 ubBitPos = 0; ubBitPos < 8; ubBitPos = static_cast<U8>(ubBitPos + ubWidth))
+        ulByte |= static_cast<U32>(ubMapID) << ubBitPos;
+    return static_cast<U8>(ulByte);
+}
+
+/* Four bytes of a map at once; they may lie at any address. */
+struct __attribute__((packed, may_alias)) TMMMapWord {
+    U32 ulBits;
+};
+
+/* ORs a byte into ulBytes bytes. */
+inline void MM_OrBytes(U8* pubAddr, U32 ulBytes, U8 ubByte)
+{
+    MMP_Touch(pubAddr, ulBytes);
+    for (; ulBytes >= sizeof(TMMMapWord); ulBytes -= sizeof(TMMMapWord), pubAddr += sizeof(TMMMapWord))
+        reinterpret_cast<TMMMapWord*>(pubAddr)->ulBits |= ubByte * 0x01010101u;
+    for (; ulBytes > 0; --ulBytes, ++pubAddr)
+        *pubAddr = static_cast<U8>(*pubAddr | ubByte);
+}
+
+/* True when every entry of 2, 4 or 8 bits in the word has a bit set. */
+inline bool MM_AllMarked(U32 ulWord, U8 ubWidth)
+{
+    const U32 ulLowest = ubWidth == 8 ? 0x01010101u : ubWidth == 4 ? 0x11111111u : 0x55555555u;
+    for (U8 ubShift = 1; ubShift < ubWidth; ubShift = static_cast<U8>(ubShift * 2))
+        ulWord |= ulWord >> ubShift;
+    return (ulWord & ulLowest) == ulLowest;
+}
+
+/* Zeroes up to ulBytes bytes, as far as each of their entries is marked (one-bit entries need not be); the bytes
+ * zeroed. */
+inline U32 MM_ClearMarkedBytes(U8* pubAddr, U32 ulBytes, U8 ubWidth)
+{
+    U32 ulDone = 0;
+    MMP_Touch(pubAddr, ulBytes);
+    for (; ulBytes - ulDone >= sizeof(TMMMapWord); ulDone += sizeof(TMMMapWord)) {
+        auto* pstWord = reinterpret_cast<TMMMapWord*>(pubAddr + ulDone);
+        if (ubWidth > 1 && !MM_AllMarked(pstWord->ulBits, ubWidth))
+            break;
+        pstWord->ulBits = 0;
+    }
+    for (; ulDone < ulBytes; ++ulDone) {
+        if (ubWidth > 1 && !MM_AllMarked(pubAddr[ulDone] * 0x01010101u, ubWidth))
+            break;
+        pubAddr[ulDone] = 0;
+    }
+    return ulDone;
+}
 
 inline CMMMapWalker MM_WalkMap(U32 hulHandle, const TMMRange& stRange, U8* pubAddr)
 {
