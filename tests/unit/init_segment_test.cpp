@@ -1,4 +1,5 @@
 // Initialisation: alignment, owner map, counts and the allocators' starting state of a placed segment.
+#include "../../kernel/mm/mm/MM_RunIndex.h"
 #include "../support/manager_fixture.h"
 
 namespace velmora::test {
@@ -523,6 +524,7 @@ TEST_F(InitSegment, TheLargestRunIsFoundInAList)
 {
     initialised(placed(kA, 4096, 64));
     setFreeMemory({{kA, 3}, {kA + 0x400, 9}, {kA + 0x800, 9}, {kA + 0xC00, 4}});
+    MM_MemoryWritten(kA, 12); // the list is somebody else's from here on
     astBlkHead[kHandle].pstBlk = node(kA);
     EXPECT_EQ(MM_FindNewLargestBlk(kHandle), 9u);
     EXPECT_EQ(stSegTable[kHandle].ulLargestBlkSize, 64u); // not stored

@@ -261,6 +261,15 @@ TEST_F(RunIndex, AChunkThatDoesNotHoldWhatTheIndexSaysDropsIt)
     EXPECT_EQ(MM_AllocBlock(handle, 3, 0), run);
 }
 
+TEST_F(RunIndex, AListWithOtherEndsDropsIt)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    astBlkTail[handle].pstBlk = nullptr;
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+    EXPECT_EQ(MM_AllocBlock(handle, 1, 0), 0u); // the list, from its tail, is empty
+}
+
 TEST_F(RunIndex, TheCostOfACallDoesNotGrowWithTheRuns)
 {
     // A comb over the whole segment: only its first block's neighbours make a run of two.

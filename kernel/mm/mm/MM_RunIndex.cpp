@@ -21,6 +21,8 @@ struct TMMRunIndex {
     U32 ulStart;    /* first address of the segment's blocks, of its lowest piece for the heap */
     U32 ulEnd;      /* past the last one */
     U32 ulChunks;
+    const TMMBlkStr* pstHead; /* the list's ends when the index last saw it: a list with others is not its list */
+    const TMMBlkStr* pstTail;
     U32* pulTop;    /* for each chunk: the run that starts highest in it, 0 when none does */
     CMMMaxTree clLongest; /* for each chunk: size of the longest run that starts in it, blocks */
 };
@@ -116,8 +118,15 @@ template <class TVisit> bool VisitRuns(U32 hulHandle, const TMMRunIndex& stIndex
     return stList.Tail() == pstBack;
 }
 
+void NoteEnds(U32 hulHandle, TMMRunIndex& stIndex)
+{
+    stIndex.pstHead = astBlkHead[hulHandle].pstBlk;
+    stIndex.pstTail = astBlkTail[hulHandle].pstBlk;
+}
+
 bool FillTables(U32 hulHandle, TMMRunIndex& stIndex)
 {
+    NoteEnds(hulHandle, stIndex);
     stIndex.clLongest.Init(stIndex.pulTop + stIndex.ulChunks, stIndex.ulChunks);
     for (U32 ulChunk = 0; ulChunk < stIndex.ulChunks; ++ulChunk)
         stIndex.pulTop[ulChunk] = 0;
@@ -237,7 +246,10 @@ void MM_DropRunIndex(U32 hulHandle)
 
 BOOL MM_HasRunIndex(U32 hulHandle)
 {
-    return astRunIndex[hulHandle].fKept;
+    TMMRunIndex& stIndex = astRunIndex[hulHandle];
+    if (stIndex.fKept && (stIndex.pstHead != astBlkHead[hulHandle].pstBlk || stIndex.pstTail != astBlkTail[hulHandle].pstBlk))
+        stIndex.fKept = false;
+    return stIndex.fKept;
 }
 
 BOOL MM_RunIndexAgrees(U32 hulHandle)
@@ -334,6 +346,7 @@ void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun)
         stIndex.pulTop[ulChunk] = MM_Addr(pstRun);
     if (ulSize > stIndex.clLongest.Get(ulChunk))
         stIndex.clLongest.Set(ulChunk, ulSize);
+    NoteEnds(hulHandle, stIndex);
 }
 
 void MM_IndexRunShrunk(U32 hulHandle, TMMBlkStr* pstRun, U32 ulOldSize)
@@ -356,4 +369,5 @@ void MM_IndexRunRemoved(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize, T
         stIndex.pulTop[ulChunk] = IsInChunk(stIndex, pstLower, ulChunk) ? MM_Addr(pstLower) : 0;
     if (ulOldSize == stIndex.clLongest.Get(ulChunk))
         MeasureChunk(stIndex, ulChunk);
+    NoteEnds(hulHandle, stIndex);
 }

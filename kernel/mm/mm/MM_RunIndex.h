@@ -14,7 +14,7 @@
  *   - a claim at a chosen address that leaves links behind that do not agree (MM_ReallocBlock);
  *   - a header that is overwritten, as far as the manager sees it (fills, clears, owner entries outside
  *     the map, other segments laid over this one);
- *   - a chunk that does not hold what the index says.
+ *   - a list whose ends were moved by others, a chunk that does not hold what the index says.
  *
  * Locking: as the run lists themselves; an index belongs to its segment.
  */
@@ -41,7 +41,7 @@ void MM_RefillRunIndex(U32 hulHandle);
 /* The segment walks its list from now on. */
 void MM_DropRunIndex(U32 hulHandle);
 
-/* True while a segment's index is kept. */
+/* True while a segment's index is kept. A list whose ends are not those that the index knows drops it. */
 BOOL MM_HasRunIndex(U32 hulHandle);
 
 /* True when a kept index and the list agree in everything. */
