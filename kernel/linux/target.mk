@@ -49,3 +49,19 @@ test-target:
 	@cmake --build --preset x86 --target velmora-mm
 	@$(MAKE) -f kernel/linux/target.mk $(target-programs)
 	@scripts/target-test.sh
+
+# The print job as make demo builds it for ARMv7, linked once more without shared libraries.
+$(target-work)/image-demo/bin/print-job: build/arm/bin/print-job
+	@mkdir -p $(@D)
+	@$(target-cxx) -static -s -o $@ build/arm/CMakeFiles/print-job.dir/examples/print_job.cpp.o build/arm/libhost.a \
+	    build/arm/libprintjob.a build/arm/libclient.a build/arm/libmanager.a build/arm/libhost.a
+
+## make target-demo  the print job through the real module, on the emulated controller  [DOC=file.pdf COPIES=3 TARGET_DPI=50]
+target-demo:
+	@scripts/setup.sh build demo target
+	@for preset in x86 arm; do \
+	    [ -e build/$$preset/build.ninja ] || cmake --preset $$preset >/dev/null; \
+	    cmake --build --preset $$preset --target print-job || exit 1; \
+	done
+	@$(MAKE) -f kernel/linux/target.mk $(target-work)/image/init $(target-work)/image-demo/bin/print-job
+	@DOC='$(DOC)' COPIES='$(or $(COPIES),3)' DPI='$(or $(TARGET_DPI),50)' scripts/target-demo.sh

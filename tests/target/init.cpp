@@ -1,6 +1,7 @@
 // The first process of the emulated controller: mounts what a system has, runs the lines of /etc/run one by
 // one, says how that ended and switches off.
 #include <cstdio>
+#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <sstream>
@@ -45,6 +46,8 @@ int main()
     mount("sysfs", "/sys", "sysfs", 0, nullptr);
     mount("devtmpfs", "/dev", "devtmpfs", 0, nullptr);
     mount("tmpfs", "/tmp", "tmpfs", 0, nullptr);
+
+    setenv("PATH", "/bin", 1);
 
     int failed = 0;
     std::ifstream lines("/etc/run");
