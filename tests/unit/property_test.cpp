@@ -245,7 +245,7 @@ protected:
     void createBlockSegment(const char* name, const Kind& kind)
     {
         const U32 unit = unitOf(kind.blockBytes);
-        const U32 units = 30 + any(kind.blockBytes <= 100 && any(4) == 0 ? 1000 : 40);
+        const U32 units = 30 + any(kind.blockBytes <= 100 && any(4) == 0 ? 500 : 40);
         // The bytes beyond whole units keep the last block inside when the start is aligned to 100.
         const TMMSegInfo& seg = create(name, LINKEDLIST, unit * units + (kind.blockBytes == unit ? 0 : 60), kind);
         const U32 start = MM_Addr(seg.pubStartAddr);
@@ -265,9 +265,9 @@ protected:
     void createHeapInPieces(const Kind& kind)
     {
         std::vector<FreeNode> pieces;
-        const U32 count = 1 + any(MAX_PIECE_NUM);
+        const U32 count = 1 + any(MAX_PIECE_NUM); // each above the 128 bytes that are left out of the heap
         for (U32 i = 0; i < count; ++i)
-            pieces.push_back({kHeap + i * 0x100000 + 4 * any(64), kind.blockBytes * (6 + any(20)) + 4 * any(40)});
+            pieces.push_back({kHeap + i * 0x100000 + 4 * any(64), 132 + kind.blockBytes * (6 + any(20)) + 4 * any(40)});
         createHeapOf(pieces, kind.blockBytes, kind.mapBits, kind.semaphore);
 
         std::vector<BlockPicture::Stretch> stretches;
@@ -400,10 +400,11 @@ protected:
     }
     void compare() const
     {
-        for (const Picture* seg : segments())
-            EXPECT_EQ(counts(seg->handle),
-                      (std::vector<U32>{seg->total(), seg->total() - seg->free(), seg->free(), seg->largest()}))
+        for (const Picture* seg : segments()) {
+            const U32 total = seg->total(), free = seg->free();
+            EXPECT_EQ(counts(seg->handle), (std::vector<U32>{total, total - free, free, seg->largest()}))
                 << "segment " << seg->handle;
+        }
         expectPicture(*heap);
         for (const auto& seg : blockSegments)
             expectPicture(*seg);
