@@ -75,6 +75,12 @@ inline U8* bytePointer(void* memory)
     return static_cast<U8*>(memory);
 }
 
+// A segment and its list of free runs.
+struct ListState {
+    TMMSegInfo segment;
+    std::vector<std::pair<TMMBlkStr*, TMMNode>> runs;
+};
+
 template <Search search> class Velmora
 {
 public:
@@ -92,22 +98,17 @@ public:
     std::uint64_t largestBytes() const { return std::uint64_t(MM_GetLargestBlk(handle_)) * kUnit; }
     bool indexed() const { return MM_HasRunIndex(handle_); }
 
-    // The list of free runs as it stands, and a segment that has just been started with such a list. A segment that
-    // walks can be put into the state that one with an index has reached: getting there by walking takes minutes.
-    struct State {
-        TMMSegInfo segment;
-        std::vector<std::pair<TMMBlkStr*, TMMNode>> runs;
-    };
-
-    State state() const
+    // A segment that walks can be put into the state that one with an index has reached: getting there by walking
+    // takes minutes.
+    ListState state() const
     {
-        State state{stSegTable[handle_], {}};
+        ListState state{stSegTable[handle_], {}};
         for (TMMBlkStr* run = astBlkHead[handle_].pstBlk; run != nullptr; run = run->pstNext)
             state.runs.emplace_back(run, MM_ReadNode(run));
         return state;
     }
 
-    void restore(const State& state)
+    void restore(const ListState& state)
     {
         expect(!indexed(), "an index and a list that it did not see");
         stSegTable[handle_] = state.segment;

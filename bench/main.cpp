@@ -125,7 +125,14 @@ private:
             // Google Benchmark calls again when it wants more iterations; a pass is one.
             const std::size_t count = results_[name].samples;
             work->prepare();
+            bool prepared = true;
             for (auto _ : state) {
+                if (!prepared && count < work->operations()) { // a pass cut short does not end as it began
+                    state.PauseTiming();
+                    work->prepare();
+                    state.ResumeTiming();
+                }
+                prepared = false;
                 if constexpr (requires { work->before(0); }) {
                     for (std::size_t i = 0; i < count; ++i) {
                         state.PauseTiming();
@@ -192,8 +199,8 @@ private:
     {
         Effort effort;
         if (options_.quick) {
-            effort.passes = 2;
-            effort.secondsPerPass = 0.05;
+            effort.passes = 3;
+            effort.secondsPerPass = 0.03;
         }
         return effort;
     }

@@ -27,8 +27,8 @@
 namespace bench {
 
 struct Effort {
-    unsigned passes = 3;
-    double secondsPerPass = 0.15; // what does not fit is left out, and the rest measured twice as often
+    unsigned passes = 5;
+    double secondsPerPass = 0.15; // where a whole pass would take six times as long: the rest is left out
     std::size_t batch = 16;
 };
 
@@ -78,7 +78,7 @@ public:
         Shortest shortest(count_);
         std::vector<std::uint32_t> first(count_);
         std::uint64_t worst = 0;
-        for (unsigned pass = 0; pass < passes(); ++pass) {
+        for (unsigned pass = 0; pass < effort_.passes; ++pass) {
             work_.prepare();
             const Deadline deadline(effort_.secondsPerPass);
             for (std::size_t i = 0; i < count_; ++i) {
@@ -90,7 +90,7 @@ public:
                 worst = std::max(worst, taken);
                 if (pass == 0) {
                     first[i] = static_cast<std::uint32_t>(taken);
-                    if ((i + 1) % kStep == 0 && deadline.passed())
+                    if ((i + 1) % kStep == 0 && deadline.wouldTake(6, static_cast<double>(i + 1) / static_cast<double>(count_)))
                         count_ = i + 1;
                 }
             }
@@ -112,7 +112,7 @@ public:
         const std::size_t batch = std::min(effort_.batch, count_);
         const std::size_t batches = count_ / batch;
         Shortest shortest(batches);
-        for (unsigned pass = 0; pass < passes(); ++pass) {
+        for (unsigned pass = 0; pass < effort_.passes; ++pass) {
             work_.prepare();
             for (std::size_t b = 0; b < batches; ++b) {
                 makeReady(work_, b * batch);
@@ -131,7 +131,7 @@ public:
         if constexpr (Work::kLocks) {
             Shortest shortest(count_);
             bench::lockHold.timed = false;
-            for (unsigned pass = 0; pass < passes(); ++pass) {
+            for (unsigned pass = 0; pass < effort_.passes; ++pass) {
                 work_.prepare();
                 for (std::size_t i = 0; i < count_; ++i) {
                     makeReady(work_, i);
@@ -149,18 +149,19 @@ public:
 private:
     static constexpr std::size_t kStep = 16; // a pass is cut short between steps of a workload only
 
-    // Long operations are interrupted more often.
-    unsigned passes() const { return count_ < work_.operations() ? 2 * effort_.passes : effort_.passes; }
-
     // In processor time, which is looked at only once the wall's time is up.
     class Deadline
     {
     public:
         explicit Deadline(double seconds) : seconds_(seconds) {}
-        bool passed() const
+        // The time is up, and all the work would take so many times as long, going by the part that is done.
+        bool wouldTake(double times, double part) const
         {
             const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - start_;
-            return wall.count() >= seconds_ && double(std::clock() - processor_) / CLOCKS_PER_SEC >= seconds_;
+            if (wall.count() < seconds_)
+                return false;
+            const double processor = double(std::clock() - processor_) / CLOCKS_PER_SEC;
+            return processor >= seconds_ && processor >= times * seconds_ * part;
         }
 
     private:

@@ -39,11 +39,12 @@ public:
             if (!built_) {
                 Velmora<Search::Index> fast;
                 build(fast);
-                built_.emplace(Built{fast.state(), slots_});
+                built_.emplace(Built{fast.state(), slots_, sizes_});
             }
             contender_.start(sequence_.areaUnits);
             contender_.restore(built_->state);
             slots_ = built_->slots;
+            sizes_ = built_->sizes;
         } else {
             build(contender_);
         }
@@ -62,9 +63,9 @@ public:
 
 private:
     struct Built {
-        Velmora<Search::Walk>::State state;
+        ListState state;
         std::vector<void*> slots;
-        Built(Velmora<Search::Index>::State from, std::vector<void*> held) : state{from.segment, std::move(from.runs)}, slots(std::move(held)) {}
+        std::vector<std::uint32_t> sizes;
     };
 
     template <class C> void perform(C& contender, const Op& op)
