@@ -471,7 +471,7 @@ TEST_P(RandomWork, LeavesMemoryAsThePlainPictureHasIt)
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Seeds, RandomWork, ::testing::Range(0U, 150U));
+INSTANTIATE_TEST_SUITE_P(Seeds, RandomWork, ::testing::Range(0U, 100U));
 
 } // namespace
 } // namespace velmora::test
