@@ -2,7 +2,7 @@
 # Builds velmora_mm.ko for a kernel tree and prints its path last. The sources stay clean: Kbuild works in a
 # tree of links under build/module/, one for each kernel tree. Beside the module lie the headers for other
 # kernel code (include/) and the checksums of its exported entries (Module.symvers).
-#   KDIR=kernel-tree [ARCH=arm] [CROSS_COMPILE=arm-linux-gnueabihf-] scripts/target-module.sh [FOLDER]
+#   KDIR=kernel-tree [ARCH=arm] [CROSS_COMPILE=arm-linux-gnueabihf-] [STRICT=1] scripts/target-module.sh [FOLDER]
 # Without KDIR Debian's ARMv7 kernel is taken. FOLDER: another module of this repository, built against velmora_mm.
 set -eu
 called_from=$PWD
@@ -36,13 +36,18 @@ cp -rs "$root/tests/target" "$tree/tests/"
 extra=
 [ "$folder" = kernel/linux ] || extra="KBUILD_EXTRA_SYMBOLS=$place/Module.symvers"
 log=$place/$(basename "$folder").log
-# Warnings of the module's own sources and unresolved symbols are errors.
 status=0
 ${MAKE:-make} --no-print-directory -C "$kdir" M="$tree/$folder" ARCH="${ARCH:-arm}" \
     CROSS_COMPILE="${CROSS_COMPILE:-arm-linux-gnueabihf-}" $extra modules >"$log" 2>&1 || status=$?
 cat "$log"
 [ "$status" -eq 0 ] || exit "$status"
-if grep -E "WARNING: (modpost: )?.*undefined!|/$folder/.*warning:" "$log" >/dev/null; then
+# Old kernels only warn of a symbol that they do not export; without a list of what they export nobody can tell.
+if [ -e "$kdir/Module.symvers" ] && grep -E 'WARNING:.*undefined!' "$log" >/dev/null; then
+    echo "target-module.sh: the module needs symbols that this kernel does not export" >&2
+    exit 1
+fi
+# With old kernels' headers new compilers find something to say; the tests allow nothing.
+if [ -n "${STRICT:-}" ] && grep -E 'warning:|WARNING:' "$log" >/dev/null; then
     echo "target-module.sh: the build printed warnings" >&2
     exit 1
 fi

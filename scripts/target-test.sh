@@ -11,7 +11,7 @@ unset KDIR
 mkdir -p "$work/image/lib" "$work/image/sessions"
 # Builds what it is given as target-module.sh does; the path that it printed last.
 build() {
-    scripts/target-module.sh "$@" >"$work/module.log" || {
+    STRICT=1 scripts/target-module.sh "$@" >"$work/module.log" || {
         cat "$work/module.log" >&2
         exit 1
     }
