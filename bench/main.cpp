@@ -199,7 +199,7 @@ private:
     {
         Effort effort;
         if (options_.quick) {
-            effort.passes = 3;
+            effort.passes = 2;
             effort.secondsPerPass = 0.03;
         }
         return effort;
@@ -215,7 +215,7 @@ private:
 
     void addChurn()
     {
-        for (const unsigned occupancy : {50u, 80u, 95u})
+        for (const unsigned occupancy : options_.quick ? std::vector{50u, 95u} : std::vector{50u, 80u, 95u})
             for (const std::uint32_t size : sizes())
                 addAll<SequenceWork>({.workload = "churn", .occupancy = occupancy, .size = size}, effort(),
                                      std::make_shared<const Sequence>(churn(size, occupancy, operations(size))));
@@ -225,6 +225,8 @@ private:
     {
         std::vector<std::uint32_t> runs = sizes();
         runs.insert(runs.begin(), {2, 4, 8}); // where a walk is short
+        if (options_.quick)
+            runs.erase(runs.begin());
         for (const std::uint32_t size : runs)
             addAll<SequenceWork>({.workload = "comb", .size = size}, effort(),
                                  std::make_shared<const Sequence>(comb(size, operations(0) / 4)));
