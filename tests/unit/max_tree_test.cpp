@@ -16,9 +16,9 @@ struct Tree {
     CMMMaxTree tree;
 };
 
-U32 lastAtLeast(const std::vector<U32>& numbers, U32 last, U32 least)
+U32 lastAtLeast(const std::vector<U32>& numbers, U32 limit, U32 least)
 {
-    for (U32 i = last + 1; i > 0; --i)
+    for (U32 i = limit; i > 0; --i)
         if (numbers[i - 1] >= least)
             return i - 1;
     return CMMMaxTree::NONE;
@@ -38,7 +38,9 @@ TEST(MaxTree, AnEmptyTreeFindsNothing)
     for (const U32 count : {1u, 16u, 17u, 5000u}) {
         const Tree t(count);
         EXPECT_EQ(t.tree.Max(), 0u);
-        EXPECT_EQ(t.tree.FindLast(count - 1, 1), CMMMaxTree::NONE);
+        EXPECT_EQ(t.tree.FindLast(1), CMMMaxTree::NONE);
+        EXPECT_EQ(t.tree.FindLastBelow(count, 1), CMMMaxTree::NONE);
+        EXPECT_EQ(t.tree.FindLastBelow(0, 1), CMMMaxTree::NONE);
     }
 }
 
@@ -47,8 +49,8 @@ TEST(MaxTree, TheFirstElementIsFoundFromTheLast)
     for (const U32 count : {1u, 2u, 16u, 17u, 256u, 257u, 4096u, 4097u, 70000u}) {
         Tree t(count);
         t.tree.Set(0, 5);
-        EXPECT_EQ(t.tree.FindLast(count - 1, 5), 0u) << count;
-        EXPECT_EQ(t.tree.FindLast(count - 1, 6), CMMMaxTree::NONE) << count;
+        EXPECT_EQ(t.tree.FindLast(5), 0u) << count;
+        EXPECT_EQ(t.tree.FindLast(6), CMMMaxTree::NONE) << count;
         t.tree.Set(0, 0);
         EXPECT_EQ(t.tree.Max(), 0u);
     }
@@ -58,9 +60,9 @@ TEST(MaxTree, ElementsAboveTheLimitAreNotFound)
 {
     Tree t(600);
     t.tree.Set(300, 9);
-    EXPECT_EQ(t.tree.FindLast(299, 1), CMMMaxTree::NONE);
-    EXPECT_EQ(t.tree.FindLast(300, 1), 300u);
-    EXPECT_EQ(t.tree.FindLast(599, 9), 300u);
+    EXPECT_EQ(t.tree.FindLastBelow(300, 1), CMMMaxTree::NONE);
+    EXPECT_EQ(t.tree.FindLastBelow(301, 1), 300u);
+    EXPECT_EQ(t.tree.FindLast(9), 300u);
 }
 
 TEST(MaxTree, RandomSequencesAnswerAsAPlainArrayDoes)
@@ -76,9 +78,10 @@ TEST(MaxTree, RandomSequencesAnswerAsAPlainArrayDoes)
             plain[index] = value;
             ASSERT_EQ(t.tree.Get(index), value);
             ASSERT_EQ(t.tree.Max(), *std::max_element(plain.begin(), plain.end())) << count << " step " << step;
-            const U32 last = random() % count;
+            const U32 limit = random() % (count + 1);
             const U32 least = 1 + random() % 55;
-            ASSERT_EQ(t.tree.FindLast(last, least), lastAtLeast(plain, last, least)) << count << " step " << step;
+            ASSERT_EQ(t.tree.FindLastBelow(limit, least), lastAtLeast(plain, limit, least)) << count << " step " << step;
+            ASSERT_EQ(t.tree.FindLast(least), lastAtLeast(plain, count, least)) << count << " step " << step;
         }
         EXPECT_EQ(t.storage.back(), 0xDEADBEEFu);
     }

@@ -12,6 +12,19 @@ class RunIndex : public ManagerTest
 {
 protected:
     ~RunIndex() override { MM_UseRunIndex(TRUE); }
+
+    // A segment whose top 64 blocks are a comb of 32 single free blocks: enough runs to wake its index. Below them
+    // lies one long run from the segment's first address.
+    static U32 createComb(const char* name, U32 bytes, U32 blockBytes)
+    {
+        const U32 handle = createBlocks(name, bytes, blockBytes);
+        EXPECT_NE(MM_AllocBlock(handle, 64, 0), 0u);
+        const U32 end = MM_Addr(stSegTable[handle].pubEndAddr);
+        for (U32 i = 1; i <= 64; i += 2)
+            MM_FreeBlock(handle, at(end - i * blockBytes), 1);
+        EXPECT_NE(MM_AwakeRunIndex(handle), nullptr);
+        return handle;
+    }
 };
 
 struct Shape {
@@ -144,6 +157,26 @@ TEST_F(RunIndex, ManySegmentsShareTheTables)
     EXPECT_TRUE(MM_HasRunIndex(HEAPHANDLE));
 }
 
+TEST_F(RunIndex, AnIndexSleepsWhileThereAreFewRuns)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 end = MM_Addr(stSegTable[handle].pubEndAddr);
+    ASSERT_NE(MM_AllocBlock(handle, 200, 0), 0u);
+    const auto block = [=](U32 i) { return at(end - (2 * i + 1) * 64); };
+    for (U32 i = 0; i < WAKE_RUNS - 1; ++i)
+        ASSERT_EQ(MM_FreeBlock(handle, block(i), 1), U32(ENOERR));
+    EXPECT_EQ(MM_AwakeRunIndex(handle), nullptr); // with the long run: WAKE_RUNS
+    ASSERT_EQ(MM_FreeBlock(handle, block(WAKE_RUNS - 1), 1), U32(ENOERR));
+    EXPECT_NE(MM_AwakeRunIndex(handle), nullptr);
+    for (U32 i = 0; i < WAKE_RUNS - SLEEP_RUNS + 1; ++i)
+        ASSERT_NE(MM_AllocBlock(handle, 1, 0), 0u);
+    EXPECT_NE(MM_AwakeRunIndex(handle), nullptr);
+    ASSERT_NE(MM_AllocBlock(handle, 1, 0), 0u);
+    EXPECT_EQ(MM_AwakeRunIndex(handle), nullptr);
+    EXPECT_TRUE(MM_HasRunIndex(handle));
+}
+
 TEST_F(RunIndex, AStartOfTheLibraryGivesTheTablesBack)
 {
     start();
@@ -159,7 +192,7 @@ TEST_F(RunIndex, AStartOfTheLibraryGivesTheTablesBack)
 TEST_F(RunIndex, AReleaseThatOverlapsAFreeRunDropsTheIndex)
 {
     start();
-    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 handle = createComb("BLK0", 0x10000, 64);
     ASSERT_NE(MM_AllocBlock(handle, 10, 0), 0u);
     const U32 start = MM_Addr(stSegTable[handle].pubStartAddr);
     EXPECT_EQ(MM_FreeBlk(handle, at(start + 640), 1), U32(ENOERR)); // free already, but not at a run's first address
@@ -169,16 +202,16 @@ TEST_F(RunIndex, AReleaseThatOverlapsAFreeRunDropsTheIndex)
 TEST_F(RunIndex, AReleasePastTheSegmentsEndDropsTheIndex)
 {
     start();
-    const U32 handle = createBlocks("BLK0", 0x10000, 64);
-    const U32 address = MM_AllocBlock(handle, 2, 0);
-    EXPECT_EQ(MM_FreeBlk(handle, at(address), 3), U32(EASSERT)); // counters turn negative
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    const U32 end = MM_Addr(stSegTable[handle].pubEndAddr);
+    EXPECT_EQ(MM_FreeBlk(handle, at(end - 128), 3), U32(ENOERR)); // an allocated block, a free one, one that is not there
     EXPECT_FALSE(MM_HasRunIndex(handle));
 }
 
 TEST_F(RunIndex, ADoubleReleaseKeepsTheIndex)
 {
     start();
-    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 handle = createComb("BLK0", 0x10000, 64);
     EXPECT_EQ(MM_FreeBlk(handle, stSegTable[handle].pubStartAddr, 1), U32(EASSERT));
     EXPECT_TRUE(MM_HasRunIndex(handle));
     EXPECT_TRUE(MM_RunIndexAgrees(handle));
@@ -187,16 +220,14 @@ TEST_F(RunIndex, ADoubleReleaseKeepsTheIndex)
 TEST_F(RunIndex, AClaimThatLeavesAWholeListKeepsTheIndexAnotherDropsIt)
 {
     start();
-    const U32 kept = createBlocks("BLK0", 0x10000, 64);
+    const U32 kept = createComb("BLK0", 0x10000, 64);
     const U32 start = MM_Addr(stSegTable[kept].pubStartAddr);
-    EXPECT_EQ(MM_ReallocBlock(kept, at(start + 64 * 20), 5), U32(ENOERR)); // inside the only run
+    EXPECT_EQ(MM_ReallocBlock(kept, at(start + 64 * (960 - 5)), 5), U32(ENOERR)); // the end of the long run
     EXPECT_TRUE(MM_HasRunIndex(kept));
     EXPECT_TRUE(MM_RunIndexAgrees(kept));
-    EXPECT_EQ(MM_FreeBlock(kept, at(start + 64 * 20), 5), U32(ENOERR));
-    EXPECT_EQ(MM_GetLargestBlk(kept), 1024u);
+    EXPECT_EQ(MM_GetLargestBlk(kept), 955u);
 
-    // The run above keeps its link to the run that was split: links that do not agree.
-    EXPECT_EQ(MM_ReallocBlock(kept, at(start + 64 * 500), 5), U32(ENOERR));
+    // The run above keeps its link to the run that is split: links that do not agree.
     EXPECT_EQ(MM_ReallocBlock(kept, at(start + 64 * 100), 5), U32(ENOERR));
     EXPECT_FALSE(MM_HasRunIndex(kept));
 }
@@ -204,7 +235,7 @@ TEST_F(RunIndex, AClaimThatLeavesAWholeListKeepsTheIndexAnotherDropsIt)
 TEST_F(RunIndex, MemoryThatIsWrittenWhereAHeaderLiesDropsTheIndex)
 {
     start();
-    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 handle = createComb("BLK0", 0x10000, 64);
     const U32 first = MM_AllocBlock(handle, 100, 0);
     const U32 run = MM_Addr(stSegTable[handle].pubStartAddr);
     const struct {
@@ -215,7 +246,7 @@ TEST_F(RunIndex, MemoryThatIsWrittenWhereAHeaderLiesDropsTheIndex)
                  {0xFFFFFFFF, 1, true}};
     for (const auto& c : cases) {
         MM_BuildRunIndex(handle);
-        ASSERT_TRUE(MM_HasRunIndex(handle));
+        ASSERT_NE(MM_AwakeRunIndex(handle), nullptr);
         MM_MemoryWritten(c.address, c.bytes);
         EXPECT_EQ(MM_HasRunIndex(handle), c.kept) << c.address << "+" << c.bytes;
     }
@@ -224,7 +255,7 @@ TEST_F(RunIndex, MemoryThatIsWrittenWhereAHeaderLiesDropsTheIndex)
 TEST_F(RunIndex, AFillByCommandIsNoticed)
 {
     start();
-    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 handle = createComb("BLK0", 0x10000, 64);
     const TMemsetInfo info{MM_Addr(stSegTable[handle].pubStartAddr), 0, 4};
     std::memcpy(at(sim::kScratch), &info, sizeof info);
     EXPECT_EQ(Velmora_MM_ioctl(MM_CMD_MEMSET, sim::kScratch), 0);
@@ -252,7 +283,7 @@ TEST_F(RunIndex, SegmentsThatShareMemoryWalk)
 TEST_F(RunIndex, AChunkThatDoesNotHoldWhatTheIndexSaysDropsIt)
 {
     start();
-    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 handle = createComb("BLK0", 0x10000, 64);
     const U32 run = MM_Addr(stSegTable[handle].pubStartAddr);
     const U32 size = 3;
     std::memcpy(at(run + 8), &size, sizeof size); // behind the manager's back
@@ -264,10 +295,10 @@ TEST_F(RunIndex, AChunkThatDoesNotHoldWhatTheIndexSaysDropsIt)
 TEST_F(RunIndex, AListWithOtherEndsDropsIt)
 {
     start();
-    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 handle = createComb("BLK0", 0x10000, 64);
     astBlkTail[handle].pstBlk = nullptr;
-    EXPECT_FALSE(MM_HasRunIndex(handle));
     EXPECT_EQ(MM_AllocBlock(handle, 1, 0), 0u); // the list, from its tail, is empty
+    EXPECT_FALSE(MM_HasRunIndex(handle));
 }
 
 TEST_F(RunIndex, TheCostOfACallDoesNotGrowWithTheRuns)

@@ -21,9 +21,10 @@ TMMBlkStr* WalkToRun(TMMBlkStr* pstTail, U32 ulReqBlkNum)
 
 TMMBlkStr* FindRun(U32 hulHandle, U32 ulReqBlkNum)
 {
-    if (MM_HasRunIndex(hulHandle) && ulReqBlkNum - 1 < MAX_INDEXED_REQUEST) {
-        TMMBlkStr* const pstRun = MM_IndexedRun(hulHandle, ulReqBlkNum);
-        if (MM_HasRunIndex(hulHandle))
+    TMMRunIndex* const pstIndex = MM_AwakeRunIndex(hulHandle);
+    if (pstIndex != nullptr && ulReqBlkNum - 1 < MAX_INDEXED_REQUEST) {
+        TMMBlkStr* const pstRun = MM_IndexedRun(*pstIndex, ulReqBlkNum);
+        if (pstIndex->fKept)
             return pstRun;
     }
     TMMBlkStr* const pstTail = astBlkTail[hulHandle].pstBlk;

@@ -45,9 +45,9 @@ TMMNeighbours WalkToNeighbours(U32 hulHandle, U32 ulAddr)
 
 TMMNeighbours FindNeighbours(U32 hulHandle, U32 ulAddr, U32 ulBlkNo)
 {
-    if (MM_HasRunIndex(hulHandle)) {
-        const TMMNeighbours stNeighbours = MM_IndexedNeighbours(hulHandle, ulAddr, ulBlkNo);
-        if (MM_HasRunIndex(hulHandle))
+    if (TMMRunIndex* const pstIndex = MM_AwakeRunIndex(hulHandle)) {
+        const TMMNeighbours stNeighbours = MM_IndexedNeighbours(*pstIndex, ulAddr, ulBlkNo);
+        if (pstIndex->fKept)
             return stNeighbours;
     }
     return WalkToNeighbours(hulHandle, ulAddr);
@@ -106,10 +106,12 @@ U32 InsertRun(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
             MM_SetBack(MM_Next(pstNew), pstLower);
     }
 
-    TMMBlkStr* const pstResult = fAbsorbed ? pstLower : pstNew;
     if (ulUpperSize != 0)
-        MM_IndexRunRemoved(hulHandle, pstUpper, ulUpperSize, pstResult);
-    MM_IndexRunGrown(hulHandle, pstResult);
+        MM_IndexRunRemoved(hulHandle, pstUpper, ulUpperSize, fAbsorbed ? pstLower : pstNew);
+    if (fAbsorbed)
+        MM_IndexRunGrown(hulHandle, pstLower);
+    else
+        MM_IndexRunAdded(hulHandle, pstNew);
     return ENOERR;
 }
 

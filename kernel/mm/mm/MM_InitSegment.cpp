@@ -259,8 +259,8 @@ U32 MM_FindNewLargestBlk(U32 hulHandle)
         const TStackStr& stStack = astStackStr[hulHandle];
         return (MM_Addr(stStack.pubStackHead) - MM_Addr(stStack.pubStackTail)) >> stSegTable[hulHandle].ubBlkBit;
     }
-    if (MM_HasRunIndex(hulHandle))
-        return MM_IndexedLargest(hulHandle);
+    if (const TMMRunIndex* const pstIndex = MM_AwakeRunIndex(hulHandle))
+        return pstIndex->clLongest.Max();
     const TMMBlkStr* pstLargest = MM_LargestNode(astBlkHead[hulHandle].pstBlk);
     return pstLargest == nullptr ? 0 : MM_Size(pstLargest);
 }

@@ -34,6 +34,7 @@ public:
     void Init(U32* pulStorage, U32 ulCount)
     {
         ulLevels = 0;
+        ulMax = 0;
         for (;;) {
             apulLevel[ulLevels++] = pulStorage;
             const U32 ulWords = Groups(ulCount) * FANOUT;
@@ -52,47 +53,48 @@ public:
     void Set(U32 ulIdx, U32 ulValue)
     {
         U32 ulOld = apulLevel[0][ulIdx];
-        apulLevel[0][ulIdx] = ulValue;
-        for (U32 ulLevel = 1; ulLevel < ulLevels && ulValue != ulOld; ++ulLevel) {
+        for (U32 ulLevel = 0; ulValue != ulOld; ++ulLevel) {
+            apulLevel[ulLevel][ulIdx] = ulValue;
             const U32 ulGroup = ulIdx / FANOUT;
-            U32& ulMax = apulLevel[ulLevel][ulGroup];
-            const U32 ulOldMax = ulMax;
-            if (ulValue > ulMax)
-                ulMax = ulValue;
-            else if (ulOld == ulMax)
-                ulMax = MaxOfGroup(apulLevel[ulLevel - 1] + ulGroup * FANOUT);
-            ulOld = ulOldMax;
-            ulValue = ulMax;
+            const bool fTop = ulLevel + 1 == ulLevels;
+            const U32 ulAbove = fTop ? ulMax : apulLevel[ulLevel + 1][ulGroup];
+            U32 ulNew = ulAbove;
+            if (ulValue > ulAbove)
+                ulNew = ulValue;
+            else if (ulOld == ulAbove)
+                ulNew = MaxOfGroup(apulLevel[ulLevel] + ulGroup * FANOUT);
+            if (fTop) {
+                ulMax = ulNew;
+                return;
+            }
+            ulOld = ulAbove;
+            ulValue = ulNew;
             ulIdx = ulGroup;
         }
     }
 
     /* The largest element. */
-    U32 Max() const { return MaxOfGroup(apulLevel[ulLevels - 1]); }
+    U32 Max() const { return ulMax; }
 
-    /* The highest index at or below ulLast whose element is at least ulLeast (1 or more); NONE when there is
-     * none. */
-    U32 FindLast(U32 ulLast, U32 ulLeast) const
+    /* The highest index whose element is at least ulLeast (1 or more); NONE when there is none. */
+    U32 FindLast(U32 ulLeast) const
     {
-        U32 ulIdx = ulLast;
-        U32 ulLevel = 0;
+        if (ulMax < ulLeast)
+            return NONE;
+        return Descend(ulLevels - 1, LastInGroup(ulLevels - 1, FANOUT - 1, ulLeast), ulLeast);
+    }
 
-        /* Up: until the rest of a group, at and below ulIdx, holds an element that is large enough. */
-        for (;;) {
-            const U32 ulFound = LastInGroup(ulLevel, ulIdx, ulLeast);
-            if (ulFound != NONE) {
-                ulIdx = ulFound;
-                break;
-            }
-            const U32 ulGroup = ulIdx / FANOUT;
-            if (++ulLevel >= ulLevels || ulGroup == 0)
-                return NONE;
-            ulIdx = ulGroup - 1;
+    /* The highest index below ulLimit whose element is at least ulLeast (1 or more); NONE when there is none. */
+    U32 FindLastBelow(U32 ulLimit, U32 ulLeast) const
+    {
+        /* Up: until the rest of a group holds an element that is large enough. */
+        for (U32 ulLevel = 0; ulLevel < ulLevels && ulLimit > 0; ++ulLevel) {
+            const U32 ulFound = LastInGroup(ulLevel, ulLimit - 1, ulLeast);
+            if (ulFound != NONE)
+                return Descend(ulLevel, ulFound, ulLeast);
+            ulLimit = (ulLimit - 1) / FANOUT;
         }
-        /* Down: the last of each group below it. */
-        while (ulLevel > 0)
-            ulIdx = LastInGroup(--ulLevel, ulIdx * FANOUT + FANOUT - 1, ulLeast);
-        return ulIdx;
+        return NONE;
     }
 
 private:
@@ -100,25 +102,38 @@ private:
 
     static U32 MaxOfGroup(const U32* pulGroup)
     {
-        U32 ulMax = 0;
+        U32 ulLargest = 0;
+#pragma GCC unroll 16
         for (U32 ulIdx = 0; ulIdx < FANOUT; ++ulIdx)
-            ulMax = pulGroup[ulIdx] > ulMax ? pulGroup[ulIdx] : ulMax;
-        return ulMax;
+            ulLargest = pulGroup[ulIdx] > ulLargest ? pulGroup[ulIdx] : ulLargest;
+        return ulLargest;
     }
 
-    /* From ulIdx down to the first element of its group. */
+    /* From ulIdx down to the first element of its group; NONE when none is large enough. All are compared: one
+     * jump that is guessed wrong costs more. */
     U32 LastInGroup(U32 ulLevel, U32 ulIdx, U32 ulLeast) const
     {
-        const U32* pulLevel = apulLevel[ulLevel];
         const U32 ulFirst = ulIdx & ~(FANOUT - 1);
-        for (U32 ulAt = ulIdx + 1; ulAt > ulFirst; --ulAt)
-            if (pulLevel[ulAt - 1] >= ulLeast)
-                return ulAt - 1;
-        return NONE;
+        const U32* pulGroup = apulLevel[ulLevel] + ulFirst;
+        U32 ulMask = 0;
+#pragma GCC unroll 16
+        for (U32 ulAt = FANOUT; ulAt > 0; --ulAt)
+            ulMask = ulMask * 2 + (pulGroup[ulAt - 1] >= ulLeast);
+        ulMask &= (2u << (ulIdx - ulFirst)) - 1;
+        return ulMask == 0 ? NONE : ulFirst + 31 - static_cast<U32>(__builtin_clz(ulMask));
+    }
+
+    /* From an element of a level to the last leaf below it that is large enough. */
+    U32 Descend(U32 ulLevel, U32 ulIdx, U32 ulLeast) const
+    {
+        while (ulLevel > 0)
+            ulIdx = LastInGroup(--ulLevel, ulIdx * FANOUT + FANOUT - 1, ulLeast);
+        return ulIdx;
     }
 
     U32* apulLevel[MAX_LEVELS];
     U32 ulLevels;
+    U32 ulMax;
 };
 
 #endif

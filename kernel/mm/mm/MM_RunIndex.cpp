@@ -4,7 +4,8 @@
 #include "MM_RunIndex.h"
 
 #include "MM_List.h"
-#include "MM_MaxTree.h"
+
+TMMRunIndex astRunIndex[MAX_SEGTABLE_SIZE];
 
 namespace {
 
@@ -13,25 +14,12 @@ constexpr U32 SMALLEST_SHARE = 512;     /* what a segment of many gets */
 constexpr U32 HELD_BACK_WORDS = SMALLEST_SHARE * MAX_SEGTABLE_SIZE;
 constexpr U32 NODE_BYTES = 12;          /* what a run's header takes */
 constexpr U8 MIN_BLK_BIT = 4;           /* blocks that hold a header */
-
-struct TMMRunIndex {
-    bool fKept;
-    U8 ubChunkBit;  /* log2 of a chunk's bytes */
-    U8 ubBlkBit;
-    U32 ulStart;    /* first address of the segment's blocks, of its lowest piece for the heap */
-    U32 ulEnd;      /* past the last one */
-    U32 ulChunks;
-    const TMMBlkStr* pstHead; /* the list's ends when the index last saw it: a list with others is not its list */
-    const TMMBlkStr* pstTail;
-    U32* pulTop;    /* for each chunk: the run that starts highest in it, 0 when none does */
-    CMMMaxTree clLongest; /* for each chunk: size of the longest run that starts in it, blocks */
-};
+constexpr U8 CHUNK_BLK_BIT = 3;         /* a chunk has 8 blocks, four runs at the most, where there is room */
 
 U32 aulPool[POOL_WORDS];
 U32 ulPoolUsed;
 bool fNoIndex; /* segments walk: zero-initialised, so that indexes are the rule */
-TMMRunIndex astRunIndex[MAX_SEGTABLE_SIZE];
-static_assert(sizeof(aulPool) + sizeof(astRunIndex) <= 1024 * 1024);
+static_assert(sizeof(aulPool) + MAX_SEGTABLE_SIZE * sizeof(TMMRunIndex) <= 1024 * 1024);
 
 struct TMMSpan {
     U32 ulStart, ulEnd;
@@ -124,18 +112,53 @@ void NoteEnds(U32 hulHandle, TMMRunIndex& stIndex)
     stIndex.pstTail = astBlkTail[hulHandle].pstBlk;
 }
 
-bool FillTables(U32 hulHandle, TMMRunIndex& stIndex)
+/* Enters a run that is new or longer. */
+void PutRun(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulSize)
 {
+    const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
+    if (MM_Addr(pstRun) > stIndex.pulTop[ulChunk])
+        stIndex.pulTop[ulChunk] = MM_Addr(pstRun);
+    if (ulSize > stIndex.clLongest.Get(ulChunk))
+        stIndex.clLongest.Set(ulChunk, ulSize);
+}
+
+/* Fills the empty tables from the list. */
+void Wake(U32 hulHandle, TMMRunIndex& stIndex)
+{
+    stIndex.ulRuns = 0;
+    stIndex.fAwake = true;
     NoteEnds(hulHandle, stIndex);
+    stIndex.fKept = VisitRuns(hulHandle, stIndex, [&](TMMBlkStr* pstRun, U32 ulSize) {
+        PutRun(stIndex, pstRun, ulSize);
+        ++stIndex.ulRuns;
+    });
+}
+
+/* Empties the tables, which know the runs of the list. */
+void Sleep(U32 hulHandle, TMMRunIndex& stIndex)
+{
+    stIndex.fAwake = false;
+    stIndex.fKept = VisitRuns(hulHandle, stIndex, [&](TMMBlkStr* pstRun, U32) {
+        const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
+        stIndex.pulTop[ulChunk] = 0;
+        stIndex.clLongest.Set(ulChunk, 0);
+    });
+}
+
+void EmptyTables(TMMRunIndex& stIndex)
+{
     stIndex.clLongest.Init(stIndex.pulTop + stIndex.ulChunks, stIndex.ulChunks);
     for (U32 ulChunk = 0; ulChunk < stIndex.ulChunks; ++ulChunk)
         stIndex.pulTop[ulChunk] = 0;
-    return VisitRuns(hulHandle, stIndex, [&](TMMBlkStr* pstRun, U32 ulSize) {
-        const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
-        stIndex.pulTop[ulChunk] = MM_Addr(pstRun);
-        if (ulSize > stIndex.clLongest.Get(ulChunk))
-            stIndex.clLongest.Set(ulChunk, ulSize);
-    });
+}
+
+/* Begins anew from the list, asleep unless it is long. */
+void Begin(U32 hulHandle, TMMRunIndex& stIndex)
+{
+    EmptyTables(stIndex);
+    Wake(hulHandle, stIndex);
+    if (stIndex.fKept && stIndex.ulRuns <= WAKE_RUNS)
+        Sleep(hulHandle, stIndex);
 }
 
 /* Words of the pool that a segment may take. The heap comes last and may have all that is left; another segment
@@ -156,7 +179,7 @@ bool TakeTables(U32 hulHandle, TMMRunIndex& stIndex)
 {
     const U32 ulShare = ShareOfPool(hulHandle);
 
-    for (stIndex.ubChunkBit = stIndex.ubBlkBit; stIndex.ubChunkBit < 32; ++stIndex.ubChunkBit) {
+    for (stIndex.ubChunkBit = static_cast<U8>(stIndex.ubBlkBit + CHUNK_BLK_BIT); stIndex.ubChunkBit < 32; ++stIndex.ubChunkBit) {
         stIndex.ulChunks = ((stIndex.ulEnd - stIndex.ulStart - 1) >> stIndex.ubChunkBit) + 1;
         if (stIndex.ulChunks > POOL_WORDS)
             continue;
@@ -180,7 +203,7 @@ void MeasureChunk(TMMRunIndex& stIndex, U32 ulChunk)
     stIndex.clLongest.Set(ulChunk, ulLongest);
 }
 
-TMMNeighbours NeighboursOf(U32 hulHandle, const TMMRunIndex& stIndex, U32 ulAddr)
+TMMNeighbours NeighboursOf(const TMMRunIndex& stIndex, U32 ulAddr)
 {
     const U32 ulChunk = ChunkOf(stIndex, ulAddr);
     TMMBlkStr* pstTop = MM_At<TMMBlkStr>(stIndex.pulTop[ulChunk]);
@@ -194,12 +217,12 @@ TMMNeighbours NeighboursOf(U32 hulHandle, const TMMRunIndex& stIndex, U32 ulAddr
         }
         return {pstLower, pstUpper};
     }
-    if (pstTop == nullptr && ulChunk > 0) {
-        const U32 ulBelow = stIndex.clLongest.FindLast(ulChunk - 1, 1);
+    if (pstTop == nullptr) {
+        const U32 ulBelow = stIndex.clLongest.FindLastBelow(ulChunk, 1);
         if (ulBelow != CMMMaxTree::NONE)
             pstTop = MM_At<TMMBlkStr>(stIndex.pulTop[ulBelow]);
     }
-    return {pstTop, pstTop == nullptr ? TMMRunList{hulHandle}.Head() : MM_Next(pstTop)};
+    return {pstTop, pstTop == nullptr ? const_cast<TMMBlkStr*>(stIndex.pstHead) : MM_Next(pstTop)};
 }
 
 } // namespace
@@ -229,14 +252,15 @@ void MM_BuildRunIndex(U32 hulHandle)
     stIndex.ubBlkBit = stSeg.ubBlkBit;
     stIndex.ulStart = stSpan.ulStart;
     stIndex.ulEnd = stSpan.ulEnd;
-    stIndex.fKept = TakeTables(hulHandle, stIndex) && FillTables(hulHandle, stIndex);
+    if (TakeTables(hulHandle, stIndex))
+        Begin(hulHandle, stIndex);
 }
 
 void MM_RefillRunIndex(U32 hulHandle)
 {
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
     if (stIndex.fKept)
-        stIndex.fKept = FillTables(hulHandle, stIndex);
+        Begin(hulHandle, stIndex);
 }
 
 void MM_DropRunIndex(U32 hulHandle)
@@ -246,16 +270,13 @@ void MM_DropRunIndex(U32 hulHandle)
 
 BOOL MM_HasRunIndex(U32 hulHandle)
 {
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (stIndex.fKept && (stIndex.pstHead != astBlkHead[hulHandle].pstBlk || stIndex.pstTail != astBlkTail[hulHandle].pstBlk))
-        stIndex.fKept = false;
-    return stIndex.fKept;
+    return astRunIndex[hulHandle].fKept;
 }
 
 BOOL MM_RunIndexAgrees(U32 hulHandle)
 {
     const TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (!stIndex.fKept)
+    if (!stIndex.fKept || !stIndex.fAwake)
         return TRUE;
 
     /* Runs come in order, so each chunk's are seen together; chunks between them must be empty. */
@@ -287,9 +308,9 @@ void MM_MemoryWritten(U32 ulAddr, U32 ulBytes)
 
     for (U32 hulHandle = 0; hulHandle < MAX_SEGTABLE_SIZE && ulBytes > 0; ++hulHandle) {
         TMMRunIndex& stIndex = astRunIndex[hulHandle];
-        if (!stIndex.fKept || ulAddr >= stIndex.ulEnd || ulLast < stIndex.ulStart)
+        if (!stIndex.fKept || !stIndex.fAwake || ulAddr >= stIndex.ulEnd || ulLast < stIndex.ulStart)
             continue;
-        const TMMBlkStr* pstRun = NeighboursOf(hulHandle, stIndex, ulLast < stIndex.ulEnd ? ulLast : stIndex.ulEnd - 1).pstLower;
+        const TMMBlkStr* pstRun = NeighboursOf(stIndex, ulLast < stIndex.ulEnd ? ulLast : stIndex.ulEnd - 1).pstLower;
         if (pstRun != nullptr && MM_Addr(pstRun) + NODE_BYTES > ulAddr)
             stIndex.fKept = false;
     }
@@ -302,10 +323,9 @@ void MM_RecheckRunIndexes(void)
             MM_DropRunIndex(hulHandle);
 }
 
-TMMBlkStr* MM_IndexedRun(U32 hulHandle, U32 ulReqBlkNum)
+TMMBlkStr* MM_IndexedRun(TMMRunIndex& stIndex, U32 ulReqBlkNum)
 {
-    const TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    const U32 ulChunk = stIndex.clLongest.FindLast(stIndex.ulChunks - 1, ulReqBlkNum);
+    const U32 ulChunk = stIndex.clLongest.FindLast(ulReqBlkNum);
     if (ulChunk == CMMMaxTree::NONE)
         return nullptr;
 
@@ -313,46 +333,50 @@ TMMBlkStr* MM_IndexedRun(U32 hulHandle, U32 ulReqBlkNum)
     for (; IsInChunk(stIndex, pstRun, ulChunk); pstRun = MM_Back(pstRun))
         if (MM_Size(pstRun) >= ulReqBlkNum)
             return pstRun;
-    MM_DropRunIndex(hulHandle);
+    stIndex.fKept = false;
     return nullptr;
 }
 
-TMMNeighbours MM_IndexedNeighbours(U32 hulHandle, U32 ulAddr, U32 ulBlkNo)
+TMMNeighbours MM_IndexedNeighbours(TMMRunIndex& stIndex, U32 ulAddr, U32 ulBlkNo)
 {
-    const TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    const TMMNeighbours stNeighbours = NeighboursOf(hulHandle, stIndex, ulAddr);
+    const TMMNeighbours stNeighbours = NeighboursOf(stIndex, ulAddr);
     const U32 ulLimit = stNeighbours.pstUpper == nullptr ? stIndex.ulEnd : MM_Addr(stNeighbours.pstUpper);
 
     const bool fApart = stNeighbours.pstLower == nullptr || MM_Addr(stNeighbours.pstLower) == ulAddr ||
                         MM_RunEnd(stNeighbours.pstLower, stIndex.ubBlkBit) <= ulAddr;
     if (!fApart || ulLimit <= ulAddr || ulBlkNo > (ulLimit - ulAddr) >> stIndex.ubBlkBit)
-        MM_DropRunIndex(hulHandle);
+        stIndex.fKept = false;
     return stNeighbours;
 }
 
-U32 MM_IndexedLargest(U32 hulHandle)
+void MM_IndexRunAdded(U32 hulHandle, TMMBlkStr* pstRun)
 {
-    return astRunIndex[hulHandle].clLongest.Max();
+    TMMRunIndex& stIndex = astRunIndex[hulHandle];
+    if (!stIndex.fKept)
+        return;
+    ++stIndex.ulRuns;
+    if (!stIndex.fAwake) {
+        if (stIndex.ulRuns > WAKE_RUNS)
+            Wake(hulHandle, stIndex);
+        return;
+    }
+    PutRun(stIndex, pstRun, MM_Size(pstRun));
+    NoteEnds(hulHandle, stIndex);
 }
 
 void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun)
 {
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (!stIndex.fKept)
+    if (!stIndex.fKept || !stIndex.fAwake)
         return;
-    const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
-    const U32 ulSize = MM_Size(pstRun);
-    if (MM_Addr(pstRun) > stIndex.pulTop[ulChunk])
-        stIndex.pulTop[ulChunk] = MM_Addr(pstRun);
-    if (ulSize > stIndex.clLongest.Get(ulChunk))
-        stIndex.clLongest.Set(ulChunk, ulSize);
+    PutRun(stIndex, pstRun, MM_Size(pstRun));
     NoteEnds(hulHandle, stIndex);
 }
 
 void MM_IndexRunShrunk(U32 hulHandle, TMMBlkStr* pstRun, U32 ulOldSize)
 {
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (!stIndex.fKept)
+    if (!stIndex.fKept || !stIndex.fAwake)
         return;
     const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
     if (ulOldSize == stIndex.clLongest.Get(ulChunk))
@@ -364,10 +388,15 @@ void MM_IndexRunRemoved(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize, T
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
     if (!stIndex.fKept)
         return;
+    --stIndex.ulRuns;
+    if (!stIndex.fAwake)
+        return;
     const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
     if (stIndex.pulTop[ulChunk] == MM_Addr(pstRun))
         stIndex.pulTop[ulChunk] = IsInChunk(stIndex, pstLower, ulChunk) ? MM_Addr(pstLower) : 0;
     if (ulOldSize == stIndex.clLongest.Get(ulChunk))
         MeasureChunk(stIndex, ulChunk);
     NoteEnds(hulHandle, stIndex);
+    if (stIndex.ulRuns < SLEEP_RUNS)
+        Sleep(hulHandle, stIndex);
 }

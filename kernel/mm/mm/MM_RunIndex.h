@@ -7,6 +7,9 @@
  * list itself is read, at most one chunk's worth of it. The tables are a megabyte in all, shared by the segments in
  * the order of their creation: a chunk is one block where there is room, more in large segments of small blocks.
  *
+ * A list of a few runs is walked faster than any index is kept, so an index sleeps, its tables empty, until its segment
+ * has more than WAKE_RUNS free runs, and again when they are fewer than SLEEP_RUNS.
+ *
  * The list is the truth. The index is kept only while a segment does ordinary things; whatever it is not
  * made for drops it, and the segment walks its list until it is initialised again:
  *   - blocks below 16 bytes, where the headers of neighbouring runs share bytes;
@@ -22,6 +25,7 @@
 #define MM_RUNINDEX_H
 
 #include "MM_Heap.h"
+#include "MM_MaxTree.h"
 
 extern "C" {
 /* FALSE: segments that are initialised from now on walk their lists. TRUE is the state at load. */
@@ -41,7 +45,7 @@ void MM_RefillRunIndex(U32 hulHandle);
 /* The segment walks its list from now on. */
 void MM_DropRunIndex(U32 hulHandle);
 
-/* True while a segment's index is kept. A list whose ends are not those that the index knows drops it. */
+/* True while a segment's index is kept, asleep or awake. */
 BOOL MM_HasRunIndex(U32 hulHandle);
 
 /* True when a kept index and the list agree in everything. */
@@ -78,14 +82,46 @@ inline void MM_FillMemory(U8* pubAddr, U8 ubByte, U32 ulBytes)
     MMP_MemSet(pubAddr, ubByte, ulBytes);
 }
 
-/* For segments with an index: -------------------------------------------------------------------------- */
+/* The index itself --------------------------------------------------------------------------------- */
+
+struct TMMRunIndex {
+    bool fKept;
+    bool fAwake;    /* the tables are filled and used */
+    U8 ubChunkBit;  /* log2 of a chunk's bytes */
+    U8 ubBlkBit;
+    U32 ulStart;    /* first address of the segment's blocks, of its lowest piece for the heap */
+    U32 ulEnd;      /* past the last one */
+    U32 ulChunks;
+    U32 ulRuns;     /* free runs */
+    const TMMBlkStr* pstHead; /* the list's ends when the index last saw it, awake: a list with others is not its list */
+    const TMMBlkStr* pstTail;
+    U32* pulTop;          /* for each chunk: the run that starts highest in it, 0 when none does */
+    CMMMaxTree clLongest; /* for each chunk: size of the longest run that starts in it, blocks */
+};
+
+constexpr U32 WAKE_RUNS = 24;
+constexpr U32 SLEEP_RUNS = 12;
+
+extern TMMRunIndex astRunIndex[MAX_SEGTABLE_SIZE];
+
+/* The segment's index when it may be asked: kept, awake, and the list's ends are those that it knows. Null
+ * otherwise: the list is walked. */
+inline TMMRunIndex* MM_AwakeRunIndex(U32 hulHandle)
+{
+    TMMRunIndex& stIndex = astRunIndex[hulHandle];
+    if (!stIndex.fKept || !stIndex.fAwake)
+        return nullptr;
+    if (stIndex.pstHead != astBlkHead[hulHandle].pstBlk || stIndex.pstTail != astBlkTail[hulHandle].pstBlk)
+        stIndex.fKept = false;
+    return stIndex.fKept ? &stIndex : nullptr;
+}
 
 /* Larger requests, and those of 0 blocks, are the walk's: it compares as signed numbers. */
 constexpr U32 MAX_INDEXED_REQUEST = 0x7FFFFFFF;
 
-/* The highest run of at least ulReqBlkNum blocks (1 to MAX_INDEXED_REQUEST), null when there is none. When the index is found
- * wrong it is dropped, and the result says nothing. */
-TMMBlkStr* MM_IndexedRun(U32 hulHandle, U32 ulReqBlkNum);
+/* The highest run of at least ulReqBlkNum blocks (1 to MAX_INDEXED_REQUEST), null when there is none. When the index is
+ * found wrong it is dropped, and the result says nothing. */
+TMMBlkStr* MM_IndexedRun(TMMRunIndex& stIndex, U32 ulReqBlkNum);
 
 /* The free runs on either side of a place. */
 struct TMMNeighbours {
@@ -95,13 +131,11 @@ struct TMMNeighbours {
 
 /* The neighbours of ulBlkNo blocks at ulAddr. The index is dropped, and the result says nothing, when the blocks are
  * no piece of allocated memory between two runs (a run that starts exactly at ulAddr is left to the caller). */
-TMMNeighbours MM_IndexedNeighbours(U32 hulHandle, U32 ulAddr, U32 ulBlkNo);
+TMMNeighbours MM_IndexedNeighbours(TMMRunIndex& stIndex, U32 ulAddr, U32 ulBlkNo);
 
-/* Longest free run, blocks. */
-U32 MM_IndexedLargest(U32 hulHandle);
-
-/* The list was changed: a run is new or larger, is shorter than its old size, was taken out (pstLower: the run
+/* The list was changed: a run is new, is longer, is shorter than its old size, was taken out (pstLower: the run
  * that now lies below its place, or null). Nothing for a segment without an index. */
+void MM_IndexRunAdded(U32 hulHandle, TMMBlkStr* pstRun);
 void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun);
 void MM_IndexRunShrunk(U32 hulHandle, TMMBlkStr* pstRun, U32 ulOldSize);
 void MM_IndexRunRemoved(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower);
