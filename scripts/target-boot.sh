@@ -29,7 +29,10 @@ if grep -E 'Oops|BUG:|WARNING:|Unable to handle|scheduling while atomic|lockdep|
     echo "target-boot.sh: the kernel reported trouble" >&2
     exit 1
 fi
-grep -q '^CONTROLLER finished$' "$log" || {
-    echo "target-boot.sh: the controller did not finish well within $seconds seconds" >&2
-    exit 1
-}
+grep -q '^CONTROLLER finished$' "$log" && exit 0
+if grep -q '^CONTROLLER failed$' "$log"; then
+    echo "target-boot.sh: something failed on the controller: see the lines above that begin with FAIL" >&2
+else
+    echo "target-boot.sh: the controller did not finish within $seconds seconds" >&2
+fi
+exit 1
