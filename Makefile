@@ -1,11 +1,13 @@
 # Front door. Each target installs the packages that it is missing, builds what changed and runs.
-#   make build | demo | test | coverage | clean | help
+#   make build | demo | test | bench | module | target-demo | help
 
 DOC ?=
 COPIES ?= 3
 DPI ?= 75
 
 .DEFAULT_GOAL := help
+include kernel/linux/target.mk
+include bench/bench.mk
 .PHONY: help build build-x86 build-arm demo test test-x86 test-arm test-sanitize coverage format lint clean
 
 help:
@@ -30,8 +32,9 @@ demo: build-x86
 	@scripts/setup.sh demo
 	@build/bin/print-job $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo
 
-## make test       every test: x86, ARMv7 under qemu-arm, sanitizers, coverage of kernel/
-test: test-x86 test-arm test-sanitize coverage
+## make test       every test: x86, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the module on an emulated controller
+test: test-x86 test-arm test-sanitize coverage test-target
+	@echo "All tests passed"
 
 test-x86: build-x86
 	@scripts/setup.sh demo
@@ -58,7 +61,7 @@ coverage:
 ## make format     rewrites the sources with clang-format;  make lint: clang-tidy over host, lib, tools, examples
 format:
 	@scripts/setup.sh lint
-	clang-format -i $$(git ls-files 'host/*' 'lib/*' 'tools/*' 'examples/*' 'tests/*' | grep -E '\.(h|hpp|cpp)$$')
+	clang-format -i $$(git ls-files 'host/*' 'lib/*' 'tools/*' 'examples/*' 'tests/*' 'bench/*' | grep -E '\.(h|hpp|cpp)$$')
 
 lint: build-x86
 	@scripts/setup.sh lint

@@ -6,6 +6,7 @@
 #include <functional>
 #include <iostream>
 #include <optional>
+#include <sstream>
 #include <string_view>
 #include <thread>
 #include <sys/klog.h>
@@ -98,29 +99,45 @@ struct Controller {
     std::function<std::vector<std::string>()> kernelLog;
 };
 
-std::vector<std::string> realKernelLog()
+// The kernel log of a real controller, read as it grows.
+class RealKernelLog
 {
-    constexpr int readAll = 3;
-    constexpr int bufferSize = 10;
-    std::string text(static_cast<std::size_t>(std::max(klogctl(bufferSize, nullptr, 0), 0)), '\0');
-    text.resize(static_cast<std::size_t>(std::max(klogctl(readAll, text.data(), static_cast<int>(text.size())), 0)));
-
-    // Each line carries a level and a time before the message.
-    std::vector<std::string> lines;
-    for (std::size_t start = 0; start < text.size();) {
-        const std::size_t end = std::min(text.find('\n', start), text.size());
-        std::string line = text.substr(start, end - start);
-        const std::size_t time = line.find("] ");
-        lines.push_back(time == line.npos ? line : line.substr(time + 2));
-        start = end + 1;
+public:
+    // The lines since the last call, without the level and the time in front of each.
+    std::vector<std::string> operator()()
+    {
+        std::vector<std::string> lines = allLines();
+        const auto last = std::find(lines.rbegin(), lines.rend(), last_);
+        std::vector<std::string> fresh(last.base() == lines.begin() ? lines.begin() : last.base(), lines.end());
+        if (!lines.empty())
+            last_ = lines.back();
+        for (std::string& line : fresh)
+            if (const std::size_t time = line.find("] "); time != line.npos)
+                line.erase(0, time + 2);
+        return fresh;
     }
-    return lines;
-}
+
+private:
+    static std::vector<std::string> allLines()
+    {
+        constexpr int readAll = 3;
+        constexpr int bufferSize = 10;
+        std::string text(static_cast<std::size_t>(std::max(klogctl(bufferSize, nullptr, 0), 0)), '\0');
+        text.resize(static_cast<std::size_t>(std::max(klogctl(readAll, text.data(), static_cast<int>(text.size())), 0)));
+        std::istringstream stream(text);
+        std::vector<std::string> lines;
+        for (std::string line; std::getline(stream, line);)
+            lines.push_back(line);
+        return lines;
+    }
+
+    std::string last_; // as it was read, its time included
+};
 
 Controller connect(const Options& options)
 {
     if (options.device)
-        return {[node = *options.device] { return velmora::openNode(node); }, realKernelLog};
+        return {[node = *options.device] { return velmora::openNode(node); }, RealKernelLog()};
     velmora::sim::bootController();
     return {velmora::sim::openDevice, [] { return velmora::sim::machine().takeLog(); }};
 }
@@ -272,7 +289,7 @@ int print(const Options& options)
         std::fflush(stdout);
         rasters = drawPages(document, options.dpi, options.output / "drawn");
     }
-    const Controller controller = connect(options);
+    Controller controller = connect(options);
     std::printf("Printing %zu pages, %u copies\n", rasters.size(), options.copies);
 
     Job job(controller, options, rasters);

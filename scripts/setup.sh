@@ -11,7 +11,7 @@ packages() {
     bench) echo "g++-12 g++-12-multilib cmake ninja-build libboost-dev python3" ;;
     demo) echo "ghostscript ghostscript-doc" ;;
     lint) echo "clang-format clang-tidy" ;;
-    target) echo "qemu-system-arm device-tree-compiler cpio python3" ;;
+    target) echo "qemu-system-arm device-tree-compiler python3" ;;
     test) echo "googletest qemu-user gcovr python3" ;;
     *) echo "setup.sh: unknown group '$1'" >&2; exit 2 ;;
     esac

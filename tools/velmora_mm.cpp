@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "../host/session.h"
+#include "area.h"
 
 namespace {
 
@@ -12,12 +13,16 @@ constexpr std::string_view kHelp =
     R"(velmora-mm - tools for the memory manager of the printer controller
 
 usage: velmora-mm script [FILE]
-       velmora-mm help | --help | -h
+       velmora-mm area OPTIONS
+       velmora-mm help [area] | --help | -h
 
 script   Runs a session script (FILE, or standard input) against the whole manager on a simulated
          controller: 256 MiB of RAM at 0x94000000, 64 KiB of user memory at 0x10000000. One answer
          a command, written at once: the kernel-log messages as 'log "..."' lines, then one line
          that begins with '='. docs/session-format.md describes commands, answers and state dump.
+
+area     Works out the module parameter "bigphysarea" for a reserved stretch of physical memory, or
+         checks a given text. 'velmora-mm help area' lists the options.
 
 exit status of script
    0  every line was understood, whatever the answers were
@@ -57,9 +62,12 @@ int main(int count, char** arguments)
         return usage("a command is missing");
     const std::string_view command = arguments[1];
     if (command == "help" || command == "--help" || command == "-h") {
-        std::cout << kHelp;
+        const bool aboutArea = count > 2 && std::string_view(arguments[2]) == "area";
+        std::cout << (aboutArea ? velmora::tools::areaHelp : kHelp);
         return 0;
     }
+    if (command == "area")
+        return velmora::tools::area({arguments + 2, arguments + count}, std::cout, std::cerr);
     if (command == "script")
         return script(count - 2, arguments + 2);
     return usage("unknown command '" + std::string(command) + "'");
