@@ -39,13 +39,13 @@ void MM_ReportPlace(const char* pcFile, const char* pcFunction, S32 slLine);
         _Pragma("GCC diagnostic ignored \"-Wsign-compare\"") if (!(condition))                     \
             _Pragma("GCC diagnostic pop")
 
-/* When the condition does not hold, reports its text as a check of the function named and returns the
+/* When the condition does not hold, reports its text as a check of the function named (a string) and returns the
  * value (none: void). Nothing is undone. Helpers name the entry that they work for. */
-#define MM_ASSERT_FOR(function, condition, ...)                                                    \
+#define MM_ASSERT_FOR(pcFunction, condition, ...)                                                   \
     do {                                                                                           \
         MM_PRINTED_CONDITION(condition)                                                            \
         {                                                                                          \
-            MM_ReportAssertion(#condition, MM_SourcePath(__FILE__), #function, __LINE__);          \
+            MM_ReportAssertion(#condition, MM_SourcePath(__FILE__), pcFunction, __LINE__);         \
             return __VA_ARGS__;                                                                    \
         }                                                                                          \
     } while (0)

@@ -21,12 +21,12 @@ U32 CheckRange(U32 hulHandle, U8* pubRlsAddr)
         U8 ubFindRange = 0;
         for (U8 ubIdx = 0; MM_IsPiece(ubIdx) && ubFindRange == 0; ++ubIdx)
             ubFindRange = MM_IsInPiece(ubIdx, MM_Addr(pubRlsAddr)) ? 1 : 0;
-        MM_ASSERT_FOR(MM_FreeBlk, ubFindRange == 1 && "Free Request is over the available Range of Segment", EASSERT);
+        MM_ASSERT_FOR("MM_FreeBlk", ubFindRange == 1 && "Free Request is over the available Range of Segment", EASSERT);
         return ENOERR;
     }
-    MM_ASSERT_FOR(MM_FreeBlk, (pubRlsAddr >= stSegTable[hulHandle].pubStartAddr) && "Free Request is over the available Range of Segment",
+    MM_ASSERT_FOR("MM_FreeBlk", (pubRlsAddr >= stSegTable[hulHandle].pubStartAddr) && "Free Request is over the available Range of Segment",
                   EASSERT);
-    MM_ASSERT_FOR(MM_FreeBlk, (pubRlsAddr < stSegTable[hulHandle].pubEndAddr) && "Free Request is over the available Range of Segment",
+    MM_ASSERT_FOR("MM_FreeBlk", (pubRlsAddr < stSegTable[hulHandle].pubEndAddr) && "Free Request is over the available Range of Segment",
                   EASSERT);
     return ENOERR;
 }
@@ -69,7 +69,7 @@ U32 InsertRun(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
     U32 ulUpperSize = 0; /* of the upper neighbour, when it is absorbed */
 
     stTemp.pstBlk = stNeighbours.pstLower;
-    MM_ASSERT_FOR(MM_FreeBlk, (U32)stTemp.pstBlk != stBlkPtr.ulyisl && "Already Freed Block is requested!!", EASSERT);
+    MM_ASSERT_FOR("MM_FreeBlk", (U32)stTemp.pstBlk != stBlkPtr.ulyisl && "Already Freed Block is requested!!", EASSERT);
 
     MM_SetBack(pstNew, stTemp.pstBlk);
     if (pstUpper == nullptr)
@@ -150,6 +150,21 @@ void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
     }
 }
 
+/* The end of both releases: the largest run, the counters, the lock. */
+U32 FinishRelease(const char* pcEntry, U32 hulHandle, bool fLocked, TMMLock enLock)
+{
+    stSegTable[hulHandle].ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);
+    MM_ASSERT_FOR(pcEntry, (stSegTable[hulHandle].ulLargestBlkSize >= 0) && (stSegTable[hulHandle].ulLargestBlkSize <= stSegTable[hulHandle].ulTotalFreeBlkNum),
+                  EASSERT);
+    if (fLocked && !MM_CountersAgree(hulHandle)) {
+        MM_TraceMST(hulHandle);
+        MM_ASSERT_FOR(pcEntry, ((stSegTable[hulHandle].ulTotalFreeBlkNum + stSegTable[hulHandle].ulTotalAllocBlkNum) == stSegTable[hulHandle].ulTotalBlkNum) && "Total Blk Number is Wrong!!",
+                      EASSERT);
+    }
+    MM_UnlockSegment(fLocked, enLock);
+    return ENOERR;
+}
+
 } // namespace
 
 U32 MM_FreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
@@ -169,17 +184,7 @@ U32 MM_FreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
     stSeg.ulTotalAllocBlkNum -= ulBlkNo;
     MM_ASSERT((S32)stSegTable[hulHandle].ulTotalAllocBlkNum >= 0 && "Allocating Block number is turned to minus", EASSERT);
     stSeg.ulTotalFreeBlkNum += ulBlkNo;
-    stSeg.ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);
-    MM_ASSERT((stSegTable[hulHandle].ulLargestBlkSize >= 0) && (stSegTable[hulHandle].ulLargestBlkSize <= stSegTable[hulHandle].ulTotalFreeBlkNum),
-              EASSERT);
-
-    if (fLocked && !MM_CountersAgree(hulHandle)) {
-        MM_TraceMST(hulHandle);
-        MM_ASSERT(((stSegTable[hulHandle].ulTotalFreeBlkNum + stSegTable[hulHandle].ulTotalAllocBlkNum) == stSegTable[hulHandle].ulTotalBlkNum) && "Total Blk Number is Wrong!!",
-                  EASSERT);
-    }
-    MM_UnlockSegment(fLocked, free_lock);
-    return ENOERR;
+    return FinishRelease("MM_FreeBlk", hulHandle, fLocked, free_lock);
 }
 
 U32 MM_ClearMap(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
@@ -245,15 +250,5 @@ U32 MM_Pop(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 
     stSeg.ulTotalAllocBlkNum -= ulBlkNo;
     stSeg.ulTotalFreeBlkNum += ulBlkNo;
-    stSeg.ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);
-    MM_ASSERT((stSegTable[hulHandle].ulLargestBlkSize >= 0) && (stSegTable[hulHandle].ulLargestBlkSize <= stSegTable[hulHandle].ulTotalFreeBlkNum),
-              EASSERT);
-
-    if (fLocked && !MM_CountersAgree(hulHandle)) {
-        MM_TraceMST(hulHandle);
-        MM_ASSERT(((stSegTable[hulHandle].ulTotalFreeBlkNum + stSegTable[hulHandle].ulTotalAllocBlkNum) == stSegTable[hulHandle].ulTotalBlkNum) && "Total Blk Number is Wrong!!",
-                  EASSERT);
-    }
-    MM_UnlockSegment(fLocked, pop_lock);
-    return ENOERR;
+    return FinishRelease("MM_Pop", hulHandle, fLocked, pop_lock);
 }

@@ -131,20 +131,20 @@ namespace {
 /* Checks a request in the order that applications rely on; ENOERR or EASSERT. */
 U32 CheckRequest(const TSegInfoFromApp* pstInfoFromApp)
 {
-    MM_ASSERT_FOR(MM_CreateSegment, (pstInfoFromApp->ulBlkSize > 0) && "Inpropriate Create Segment Value", EASSERT);
-    MM_ASSERT_FOR(MM_CreateSegment, (pstInfoFromApp->ubMap == 0 || pstInfoFromApp->ubMap == 1 || pstInfoFromApp->ubMap == 2 || pstInfoFromApp->ubMap == 4 || pstInfoFromApp->ubMap == 8) && "Inpropriate Create Segment Value",
+    MM_ASSERT_FOR("MM_CreateSegment", (pstInfoFromApp->ulBlkSize > 0) && "Inpropriate Create Segment Value", EASSERT);
+    MM_ASSERT_FOR("MM_CreateSegment", (pstInfoFromApp->ubMap == 0 || pstInfoFromApp->ubMap == 1 || pstInfoFromApp->ubMap == 2 || pstInfoFromApp->ubMap == 4 || pstInfoFromApp->ubMap == 8) && "Inpropriate Create Segment Value",
                   EASSERT);
-    MM_ASSERT_FOR(MM_CreateSegment, (pstInfoFromApp->ubSegDSType == STACK || pstInfoFromApp->ubSegDSType == LINKEDLIST) && "Inpropriate Create Segment Value",
+    MM_ASSERT_FOR("MM_CreateSegment", (pstInfoFromApp->ubSegDSType == STACK || pstInfoFromApp->ubSegDSType == LINKEDLIST) && "Inpropriate Create Segment Value",
                   EASSERT);
-    MM_ASSERT_FOR(MM_CreateSegment, (pstInfoFromApp->ubSemaphore == YES || pstInfoFromApp->ubSemaphore == NO) && "Inpropriate Create Segment Value",
+    MM_ASSERT_FOR("MM_CreateSegment", (pstInfoFromApp->ubSemaphore == YES || pstInfoFromApp->ubSemaphore == NO) && "Inpropriate Create Segment Value",
                   EASSERT);
-    MM_ASSERT_FOR(MM_CreateSegment, (pstInfoFromApp->ubType == FLOATALIGN || pstInfoFromApp->ubType == FLOAT || pstInfoFromApp->ubType == FIXED) && "Inpropriate Create Segment Value",
+    MM_ASSERT_FOR("MM_CreateSegment", (pstInfoFromApp->ubType == FLOATALIGN || pstInfoFromApp->ubType == FLOAT || pstInfoFromApp->ubType == FIXED) && "Inpropriate Create Segment Value",
                   EASSERT);
-    MM_ASSERT_FOR(MM_CreateSegment, strncmp(pstInfoFromApp->aubSegID, (U8*)"$MCT", 4) && "MCT can't be created", EASSERT);
+    MM_ASSERT_FOR("MM_CreateSegment", strncmp(pstInfoFromApp->aubSegID, (U8*)"$MCT", 4) && "MCT can't be created", EASSERT);
     if (pstInfoFromApp->ubSegDSType == STACK)
-        MM_ASSERT_FOR(MM_CreateSegment, pstInfoFromApp->ubMap == NO, EASSERT);
+        MM_ASSERT_FOR("MM_CreateSegment", pstInfoFromApp->ubMap == NO, EASSERT);
     for (U8 iubIdx = 0; iubIdx < MAX_SEGTABLE_SIZE; ++iubIdx)
-        MM_ASSERT_FOR(MM_CreateSegment, strncmp(stSegTable[iubIdx].stInfoFromApp.aubSegID, pstInfoFromApp->aubSegID, 4) && "Same Segment ID already exists.",
+        MM_ASSERT_FOR("MM_CreateSegment", strncmp(stSegTable[iubIdx].stInfoFromApp.aubSegID, pstInfoFromApp->aubSegID, 4) && "Same Segment ID already exists.",
                       EASSERT);
     return ENOERR;
 }
@@ -153,7 +153,7 @@ U32 CheckRequest(const TSegInfoFromApp* pstInfoFromApp)
 U32 TakeHandle(const TSegInfoFromApp* pstInfoFromApp, U32* phulHandle)
 {
     if (pstInfoFromApp->ubType == FIXED) {
-        MM_ASSERT_FOR(MM_CreateSegment, (hulFixedHandle < MAX_FIXEDSEG_NUM) && "The number of Fixed Segment couldn't be over MAX_FIXEDSEG_NUM",
+        MM_ASSERT_FOR("MM_CreateSegment", (hulFixedHandle < MAX_FIXEDSEG_NUM) && "The number of Fixed Segment couldn't be over MAX_FIXEDSEG_NUM",
                       EASSERT);
         *phulHandle = hulFixedHandle++;
         return ENOERR;
@@ -163,8 +163,8 @@ U32 TakeHandle(const TSegInfoFromApp* pstInfoFromApp, U32* phulHandle)
         return ENOERR;
     }
     if (pstInfoFromApp->ulSegSize == 0)
-        MM_ASSERT_FOR(MM_CreateSegment, 0 && "Invalid Segment Type is requested to create", EASSERT);
-    MM_ASSERT_FOR(MM_CreateSegment, (hulFloatHandle < HEAPHANDLE) && "The number of Float Segment couldn't be over MAX FLOAT SEGMENT NUMBER",
+        MM_ASSERT_FOR("MM_CreateSegment", 0 && "Invalid Segment Type is requested to create", EASSERT);
+    MM_ASSERT_FOR("MM_CreateSegment", (hulFloatHandle < HEAPHANDLE) && "The number of Float Segment couldn't be over MAX FLOAT SEGMENT NUMBER",
                   EASSERT);
     *phulHandle = hulFloatHandle++;
     return ENOERR;
@@ -327,7 +327,7 @@ U32 ClaimFront(U32 hulHandle, TMMBlkStr* pstMatch, U32 ulReqBlk)
         if (stList.Tail() == pstMatch)
             stList.Tail() = pstReplacement;
     } else if (stMatch.ulSize < ulReqBlk) {
-        MM_ASSERT_FOR(MM_ReallocBlock, 0, EASSERT);
+        MM_ASSERT_FOR("MM_ReallocBlock", 0, EASSERT);
     }
 
     /* The link back of the node after the replacement stays as it is, intended: after a split it still
@@ -352,7 +352,7 @@ U32 ClaimInside(U32 hulHandle, TMMBlkStr* pstMatch, const U8* pubReallocAddr, co
     const U32 ulRunEnd = MM_RunEnd(pstMatch, ubBlkBit);
 
     if (MM_Addr(pstMatch) > MM_Addr(pubReallocAddr))
-        MM_ASSERT_FOR(MM_ReallocBlock, 0 && "Invalid Match case", EASSERT);
+        MM_ASSERT_FOR("MM_ReallocBlock", 0 && "Invalid Match case", EASSERT);
 
     if (ulRunEnd == MM_Addr(pubBlkEndAddr)) {
         MM_SetSize(pstMatch, MM_Size(pstMatch) - ulReqBlk);

@@ -33,7 +33,7 @@ U32 CutFront(TMMBlkStr* pstSegBlk, U32 ulNewSegSize)
         return ENOERR;
     }
     if (static_cast<S32>(stNode.ulSize) < 0)
-        MM_ASSERT_FOR(MM_RearrangeSegList, 0, EASSERT);
+        MM_ASSERT_FOR("MM_RearrangeSegList", 0, EASSERT);
     MM_Repoint(stFreeMemory, pstSegBlk, stNode, pstRemainder);
     MM_WriteNode(pstRemainder, stNode);
     return ENOERR;
@@ -48,7 +48,7 @@ U32 CutInside(TMMBlkStr* pstSegBlk, U32 ulNewSegSize, U8* pubNewStartAddr)
     const U32 ulRemainder = MM_Addr(pubSegEndAddr) - MM_Addr(pubNewEndAddr);
 
     MM_SetSize(pstSegBlk, MM_Addr(pubNewStartAddr) - MM_Addr(pstSegBlk));
-    MM_ASSERT_FOR(MM_RearrangeSegList, pubNewEndAddr <= pubSegEndAddr, EASSERT);
+    MM_ASSERT_FOR("MM_RearrangeSegList", pubNewEndAddr <= pubSegEndAddr, EASSERT);
     if (ulRemainder > MAX_LOST_REMAINDER)
         MM_InsertAfter(stFreeMemory, pstSegBlk, MM_At<TMMBlkStr>(MM_Addr(pubNewEndAddr)), ulRemainder);
     return ENOERR;
@@ -81,13 +81,13 @@ U32 PlaceFixed(TMMSegInfo* pstSegInfo)
     constexpr char acFormat[] = "%s: *pubSegMemStartAddr 0x%x <= (int)(pstSegInfo->pubStartAddr) 0x%x\n";
     if (*pubSegMemStartAddr > MM_Addr(pstSegInfo->pubStartAddr)) {
         MMP_Print(acFormat, "MM_InstallSegment", *pubSegMemStartAddr, MM_Addr(pstSegInfo->pubStartAddr));
-        MM_ASSERT_FOR(MM_InstallSegment, (*pubSegMemStartAddr <= (int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range",
+        MM_ASSERT_FOR("MM_InstallSegment", (*pubSegMemStartAddr <= (int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range",
                   EASSERT);
         return EOUTOFRANGE;
     }
     if (*pubSegMemEndAddr < MM_Addr(pstSegInfo->pubEndAddr)) {
         MMP_Print(acFormat, "MM_InstallSegment", *pubSegMemStartAddr, MM_Addr(pstSegInfo->pubStartAddr));
-        MM_ASSERT_FOR(MM_InstallSegment, (*pubSegMemEndAddr >= (int)(pstSegInfo->pubEndAddr)) && "Overflow occurs! Interrupt Total Mem range",
+        MM_ASSERT_FOR("MM_InstallSegment", (*pubSegMemEndAddr >= (int)(pstSegInfo->pubEndAddr)) && "Overflow occurs! Interrupt Total Mem range",
                   EASSERT);
         return EOUTOFRANGE;
     }
@@ -96,32 +96,32 @@ U32 PlaceFixed(TMMSegInfo* pstSegInfo)
 
 U32 PlaceFloat(TMMSegInfo* pstSegInfo)
 {
-    MM_ASSERT_FOR(MM_InstallSegment, pstSegBlkHead != NULL && "There is no available Segment list", EASSERT);
-    MM_ASSERT_FOR(MM_InstallSegment, pstSegBlkTail != NULL && "There is no available Segment list", EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", pstSegBlkHead != NULL && "There is no available Segment list", EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", pstSegBlkTail != NULL && "There is no available Segment list", EASSERT);
 
     const U32 ulNewSegSize = (pstSegInfo->stInfoFromApp.ulSegSize + 3) & ~3u;
     if (pstSegInfo->stInfoFromApp.ubSegDSType == LINKEDLIST) {
-        MM_ASSERT_FOR(MM_InstallSegment, ulNewSegSize >= HEAP_BLOCK_SIZE, EASSERT);
-        MM_ASSERT_FOR(MM_InstallSegment, ulNewSegSize >= 2* pstSegInfo->stInfoFromApp.ulBlkSize, EASSERT);
+        MM_ASSERT_FOR("MM_InstallSegment", ulNewSegSize >= HEAP_BLOCK_SIZE, EASSERT);
+        MM_ASSERT_FOR("MM_InstallSegment", ulNewSegSize >= 2* pstSegInfo->stInfoFromApp.ulBlkSize, EASSERT);
     }
 
     TMMBlkStr* pstBestFitBlk =
         MM_BestFit(pstSegBlkHead, [=](const TMMBlkStr* pstBlk) { return FitsLoosely(pstBlk, ulNewSegSize); });
-    MM_ASSERT_FOR(MM_InstallSegment, pstBestFitBlk != NULL && "There is no available Segment Block", EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", pstBestFitBlk != NULL && "There is no available Segment Block", EASSERT);
 
     MM_RearrangeSegList(FLOAT, pstBestFitBlk, ulNewSegSize, nullptr);
     SetPlace(pstSegInfo, MM_Addr(pstBestFitBlk), ulNewSegSize);
-    MM_ASSERT_FOR(MM_InstallSegment, (*pubSegMemStartAddr <= (unsigned int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range",
+    MM_ASSERT_FOR("MM_InstallSegment", (*pubSegMemStartAddr <= (unsigned int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range",
               EASSERT);
-    MM_ASSERT_FOR(MM_InstallSegment, (*pubSegMemEndAddr >= (unsigned int)(pstSegInfo->pubEndAddr)) && "Overflow occurs! Interrupt Total Mem range",
+    MM_ASSERT_FOR("MM_InstallSegment", (*pubSegMemEndAddr >= (unsigned int)(pstSegInfo->pubEndAddr)) && "Overflow occurs! Interrupt Total Mem range",
               EASSERT);
     return ENOERR;
 }
 
 U32 PlaceAligned(TMMSegInfo* pstSegInfo)
 {
-    MM_ASSERT_FOR(MM_InstallSegment, pstSegBlkHead != NULL && "There is no available Segment list", EASSERT);
-    MM_ASSERT_FOR(MM_InstallSegment, pstSegBlkTail != NULL && "There is no available Segment list", EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", pstSegBlkHead != NULL && "There is no available Segment list", EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", pstSegBlkTail != NULL && "There is no available Segment list", EASSERT);
 
     const U32 ulNewSegSize = pstSegInfo->stInfoFromApp.ulSegSize;
     const U32 ulBlkSize = pstSegInfo->stInfoFromApp.ulBlkSize;
@@ -134,10 +134,10 @@ U32 PlaceAligned(TMMSegInfo* pstSegInfo)
         return FitsLoosely(pstBlk, ulNewSegSize) &&
                MM_Addr(pstBlk) + MM_Size(pstBlk) > AlignedAddr(pstBlk) + ulNewSegSize;
     });
-    MM_ASSERT_FOR(MM_InstallSegment, pstBestFitBlk != NULL && "There is no available Segment Block", EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", pstBestFitBlk != NULL && "There is no available Segment Block", EASSERT);
 
     const U32 pubAlignedAddr = AlignedAddr(pstBestFitBlk);
-    MM_ASSERT_FOR(MM_InstallSegment, (U32)((U32)pstBestFitBlk + pstBestFitBlk->ulSize) >= (U32)(pubAlignedAddr + ulNewSegSize), EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", (U32)((U32)pstBestFitBlk + pstBestFitBlk->ulSize) >= (U32)(pubAlignedAddr + ulNewSegSize), EASSERT);
 
     MM_RearrangeSegList(FLOATALIGN, pstBestFitBlk, ulNewSegSize, MM_At(pubAlignedAddr));
     SetPlace(pstSegInfo, pubAlignedAddr, ulNewSegSize);
@@ -146,8 +146,8 @@ U32 PlaceAligned(TMMSegInfo* pstSegInfo)
 
 U32 PlaceHeap(TMMSegInfo* pstSegInfo)
 {
-    MM_ASSERT_FOR(MM_InstallSegment, pstSegBlkHead != NULL && "There is no available Segment list", EASSERT);
-    MM_ASSERT_FOR(MM_InstallSegment, pstSegBlkTail != NULL && "There is no available Segment list", EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", pstSegBlkHead != NULL && "There is no available Segment list", EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", pstSegBlkTail != NULL && "There is no available Segment list", EASSERT);
 
     THeapAddrRange stUnused;
     for (U32& ulAddr : stUnused.aulHeapAddr)
@@ -172,7 +172,7 @@ U32 PlaceHeap(TMMSegInfo* pstSegInfo)
         pstTempBlk = pstNext;
     }
     pstSegInfo->stInfoFromApp.ulSegSize = ulSegSize;
-    MM_ASSERT_FOR(MM_InstallSegment, pstTempBlk == NULL && "MAX_PIECE_NUM is not enough.", EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", pstTempBlk == NULL && "MAX_PIECE_NUM is not enough.", EASSERT);
 
     pstSegInfo->pubStartAddr = reinterpret_cast<U8*>(&stSegStartAddr);
     pstSegInfo->pubEndAddr = reinterpret_cast<U8*>(&stSegEndAddr);
@@ -184,14 +184,14 @@ U32 PlaceHeap(TMMSegInfo* pstSegInfo)
         if (*pubSegMemStartAddr > stSegStartAddr.aulHeapAddr[ubIdx]) {
             MMP_Print("%s: (U32)pubSegMemStartAddr %x, stSegStartAddr.aulHeapAddr[%d] %x\n", "MM_InstallSegment",
                       *pubSegMemStartAddr, ubIdx, stSegStartAddr.aulHeapAddr[ubIdx]);
-            MM_ASSERT_FOR(MM_InstallSegment, ((U32)*pubSegMemStartAddr <= stSegStartAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range",
+            MM_ASSERT_FOR("MM_InstallSegment", ((U32)*pubSegMemStartAddr <= stSegStartAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range",
                       EASSERT);
             return EOUTOFRANGE;
         }
         if (*pubSegMemEndAddr < stSegEndAddr.aulHeapAddr[ubIdx]) {
             MMP_Print("%s: (U32)*pubSegMemEndAddr %x, stSegEndAddr.aulHeapAddr[%d] %x\n", "MM_InstallSegment", *pubSegMemEndAddr,
                       ubIdx, stSegEndAddr.aulHeapAddr[ubIdx]);
-            MM_ASSERT_FOR(MM_InstallSegment, ((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range",
+            MM_ASSERT_FOR("MM_InstallSegment", ((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range",
                       EASSERT);
             return EOUTOFRANGE;
         }
