@@ -1,6 +1,4 @@
 // The simulated machine: that it fails where a real one would, and says what happened.
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "../support/manager_fixture.h"
 
@@ -127,7 +125,6 @@ TEST_F(TheMachine, DevicesGetMajorsFrom254Down)
 
 TEST_F(TheMachine, AStopOutsideACommandEndsTheProcessWithAReport)
 {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     EXPECT_DEATH(
         {
             machine().powerOn();
