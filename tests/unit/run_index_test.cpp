@@ -301,6 +301,29 @@ TEST_F(RunIndex, AListWithOtherEndsDropsIt)
     EXPECT_FALSE(MM_HasRunIndex(handle));
 }
 
+TEST_F(RunIndex, TheNextControlOperationFindsAHeaderThatOthersChanged)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    const U32 size = 3;
+    std::memcpy(at(MM_Addr(stSegTable[handle].pubStartAddr) + 8), &size, sizeof size);
+    createBlocks("BLK1", 0x1000, 64);
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+}
+
+TEST_F(RunIndex, ASegmentForWhichNoTablesAreLeftWalks)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x100000, 64);
+    unsigned builds = 0;
+    while (MM_HasRunIndex(handle) && builds < 10000) {
+        MM_BuildRunIndex(handle); // takes new tables each time, as every initialisation does
+        ++builds;
+    }
+    EXPECT_LT(builds, 10000u);
+    EXPECT_EQ(MM_AllocBlock(handle, 1, 0), MM_Addr(stSegTable[handle].pubEndAddr) - 64);
+}
+
 TEST_F(RunIndex, TheCostOfACallDoesNotGrowWithTheRuns)
 {
     // A comb over the whole segment: only its first block's neighbours make a run of two.
