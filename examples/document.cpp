@@ -54,7 +54,8 @@ fs::path defaultDocument()
     for (const char* const candidate : candidates)
         if (fs::exists(candidate))
             return candidate;
-    throw std::runtime_error("no example document is installed (Debian: ghostscript-doc); name one with --document FILE");
+    throw std::runtime_error(
+        "no example document is installed (Debian: ghostscript-doc); name one with --document FILE");
 }
 
 std::vector<fs::path> drawPages(const fs::path& document, unsigned dpi, const fs::path& folder)
@@ -65,8 +66,9 @@ std::vector<fs::path> drawPages(const fs::path& document, unsigned dpi, const fs
     fs::create_directories(folder);
 
     const fs::path log = folder / "ghostscript.log";
-    const int status = runProgram({"gs", "-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-dNOPROMPT", "-sDEVICE=ppmraw", "-r" + std::to_string(dpi),
-                                   "-sOutputFile=" + (folder / "page-%04d.ppm").string(), document.string()},
+    const int status = runProgram({"gs", "-q", "-dSAFER", "-dBATCH", "-dNOPAUSE", "-dNOPROMPT", "-sDEVICE=ppmraw",
+                                   "-r" + std::to_string(dpi), "-sOutputFile=" + (folder / "page-%04d.ppm").string(),
+                                   document.string()},
                                   log);
     if (status == 127)
         throw std::runtime_error("Ghostscript (gs) is not installed");
@@ -81,7 +83,8 @@ std::vector<fs::path> pagesIn(const fs::path& folder)
     std::vector<fs::path> pages;
     if (fs::is_directory(folder))
         for (const auto& entry : fs::directory_iterator(folder))
-            if (entry.path().extension() == ".ppm" || entry.path().extension() == ".pgm" || entry.path().extension() == ".pbm")
+            if (entry.path().extension() == ".ppm" || entry.path().extension() == ".pgm" ||
+                entry.path().extension() == ".pbm")
                 pages.push_back(entry.path());
     if (pages.empty())
         throw std::runtime_error("there are no raster pages in " + folder.string());

@@ -28,7 +28,8 @@ std::string megabytes(std::uint64_t bytes)
 
 std::uint32_t StoredPage::heapBands() const
 {
-    return static_cast<std::uint32_t>(std::count_if(bands.begin(), bands.end(), [](const Band& band) { return band.inHeap; }));
+    return static_cast<std::uint32_t>(
+        std::count_if(bands.begin(), bands.end(), [](const Band& band) { return band.inHeap; }));
 }
 
 std::uint8_t ownerOfPage(unsigned number)
@@ -43,7 +44,10 @@ std::uint8_t ownerOfPage(unsigned number)
     return owners[(number - 1) % owners.size()];
 }
 
-JobHandler::JobHandler(std::unique_ptr<velmora::Channel> channel, const Layout& layout) : device_(std::move(channel)), layout_(layout) {}
+JobHandler::JobHandler(std::unique_ptr<velmora::Channel> channel, const Layout& layout)
+    : device_(std::move(channel)), layout_(layout)
+{
+}
 
 void JobHandler::start()
 {
@@ -94,7 +98,8 @@ void JobHandler::giveBack(const std::vector<StoredPage>& pages)
     ticket_ = 0;
 }
 
-RasterProcessor::RasterProcessor(std::unique_ptr<velmora::Channel> channel, const Layout& layout, std::uint32_t pageSegment)
+RasterProcessor::RasterProcessor(std::unique_ptr<velmora::Channel> channel, const Layout& layout,
+                                 std::uint32_t pageSegment)
     : device_(std::move(channel)), layout_(layout), pageSegment_(pageSegment)
 {
 }
@@ -103,8 +108,9 @@ Band RasterProcessor::allocateBand(const StoredPage& page, std::uint32_t bytes)
 {
     const auto address = device_.allocate(pageSegment_, bytes, page.owner);
     if (!address)
-        throw OutOfMemory("the document does not fit into the controller's memory: page " + std::to_string(page.number) + " needs " +
-                          megabytes(page.header.imageBytes()) + ", and neither the page segment nor the heap has room for its next band");
+        throw OutOfMemory("the document does not fit into the controller's memory: page " +
+                          std::to_string(page.number) + " needs " + megabytes(page.header.imageBytes()) +
+                          ", and neither the page segment nor the heap has room for its next band");
     return {*address, bytes, !device_.contains(pageSegment_, *address)};
 }
 
@@ -122,7 +128,10 @@ void RasterProcessor::store(const std::filesystem::path& raster, StoredPage& pag
     }
 }
 
-CollationCopy::CollationCopy(std::unique_ptr<velmora::Channel> channel, TAddr ticket) : device_(std::move(channel)), ticket_(ticket) {}
+CollationCopy::CollationCopy(std::unique_ptr<velmora::Channel> channel, TAddr ticket)
+    : device_(std::move(channel)), ticket_(ticket)
+{
+}
 
 unsigned CollationCopy::copies()
 {

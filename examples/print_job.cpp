@@ -57,8 +57,8 @@ unsigned numberBetween(std::string_view option, std::string_view text, unsigned 
     unsigned value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (error != std::errc() || end != text.data() + text.size() || value < low || value > high)
-        throw UsageError(std::string(option) + " takes a number from " + std::to_string(low) + " to " + std::to_string(high) + ", not '" +
-                         std::string(text) + "'");
+        throw UsageError(std::string(option) + " takes a number from " + std::to_string(low) + " to " +
+                         std::to_string(high) + ", not '" + std::string(text) + "'");
     return value;
 }
 
@@ -123,7 +123,8 @@ private:
         constexpr int readAll = 3;
         constexpr int bufferSize = 10;
         std::string text(static_cast<std::size_t>(std::max(klogctl(bufferSize, nullptr, 0), 0)), '\0');
-        text.resize(static_cast<std::size_t>(std::max(klogctl(readAll, text.data(), static_cast<int>(text.size())), 0)));
+        text.resize(
+            static_cast<std::size_t>(std::max(klogctl(readAll, text.data(), static_cast<int>(text.size())), 0)));
         std::istringstream stream(text);
         std::vector<std::string> lines;
         for (std::string line; std::getline(stream, line);)
@@ -202,9 +203,12 @@ private:
             StoredPage& page = stored_.emplace_back(StoredPage{number, ownerOfPage(number), {}, {}});
             processor_->store(raster, page);
             notePeak(page);
-            std::printf("  page %3u/%zu  %ux%u  %5.1f MiB in %zu bands, owner 0x%02x%s\n", number, rasters_.size(), page.header.width,
-                        page.header.height, mebibytes(page.header.imageBytes()), page.bands.size(), page.owner,
-                        page.heapBands() > 0 ? (", " + std::to_string(page.heapBands()) + " of them from the heap").c_str() : "");
+            std::printf("  page %3u/%zu  %ux%u  %5.1f MiB in %zu bands, owner 0x%02x%s\n", number, rasters_.size(),
+                        page.header.width, page.header.height, mebibytes(page.header.imageBytes()), page.bands.size(),
+                        page.owner,
+                        page.heapBands() > 0
+                            ? (", " + std::to_string(page.heapBands()) + " of them from the heap").c_str()
+                            : "");
             std::fflush(stdout);
             ready_.push(&page);
         }
@@ -304,7 +308,8 @@ int print(const Options& options)
     job.display();
     const bool allFree = showDisplay(controller.kernelLog());
 
-    std::printf("Peak use: %.1f MiB of the page segment, %.1f MiB of the heap\n", mebibytes(job.peakSegment()), mebibytes(job.peakHeap()));
+    std::printf("Peak use: %.1f MiB of the page segment, %.1f MiB of the heap\n", mebibytes(job.peakSegment()),
+                mebibytes(job.peakHeap()));
     std::puts(allFree ? "All blocks of every segment are free again" : "BLOCKS ARE STILL ALLOCATED");
     if (failure) {
         std::fflush(stdout);
@@ -313,8 +318,8 @@ int print(const Options& options)
     }
     const unsigned different = countDifferentPages(options, rasters);
     if (different == 0)
-        std::printf("All %zu pages of all %u copies are identical to what was drawn: %s\n", rasters.size(), options.copies,
-                    options.output.c_str());
+        std::printf("All %zu pages of all %u copies are identical to what was drawn: %s\n", rasters.size(),
+                    options.copies, options.output.c_str());
     return different == 0 && allFree ? 0 : 1;
 }
 

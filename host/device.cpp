@@ -25,14 +25,18 @@ int runEntry(const std::string& name, const std::function<U32()>& entry)
 class SimulatedChannel : public Channel
 {
 public:
-    SimulatedChannel() { runEntry("open", [] { return static_cast<U32>(Velmora_MM_open()); }); }
+    SimulatedChannel()
+    {
+        runEntry("open", [] { return static_cast<U32>(Velmora_MM_open()); });
+    }
     ~SimulatedChannel() override { Velmora_MM_release(); }
 
     int command(std::uint32_t number, void* record, std::size_t bytes) override
     {
         const std::lock_guard guard(oneCommandAtATime);
         std::memcpy(Machine::at(kScratch), record, bytes);
-        const int result = runEntry("ioctl " + commandName(number), [=] { return static_cast<U32>(Velmora_MM_ioctl(number, kScratch)); });
+        const int result = runEntry("ioctl " + commandName(number),
+                                    [=] { return static_cast<U32>(Velmora_MM_ioctl(number, kScratch)); });
         std::memcpy(record, Machine::at(kScratch), bytes);
         return result;
     }

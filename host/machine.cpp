@@ -242,7 +242,8 @@ S32 Machine::remap(const TMMMapRequest& request, U32 pfn, U32 bytes, TMMProt pro
     auto& target = *static_cast<MapTarget*>(request.pvKernel);
     if (target.mapForReal) {
         const auto offset = static_cast<off_t>(pfn) << MMP_PAGE_SHIFT;
-        const void* const got = mmap(at(request.ulStart), bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, ramFile_, offset);
+        const void* const got =
+            mmap(at(request.ulStart), bytes, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, ramFile_, offset);
         if (got == MAP_FAILED)
             return -1;
     }

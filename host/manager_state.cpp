@@ -100,8 +100,8 @@ void dumpSegment(std::string& text, U32 handle)
 {
     const TMMSegInfo& seg = stSegTable[handle];
     const TSegInfoFromApp& app = seg.stInfoFromApp;
-    append(text, "seg %u id=%s type=%u ds=%u map=%u sem=%u segsize=0x%x blksize=0x%x handle=%u retsize=0x%x vm=%u", handle,
-           name(app.aubSegID).c_str(), app.ubType, app.ubSegDSType, app.ubMap, app.ubSemaphore, app.ulSegSize,
+    append(text, "seg %u id=%s type=%u ds=%u map=%u sem=%u segsize=0x%x blksize=0x%x handle=%u retsize=0x%x vm=%u",
+           handle, name(app.aubSegID).c_str(), app.ubType, app.ubSegDSType, app.ubMap, app.ubSemaphore, app.ulSegSize,
            app.ulBlkSize, app.hulHandle, app.ulRetSegSize, app.ubVM);
     append(text, " blkbit=%u start=%s end=%s mapstart=%s mapend=%s", seg.ubBlkBit,
            place(seg.pubStartAddr, stSegStartAddr).c_str(), place(seg.pubEndAddr, stSegEndAddr).c_str(),
@@ -127,11 +127,11 @@ void resetManagerState()
 {
     static const auto defaultRows = std::to_array(stDefaultMCTTable); // as the image has them: taken before any load
     std::copy(defaultRows.begin(), defaultRows.end(), stDefaultMCTTable);
-    zero(stSegTable, hulFixedHandle, ulRunningMultiJob, ulPermanentBlkStartPtr, ulPermanentBlkCount, stMSTInfo, ulRamSize,
-         pubMCTStartAddr, pstMCTTable, MCTTable, ulCheckSumField, pstSegBlkHead, pstSegBlkTail, pstHEAPBiggestBlk,
-         stSegStartAddr, stSegEndAddr, stSegMapStartAddr, stSegMapEndAddr, astBlkHead, astBlkTail, astStackStr,
-         pubSegMemStartAddr, pubSegMemEndAddr, memstart, memend, ulFixedSegEndAddress, ulMCTStartAddr, bigphysarea_info,
-         velmora_mm_major);
+    zero(stSegTable, hulFixedHandle, ulRunningMultiJob, ulPermanentBlkStartPtr, ulPermanentBlkCount, stMSTInfo,
+         ulRamSize, pubMCTStartAddr, pstMCTTable, MCTTable, ulCheckSumField, pstSegBlkHead, pstSegBlkTail,
+         pstHEAPBiggestBlk, stSegStartAddr, stSegEndAddr, stSegMapStartAddr, stSegMapEndAddr, astBlkHead, astBlkTail,
+         astStackStr, pubSegMemStartAddr, pubSegMemEndAddr, memstart, memend, ulFixedSegEndAddress, ulMCTStartAddr,
+         bigphysarea_info, velmora_mm_major);
     hulFloatHandle = FIRST_FLOAT_HANDLE;
     MM_ResetRunIndexes();
 }
@@ -139,11 +139,12 @@ void resetManagerState()
 std::string dumpManagerState()
 {
     std::string text;
-    append(text, "mem start=0x%x end=0x%x ram=0x%x fixedend=0x%x mctstart=0x%x permptr=0x%x permcount=%u\n", memstart, memend,
-           ulRamSize, ulFixedSegEndAddress, ulMCTStartAddr, ulPermanentBlkStartPtr, ulPermanentBlkCount);
+    append(text, "mem start=0x%x end=0x%x ram=0x%x fixedend=0x%x mctstart=0x%x permptr=0x%x permcount=%u\n", memstart,
+           memend, ulRamSize, ulFixedSegEndAddress, ulMCTStartAddr, ulPermanentBlkStartPtr, ulPermanentBlkCount);
     for (unsigned i = 0; i < MAX_MCT_NUM; ++i) {
         const TMCTInfo& row = pstMCTTable[i] != nullptr ? *pstMCTTable[i] : stDefaultMCTTable[i];
-        append(text, "mct %u id=%s size=0x%x start=0x%x\n", i, name(row.aubCFGID).c_str(), row.ulSize, addr(row.pubStartAddr));
+        append(text, "mct %u id=%s size=0x%x start=0x%x\n", i, name(row.aubCFGID).c_str(), row.ulSize,
+               addr(row.pubStartAddr));
     }
     append(text, "freelist head=0x%x tail=0x%x\n", addr(pstSegBlkHead), addr(pstSegBlkTail));
     dumpList(text, "free", pstSegBlkHead);
@@ -155,8 +156,8 @@ std::string dumpManagerState()
 
 bool isManagerTable(U32 address)
 {
-    const void* const tables[] = {&stMSTInfo, stDefaultMCTTable, &stSegStartAddr, &stSegEndAddr, &stSegMapStartAddr,
-                                  &stSegMapEndAddr};
+    const void* const tables[] = {&stMSTInfo,    stDefaultMCTTable,  &stSegStartAddr,
+                                  &stSegEndAddr, &stSegMapStartAddr, &stSegMapEndAddr};
     return std::any_of(std::begin(tables), std::end(tables), [=](const void* table) { return addr(table) == address; });
 }
 

@@ -160,7 +160,8 @@ Answer mapDevice(Arguments& arguments)
                     [&](U32 result) {
                         if (result != 0)
                             return asSigned(result);
-                        return format("0 pfn=0x%x size=0x%x prot=%s", static_cast<unsigned>(target.pfn), static_cast<unsigned>(target.bytes),
+                        return format("0 pfn=0x%x size=0x%x prot=%s", static_cast<unsigned>(target.pfn),
+                                      static_cast<unsigned>(target.bytes),
                                       target.protection == MM_PROT_CACHED ? "cached" : "uncached");
                     });
 }
@@ -207,19 +208,19 @@ Answer callFunction(Arguments& arguments)
 
     // A function may write results through its arguments, wherever they point: the lists are looked through.
     return runEntry(
-                    [&] {
-                        const U32 result = function->invoke(words.data());
-                        MM_RecheckRunIndexes();
-                        return result;
-                    },
-                    [&](U32 result) -> std::string {
-                        for (const U32 word : words) // a segment table entry, if the function took one
-                            if (Machine::exists(word, sizeof(TMMSegInfoWire)))
-                                hideRoutineAddresses(Machine::at(word), sizeof(TMMSegInfoWire));
-                        if (function->returnsNothing)
-                            return "void";
-                        return format("0x%08x", static_cast<unsigned>(isManagerTable(result) ? 1 : result));
-                    });
+        [&] {
+            const U32 result = function->invoke(words.data());
+            MM_RecheckRunIndexes();
+            return result;
+        },
+        [&](U32 result) -> std::string {
+            for (const U32 word : words) // a segment table entry, if the function took one
+                if (Machine::exists(word, sizeof(TMMSegInfoWire)))
+                    hideRoutineAddresses(Machine::at(word), sizeof(TMMSegInfoWire));
+            if (function->returnsNothing)
+                return "void";
+            return format("0x%08x", static_cast<unsigned>(isManagerTable(result) ? 1 : result));
+        });
 }
 
 Answer peek(Arguments& arguments)
@@ -271,8 +272,8 @@ Answer locks(Arguments& arguments)
 {
     arguments.end();
     const Machine& m = machine();
-    return say(format("search=%d free=%d push=%d pop=%d", m.lockHeld(search_lock), m.lockHeld(free_lock), m.lockHeld(push_lock),
-                      m.lockHeld(pop_lock)));
+    return say(format("search=%d free=%d push=%d pop=%d", m.lockHeld(search_lock), m.lockHeld(free_lock),
+                      m.lockHeld(push_lock), m.lockHeld(pop_lock)));
 }
 
 Answer dump(Arguments& arguments)
@@ -282,9 +283,9 @@ Answer dump(Arguments& arguments)
 }
 
 const std::map<std::string, Answer (*)(Arguments&), std::less<>> commands = {
-    {"load", load},     {"unload", unload}, {"ioctl", ioctlCommand}, {"mmap", mapDevice}, {"read", readDevice},
-    {"write", writeDevice}, {"proc", readProc}, {"call", callFunction}, {"peek", peek},     {"poke", poke},
-    {"fill", fill},     {"crc", checksum},  {"locks", locks},        {"dump", dump},
+    {"load", load},         {"unload", unload}, {"ioctl", ioctlCommand}, {"mmap", mapDevice}, {"read", readDevice},
+    {"write", writeDevice}, {"proc", readProc}, {"call", callFunction},  {"peek", peek},      {"poke", poke},
+    {"fill", fill},         {"crc", checksum},  {"locks", locks},        {"dump", dump},
 };
 
 Answer runLine(std::vector<Word> words)

@@ -9,14 +9,16 @@ namespace velmora {
 namespace {
 
 constexpr std::array<const char*, 24> kCodeNames = {
-    "ENOERR",     "EINVAOPT", "EOUTOFRANGE", "EWRONGADDR", "EINVASEGSIZE", "EOUTOFFIXED", "EOUTOFFLOAT", "EINVASEGTYPE",
-    "ENOSEGLIST", "ENOMCT",   "EERR",        "ENOSEGBLOCK", "ENOSEGBLK",   "ENOSIZE",     "EASSERT",     "EINITSEM",
-    "EFREESEM",   "EPSEM",    "EVSEM",       "EOPEN",      "ECLOSE",       "ENULL",       "ESEGMENT",    "EINVAARG"};
+    "ENOERR",      "EINVAOPT",     "EOUTOFRANGE", "EWRONGADDR", "EINVASEGSIZE", "EOUTOFFIXED",
+    "EOUTOFFLOAT", "EINVASEGTYPE", "ENOSEGLIST",  "ENOMCT",     "EERR",         "ENOSEGBLOCK",
+    "ENOSEGBLK",   "ENOSIZE",      "EASSERT",     "EINITSEM",   "EFREESEM",     "EPSEM",
+    "EVSEM",       "EOPEN",        "ECLOSE",      "ENULL",      "ESEGMENT",     "EINVAARG"};
 
 constexpr std::array<const char*, MM_CMD_COUNT> kCommandNames = {
-    "MM_CMD_LIB_ENTRY",       "MM_CMD_CREATE_SEGMENT", "MM_CMD_MALLOC",          "MM_CMD_FREE",          "MM_CMD_MEMSET",
-    "MM_CMD_DELETE_SEGMENT",  "MM_CMD_ADD_SEGMENT",    "MM_CMD_CLEAR_SEGMENT",   "MM_CMD_ENTRY",         "MM_CMD_COLLECT_GARBAGE",
-    "MM_CMD_CHECK_SEGMENT",   "MM_CMD_DISPLAY_MST",    "MM_CMD_QUERY_PHYS_ADDR", "MM_CMD_GET_MST",       "MM_CMD_GET_MCT"};
+    "MM_CMD_LIB_ENTRY",       "MM_CMD_CREATE_SEGMENT",  "MM_CMD_MALLOC",        "MM_CMD_FREE",
+    "MM_CMD_MEMSET",          "MM_CMD_DELETE_SEGMENT",  "MM_CMD_ADD_SEGMENT",   "MM_CMD_CLEAR_SEGMENT",
+    "MM_CMD_ENTRY",           "MM_CMD_COLLECT_GARBAGE", "MM_CMD_CHECK_SEGMENT", "MM_CMD_DISPLAY_MST",
+    "MM_CMD_QUERY_PHYS_ADDR", "MM_CMD_GET_MST",         "MM_CMD_GET_MCT"};
 
 constexpr std::size_t kPageBytes = 4096;
 
@@ -46,8 +48,9 @@ std::string codeName(int result)
     if (result == -14)
         return "-14 (incomplete copy)";
     const std::string number = std::to_string(result);
-    return result >= 0 && result < static_cast<int>(kCodeNames.size()) ? number + " (" + kCodeNames[static_cast<std::size_t>(result)] + ")"
-                                                                     : number;
+    return result >= 0 && result < static_cast<int>(kCodeNames.size())
+               ? number + " (" + kCodeNames[static_cast<std::size_t>(result)] + ")"
+               : number;
 }
 
 std::string commandName(std::uint32_t number)
@@ -56,7 +59,9 @@ std::string commandName(std::uint32_t number)
     return index < kCommandNames.size() ? kCommandNames[index] : std::to_string(number);
 }
 
-Error::Error(const std::string& command, int result) : std::runtime_error(describe(command, result)), result_(result) {}
+Error::Error(const std::string& command, int result) : std::runtime_error(describe(command, result)), result_(result)
+{
+}
 
 Mapping::Mapping(Channel& channel, TAddr address, std::size_t bytes, Caching caching) : channel_(&channel)
 {

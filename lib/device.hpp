@@ -87,7 +87,7 @@ struct SegmentRequest {
     std::uint8_t mapBits = 0; // 0, 1, 2, 4 or 8 owner bits for each block
     std::uint8_t type = FLOAT;
     std::uint8_t discipline = LINKEDLIST;
-    bool locked = true;          // safe to use from several contexts
+    bool locked = true;           // safe to use from several contexts
     bool overflowsToHeap = false; // what does not fit is taken from the heap, in the heap's blocks, owned by nobody
 };
 
@@ -97,29 +97,29 @@ public:
     explicit Device(std::unique_ptr<Channel> channel) : channel_(std::move(channel)) {}
 
     // Start-up, in this order.
-    void buildTable();                             // MM_CMD_ENTRY
-    void startLibrary(TStartOption startOption);   // MM_CMD_LIB_ENTRY: forgets every segment
+    void buildTable();                           // MM_CMD_ENTRY
+    void startLibrary(TStartOption startOption); // MM_CMD_LIB_ENTRY: forgets every segment
 
     // The request as the manager gave it back: handle, bytes placed, usable bytes.
     TSegInfoFromApp createSegment(const SegmentRequest& request); // MM_CMD_CREATE_SEGMENT
 
     // At least bytes from a segment for an owner; nullopt when there is no room.
     std::optional<TAddr> allocate(std::uint32_t handle, std::uint32_t bytes, std::uint8_t owner = 0); // MM_CMD_MALLOC
-    void release(std::uint32_t handle, TAddr address, std::uint32_t bytes);                          // MM_CMD_FREE
-    void collectGarbage(std::uint32_t handle, std::uint8_t owner);                                   // MM_CMD_COLLECT_GARBAGE
-    void fill(TAddr address, std::uint8_t byte, std::uint32_t bytes);                                // MM_CMD_MEMSET
+    void release(std::uint32_t handle, TAddr address, std::uint32_t bytes);                           // MM_CMD_FREE
+    void collectGarbage(std::uint32_t handle, std::uint8_t owner);    // MM_CMD_COLLECT_GARBAGE
+    void fill(TAddr address, std::uint8_t byte, std::uint32_t bytes); // MM_CMD_MEMSET
 
     // Fixed segments, by a name of up to four characters. The manager reports success whatever happened.
-    void deleteFixedSegment(const std::string& name);                                         // MM_CMD_DELETE_SEGMENT
-    void addFixedSegment(const std::string& name, std::uint32_t bytes, TAddr address);        // MM_CMD_ADD_SEGMENT: ignored
-    void clearFixedSegment(const std::string& name);                                          // MM_CMD_CLEAR_SEGMENT
+    void deleteFixedSegment(const std::string& name);                                  // MM_CMD_DELETE_SEGMENT
+    void addFixedSegment(const std::string& name, std::uint32_t bytes, TAddr address); // MM_CMD_ADD_SEGMENT: ignored
+    void clearFixedSegment(const std::string& name);                                   // MM_CMD_CLEAR_SEGMENT
 
     // True when the address lies in the segment (handles 0 to 48) or is its end.
-    bool contains(std::uint32_t handle, TAddr address);                 // MM_CMD_CHECK_SEGMENT
-    void display(std::uint8_t selector = MM_DISPLAY_ALL);               // MM_CMD_DISPLAY_MST, on the kernel log
-    std::uint32_t physicalAddress(TAddr address);                       // MM_CMD_QUERY_PHYS_ADDR
-    std::optional<TMMSegInfoWire> segment(std::uint8_t handle);         // MM_CMD_GET_MST; nullopt for the heap and beyond
-    std::optional<TMCTInfoWire> tableRow(std::uint8_t row);             // MM_CMD_GET_MCT; nullopt above 4
+    bool contains(std::uint32_t handle, TAddr address);         // MM_CMD_CHECK_SEGMENT
+    void display(std::uint8_t selector = MM_DISPLAY_ALL);       // MM_CMD_DISPLAY_MST, on the kernel log
+    std::uint32_t physicalAddress(TAddr address);               // MM_CMD_QUERY_PHYS_ADDR
+    std::optional<TMMSegInfoWire> segment(std::uint8_t handle); // MM_CMD_GET_MST; nullopt for the heap and beyond
+    std::optional<TMCTInfoWire> tableRow(std::uint8_t row);     // MM_CMD_GET_MCT; nullopt above 4
 
     Mapping map(TAddr address, std::size_t bytes, Caching caching = Caching::Cached)
     {

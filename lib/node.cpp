@@ -55,7 +55,8 @@ private:
     // O_SYNC on the descriptor makes a mapping uncached; the mapping outlives the descriptor.
     static void* mapThrough(const Descriptor& descriptor, TAddr address, std::size_t bytes)
     {
-        void* const start = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor.number(), static_cast<off_t>(address));
+        void* const start =
+            mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor.number(), static_cast<off_t>(address));
         if (start == MAP_FAILED)
             throw Error("mmap", -errno);
         return start;

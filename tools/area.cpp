@@ -114,24 +114,24 @@ void check(const Bounds& bounds, const Kernel& kernel)
 {
     const auto reducedEnd = static_cast<std::uint32_t>(bounds.end - kMargin);
     if (bounds.start <= kernel.pageOffset)
-        throw Unusable("the module refuses to load: the area must start above PAGE_OFFSET " + hex(kernel.pageOffset) + ", and it starts at " +
-                       hex(bounds.start));
+        throw Unusable("the module refuses to load: the area must start above PAGE_OFFSET " + hex(kernel.pageOffset) +
+                       ", and it starts at " + hex(bounds.start));
     if (reducedEnd <= kernel.pageOffset)
-        throw Unusable("the module refuses to load: the area's end less one mebibyte, " + hex(reducedEnd) + ", must be above PAGE_OFFSET " +
-                       hex(kernel.pageOffset));
+        throw Unusable("the module refuses to load: the area's end less one mebibyte, " + hex(reducedEnd) +
+                       ", must be above PAGE_OFFSET " + hex(kernel.pageOffset));
     if (bounds.end <= bounds.start)
         throw Unusable("the area ends at " + hex(bounds.end) + ", not above its start " + hex(bounds.start) +
                        "; the module does not notice and would manage other memory");
     if (bounds.start % kPageBytes != 0 || bounds.end % kPageBytes != 0)
-        throw Unusable("the area is not made of whole pages of " + std::to_string(kPageBytes) + " bytes: " + hex(bounds.start) + " to " +
-                       hex(bounds.end));
+        throw Unusable("the area is not made of whole pages of " + std::to_string(kPageBytes) +
+                       " bytes: " + hex(bounds.start) + " to " + hex(bounds.end));
     constexpr std::uint64_t least = 2 * kMargin + kFixedSegments;
     if (bounds.end - bounds.start <= least)
-        throw Unusable("the area has " + mebibytes(bounds.end - bounds.start) + "; one mebibyte at each end and the fixed segments leave nothing of " +
-                       mebibytes(least));
+        throw Unusable("the area has " + mebibytes(bounds.end - bounds.start) +
+                       "; one mebibyte at each end and the fixed segments leave nothing of " + mebibytes(least));
     if (kernel.highMemory && bounds.end > *kernel.highMemory)
-        throw Unusable("the area ends at " + hex(bounds.end) + ", beyond the linear map, which ends at " + hex(*kernel.highMemory) +
-                       ": the kernel has no address for the rest");
+        throw Unusable("the area ends at " + hex(bounds.end) + ", beyond the linear map, which ends at " +
+                       hex(*kernel.highMemory) + ": the kernel has no address for the rest");
 }
 
 Bounds fromPhysical(std::string_view text, const Kernel& kernel)
@@ -143,7 +143,8 @@ Bounds fromPhysical(std::string_view text, const Kernel& kernel)
     const std::uint64_t second = parseNumber(text.substr(sign + 1));
     const std::uint64_t end = text[sign] == '+' ? start + second : second;
     if (start < kernel.physOffset)
-        throw Unusable("the area starts at physical " + hex(start) + ", below the start of RAM (PHYS_OFFSET) " + hex(kernel.physOffset));
+        throw Unusable("the area starts at physical " + hex(start) + ", below the start of RAM (PHYS_OFFSET) " +
+                       hex(kernel.physOffset));
     if (end <= start)
         throw Unusable("the area ends at physical " + hex(end) + ", not above its start " + hex(start));
     const Bounds bounds = {start - kernel.physOffset + kernel.pageOffset, end - kernel.physOffset + kernel.pageOffset};
@@ -156,7 +157,8 @@ Bounds fromPhysical(std::string_view text, const Kernel& kernel)
 Bounds fromText(const std::string& text)
 {
     if (text.size() > kTextLength)
-        throw Unusable("'" + text + "' has " + std::to_string(text.size()) + " characters; the parameter takes " + std::to_string(kTextLength));
+        throw Unusable("'" + text + "' has " + std::to_string(text.size()) + " characters; the parameter takes " +
+                       std::to_string(kTextLength));
     unsigned start = 0, end = 0;
     if (std::sscanf(text.c_str(), "%8x-%8x", &start, &end) != 2)
         throw Unusable("'" + text + "' is not START-END with two hexadecimal numbers");
@@ -168,7 +170,8 @@ void describe(const Bounds& bounds, const Kernel& kernel, std::ostream& out)
     const auto physical = [&](std::uint64_t address) { return hex(address - kernel.pageOffset + kernel.physOffset); };
     const std::uint64_t first = bounds.start + kMargin, last = bounds.end - kMargin;
     out << "bigphysarea=" << parameterText(bounds) << "\n"
-        << "reserve  physical " << physical(bounds.start) << " to " << physical(bounds.end) << ", " << mebibytes(bounds.end - bounds.start) << "\n"
+        << "reserve  physical " << physical(bounds.start) << " to " << physical(bounds.end) << ", "
+        << mebibytes(bounds.end - bounds.start) << "\n"
         << "managed  kernel virtual " << hex(first) << " to " << hex(last) << ", " << mebibytes(last - first)
         << " (one mebibyte stays unused at each end)\n";
     if (!kernel.highMemory)
