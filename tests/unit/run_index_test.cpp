@@ -326,9 +326,14 @@ TEST_F(RunIndex, ASegmentForWhichNoTablesAreLeftWalks)
 
 TEST_F(RunIndex, TheCostOfACallDoesNotGrowWithTheRuns)
 {
-    // A comb over the whole segment: only its first block's neighbours make a run of two.
+    // A comb over the whole segment: only its first two blocks make a run of two.
+#ifdef MM_CHECK_RUN_INDEX
+    constexpr U32 combBlocks = 4000; // the check after each operation walks the list
+#else
+    constexpr U32 combBlocks = 200000;
+#endif
     start();
-    const U32 handle = createBlocks("COMB", 200000 * 16, 16);
+    const U32 handle = createBlocks("COMB", combBlocks * 16, 16);
     const U32 start = MM_Addr(stSegTable[handle].pubStartAddr);
     const U32 blocks = MM_GetTotBlk(handle);
     ASSERT_EQ(MM_AllocBlock(handle, blocks, 0), start);
@@ -340,7 +345,11 @@ TEST_F(RunIndex, TheCostOfACallDoesNotGrowWithTheRuns)
     const unsigned long before = machine().touches();
     EXPECT_EQ(MM_AllocBlock(handle, 2, 0), start);
     EXPECT_EQ(MM_FreeBlock(handle, at(start), 2), U32(ENOERR));
+#ifndef MM_CHECK_RUN_INDEX
     EXPECT_LT(machine().touches() - before, 40u); // accesses to list nodes; the walk makes 300,000
+#else
+    static_cast<void>(before);
+#endif
 }
 
 } // namespace
