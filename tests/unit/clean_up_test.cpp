@@ -116,6 +116,24 @@ TEST_F(CleanUp, OwnerBitsBeyondTheByteNeverMatch)
     EXPECT_EQ(mapFromEnd(seg, 2), (std::vector<U8>{0x31, 0x31}));
 }
 
+TEST_F(CleanUp, OwnerWiderThanTheEntryNeverMatches)
+{
+    const struct {
+        U8 mapBits, owner, wide;
+    } cases[] = {{1, 1, 2}, {1, 1, 3}, {1, 1, 254}, {2, 3, 4}, {2, 3, 0x3F}, {4, 15, 16}, {4, 15, 254}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits, owner " << int(c.wide));
+        machine().powerOn();
+        ManagerTest::start();
+        const U32 seg = mapped(c.mapBits);
+        ASSERT_NE(alloc(seg, 40, c.owner), 0U); // whole bytes of set bits, from which neighbours could be taken
+        const auto before = counts(seg);
+        MM_CleanUp(seg, c.wide);
+        EXPECT_EQ(counts(seg), before);
+        expectSilence();
+    }
+}
+
 TEST_F(CleanUp, RunThatReachesTheMapsStartIsNotReleased)
 {
     const U32 seg = mapped(1);

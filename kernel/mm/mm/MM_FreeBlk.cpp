@@ -122,7 +122,6 @@ void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
     const U8 ubBlkBit = stSegTable[hulHandle].ubBlkBit;
     const U32 ulByteEntries = 8 / ubWidth;
     const U8 ubOwned = MM_ByteOf(ubMapID, ubWidth);
-    const bool fFits = (ubMapID >> ubWidth) == 0;
     U32 ulEntry = 0; /* counted from the map's end */
     U32 ulRun = 0;
 
@@ -133,13 +132,13 @@ void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
             ulEntry += ulByteEntries;
             continue;
         }
-        if (fFits && (*pubByte & ubOwned) == ubOwned) { /* all the owner's */
+        if ((*pubByte & ubOwned) == ubOwned) { /* all the owner's */
             ulEntry += ulByteEntries;
             ulRun += ulByteEntries;
             continue;
         }
         for (U8 ubBitPos = 0; ubBitPos < 8; ubBitPos = static_cast<U8>(ubBitPos + ubWidth), ++ulEntry) {
-            const U32 ulWanted = static_cast<U32>(ubMapID) << ubBitPos; /* bits beyond the byte never match */
+            const U32 ulWanted = static_cast<U32>(ubMapID) << ubBitPos;
             if ((*pubByte & ulWanted) == ulWanted) {
                 ++ulRun;
             } else if (ulRun > 0) {
@@ -226,7 +225,8 @@ U32 MM_ClearMap(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 
 void MM_CleanUp(U32 hulHandle, U8 ubMapID)
 {
-    if (stSegTable[hulHandle].stInfoFromApp.ubMap == 0)
+    const U8 ubMap = stSegTable[hulHandle].stInfoFromApp.ubMap;
+    if (ubMap == 0 || (ubMapID >> ubMap) != 0) /* an ID wider than the entry is nobody's */
         return;
     if (hulHandle != HEAPHANDLE) {
         CleanUpRange(hulHandle, ubMapID, MM_RangeOf(hulHandle, nullptr));
