@@ -78,6 +78,15 @@ void MM_ReportPlace(const char* pcFile, const char* pcFunction, S32 slLine);
         }                                                                                          \
     } while (0)
 
+/* Bytes of the default fixed segments. */
+enum {
+    FIXED_MCT_SIZE = 4096,
+    FIXED_RJL_SIZE = 4096,
+    FIXED_JCB_SIZE = 65536,
+    FIXED_UEV_SIZE = 1048576,
+    FIXED_FIL_SIZE = 1048576
+};
+
 constexpr U32 MM_FAILED = 0xFFFFFFFF;       /* an address or count that could not be given */
 constexpr U32 MM_UNUSED_PIECE = 0xFFFFFFFF; /* start of a heap piece that is not there */
 

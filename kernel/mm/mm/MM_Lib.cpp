@@ -116,7 +116,7 @@ BOOL MM_IsBrokenDramBackUp(void)
     pubSegMemStartAddr = MM_At<U32>(*pubSegMemStartAddr);
     pubSegMemEndAddr = MM_At<U32>(CM_IF_ReadRamBaseAddr() + ulRamSize);
 
-    pstMCTTable[0] = MM_At<TMCTInfo>(CM_IF_ReadMCTStartAddr());
+    pstMCTTable[0] = MM_At<TMCTInfo>(ulMCTStartAddr);
     MM_RearrangeMCT(pstMCTTable);
     MM_FillMemory(reinterpret_cast<U8*>(pstMCTTable[0]), 0, ulMCTAreaBytes);
     for (U8 ubIdx = 0; ubIdx < MAX_MCT_NUM; ++ubIdx)

@@ -34,8 +34,8 @@ U32 CutFront(TMMBlkStr* pstSegBlk, U32 ulNewSegSize)
     }
     if (static_cast<S32>(stNode.ulSize) < 0)
         MM_ASSERT_FOR("MM_RearrangeSegList", 0, EASSERT);
-    MM_Repoint(stFreeMemory, pstSegBlk, stNode, pstRemainder);
     MM_WriteNode(pstRemainder, stNode);
+    MM_Repoint(stFreeMemory, pstSegBlk, stNode, pstRemainder);
     return ENOERR;
 }
 
@@ -159,8 +159,8 @@ U32 PlaceHeap(TMMSegInfo* pstSegInfo)
     U32 ulSegSize = 0;
     TMMBlkStr* pstTempBlk = pstSegBlkHead;
     while (pstTempBlk != nullptr && ubPieces < MAX_PIECE_NUM) {
-        TMMBlkStr* pstNext = MM_Next(pstTempBlk);
         const U32 ulSize = MM_Size(pstTempBlk);
+        TMMBlkStr* const pstNext = MM_Next(pstTempBlk);
         if (ulSize <= MAX_SMALL_NODE) {
             MM_Unlink(TMMFreeMemoryLinks(), pstTempBlk);
         } else {

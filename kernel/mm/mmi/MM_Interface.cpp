@@ -15,8 +15,6 @@ S32 velmora_mm_major;
 
 namespace {
 
-enum { FIXED_MCT_SIZE = 4096, FIXED_RJL_SIZE = 4096, FIXED_JCB_SIZE = 65536, FIXED_UEV_SIZE = 1048576, FIXED_FIL_SIZE = 1048576 };
-
 /* Kernel codes, as their negative values reach the caller. */
 constexpr S32 KERNEL_EIO = 5, KERNEL_EAGAIN = 11, KERNEL_EFAULT = 14, KERNEL_EINVAL = 22, KERNEL_ENOSYS = 38;
 
