@@ -51,10 +51,10 @@ int MMP_StrNCmp(const U8* pubLeft, const U8* pubRight, U32 ulBytes)
 /* Locks ------------------------------------------------------------------------------------------- */
 
 static raw_spinlock_t astLock[MM_LOCK_NUM] = {
-    [search_lock] = __RAW_SPIN_LOCK_UNLOCKED(astLock[search_lock]),
-    [free_lock] = __RAW_SPIN_LOCK_UNLOCKED(astLock[free_lock]),
-    [push_lock] = __RAW_SPIN_LOCK_UNLOCKED(astLock[push_lock]),
-    [pop_lock] = __RAW_SPIN_LOCK_UNLOCKED(astLock[pop_lock]),
+    [search_lock] = __RAW_SPIN_LOCK_INITIALIZER(astLock[search_lock]),
+    [free_lock] = __RAW_SPIN_LOCK_INITIALIZER(astLock[free_lock]),
+    [push_lock] = __RAW_SPIN_LOCK_INITIALIZER(astLock[push_lock]),
+    [pop_lock] = __RAW_SPIN_LOCK_INITIALIZER(astLock[pop_lock]),
 };
 
 void MMP_LockIrq(enum TMMLock enLock)
