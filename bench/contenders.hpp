@@ -55,7 +55,8 @@ inline void startLibrary(Search search)
     expect(MM_LibEntry(SM_BKUP_OK, nullptr) == ENOERR, "the library does not start");
 }
 
-inline U32 createSegment(const char* name, U32 bytes, U32 blockBytes, U8 mapBits, U8 discipline, U8 type = FLOATALIGN, bool overflows = false)
+inline U32 createSegment(const char* name, U32 bytes, U32 blockBytes, U8 mapBits, U8 discipline, U8 type = FLOATALIGN,
+                         bool overflows = false)
 {
     TSegInfoFromApp info{};
     std::memcpy(info.aubSegID, name, std::strlen(name));
@@ -178,9 +179,10 @@ struct SystemArea {
 struct Glibc : SystemArea {
     Glibc()
     {
-        Dl_info owner{};
-        dladdr(reinterpret_cast<void*>(&std::malloc), &owner);
-        expect(std::string(owner.dli_fname).find("libc.so") != std::string::npos, "malloc is not the C library's");
+        const std::size_t before = mallinfo2().uordblks;
+        void* volatile const memory = std::malloc(64 * kUnit); // more than its caches for one thread keep
+        expect(mallinfo2().uordblks > before, "malloc is not the C library's");
+        std::free(memory);
     }
     void* allocate(std::uint32_t units) { return std::malloc(units * kUnit); }
     void release(void* memory, std::uint32_t) { std::free(memory); }
