@@ -21,7 +21,7 @@ public:
      * counts as a shift of 32 or more, which leaves nothing of the distance. */
     CMMMapWalker(U32 ulDistance, U8* pubMapEndAddr, U8 ubWidth) : ubWidth(ubWidth)
     {
-        const U8 ubWidthBit = MM_GetBlkBit(ubWidth);
+        const U8 ubWidthBit = ubWidth == 0 ? MM_GetBlkBit(0) : MM_Log2(ubWidth);
         const U8 ubShift = static_cast<U8>(3 - ubWidthBit);
         const U32 ulBytes = ubShift < 32 ? ulDistance >> ubShift : 0;
         stByte.pubyiscp = MM_At(MM_Addr(pubMapEndAddr) - 1 - ulBytes);
@@ -74,48 +74,78 @@ inline U8 MM_ByteOf(U8 ubMapID, U8 ubWidth)
     return static_cast<U8>(ulByte);
 }
 
-/* Four bytes of a map at once; they may lie at any address. */
-struct __attribute__((packed, may_alias)) TMMMapWord {
-    U32 ulBits;
-};
+/* Four bytes of a map at once, at an address that is a multiple of four. */
+using TMMMapWord __attribute__((may_alias)) = U32;
+constexpr U32 MAP_WORD_BYTES = sizeof(TMMMapWord);
+
+inline TMMMapWord* MM_MapWord(U8* pubAddr)
+{
+    return reinterpret_cast<TMMMapWord*>(pubAddr);
+}
+
+inline bool MM_IsWordAligned(const U8* pubAddr)
+{
+    return MM_Addr(pubAddr) % MAP_WORD_BYTES == 0;
+}
 
 /* ORs a byte into ulBytes bytes. */
 inline void MM_OrBytes(U8* pubAddr, U32 ulBytes, U8 ubByte)
 {
     MMP_Touch(pubAddr, ulBytes);
-    for (; ulBytes >= sizeof(TMMMapWord); ulBytes -= sizeof(TMMMapWord), pubAddr += sizeof(TMMMapWord))
-        reinterpret_cast<TMMMapWord*>(pubAddr)->ulBits |= ubByte * 0x01010101u;
-    for (; ulBytes > 0; --ulBytes, ++pubAddr)
+    for (; ulBytes > 0 && !MM_IsWordAligned(pubAddr); ++pubAddr, --ulBytes)
+        *pubAddr = static_cast<U8>(*pubAddr | ubByte);
+    TMMMapWord* pulWord = MM_MapWord(pubAddr);
+#pragma GCC unroll 4
+    for (U32 ulWords = ulBytes / MAP_WORD_BYTES; ulWords > 0; --ulWords)
+        *pulWord++ |= ubByte * 0x01010101u;
+    pubAddr += ulBytes - ulBytes % MAP_WORD_BYTES;
+    for (ulBytes %= MAP_WORD_BYTES; ulBytes > 0; ++pubAddr, --ulBytes)
         *pubAddr = static_cast<U8>(*pubAddr | ubByte);
 }
 
-/* True when every entry of 2, 4 or 8 bits in the word has a bit set. */
-inline bool MM_AllMarked(U32 ulWord, U8 ubWidth)
+/* Tells of four bytes at once whether every entry in them is marked. */
+class CMMMarkedTest
 {
-    const U32 ulLowest = ubWidth == 8 ? 0x01010101u : ubWidth == 4 ? 0x11111111u : 0x55555555u;
-    for (U8 ubShift = 1; ubShift < ubWidth; ubShift = static_cast<U8>(ubShift * 2))
-        ulWord |= ulWord >> ubShift;
-    return (ulWord & ulLowest) == ulLowest;
-}
+public:
+    /* One-bit entries count as marked whatever they hold. */
+    explicit CMMMarkedTest(U8 ubWidth)
+        : ulLowest(ubWidth == 8 ? 0x01010101u : ubWidth == 4 ? 0x11111111u : 0x55555555u),
+          ulHighest(ubWidth == 1 ? 0 : ulLowest << (ubWidth - 1))
+    {
+    }
+
+    bool All(U32 ulWord) const { return (Unmarked(ulWord) & ulHighest) == 0; }
+    bool AllOfByte(U8 ubByte) const { return All(ubByte * 0x01010101u); }
+    bool AllOfFour(const TMMMapWord* pulWord) const
+    {
+        return ((Unmarked(pulWord[0]) | Unmarked(pulWord[1]) | Unmarked(pulWord[2]) | Unmarked(pulWord[3])) & ulHighest) == 0;
+    }
+
+private:
+    /* An entry of 0 borrows from the bits above it: its highest bit is set where it was not before. */
+    U32 Unmarked(U32 ulWord) const { return (ulWord - ulLowest) & ~ulWord; }
+
+    U32 ulLowest, ulHighest; /* these bits of each entry */
+};
 
 /* Zeroes up to ulBytes bytes, as far as each of their entries is marked (one-bit entries need not be); the bytes
  * zeroed. */
 inline U32 MM_ClearMarkedBytes(U8* pubAddr, U32 ulBytes, U8 ubWidth)
 {
-    U32 ulDone = 0;
+    const CMMMarkedTest clMarked(ubWidth);
+    U8* pubByte = pubAddr;
+    U32 ulLeft = ulBytes;
+
     MMP_Touch(pubAddr, ulBytes);
-    for (; ulBytes - ulDone >= sizeof(TMMMapWord); ulDone += sizeof(TMMMapWord)) {
-        auto* pstWord = reinterpret_cast<TMMMapWord*>(pubAddr + ulDone);
-        if (ubWidth > 1 && !MM_AllMarked(pstWord->ulBits, ubWidth))
-            break;
-        pstWord->ulBits = 0;
+    for (;;) {
+        if (MM_IsWordAligned(pubByte))
+            for (; ulLeft >= 4 * MAP_WORD_BYTES && clMarked.AllOfFour(MM_MapWord(pubByte)); pubByte += 4 * MAP_WORD_BYTES, ulLeft -= 4 * MAP_WORD_BYTES)
+                MM_MapWord(pubByte)[0] = MM_MapWord(pubByte)[1] = MM_MapWord(pubByte)[2] = MM_MapWord(pubByte)[3] = 0;
+        if (ulLeft == 0 || !clMarked.AllOfByte(*pubByte))
+            return ulBytes - ulLeft;
+        *pubByte++ = 0;
+        --ulLeft;
     }
-    for (; ulDone < ulBytes; ++ulDone) {
-        if (ubWidth > 1 && !MM_AllMarked(pubAddr[ulDone] * 0x01010101u, ubWidth))
-            break;
-        pubAddr[ulDone] = 0;
-    }
-    return ulDone;
 }
 
 inline CMMMapWalker MM_WalkMap(U32 hulHandle, const TMMRange& stRange, U8* pubAddr)
