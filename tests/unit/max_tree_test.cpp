@@ -10,10 +10,13 @@
 namespace velmora::test {
 namespace {
 
-struct Tree {
-    explicit Tree(U32 count) : storage(CMMMaxTree::StorageWords(count) + 1, 0xDEADBEEF) { tree.Init(storage.data(), count); }
+template <class TNode> struct Tree {
+    explicit Tree(U32 count) : storage(CMMMaxTree<TNode>::StorageWords(count) + 1, 0xDEADBEEF)
+    {
+        tree.Init(storage.data(), count);
+    }
     std::vector<U32> storage; // one word more than the tree may use
-    CMMMaxTree tree;
+    CMMMaxTree<TNode> tree;
 };
 
 U32 lastAtLeast(const std::vector<U32>& numbers, U32 limit, U32 least)
@@ -21,66 +24,91 @@ U32 lastAtLeast(const std::vector<U32>& numbers, U32 limit, U32 least)
     for (U32 i = limit; i > 0; --i)
         if (numbers[i - 1] >= least)
             return i - 1;
-    return CMMMaxTree::NONE;
+    return MM_NO_ELEMENT;
 }
 
-TEST(MaxTree, StorageIsALittleMoreThanTheElements)
+template <class TNode> class MaxTree : public testing::Test
 {
-    EXPECT_EQ(CMMMaxTree::StorageWords(1), 16u);
-    EXPECT_EQ(CMMMaxTree::StorageWords(16), 16u);
-    EXPECT_EQ(CMMMaxTree::StorageWords(17), 32u + 16u);
-    EXPECT_EQ(CMMMaxTree::StorageWords(256), 256u + 16u);
-    EXPECT_EQ(CMMMaxTree::StorageWords(257), 272u + 32u + 16u);
+};
+
+using Nodes = testing::Types<CMMWordNode, CMMByteNode>;
+TYPED_TEST_SUITE(MaxTree, Nodes);
+
+TEST(MaxTreeStorage, IsALittleMoreThanTheElements)
+{
+    using Words = CMMMaxTree<CMMWordNode>; // 16 words a node
+    EXPECT_EQ(Words::StorageWords(1), 16u);
+    EXPECT_EQ(Words::StorageWords(16), 16u);
+    EXPECT_EQ(Words::StorageWords(17), 32u + 16u);
+    EXPECT_EQ(Words::StorageWords(256), 256u + 16u);
+    EXPECT_EQ(Words::StorageWords(257), 272u + 32u + 16u);
+    using Bytes = CMMMaxTree<CMMByteNode>; // 32 elements in the 8 words of a node
+    EXPECT_EQ(Bytes::StorageWords(1), 8u);
+    EXPECT_EQ(Bytes::StorageWords(32), 8u);
+    EXPECT_EQ(Bytes::StorageWords(33), 16u + 8u);
+    EXPECT_EQ(Bytes::StorageWords(1024), 256u + 8u);
+    EXPECT_EQ(Bytes::StorageWords(1025), 264u + 16u + 8u);
 }
 
-TEST(MaxTree, AnEmptyTreeFindsNothing)
+TYPED_TEST(MaxTree, FindsNothingWhenEmpty)
 {
-    for (const U32 count : {1u, 16u, 17u, 5000u}) {
-        const Tree t(count);
+    for (const U32 count : {1u, 16u, 17u, 32u, 33u, 5000u}) {
+        const Tree<TypeParam> t(count);
         EXPECT_EQ(t.tree.Max(), 0u);
-        EXPECT_EQ(t.tree.FindLast(1), CMMMaxTree::NONE);
-        EXPECT_EQ(t.tree.FindLastBelow(count, 1), CMMMaxTree::NONE);
-        EXPECT_EQ(t.tree.FindLastBelow(0, 1), CMMMaxTree::NONE);
+        EXPECT_EQ(t.tree.FindLast(1), MM_NO_ELEMENT);
+        EXPECT_EQ(t.tree.FindLastBelow(count, 1), MM_NO_ELEMENT);
+        EXPECT_EQ(t.tree.FindLastBelow(0, 1), MM_NO_ELEMENT);
     }
 }
 
-TEST(MaxTree, TheFirstElementIsFoundFromTheLast)
+TYPED_TEST(MaxTree, FindsTheFirstElementFromTheLast)
 {
-    for (const U32 count : {1u, 2u, 16u, 17u, 256u, 257u, 4096u, 4097u, 70000u}) {
-        Tree t(count);
+    for (const U32 count : {1u, 2u, 16u, 17u, 256u, 257u, 1024u, 1025u, 4096u, 4097u, 70000u}) {
+        Tree<TypeParam> t(count);
         t.tree.Set(0, 5);
         EXPECT_EQ(t.tree.FindLast(5), 0u) << count;
-        EXPECT_EQ(t.tree.FindLast(6), CMMMaxTree::NONE) << count;
+        EXPECT_EQ(t.tree.FindLast(6), MM_NO_ELEMENT) << count;
         t.tree.Set(0, 0);
         EXPECT_EQ(t.tree.Max(), 0u);
     }
 }
 
-TEST(MaxTree, ElementsAboveTheLimitAreNotFound)
+TYPED_TEST(MaxTree, FindsNothingAtOrAboveTheLimit)
 {
-    Tree t(600);
+    Tree<TypeParam> t(600);
     t.tree.Set(300, 9);
-    EXPECT_EQ(t.tree.FindLastBelow(300, 1), CMMMaxTree::NONE);
+    EXPECT_EQ(t.tree.FindLastBelow(300, 1), MM_NO_ELEMENT);
     EXPECT_EQ(t.tree.FindLastBelow(301, 1), 300u);
     EXPECT_EQ(t.tree.FindLast(9), 300u);
 }
 
-TEST(MaxTree, RandomSequencesAnswerAsAPlainArrayDoes)
+TYPED_TEST(MaxTree, TellsTheLargestNumbersOfANodeApart)
+{
+    Tree<TypeParam> t(64);
+    for (U32 i = 0; i < 64; ++i)
+        t.tree.Set(i, 127 - i);
+    for (U32 least = 64; least <= 127; ++least)
+        EXPECT_EQ(t.tree.FindLast(least), 127 - least);
+    EXPECT_EQ(t.tree.Max(), 127u);
+}
+
+TYPED_TEST(MaxTree, AnswersRandomSequencesAsAPlainArrayDoes)
 {
     std::mt19937 random(1);
-    for (const U32 count : {1u, 15u, 16u, 31u, 100u, 256u, 300u, 5000u}) {
-        Tree t(count);
+    for (const U32 count : {1u, 15u, 16u, 31u, 32u, 33u, 100u, 256u, 300u, 5000u}) {
+        Tree<TypeParam> t(count);
         std::vector<U32> plain(count, 0);
         for (int step = 0; step < 20000; ++step) {
             const U32 index = random() % count;
-            const U32 value = random() % 4 == 0 ? 0 : random() % 50;
+            const U32 value = random() % 4 == 0 ? 0 : random() % 2 == 0 ? random() % 50 : random() % 128;
             t.tree.Set(index, value);
             plain[index] = value;
             ASSERT_EQ(t.tree.Get(index), value);
             ASSERT_EQ(t.tree.Max(), *std::max_element(plain.begin(), plain.end())) << count << " step " << step;
             const U32 limit = random() % (count + 1);
-            const U32 least = 1 + random() % 55;
-            ASSERT_EQ(t.tree.FindLastBelow(limit, least), lastAtLeast(plain, limit, least)) << count << " step " << step;
+            const U32 least = 1 + random() % 127;
+            ASSERT_EQ(t.tree.FindLastBelow(limit, least), lastAtLeast(plain, limit, least))
+                << count << " step " << step;
             ASSERT_EQ(t.tree.FindLast(least), lastAtLeast(plain, count, least)) << count << " step " << step;
         }
         EXPECT_EQ(t.storage.back(), 0xDEADBEEFu);

@@ -24,7 +24,7 @@ TMMBlkStr* FindRun(U32 hulHandle, U32 ulReqBlkNum)
     TMMRunIndex* const pstIndex = MM_AwakeRunIndex(hulHandle);
     if (pstIndex != nullptr && ulReqBlkNum - 1 < MAX_INDEXED_REQUEST) {
         TMMBlkStr* const pstRun = MM_IndexedRun(*pstIndex, ulReqBlkNum);
-        if (pstIndex->fKept)
+        if (pstIndex->enState == INDEX_AWAKE)
             return pstRun;
     }
     TMMBlkStr* const pstTail = astBlkTail[hulHandle].pstBlk;
@@ -54,7 +54,7 @@ TMMBlkStr* MM_SearchBlock(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 {
     TMMSegInfo& stSeg = stSegTable[hulHandle];
 
-    if (MM_GetTotAvailBlk(hulHandle) == 0)
+    if (stSeg.ulTotalFreeBlkNum == 0)
         return nullptr;
     const bool fLocked = MM_LockSegment(hulHandle, search_lock);
 
@@ -70,7 +70,7 @@ TMMBlkStr* MM_SearchBlock(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
         MM_SetMap(hulHandle, reinterpret_cast<U8*>(pstResult), ulReqBlkNum, ubMapID);
     stSeg.ulTotalFreeBlkNum -= ulReqBlkNum;
     stSeg.ulTotalAllocBlkNum += ulReqBlkNum;
-    stSeg.ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);
+    stSeg.ulLargestBlkSize = MM_LargestFree(hulHandle);
 
     if (fLocked && !MM_CountersAgree(hulHandle))
         MM_TraceMST(hulHandle);

@@ -47,7 +47,7 @@ TMMNeighbours FindNeighbours(U32 hulHandle, U32 ulAddr, U32 ulBlkNo)
 {
     if (TMMRunIndex* const pstIndex = MM_AwakeRunIndex(hulHandle)) {
         const TMMNeighbours stNeighbours = MM_IndexedNeighbours(*pstIndex, ulAddr, ulBlkNo);
-        if (pstIndex->fKept)
+        if (pstIndex->enState == INDEX_AWAKE)
             return stNeighbours;
     }
     return WalkToNeighbours(hulHandle, ulAddr);
@@ -106,12 +106,15 @@ U32 InsertRun(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
             MM_SetBack(MM_Next(pstNew), pstLower);
     }
 
-    if (ulUpperSize != 0)
-        MM_IndexRunRemoved(hulHandle, pstUpper, ulUpperSize, fAbsorbed ? pstLower : pstNew);
-    if (fAbsorbed)
+    if (fAbsorbed) {
         MM_IndexRunGrown(hulHandle, pstLower);
-    else
+        if (ulUpperSize != 0)
+            MM_IndexRunRemoved(hulHandle, pstUpper, ulUpperSize, pstLower);
+    } else if (ulUpperSize != 0) {
+        MM_IndexRunMoved(hulHandle, pstNew, pstUpper, ulUpperSize);
+    } else {
         MM_IndexRunAdded(hulHandle, pstNew);
+    }
     return ENOERR;
 }
 
@@ -152,7 +155,7 @@ void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
 /* The end of both releases: the largest run, the counters, the lock. */
 U32 FinishRelease(const char* pcEntry, U32 hulHandle, bool fLocked, TMMLock enLock)
 {
-    stSegTable[hulHandle].ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);
+    stSegTable[hulHandle].ulLargestBlkSize = MM_LargestFree(hulHandle);
     MM_ASSERT_FOR(pcEntry, (stSegTable[hulHandle].ulLargestBlkSize >= 0) && (stSegTable[hulHandle].ulLargestBlkSize <= stSegTable[hulHandle].ulTotalFreeBlkNum),
                   EASSERT);
     if (fLocked && !MM_CountersAgree(hulHandle)) {

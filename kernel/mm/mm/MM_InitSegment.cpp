@@ -237,7 +237,7 @@ void ZeroBytes(U32 ulStart, U32 ulEnd)
 U8 MM_GetBlkBit(U32 ulBlkSize)
 {
     MM_ASSERT(ulBlkSize > 0, EASSERT);
-    return static_cast<U8>(31 - __builtin_clz(ulBlkSize));
+    return MM_Log2(ulBlkSize);
 }
 
 void MM_ClearMapAll(U32 hulHandle)
@@ -254,15 +254,7 @@ U32 MM_FindNewLargestBlk(U32 hulHandle)
 {
     hulHandle = MM_RealHandle(hulHandle);
     MM_ASSERT((hulHandle < MAX_SEGTABLE_SIZE && hulHandle >= 0) && "The range of Handle is beyond MST range", EASSERT);
-
-    if (stSegTable[hulHandle].stInfoFromApp.ubSegDSType == STACK) {
-        const TStackStr& stStack = astStackStr[hulHandle];
-        return (MM_Addr(stStack.pubStackHead) - MM_Addr(stStack.pubStackTail)) >> stSegTable[hulHandle].ubBlkBit;
-    }
-    if (const TMMRunIndex* const pstIndex = MM_AwakeRunIndex(hulHandle))
-        return pstIndex->clLongest.Max();
-    const TMMBlkStr* pstLargest = MM_LargestNode(astBlkHead[hulHandle].pstBlk);
-    return pstLargest == nullptr ? 0 : MM_Size(pstLargest);
+    return MM_LargestFree(hulHandle);
 }
 
 U32 MM_SegInitial(TMMSegInfo* pstSegInfo)

@@ -174,6 +174,17 @@ inline TMMBlkStr* MM_LargestNode(TMMBlkStr* pstHead)
     return pstLargest;
 }
 
+/* The largest size in a list; 0 for an empty one. */
+inline U32 MM_LargestSize(TMMBlkStr* pstHead)
+{
+    U32 ulLargest = 0;
+    for (TMMBlkStr* pstBlk = pstHead; pstBlk != nullptr; pstBlk = MM_Next(pstBlk)) {
+        const U32 ulSize = MM_Size(pstBlk);
+        ulLargest = ulSize > ulLargest ? ulSize : ulLargest;
+    }
+    return ulLargest;
+}
+
 /* The smallest node that pfnFits accepts, the first of equals; null when there is none. */
 template <class TFits> inline TMMBlkStr* MM_BestFit(TMMBlkStr* pstHead, TFits pfnFits)
 {

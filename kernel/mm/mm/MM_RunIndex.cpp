@@ -3,18 +3,17 @@
  */
 #include "MM_RunIndex.h"
 
-#include "MM_List.h"
-
 TMMRunIndex astRunIndex[MAX_SEGTABLE_SIZE];
 
 namespace {
 
-constexpr U32 POOL_WORDS = 260000;      /* of all tables; with the descriptors below 1 MiB */
-constexpr U32 SMALLEST_SHARE = 512;     /* what a segment of many gets */
+constexpr U32 POOL_WORDS = 260000; /* of all tables; with the descriptors below 1 MiB */
+constexpr U32 SMALLEST_SHARE = 512; /* what a segment of many gets */
 constexpr U32 HELD_BACK_WORDS = SMALLEST_SHARE * MAX_SEGTABLE_SIZE;
-constexpr U32 NODE_BYTES = 12;          /* what a run's header takes */
-constexpr U8 MIN_BLK_BIT = 4;           /* blocks that hold a header */
-constexpr U8 CHUNK_BLK_BIT = 3;         /* a chunk has 8 blocks, four runs at the most, where there is room */
+constexpr U32 NODE_BYTES = 12;   /* what a run's header takes */
+constexpr U8 MIN_BLK_BIT = 4;    /* blocks that hold one */
+constexpr U8 CHUNK_BLK_BIT = 4;  /* a chunk has 16 blocks, eight runs at the most, where there is room */
+constexpr U32 GROUP_CHUNKS = 8; /* long runs are kept for every eight chunks: that is one where there is room */
 
 U32 aulPool[POOL_WORDS];
 U32 ulPoolUsed;
@@ -78,10 +77,10 @@ U32 ChunkOf(const TMMRunIndex& stIndex, U32 ulAddr)
     return (ulAddr - stIndex.ulStart) >> stIndex.ubChunkBit;
 }
 
-/* True when the address of a run, or null, lies in the chunk. */
+/* True when the address of a run, or null, lies in the chunk. What lies below the segment comes out above its last chunk. */
 bool IsInChunk(const TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulChunk)
 {
-    return pstRun != nullptr && MM_Addr(pstRun) >= stIndex.ulStart && ChunkOf(stIndex, MM_Addr(pstRun)) == ulChunk;
+    return ChunkOf(stIndex, MM_Addr(pstRun)) == ulChunk;
 }
 
 /* Visits the runs of an ordinary list in order: inside the span, ascending, apart, linked both ways, head to tail.
@@ -112,42 +111,59 @@ void NoteEnds(U32 hulHandle, TMMRunIndex& stIndex)
     stIndex.pstTail = astBlkTail[hulHandle].pstBlk;
 }
 
+/* A size as the table of the chunks has it. */
+U32 ShortSize(U32 ulSize)
+{
+    return ulSize < LONG_RUN ? ulSize : LONG_RUN;
+}
+
 /* Enters a run that is new or longer. */
 void PutRun(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulSize)
 {
     const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
     if (MM_Addr(pstRun) > stIndex.pulTop[ulChunk])
         stIndex.pulTop[ulChunk] = MM_Addr(pstRun);
-    if (ulSize > stIndex.clLongest.Get(ulChunk))
-        stIndex.clLongest.Set(ulChunk, ulSize);
+    const U32 ulLongest = stIndex.clShort.Get(ulChunk);
+    if (ShortSize(ulSize) > ulLongest)
+        stIndex.clShort.Replace(ulChunk, ulLongest, ShortSize(ulSize));
+    if (ulSize >= LONG_RUN && ulSize > stIndex.clLong.Get(ulChunk / GROUP_CHUNKS))
+        stIndex.clLong.Set(ulChunk / GROUP_CHUNKS, ulSize);
 }
 
 /* Fills the empty tables from the list. */
 void Wake(U32 hulHandle, TMMRunIndex& stIndex)
 {
     stIndex.ulRuns = 0;
-    stIndex.fAwake = true;
     NoteEnds(hulHandle, stIndex);
-    stIndex.fKept = VisitRuns(hulHandle, stIndex, [&](TMMBlkStr* pstRun, U32 ulSize) {
+    const bool fOrdinary = VisitRuns(hulHandle, stIndex, [&](TMMBlkStr* pstRun, U32 ulSize) {
         PutRun(stIndex, pstRun, ulSize);
         ++stIndex.ulRuns;
     });
+    stIndex.enState = fOrdinary ? INDEX_AWAKE : INDEX_NONE;
 }
 
 /* Empties the tables, which know the runs of the list. */
 void Sleep(U32 hulHandle, TMMRunIndex& stIndex)
 {
-    stIndex.fAwake = false;
-    stIndex.fKept = VisitRuns(hulHandle, stIndex, [&](TMMBlkStr* pstRun, U32) {
+    const bool fOrdinary = VisitRuns(hulHandle, stIndex, [&](TMMBlkStr* pstRun, U32) {
         const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
         stIndex.pulTop[ulChunk] = 0;
-        stIndex.clLongest.Set(ulChunk, 0);
+        stIndex.clShort.Set(ulChunk, 0);
+        stIndex.clLong.Set(ulChunk / GROUP_CHUNKS, 0);
     });
+    stIndex.enState = fOrdinary ? INDEX_ASLEEP : INDEX_NONE;
+}
+
+U32 Groups(const TMMRunIndex& stIndex)
+{
+    return (stIndex.ulChunks + GROUP_CHUNKS - 1) / GROUP_CHUNKS;
 }
 
 void EmptyTables(TMMRunIndex& stIndex)
 {
-    stIndex.clLongest.Init(stIndex.pulTop + stIndex.ulChunks, stIndex.ulChunks);
+    U32* const pulShort = stIndex.pulTop + stIndex.ulChunks;
+    stIndex.clShort.Init(pulShort, stIndex.ulChunks);
+    stIndex.clLong.Init(pulShort + TMMShortTree::StorageWords(stIndex.ulChunks), Groups(stIndex));
     for (U32 ulChunk = 0; ulChunk < stIndex.ulChunks; ++ulChunk)
         stIndex.pulTop[ulChunk] = 0;
 }
@@ -157,7 +173,7 @@ void Begin(U32 hulHandle, TMMRunIndex& stIndex)
 {
     EmptyTables(stIndex);
     Wake(hulHandle, stIndex);
-    if (stIndex.fKept && stIndex.ulRuns <= WAKE_RUNS)
+    if (stIndex.enState == INDEX_AWAKE && stIndex.ulRuns <= WAKE_RUNS)
         Sleep(hulHandle, stIndex);
 }
 
@@ -183,7 +199,8 @@ bool TakeTables(U32 hulHandle, TMMRunIndex& stIndex)
         stIndex.ulChunks = ((stIndex.ulEnd - stIndex.ulStart - 1) >> stIndex.ubChunkBit) + 1;
         if (stIndex.ulChunks > POOL_WORDS)
             continue;
-        const U32 ulWords = stIndex.ulChunks + CMMMaxTree::StorageWords(stIndex.ulChunks);
+        const U32 ulWords = stIndex.ulChunks + TMMShortTree::StorageWords(stIndex.ulChunks) +
+                            TMMLongTree::StorageWords(Groups(stIndex));
         if (ulWords > ulShare)
             continue;
         stIndex.pulTop = aulPool + ulPoolUsed;
@@ -193,14 +210,53 @@ bool TakeTables(U32 hulHandle, TMMRunIndex& stIndex)
     return false;
 }
 
-/* Finds the length of the longest run of a chunk from the list. */
-void MeasureChunk(TMMRunIndex& stIndex, U32 ulChunk)
+/* Size of the longest run that starts in a chunk, from the list. */
+U32 LongestOfChunk(const TMMRunIndex& stIndex, U32 ulChunk)
 {
     U32 ulLongest = 0;
     for (TMMBlkStr* pstRun = MM_At<TMMBlkStr>(stIndex.pulTop[ulChunk]); IsInChunk(stIndex, pstRun, ulChunk); pstRun = MM_Back(pstRun))
         if (MM_Size(pstRun) > ulLongest)
             ulLongest = MM_Size(pstRun);
-    stIndex.clLongest.Set(ulChunk, ulLongest);
+    return ulLongest;
+}
+
+/* The highest chunk of a group that has a run of at least ulSize blocks, LONG_RUN or more; MM_NO_ELEMENT when none has. */
+U32 LastLongOfGroup(const TMMRunIndex& stIndex, U32 ulGroup, U32 ulSize)
+{
+    const U32 ulFirst = ulGroup * GROUP_CHUNKS;
+    const U32 ulPast = ulFirst + GROUP_CHUNKS < stIndex.ulChunks ? ulFirst + GROUP_CHUNKS : stIndex.ulChunks;
+    for (U32 ulChunk = ulPast; ulChunk > ulFirst; --ulChunk)
+        if (stIndex.clShort.Get(ulChunk - 1) == LONG_RUN && LongestOfChunk(stIndex, ulChunk - 1) >= ulSize)
+            return ulChunk - 1;
+    return MM_NO_ELEMENT;
+}
+
+/* Size of the longest run that starts in a group, if it is a long one; else 0. */
+U32 LongestOfGroup(const TMMRunIndex& stIndex, U32 ulGroup)
+{
+    U32 ulLongest = 0;
+    for (U32 ulChunk; (ulChunk = LastLongOfGroup(stIndex, ulGroup, ulLongest + 1)) != MM_NO_ELEMENT;)
+        ulLongest = LongestOfChunk(stIndex, ulChunk);
+    return ulLongest;
+}
+
+/* Mends the tables after a chunk lost a run of this size, or the run became shorter. */
+void LoseRun(TMMRunIndex& stIndex, U32 ulChunk, U32 ulOldSize)
+{
+    const U32 ulGroup = ulChunk / GROUP_CHUNKS;
+    if (ShortSize(ulOldSize) == stIndex.clShort.Get(ulChunk))
+        stIndex.clShort.Replace(ulChunk, ShortSize(ulOldSize), ShortSize(LongestOfChunk(stIndex, ulChunk)));
+    if (ulOldSize >= LONG_RUN && ulOldSize == stIndex.clLong.Get(ulGroup))
+        stIndex.clLong.Set(ulGroup, LongestOfGroup(stIndex, ulGroup));
+}
+
+/* Mends the tables after a run was taken out. */
+void TakeRun(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower)
+{
+    const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
+    if (stIndex.pulTop[ulChunk] == MM_Addr(pstRun))
+        stIndex.pulTop[ulChunk] = IsInChunk(stIndex, pstLower, ulChunk) ? MM_Addr(pstLower) : 0;
+    LoseRun(stIndex, ulChunk, ulOldSize);
 }
 
 TMMNeighbours NeighboursOf(const TMMRunIndex& stIndex, U32 ulAddr)
@@ -218,8 +274,8 @@ TMMNeighbours NeighboursOf(const TMMRunIndex& stIndex, U32 ulAddr)
         return {pstLower, pstUpper};
     }
     if (pstTop == nullptr) {
-        const U32 ulBelow = stIndex.clLongest.FindLastBelow(ulChunk, 1);
-        if (ulBelow != CMMMaxTree::NONE)
+        const U32 ulBelow = stIndex.clShort.FindLastBelow(ulChunk, 1);
+        if (ulBelow != MM_NO_ELEMENT)
             pstTop = MM_At<TMMBlkStr>(stIndex.pulTop[ulBelow]);
     }
     return {pstTop, pstTop == nullptr ? const_cast<TMMBlkStr*>(stIndex.pstHead) : MM_Next(pstTop)};
@@ -235,7 +291,7 @@ void MM_UseRunIndex(BOOL fUse)
 void MM_ResetRunIndexes(void)
 {
     for (TMMRunIndex& stIndex : astRunIndex)
-        stIndex.fKept = false;
+        stIndex.enState = INDEX_NONE;
     ulPoolUsed = 0;
 }
 
@@ -245,7 +301,7 @@ void MM_BuildRunIndex(U32 hulHandle)
     const TMMSegInfo& stSeg = stSegTable[hulHandle];
     const TMMSpan stSpan = BlockSpan(hulHandle);
 
-    stIndex.fKept = false;
+    stIndex.enState = INDEX_NONE;
     const bool fShared = DropSharers(hulHandle);
     if (fNoIndex || fShared || stSeg.pfnAlloc != MM_AllocBlk || stSeg.ubBlkBit < MIN_BLK_BIT || stSpan.ulStart >= stSpan.ulEnd)
         return;
@@ -259,35 +315,41 @@ void MM_BuildRunIndex(U32 hulHandle)
 void MM_RefillRunIndex(U32 hulHandle)
 {
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (stIndex.fKept)
+    if (stIndex.enState != INDEX_NONE)
         Begin(hulHandle, stIndex);
 }
 
 void MM_DropRunIndex(U32 hulHandle)
 {
-    astRunIndex[hulHandle].fKept = false;
+    astRunIndex[hulHandle].enState = INDEX_NONE;
 }
 
 BOOL MM_HasRunIndex(U32 hulHandle)
 {
-    return astRunIndex[hulHandle].fKept;
+    return astRunIndex[hulHandle].enState != INDEX_NONE;
 }
 
 BOOL MM_RunIndexAgrees(U32 hulHandle)
 {
     const TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (!stIndex.fKept || !stIndex.fAwake)
+    if (stIndex.enState != INDEX_AWAKE)
         return TRUE;
 
-    /* Runs come in order, so each chunk's are seen together; chunks between them must be empty. */
+    /* Runs come in order, so each chunk's are seen together; chunks and groups between them must be empty. */
     bool fAgrees = true;
     U32 ulChunk = 0;
     U32 ulTop = 0;
     U32 ulLongest = 0;
+    U32 ulLongestOfGroup = 0;
     const auto fnCloseChunk = [&] {
-        fAgrees = fAgrees && stIndex.pulTop[ulChunk] == ulTop && stIndex.clLongest.Get(ulChunk) == ulLongest;
+        fAgrees = fAgrees && stIndex.pulTop[ulChunk] == ulTop && stIndex.clShort.Get(ulChunk) == ShortSize(ulLongest);
+        if (ulLongest >= LONG_RUN && ulLongest > ulLongestOfGroup)
+            ulLongestOfGroup = ulLongest;
         ulTop = ulLongest = 0;
-        ++ulChunk;
+        if (++ulChunk % GROUP_CHUNKS == 0 || ulChunk == stIndex.ulChunks) {
+            fAgrees = fAgrees && stIndex.clLong.Get((ulChunk - 1) / GROUP_CHUNKS) == ulLongestOfGroup;
+            ulLongestOfGroup = 0;
+        }
     };
     U32 ulLargest = 0;
     const bool fOrdinary = VisitRuns(hulHandle, stIndex, [&](TMMBlkStr* pstRun, U32 ulSize) {
@@ -299,7 +361,7 @@ BOOL MM_RunIndexAgrees(U32 hulHandle)
     });
     while (fOrdinary && ulChunk < stIndex.ulChunks)
         fnCloseChunk();
-    return fOrdinary && fAgrees && stIndex.clLongest.Max() == ulLargest;
+    return fOrdinary && fAgrees && MM_IndexedLargest(stIndex) == ulLargest;
 }
 
 void MM_MemoryWritten(U32 ulAddr, U32 ulBytes)
@@ -308,11 +370,11 @@ void MM_MemoryWritten(U32 ulAddr, U32 ulBytes)
 
     for (U32 hulHandle = 0; hulHandle < MAX_SEGTABLE_SIZE && ulBytes > 0; ++hulHandle) {
         TMMRunIndex& stIndex = astRunIndex[hulHandle];
-        if (!stIndex.fKept || !stIndex.fAwake || ulAddr >= stIndex.ulEnd || ulLast < stIndex.ulStart)
+        if (stIndex.enState != INDEX_AWAKE || ulAddr >= stIndex.ulEnd || ulLast < stIndex.ulStart)
             continue;
         const TMMBlkStr* pstRun = NeighboursOf(stIndex, ulLast < stIndex.ulEnd ? ulLast : stIndex.ulEnd - 1).pstLower;
         if (pstRun != nullptr && MM_Addr(pstRun) + NODE_BYTES > ulAddr)
-            stIndex.fKept = false;
+            stIndex.enState = INDEX_NONE;
     }
 }
 
@@ -325,15 +387,23 @@ void MM_RecheckRunIndexes(void)
 
 TMMBlkStr* MM_IndexedRun(TMMRunIndex& stIndex, U32 ulReqBlkNum)
 {
-    const U32 ulChunk = stIndex.clLongest.FindLast(ulReqBlkNum);
-    if (ulChunk == CMMMaxTree::NONE)
-        return nullptr;
+    U32 ulChunk = 0;
+    if (ulReqBlkNum <= LONG_RUN) {
+        ulChunk = stIndex.clShort.FindLast(ulReqBlkNum);
+        if (ulChunk == MM_NO_ELEMENT)
+            return nullptr;
+    } else {
+        const U32 ulGroup = stIndex.clLong.FindLast(ulReqBlkNum);
+        if (ulGroup == MM_NO_ELEMENT)
+            return nullptr;
+        ulChunk = LastLongOfGroup(stIndex, ulGroup, ulReqBlkNum);
+    }
 
-    TMMBlkStr* pstRun = MM_At<TMMBlkStr>(stIndex.pulTop[ulChunk]);
-    for (; IsInChunk(stIndex, pstRun, ulChunk); pstRun = MM_Back(pstRun))
-        if (MM_Size(pstRun) >= ulReqBlkNum)
-            return pstRun;
-    stIndex.fKept = false;
+    if (ulChunk != MM_NO_ELEMENT)
+        for (TMMBlkStr* pstRun = MM_At<TMMBlkStr>(stIndex.pulTop[ulChunk]); IsInChunk(stIndex, pstRun, ulChunk); pstRun = MM_Back(pstRun))
+            if (MM_Size(pstRun) >= ulReqBlkNum)
+                return pstRun;
+    stIndex.enState = INDEX_NONE;
     return nullptr;
 }
 
@@ -345,29 +415,26 @@ TMMNeighbours MM_IndexedNeighbours(TMMRunIndex& stIndex, U32 ulAddr, U32 ulBlkNo
     const bool fApart = stNeighbours.pstLower == nullptr || MM_Addr(stNeighbours.pstLower) == ulAddr ||
                         MM_RunEnd(stNeighbours.pstLower, stIndex.ubBlkBit) <= ulAddr;
     if (!fApart || ulLimit <= ulAddr || ulBlkNo > (ulLimit - ulAddr) >> stIndex.ubBlkBit)
-        stIndex.fKept = false;
+        stIndex.enState = INDEX_NONE;
     return stNeighbours;
 }
 
 void MM_IndexRunAdded(U32 hulHandle, TMMBlkStr* pstRun)
 {
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (!stIndex.fKept)
-        return;
     ++stIndex.ulRuns;
-    if (!stIndex.fAwake) {
-        if (stIndex.ulRuns > WAKE_RUNS)
-            Wake(hulHandle, stIndex);
-        return;
+    if (stIndex.enState == INDEX_AWAKE) {
+        PutRun(stIndex, pstRun, MM_Size(pstRun));
+        NoteEnds(hulHandle, stIndex);
+    } else if (stIndex.enState == INDEX_ASLEEP && stIndex.ulRuns > WAKE_RUNS) {
+        Wake(hulHandle, stIndex);
     }
-    PutRun(stIndex, pstRun, MM_Size(pstRun));
-    NoteEnds(hulHandle, stIndex);
 }
 
 void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun)
 {
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (!stIndex.fKept || !stIndex.fAwake)
+    if (stIndex.enState != INDEX_AWAKE)
         return;
     PutRun(stIndex, pstRun, MM_Size(pstRun));
     NoteEnds(hulHandle, stIndex);
@@ -376,27 +443,28 @@ void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun)
 void MM_IndexRunShrunk(U32 hulHandle, TMMBlkStr* pstRun, U32 ulOldSize)
 {
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (!stIndex.fKept || !stIndex.fAwake)
-        return;
-    const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
-    if (ulOldSize == stIndex.clLongest.Get(ulChunk))
-        MeasureChunk(stIndex, ulChunk);
+    if (stIndex.enState == INDEX_AWAKE)
+        LoseRun(stIndex, ChunkOf(stIndex, MM_Addr(pstRun)), ulOldSize);
 }
 
 void MM_IndexRunRemoved(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower)
 {
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (!stIndex.fKept)
-        return;
     --stIndex.ulRuns;
-    if (!stIndex.fAwake)
+    if (stIndex.enState != INDEX_AWAKE)
         return;
-    const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
-    if (stIndex.pulTop[ulChunk] == MM_Addr(pstRun))
-        stIndex.pulTop[ulChunk] = IsInChunk(stIndex, pstLower, ulChunk) ? MM_Addr(pstLower) : 0;
-    if (ulOldSize == stIndex.clLongest.Get(ulChunk))
-        MeasureChunk(stIndex, ulChunk);
+    TakeRun(stIndex, pstRun, ulOldSize, pstLower);
     NoteEnds(hulHandle, stIndex);
     if (stIndex.ulRuns < SLEEP_RUNS)
         Sleep(hulHandle, stIndex);
+}
+
+void MM_IndexRunMoved(U32 hulHandle, TMMBlkStr* pstRun, const TMMBlkStr* pstOld, U32 ulOldSize)
+{
+    TMMRunIndex& stIndex = astRunIndex[hulHandle];
+    if (stIndex.enState != INDEX_AWAKE)
+        return;
+    PutRun(stIndex, pstRun, MM_Size(pstRun)); /* first: in one chunk the shorter run's going then changes no maximum */
+    TakeRun(stIndex, pstOld, ulOldSize, pstRun);
+    NoteEnds(hulHandle, stIndex);
 }

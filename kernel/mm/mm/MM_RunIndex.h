@@ -2,10 +2,11 @@
  * MM_RunIndex.h - an index over a segment's free runs, so that allocation and release need not walk the list.
  *
  * The segment's address range is cut into chunks of a power-of-two number of blocks. For each chunk a static
- * table holds the run that starts highest in it and the size of the longest run that starts in it;
- * a tree of maxima over the latter leads to the highest chunk with a run that is long enough. From there on the
- * list itself is read, at most one chunk's worth of it. The tables are a megabyte in all, shared by the segments in
- * the order of their creation: a chunk is one block where there is room, more in large segments of small blocks.
+ * table holds the run that starts highest in it and the size of the longest run that starts in it, in a byte;
+ * a tree of maxima over the bytes leads to the highest chunk with a run that is long enough. From there on the
+ * list itself is read, at most one chunk's worth of it. Sizes that a byte cannot hold stand in a second such tree,
+ * of whole words over groups of chunks. The tables are a megabyte in all, shared by the segments in the order of
+ * their creation: a chunk is 16 blocks where there is room, more in large segments of small blocks.
  *
  * A list of a few runs is walked faster than any index is kept, so an index sleeps, its tables empty, until its segment
  * has more than WAKE_RUNS free runs, and again when they are fewer than SLEEP_RUNS.
@@ -25,6 +26,7 @@
 #define MM_RUNINDEX_H
 
 #include "MM_Heap.h"
+#include "MM_List.h"
 #include "MM_MaxTree.h"
 
 extern "C" {
@@ -84,9 +86,18 @@ inline void MM_FillMemory(U8* pubAddr, U8 ubByte, U32 ulBytes)
 
 /* The index itself --------------------------------------------------------------------------------- */
 
+using TMMShortTree = CMMMaxTree<CMMByteNode>;
+using TMMLongTree = CMMMaxTree<CMMWordNode>;
+constexpr U32 LONG_RUN = CMMByteNode::LARGEST;
+
+enum EMMIndexState : U8 {
+    INDEX_NONE, /* the segment walks its list until it is initialised again */
+    INDEX_ASLEEP,
+    INDEX_AWAKE /* the tables are filled and used */
+};
+
 struct TMMRunIndex {
-    bool fKept;
-    bool fAwake;    /* the tables are filled and used */
+    EMMIndexState enState;
     U8 ubChunkBit;  /* log2 of a chunk's bytes */
     U8 ubBlkBit;
     U32 ulStart;    /* first address of the segment's blocks, of its lowest piece for the heap */
@@ -96,7 +107,8 @@ struct TMMRunIndex {
     const TMMBlkStr* pstHead; /* the list's ends when the index last saw it, awake: a list with others is not its list */
     const TMMBlkStr* pstTail;
     U32* pulTop;          /* for each chunk: the run that starts highest in it, 0 when none does */
-    CMMMaxTree clLongest; /* for each chunk: size of the longest run that starts in it, blocks */
+    TMMShortTree clShort; /* for each chunk: size of the longest run that starts in it, blocks, LONG_RUN at the most */
+    TMMLongTree clLong;   /* for each group of chunks: the same, in full, if it is LONG_RUN or more; else 0 */
 };
 
 constexpr U32 WAKE_RUNS = 24;
@@ -109,11 +121,31 @@ extern TMMRunIndex astRunIndex[MAX_SEGTABLE_SIZE];
 inline TMMRunIndex* MM_AwakeRunIndex(U32 hulHandle)
 {
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (!stIndex.fKept || !stIndex.fAwake)
+    if (stIndex.enState != INDEX_AWAKE)
         return nullptr;
-    if (stIndex.pstHead != astBlkHead[hulHandle].pstBlk || stIndex.pstTail != astBlkTail[hulHandle].pstBlk)
-        stIndex.fKept = false;
-    return stIndex.fKept ? &stIndex : nullptr;
+    if (stIndex.pstHead == astBlkHead[hulHandle].pstBlk && stIndex.pstTail == astBlkTail[hulHandle].pstBlk)
+        return &stIndex;
+    stIndex.enState = INDEX_NONE;
+    return nullptr;
+}
+
+/* Size of the longest run, 0 without any. */
+inline U32 MM_IndexedLargest(const TMMRunIndex& stIndex)
+{
+    const U32 ulLong = stIndex.clLong.Max();
+    return ulLong != 0 ? ulLong : stIndex.clShort.Max();
+}
+
+/* Blocks that the next allocation can get in one piece: of a list the longest run, of a stack all that is left. */
+inline U32 MM_LargestFree(U32 hulHandle)
+{
+    if (stSegTable[hulHandle].stInfoFromApp.ubSegDSType == STACK) {
+        const TStackStr& stStack = astStackStr[hulHandle];
+        return (MM_Addr(stStack.pubStackHead) - MM_Addr(stStack.pubStackTail)) >> stSegTable[hulHandle].ubBlkBit;
+    }
+    if (const TMMRunIndex* const pstIndex = MM_AwakeRunIndex(hulHandle))
+        return MM_IndexedLargest(*pstIndex);
+    return MM_LargestSize(astBlkHead[hulHandle].pstBlk);
 }
 
 /* Larger requests, and those of 0 blocks, are the walk's: it compares as signed numbers. */
@@ -133,11 +165,13 @@ struct TMMNeighbours {
  * no piece of allocated memory between two runs (a run that starts exactly at ulAddr is left to the caller). */
 TMMNeighbours MM_IndexedNeighbours(TMMRunIndex& stIndex, U32 ulAddr, U32 ulBlkNo);
 
-/* The list was changed: a run is new, is longer, is shorter than its old size, was taken out (pstLower: the run
- * that now lies below its place, or null). Nothing for a segment without an index. */
+/* The list was changed, and a segment without an index does nothing. A run is new; is longer; is shorter than its old
+ * size; was taken out (pstLower: the run that now lies below its place, or null); begins lower than before, at
+ * pstRun, and is longer. */
 void MM_IndexRunAdded(U32 hulHandle, TMMBlkStr* pstRun);
 void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun);
 void MM_IndexRunShrunk(U32 hulHandle, TMMBlkStr* pstRun, U32 ulOldSize);
 void MM_IndexRunRemoved(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower);
+void MM_IndexRunMoved(U32 hulHandle, TMMBlkStr* pstRun, const TMMBlkStr* pstOld, U32 ulOldSize);
 
 #endif
