@@ -157,10 +157,25 @@ std::uint32_t memoryType(const void* address)
     return pageTableEntry(address) & kMemoryTypeBits;
 }
 
+namespace {
+
+// A message without a line end stays open for more text, unseen, until the next one is printed.
+constexpr char kMark[] = "the test has read up to here";
+
+void closeLastMessage()
+{
+    const int file = open("/dev/kmsg", O_WRONLY | O_CLOEXEC);
+    [[maybe_unused]] const ssize_t written = write(file, kMark, sizeof kMark - 1);
+    close(file);
+}
+
+} // namespace
+
 KernelLog::KernelLog(From from) : file_(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC))
 {
     if (file_ < 0)
         throw Failure("cannot open /dev/kmsg");
+    closeLastMessage(); // it belongs to what was before
     lseek(file_, 0, from == From::Now ? SEEK_END : SEEK_SET);
 }
 
@@ -195,16 +210,6 @@ bool isAboutTiming(const std::string& message)
         if (message.starts_with(begin))
             return true;
     return false;
-}
-
-// A message without a line end stays open for more text, unseen, until the next one is printed.
-constexpr char kMark[] = "the test has read up to here";
-
-void closeLastMessage()
-{
-    const int file = open("/dev/kmsg", O_WRONLY | O_CLOEXEC);
-    [[maybe_unused]] const ssize_t written = write(file, kMark, sizeof kMark - 1);
-    close(file);
 }
 
 } // namespace
