@@ -20,7 +20,7 @@ build() {
 }
 module=$(build)
 "$strip" -g -o "$work/image/lib/velmora_mm.ko" "$module"
-for name in peer pte; do
+for name in peer pte stub; do
     folder=$(build "tests/target/$name")
     "$strip" -g -o "$work/image/lib/velmora_mm_$name.ko" "$folder/velmora_mm_$name.ko"
 done

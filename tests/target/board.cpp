@@ -90,6 +90,33 @@ void needNoManager()
         CHECK_EQUAL(unloadModule(kModuleName), 0);
 }
 
+namespace {
+
+void loadStub(const std::string& parameters)
+{
+    const int result = loadModule("/lib/velmora_mm_stub.ko", parameters);
+    if (result != 0)
+        throw Failure("the stub with " + parameters + " cannot be loaded: " + std::to_string(result));
+}
+
+} // namespace
+
+FixedAnswer::FixedAnswer(const char* function, int answer)
+{
+    loadStub(std::string("function=") + function + " answer=" + std::to_string(answer));
+}
+
+FixedAnswer::~FixedAnswer()
+{
+    unloadModule("velmora_mm_stub");
+}
+
+void removeLeftDevice(unsigned major)
+{
+    loadStub("major=" + std::to_string(major));
+    CHECK_EQUAL(unloadModule("velmora_mm_stub"), 0);
+}
+
 Descriptor::Descriptor(int flags, const char* path) : number_(open(path, O_RDWR | O_CLOEXEC | flags))
 {
     if (number_ < 0)
