@@ -264,8 +264,8 @@ std::vector<std::string> troubles(const std::vector<std::string>& messages)
 {
     static const char* const signs[] = {"Oops",           "BUG:",          "WARNING:",       "Unable to handle",
                                         "scheduling while atomic", "sleeping function", "lockdep:", "possible circular locking",
-                                        "inconsistent lock state", "Call trace",  "Backtrace:",     "rcu: INFO", "Internal error",
-                                        "soft lockup",    "hard LOCKUP",   "hung_task", "blocked for more than", "Bad page", "Kernel panic"};
+                                        "inconsistent lock state", "Call trace",  "Backtrace:",     "INFO: ", "Internal error",
+                                        "soft lockup",    "hard LOCKUP",   "hung_task", "blocked for more than", "Bad page", "kernel BUG at", "Kernel panic"};
     std::vector<std::string> found;
     for (const std::string& message : messages)
         for (const char* const sign : signs)
