@@ -10,7 +10,7 @@ work=build/target
 seconds=${TARGET_SECONDS:-240}
 memory=${TARGET_MEMORY:-512} # MiB; the area that is reserved ends at 400
 
-scripts/target-kernel.sh
+kernel=$(scripts/target-kernel.sh)
 if [ ! -e "$work/board.dtb" ] || [ kernel/linux/velmora-mm-area.dtso -nt "$work/board.dtb" ]; then
     qemu-system-arm -M virt,dumpdtb="$work/virt.dtb" -cpu cortex-a15 -m 512 -smp 2 -nodefaults -nographic >"$work/dtb.log" 2>&1 || {
         cat "$work/dtb.log" >&2
@@ -22,7 +22,7 @@ if [ ! -e "$work/board.dtb" ] || [ kernel/linux/velmora-mm-area.dtso -nt "$work/
 fi
 
 timeout --kill-after=10 "$seconds" qemu-system-arm -M virt -cpu cortex-a15 -m "$memory" -smp 2 -nodefaults -nographic -no-reboot \
-    -kernel "$work/kernel/vmlinuz" -dtb "$work/board.dtb" -initrd "$initramfs" -serial stdio \
+    -kernel "$kernel/vmlinuz" -dtb "$work/board.dtb" -initrd "$initramfs" -serial stdio \
     -append "console=ttyAMA0 loglevel=3 log_buf_len=8M printk.devkmsg=on rcupdate.rcu_cpu_stall_timeout=120 watchdog_thresh=60 panic=-1 oops=panic rdinit=/init" </dev/null 2>&1 |
     tr -d '\r' | tee "$log"
 if grep -E 'Oops|BUG:|WARNING:|Unable to handle|scheduling while atomic|lockdep|Kernel panic' "$log" >&2; then

@@ -10,14 +10,14 @@ demo=$work/demo
 image=$work/image-demo
 
 unset KDIR
-scripts/target-kernel.sh
+kernel=$(scripts/target-kernel.sh)
 scripts/target-module.sh >"$work/module.log" || {
     cat "$work/module.log" >&2
     exit 1
 }
 mkdir -p "$image/lib" "$image/etc"
 "${CROSS_COMPILE:-arm-linux-gnueabihf-}strip" -g -o "$image/lib/velmora_mm.ko" "$(tail -n 1 "$work/module.log")"
-cp "$work/kernel/busybox" packaging/velmora-mm-load "$image/bin/"
+cp "$kernel/busybox" packaging/velmora-mm-load "$image/bin/"
 printf 'root:x:0:\nvelmora:x:77:\n' >"$image/etc/group"
 
 # Ghostscript draws the pages; the job on the simulated controller does that on its way.

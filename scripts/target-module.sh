@@ -3,7 +3,8 @@
 # tree of links under build/module/, one for each kernel tree. Beside the module lie the headers for other
 # kernel code (include/) and the checksums of its exported entries (Module.symvers).
 #   KDIR=kernel-tree [ARCH=arm] [CROSS_COMPILE=arm-linux-gnueabihf-] [STRICT=1] scripts/target-module.sh [FOLDER]
-# Without KDIR Debian's ARMv7 kernel is taken. FOLDER: another module of this repository, built against velmora_mm.
+# Without KDIR Debian's ARMv7 kernel is taken, that of the suite TARGET_SUITE if it is set. FOLDER: another module of
+# this repository, built against velmora_mm.
 set -eu
 called_from=$PWD
 cd "$(dirname "$0")/.."
@@ -15,8 +16,8 @@ if [ -n "${KDIR:-}" ]; then
         exit 2
     }
 else
-    scripts/target-kernel.sh
-    kdir=$(cd build/target/kernel/headers && pwd -P)
+    kernel=$(scripts/target-kernel.sh)
+    kdir=$(cd "$kernel/headers" && pwd -P)
 fi
 [ -e "$kdir/Makefile" ] || {
     echo "target-module.sh: $kdir is no kernel tree: it has no Makefile" >&2

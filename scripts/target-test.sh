@@ -1,13 +1,14 @@
 #!/bin/sh
 # Runs the module's tests on the emulated controller. The programs of kernel/linux/target.mk and the simulated
 # controller's build/bin/velmora-mm must be there.
-#   SEEDS="1 2 3" COMMANDS=700 scripts/target-test.sh
+#   [TARGET_SUITE=bookworm-backports] SEEDS="1 2 3" COMMANDS=700 scripts/target-test.sh
 set -eu
 cd "$(dirname "$0")/.."
 work=build/target
 strip=${CROSS_COMPILE:-arm-linux-gnueabihf-}strip
 
 unset KDIR
+kernel=$(scripts/target-kernel.sh)
 mkdir -p "$work/image/lib" "$work/image/sessions"
 # Builds what it is given as target-module.sh does; the path that it printed last.
 build() {
@@ -19,20 +20,20 @@ build() {
 }
 module=$(build)
 "$strip" -g -o "$work/image/lib/velmora_mm.ko" "$module"
-for name in peer pte; do
+for name in peer pte stub; do
     folder=$(build "tests/target/$name")
     "$strip" -g -o "$work/image/lib/velmora_mm_$name.ko" "$folder/velmora_mm_$name.ko"
 done
 
 # What an installed system has: a shell, the load script, the module for modprobe with its configuration.
-cp "$work/kernel/busybox" "$work/image/bin/busybox"
+cp "$kernel/busybox" "$work/image/bin/busybox"
 cp packaging/velmora-mm-load "$work/image/bin/"
 mkdir -p "$work/image/etc"
 printf 'root:x:0:\nvelmora:x:77:\n' >"$work/image/etc/group"
 area=$(sed -n 's/.*kAreaText\[\] = "\(.*\)".*/\1/p' tests/target/board.hpp)
 sed "s/=.*/=$area/" packaging/velmora-mm.conf >"$work/image/etc/velmora-mm.conf"
 echo "velmora_mm.ko:" >"$work/image/etc/modules.dep"
-release=$(cat "$work/kernel/release")
+release=$(cat "$kernel/release")
 
 # The same scripts, answered by the simulated controller.
 rm -f "$work"/image/sessions/*

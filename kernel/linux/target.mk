@@ -4,6 +4,8 @@
 ARCH ?= arm
 CROSS_COMPILE ?= arm-linux-gnueabihf-
 KDIR ?=
+TARGET_SUITE ?=
+export TARGET_SUITE
 
 # Nothing but the module's path may come last, whatever folder make was called from.
 MAKEFLAGS += --no-print-directory
@@ -47,6 +49,7 @@ $(target-work)/host/area-check: tests/target/area_check.cpp tools/area.cpp tools
 	@g++-12 -std=c++20 -O1 -Wall -Wextra -Werror -o $@ $(filter %.cpp,$^)
 
 ## make test-target  the module on an emulated controller: QEMU boots Debian's ARMv7 kernel, tests run in it
+##                 (this one, module and target-demo: the kernel of another Debian suite with TARGET_SUITE=bookworm-backports)
 test-target:
 	@scripts/setup.sh build target
 	@[ -e build/x86/build.ninja ] || cmake --preset x86 >/dev/null

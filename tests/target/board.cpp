@@ -90,6 +90,33 @@ void needNoManager()
         CHECK_EQUAL(unloadModule(kModuleName), 0);
 }
 
+namespace {
+
+void loadStub(const std::string& parameters)
+{
+    const int result = loadModule("/lib/velmora_mm_stub.ko", parameters);
+    if (result != 0)
+        throw Failure("the stub with " + parameters + " cannot be loaded: " + std::to_string(result));
+}
+
+} // namespace
+
+FixedAnswer::FixedAnswer(const char* function, int answer)
+{
+    loadStub(std::string("function=") + function + " answer=" + std::to_string(answer));
+}
+
+FixedAnswer::~FixedAnswer()
+{
+    unloadModule("velmora_mm_stub");
+}
+
+void removeLeftDevice(unsigned major)
+{
+    loadStub("major=" + std::to_string(major));
+    CHECK_EQUAL(unloadModule("velmora_mm_stub"), 0);
+}
+
 Descriptor::Descriptor(int flags, const char* path) : number_(open(path, O_RDWR | O_CLOEXEC | flags))
 {
     if (number_ < 0)
@@ -157,10 +184,25 @@ std::uint32_t memoryType(const void* address)
     return pageTableEntry(address) & kMemoryTypeBits;
 }
 
+namespace {
+
+// A message without a line end stays open for more text, unseen, until the next one is printed.
+constexpr char kMark[] = "the test has read up to here";
+
+void closeLastMessage()
+{
+    const int file = open("/dev/kmsg", O_WRONLY | O_CLOEXEC);
+    [[maybe_unused]] const ssize_t written = write(file, kMark, sizeof kMark - 1);
+    close(file);
+}
+
+} // namespace
+
 KernelLog::KernelLog(From from) : file_(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC))
 {
     if (file_ < 0)
         throw Failure("cannot open /dev/kmsg");
+    closeLastMessage(); // it belongs to what was before
     lseek(file_, 0, from == From::Now ? SEEK_END : SEEK_SET);
 }
 
@@ -197,16 +239,6 @@ bool isAboutTiming(const std::string& message)
     return false;
 }
 
-// A message without a line end stays open for more text, unseen, until the next one is printed.
-constexpr char kMark[] = "the test has read up to here";
-
-void closeLastMessage()
-{
-    const int file = open("/dev/kmsg", O_WRONLY | O_CLOEXEC);
-    [[maybe_unused]] const ssize_t written = write(file, kMark, sizeof kMark - 1);
-    close(file);
-}
-
 } // namespace
 
 std::vector<std::string> KernelLog::take()
@@ -232,8 +264,8 @@ std::vector<std::string> troubles(const std::vector<std::string>& messages)
 {
     static const char* const signs[] = {"Oops",           "BUG:",          "WARNING:",       "Unable to handle",
                                         "scheduling while atomic", "sleeping function", "lockdep:", "possible circular locking",
-                                        "inconsistent lock state", "Call trace",  "Backtrace:",     "rcu: INFO", "Internal error",
-                                        "soft lockup",    "hard LOCKUP",   "hung_task", "blocked for more than", "Bad page", "Kernel panic"};
+                                        "inconsistent lock state", "Call trace",  "Backtrace:",     "INFO: ", "Internal error",
+                                        "soft lockup",    "hard LOCKUP",   "hung_task", "blocked for more than", "Bad page", "kernel BUG at", "Kernel panic"};
     std::vector<std::string> found;
     for (const std::string& message : messages)
         for (const char* const sign : signs)

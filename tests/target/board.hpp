@@ -49,6 +49,18 @@ void needManager();
 void needFreshManager();
 void needNoManager();
 
+// While it lives, a function of the kernel answers a fixed value to this process and does nothing.
+class FixedAnswer
+{
+public:
+    FixedAnswer(const char* function, int answer);
+    FixedAnswer(const FixedAnswer&) = delete;
+    FixedAnswer& operator=(const FixedAnswer&) = delete;
+    ~FixedAnswer();
+};
+// Gives back the number of a device that a module has left behind.
+void removeLeftDevice(unsigned major);
+
 // A descriptor of the device with calls that answer as the kernel does: negative codes in place of errno.
 class Descriptor
 {

@@ -119,6 +119,40 @@ TARGET_TEST(mapping_beyond_ram_answers_eio)
         CHECK_EQUAL(mapDevice(device, address, kPageBytes), -EIO);
 }
 
+// The range is beyond RAM as well on this board: the kernel has to take its first page for one of its own.
+TARGET_TEST(mapping_past_the_last_physical_page_answers_einval)
+{
+    constexpr std::uint32_t kLastPage = kPageOffset - kPhysOffset - kPageBytes;
+    needManager();
+    const Descriptor device;
+    CHECK_EQUAL(mapDevice(device, kLastPage, 2 * kPageBytes), -EIO);
+    const FixedAnswer valid("pfn_valid", 1);
+    KernelLog log;
+    CHECK_EQUAL(mapDevice(device, kLastPage, 2 * kPageBytes), -EINVAL);
+    CHECK_EQUAL(log.take(), std::vector<std::string>());
+}
+
+TARGET_TEST(mapping_that_reaches_beyond_file_offsets_is_refused_by_the_kernel)
+{
+    needManager();
+    const Descriptor device;
+    CHECK_EQUAL(mapDevice(device, kHighMemory - kPageBytes, 0xA0002000), -EOVERFLOW);
+}
+
+TARGET_TEST(mapping_that_the_kernel_cannot_make_answers_eagain)
+{
+    needManager();
+    const Descriptor device;
+    {
+        const FixedAnswer refused("remap_pfn_range", -ENOMEM);
+        KernelLog log;
+        CHECK_EQUAL(mapDevice(device, kManagedStart, 4 * kPageBytes), -EAGAIN);
+        CHECK_EQUAL(log.take(), std::vector<std::string>());
+    }
+    const View view(device, kManagedStart, 4 * kPageBytes);
+    CHECK_EQUAL(physicalPage(view.start()), pageOf(kManagedStart));
+}
+
 TARGET_TEST(mapping_of_ordinary_ram_is_not_refused)
 {
     needManager();

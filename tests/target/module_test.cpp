@@ -94,6 +94,34 @@ TARGET_TEST(load_over_the_reserved_area_prints_both_lines_and_registers)
     CHECK_EQUAL(loadModule(kModuleFile, std::string("bigphysarea=") + kAreaText), -EEXIST);
 }
 
+// Nobody may open the device then: the code behind it is gone.
+TARGET_TEST(load_without_its_proc_file_is_refused_and_leaves_the_device)
+{
+    needNoManager();
+    std::optional<unsigned> left;
+    int result;
+    Lines lines;
+    {
+        const FixedAnswer refused("proc_create", 0);
+        KernelLog log;
+        result = loadModule(kModuleFile, std::string("bigphysarea=") + kAreaText);
+        lines = log.take();
+        left = deviceMajor();
+    }
+    const bool loaded = moduleLoaded(kModuleName);
+    if (left && !loaded)
+        removeLeftDevice(*left);
+    CHECK_EQUAL(result, -EPERM);
+    CHECK_EQUAL(withoutTaintRemarks(lines),
+                (Lines{areaLine(kAreaStart, kManagedEnd), "bigphysares : 0xd0100000 ~ 0xd8f00000", "\nCan't make a proc file!!!"}));
+    CHECK(!loaded);
+    CHECK(left.has_value());
+    CHECK(access("/proc/velmora_mm", F_OK) != 0);
+    CHECK(!deviceMajor());
+    needManager();
+    CHECK(deviceMajor() == left); // free again
+}
+
 TARGET_TEST(unload_is_refused_while_the_device_is_open)
 {
     needManager();
