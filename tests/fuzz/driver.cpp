@@ -120,7 +120,7 @@ unsigned longestList()
     unsigned longest = 0;
     for (U32 handle = 0; handle < MAX_SEGTABLE_SIZE; ++handle)
         if (stSegTable[handle].pfnAlloc == MM_AllocBlk)
-            longest = std::max(longest, countNodes(handle, kMostNodes));
+            longest = std::max(longest, countNodes(handle, kMostNodes) % kMostNodes);
     return longest;
 }
 
@@ -293,18 +293,20 @@ std::string explain(Sequence& sequence, std::size_t step)
     return text;
 }
 
-// Prints every operation.
+// Writes down every operation.
 class Print : public Observer
 {
 public:
     explicit Print(unsigned long accesses) : accesses_(accesses) {}
 
+    std::vector<std::string> lines;
+
     void operation(const Operation& operation, U32, const Outcome& outcome,
                    const std::vector<std::string>& log) override
     {
-        std::printf("%s%s\n", operation.text().c_str(), textOf(outcome).c_str());
+        lines.push_back(operation.text() + textOf(outcome));
         for (const std::string& message : log)
-            std::printf("  %s\n", sim::escaped(message).c_str());
+            lines.push_back("  " + sim::escaped(message));
         if (machine().touches() > accesses_)
             throw SequenceEnds{};
     }
@@ -337,11 +339,12 @@ Verdict run(const std::uint8_t* data, std::size_t size, unsigned long accesses)
     return verdict;
 }
 
-void print(const std::uint8_t* data, std::size_t size, bool useIndex, unsigned long accesses)
+std::vector<std::string> linesOf(const std::uint8_t* data, std::size_t size, bool useIndex, unsigned long accesses)
 {
     Sequence sequence(data, size);
     Print observer(accesses * sequence.effort());
     sequence.play(useIndex, observer);
+    return std::move(observer.lines);
 }
 
 } // namespace velmora::fuzz

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace velmora::fuzz {
 
@@ -22,7 +23,8 @@ inline constexpr unsigned long kAccesses = 20'000'000;
 
 Verdict run(const std::uint8_t* data, std::size_t size, unsigned long accesses = kAccesses);
 
-// Prints each operation and its answer, played by the walk or with indexes.
-void print(const std::uint8_t* data, std::size_t size, bool useIndex, unsigned long accesses = kAccesses);
+// Each operation with its answer and its messages, played with indexes or by the walk.
+std::vector<std::string> linesOf(const std::uint8_t* data, std::size_t size, bool useIndex,
+                                 unsigned long accesses = kAccesses);
 
 } // namespace velmora::fuzz

@@ -60,7 +60,7 @@ Bytes sequenceOf(unsigned long seed)
     return bytes;
 }
 
-// Leaves out steps as long as the difference stays.
+// Leaves out steps, then makes their bytes smaller, as long as there is a difference.
 Bytes shrink(Bytes bytes, unsigned long accesses)
 {
     constexpr std::size_t head = Sequence::kHeadBytes;
@@ -75,7 +75,25 @@ Bytes shrink(Bytes bytes, unsigned long accesses)
                 bytes = std::move(less);
         }
     }
+    for (std::size_t place = head; place < bytes.size(); ++place)
+        for (const unsigned divisor : {256U, 16U, 2U}) {
+            const std::uint8_t kept = bytes[place];
+            bytes[place] = static_cast<std::uint8_t>(kept / divisor);
+            if (run(bytes.data(), bytes.size(), accesses).same())
+                bytes[place] = kept;
+        }
     return bytes;
+}
+
+// The first and the last of many lines.
+void printLines(const std::vector<std::string>& lines, std::size_t first, std::size_t last)
+{
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        if (i < first || i + last >= lines.size())
+            std::printf("%s\n", lines[i].c_str());
+        else if (i == first)
+            std::printf("... %zu lines ...\n", lines.size() - first - last);
+    }
 }
 
 void report(const std::string& name, const Bytes& bytes, const Verdict& verdict, const Options& options)
@@ -87,7 +105,7 @@ void report(const std::string& name, const Bytes& bytes, const Verdict& verdict,
     std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(shortest.data()), std::ssize(shortest));
     std::printf("The shortest sequence found has %lu operations and is in %s; the walk plays it so:\n",
                 again.operations, file.c_str());
-    print(shortest.data(), shortest.size(), false, options.accesses);
+    printLines(linesOf(shortest.data(), shortest.size(), false, options.accesses), 40, 40);
     std::printf("Difference at %s", again.difference.c_str());
 }
 
@@ -95,7 +113,7 @@ bool play(const std::string& name, const Bytes& bytes, const Options& options, T
 {
     std::snprintf(currentRun, sizeof currentRun, "fuzz-index: stopped in %s\n", name.c_str());
     if (options.print)
-        print(bytes.data(), bytes.size(), true, options.accesses);
+        printLines(linesOf(bytes.data(), bytes.size(), false, options.accesses), ~0U, 0);
     const Verdict verdict = run(bytes.data(), bytes.size(), options.accesses);
     ++totals.runs;
     totals.operations += verdict.operations;

@@ -16,7 +16,9 @@ using sim::Outcome;
 namespace {
 
 constexpr char kArea[] = "95000000-9e000000";
-constexpr unsigned long kTouchLimit = 20'000'000; // of one operation: far above what the longest list here takes
+// Accesses of one operation, far above what the longest list here takes; a collection is many releases.
+constexpr unsigned long kTouchLimit = 2'000'000;
+constexpr unsigned long kCollectTouchLimit = 50'000'000;
 constexpr U32 kMostBlocks = 200'000; // of a segment
 constexpr U32 kMaxSegmentBytes = 24 << 20;
 constexpr U32 kMaxNodes = 400'000; // a list that is longer is taken for endless
@@ -53,6 +55,27 @@ void setName(U8 (&id)[4], const char* name)
     std::memcpy(id, name, std::min<std::size_t>(std::strlen(name), sizeof id));
 }
 
+// An aligned segment may leave a gap in front that is smaller than the header which the manager keeps there: the header
+// and the segment's map are then written over one another.
+bool leavesTinyGap(U32 blockBytes)
+{
+    for (const TMMBlkStr* free = pstSegBlkHead; isNode(free); free = free->pstNext)
+        if (const U32 gap = (0 - MM_Addr(free)) % blockBytes; gap != 0 && gap < offsetof(TMMBlkStr, aubdata))
+            return true;
+    return false;
+}
+
+// Bytes of the shortest stretch that is long enough for the heap. The heap's blocks should be much shorter: otherwise
+// their alignment puts them into the next segment.
+U32 smallestStretch()
+{
+    U32 smallest = ~0U;
+    for (const TMMBlkStr* free = pstSegBlkHead; isNode(free); free = free->pstNext)
+        if (free->ulSize > 128)
+            smallest = std::min<U32>(smallest, free->ulSize);
+    return smallest;
+}
+
 bool anyLockHeld()
 {
     return machine().lockHeld(search_lock) || machine().lockHeld(free_lock) || machine().lockHeld(push_lock) ||
@@ -80,7 +103,7 @@ std::string Operation::text() const
 Sequence::Sequence(const std::uint8_t* data, std::size_t size) : data_(data), size_(size)
 {
     constexpr U32 rates[] = {1, 2, 4, 8, 16, 32, 64, 256};
-    constexpr U32 limits[] = {100, 300, 1000, 1000, 4000, 4000, 20'000, kMostBlocks};
+    constexpr U32 limits[] = {200, 1000, 1000, 1000, 4000, 4000, 20'000, kMostBlocks};
     ordinary_ = (byteAt(0) & 1) == 0;
     misuseRate_ = rates[byteAt(0) >> 1 & 7];
     effort_ = byteAt(0) >> 4 != 15 ? 1 : byteAt(5) >= 16 ? kLong : kLongest;
@@ -119,6 +142,7 @@ template <class Call>
 U32 Sequence::perform(const char* name, U32 handle, std::vector<U32> arguments, const Call& call)
 {
     const Outcome outcome = machine().run([&call] { return static_cast<U32>(call()); });
+    machine().faults.touchLimit = kTouchLimit;
     observer_->operation({name, std::move(arguments)}, handle, outcome, machine().takeLog());
     if (outcome.kind == Outcome::Kind::Endless)
         throw SequenceEnds{}; // in the midst of something
@@ -140,9 +164,13 @@ void Sequence::tellState()
     observer_->state(indexesKept());
 }
 
+// Where a segment's blocks hold no header, its lists break and write over other segments, also without misuse.
 bool Sequence::indexesKept() const
 {
-    return !ordinary_ || std::all_of(segments_.begin(), segments_.end(), [](const Segment& segment) {
+    const auto soundSegment = [](const Segment& segment) { return segment.stack || holdsHeaders(segment.handle); };
+    if (!ordinary_ || !std::all_of(segments_.begin(), segments_.end(), soundSegment))
+        return true;
+    return std::all_of(segments_.begin(), segments_.end(), [](const Segment& segment) {
         return !segment.indexed || MM_HasRunIndex(segment.handle);
     });
 }
@@ -177,10 +205,12 @@ void Sequence::bringUp()
 // set. 3: bytes beyond whole blocks. 4 to 7: blocks.
 Sequence::Shape Sequence::shapeAt(std::size_t place) const
 {
-    constexpr U32 sizes[] = {16, 64, 4096, 32, 128, 1024, 256, 16, 64, 100, 24, 48, 17, 512, 2048, 8, 31, 20, 1000, 4};
+    constexpr U32 sizes[] = {16, 64, 4096, 32, 128, 1024, 256, 16, 64, 100, 24, 48, 17, 512, 2048, 31, 20, 1000};
+    constexpr U32 tinySizes[] = {8, 4, 15, 12, 1}; // blocks that hold no header: seldom, their lists soon break
     constexpr U8 widths[] = {0, 8, 1, 2, 4};
     Shape shape{};
-    shape.blockBytes = sizes[byteAt(place) % std::size(sizes)];
+    const U8 size = byteAt(place);
+    shape.blockBytes = size < 250 ? sizes[size % std::size(sizes)] : tinySizes[size % std::size(tinySizes)];
     shape.mapBits = widths[byteAt(place + 1) % std::size(widths)];
     const U8 flags = byteAt(place + 2);
     shape.semaphore = flags & 1;
@@ -199,7 +229,7 @@ void Sequence::create(const char* name, const Shape& shape)
 {
     TSegInfoFromApp info{};
     setName(info.aubSegID, name);
-    info.ubType = shape.type;
+    info.ubType = shape.type == FLOATALIGN && ordinary_ && leavesTinyGap(shape.blockBytes) ? U8(FLOAT) : shape.type;
     info.ubSegDSType = shape.discipline;
     info.ubMap = shape.mapBits;
     info.ubSemaphore = shape.semaphore;
@@ -207,7 +237,7 @@ void Sequence::create(const char* name, const Shape& shape)
     info.ulSegSize = shape.bytes;
     info.ulBlkSize = shape.blockBytes;
     const U32 result = perform("MM_CreateSegment", 0,
-                               {shape.type, shape.discipline, shape.mapBits, shape.semaphore, shape.bytes,
+                               {info.ubType, shape.discipline, shape.mapBits, shape.semaphore, shape.bytes,
                                 shape.blockBytes, shape.overflow},
                                [&info] { return MM_CreateSegment(&info); });
     if (result == ENOERR && MM_CheckSegInitCompleted(info.hulHandle))
@@ -225,6 +255,8 @@ void Sequence::createHeap(std::size_t place)
     });
     shape.bytes = 0;
     shape.type = FLOAT;
+    if (ordinary_ && smallestStretch() < 4 * shape.blockBytes)
+        shape.blockBytes = 16;
     create("HEAP", shape);
 }
 
@@ -469,6 +501,7 @@ void Sequence::collect(Segment& segment, const Record& record)
         return;
     const U32 handle = segment.handle;
     const U8 owner = record.how < 16 ? record.owner : ownerFor(segment, record.owner);
+    machine().faults.touchLimit = kCollectTouchLimit;
     perform("MM_CollectGarbage", handle, {handle, owner}, [=] { return MM_CollectGarbage(handle, owner); });
     forgetReleased(segment);
 }
@@ -479,6 +512,7 @@ void Sequence::permanent(const Record& record)
     if (heap == nullptr || heap->stack || stSegTable[HEAPHANDLE].stInfoFromApp.ubMap != 8)
         return;
     if (record.how % 16 == 0) {
+        machine().faults.touchLimit = kCollectTouchLimit;
         perform("MM_RlsAllPermanentBlk", HEAPHANDLE, {}, [] { return MM_RlsAllPermanentBlk(), 0; });
         forgetReleased(*heap);
         return;
