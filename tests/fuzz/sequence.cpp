@@ -485,21 +485,23 @@ void Sequence::claim(Segment& segment, const Record& record)
 }
 
 // Clean-up counts blocks from the segment's end: a part of a block there would shift what it releases.
+bool Sequence::canBeCleaned(U32 handle)
+{
+    const TMMSegInfo& seg = stSegTable[handle];
+    U32 bytes = MM_Addr(seg.pubEndAddr) - MM_Addr(seg.pubStartAddr);
+    if (handle == HEAPHANDLE) {
+        bytes = 0;
+        for (unsigned i = 0; i < MAX_PIECE_NUM && stSegStartAddr.aulHeapAddr[i] != MM_UNUSED_PIECE; ++i)
+            bytes |= stSegEndAddr.aulHeapAddr[i] - stSegStartAddr.aulHeapAddr[i];
+    }
+    return bytes % unitBytes(handle) == 0;
+}
+
 void Sequence::collect(Segment& segment, const Record& record)
 {
-    const TMMSegInfo& seg = stSegTable[segment.handle];
-    if (seg.stInfoFromApp.ubMap == 0)
-        return;
-    const U32 unit = unitBytes(segment.handle);
-    U32 rest = MM_Addr(seg.pubEndAddr) - MM_Addr(seg.pubStartAddr);
-    if (segment.handle == HEAPHANDLE) {
-        rest = 0;
-        for (unsigned i = 0; i < MAX_PIECE_NUM && stSegStartAddr.aulHeapAddr[i] != MM_UNUSED_PIECE; ++i)
-            rest |= stSegEndAddr.aulHeapAddr[i] - stSegStartAddr.aulHeapAddr[i];
-    }
-    if (ordinary_ && rest % unit != 0)
-        return;
     const U32 handle = segment.handle;
+    if (stSegTable[handle].stInfoFromApp.ubMap == 0 || (ordinary_ && !canBeCleaned(handle)))
+        return;
     const U8 owner = record.how < 16 ? record.owner : ownerFor(segment, record.owner);
     machine().faults.touchLimit = kCollectTouchLimit;
     perform("MM_CollectGarbage", handle, {handle, owner}, [=] { return MM_CollectGarbage(handle, owner); });
@@ -512,6 +514,8 @@ void Sequence::permanent(const Record& record)
     if (heap == nullptr || heap->stack || stSegTable[HEAPHANDLE].stInfoFromApp.ubMap != 8)
         return;
     if (record.how % 16 == 0) {
+        if (ordinary_ && !canBeCleaned(HEAPHANDLE))
+            return;
         machine().faults.touchLimit = kCollectTouchLimit;
         perform("MM_RlsAllPermanentBlk", HEAPHANDLE, {}, [] { return MM_RlsAllPermanentBlk(), 0; });
         forgetReleased(*heap);

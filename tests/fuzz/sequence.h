@@ -129,6 +129,7 @@ private:
     static Run freeRun(U32 handle, U32 nodes, bool fromTail);
     // Forgets what lies in free memory, after releases whose extent only the manager knows.
     void forgetReleased(Segment& segment);
+    static bool canBeCleaned(U32 handle);
     static U32 unitBytes(U32 handle) { return 1U << stSegTable[handle].ubBlkBit; }
     static bool holdsHeaders(U32 handle) { return unitBytes(handle) >= 16; }
 
