@@ -102,7 +102,7 @@ std::string Operation::text() const
 // Byte 2: how many segments. Byte 3: the heap. Byte 4: how often the whole state is looked at.
 Sequence::Sequence(const std::uint8_t* data, std::size_t size) : data_(data), size_(size)
 {
-    constexpr U32 rates[] = {1, 2, 4, 8, 16, 32, 64, 256};
+    constexpr U32 rates[] = {16, 32, 64, 128, 128, 256, 256, 512};
     constexpr U32 limits[] = {200, 1000, 1000, 1000, 4000, 4000, 20'000, kMostBlocks};
     ordinary_ = (byteAt(0) & 1) == 0;
     misuseRate_ = rates[byteAt(0) >> 1 & 7];
@@ -116,12 +116,17 @@ U32 Sequence::wordAt(std::size_t place) const
     return byteAt(place) | U32(byteAt(place + 1)) << 8 | U32(byteAt(place + 2)) << 16 | U32(byteAt(place + 3)) << 24;
 }
 
+Sequence::Record Sequence::recordAt(std::size_t place) const
+{
+    return {byteAt(place), byteAt(place + 1), byteAt(place + 2), byteAt(place + 3), wordAt(place + 4)};
+}
+
 void Sequence::play(bool useIndex, Observer& observer)
 {
     observer_ = &observer;
     segments_.clear();
     lastReleased_ = {};
-    operations_ = overlays_ = 0;
+    operations_ = overlays_ = mended_ = 0;
     machine().powerOn();
     machine().faults.touchLimit = kTouchLimit;
     MM_UseRunIndex(useIndex);
@@ -130,8 +135,10 @@ void Sequence::play(bool useIndex, Observer& observer)
         perform("printer_mm_init", 0, {}, [] { return printer_mm_init(); });
         perform("MM_Entry", 0, {MM_CONSTRUCT_DEFAULT_MCT}, [] { return MM_Entry(MM_CONSTRUCT_DEFAULT_MCT); });
         bringUp();
+        if (!ordinary_)
+            combAll(recordAt(72));
         for (std::size_t place = kHeadBytes; place < size_; place += kRecordBytes)
-            step({byteAt(place), byteAt(place + 1), byteAt(place + 2), byteAt(place + 3), wordAt(place + 4)});
+            step(recordAt(place));
         tellState();
     } catch (const SequenceEnds&) {
     }
@@ -240,8 +247,12 @@ void Sequence::create(const char* name, const Shape& shape)
                                {info.ubType, shape.discipline, shape.mapBits, shape.semaphore, shape.bytes,
                                 shape.blockBytes, shape.overflow},
                                [&info] { return MM_CreateSegment(&info); });
-    if (result == ENOERR && MM_CheckSegInitCompleted(info.hulHandle))
-        segments_.push_back({info.hulHandle, shape.discipline == STACK, MM_HasRunIndex(info.hulHandle) != FALSE, {}});
+    if (result != ENOERR || !MM_CheckSegInitCompleted(info.hulHandle))
+        return;
+    const TMMSegInfo& seg = stSegTable[info.hulHandle];
+    const U32 start = MM_Addr(seg.pubMapStartAddr != nullptr ? seg.pubMapStartAddr : seg.pubStartAddr);
+    segments_.push_back({info.hulHandle, shape.discipline == STACK, MM_HasRunIndex(info.hulHandle) != FALSE, start,
+                         MM_Addr(seg.pubEndAddr) - start, 0, {}});
 }
 
 // Byte 3 of the head: pieces. The free memory that is left becomes so many stretches.
@@ -358,8 +369,12 @@ void Sequence::step(const Record& record)
     Segment& segment = segments_[record.segment % segments_.size()];
     // All bytes together say whether a step goes wrong, so that none of them is bound by it.
     const U32 mixed = (record.number ^ record.owner << 20 ^ record.how << 9 ^ record.kind) * 0x9E3779B1U;
-    if (!ordinary_ && mixed >> 21 < misuseRate_)
-        return misuse(segment, record);
+    if (!ordinary_ && mixed >> 21 < misuseRate_) {
+        misuse(segment, record);
+        return observer_->misused();
+    }
+    if (segment.spoiledFor != 0 && ++segment.spoiledFor > 8U + record.how % 32)
+        return mend(segment, record);
 
     const U8 kind = record.kind;
     if (kind < 96)
@@ -638,8 +653,12 @@ void Sequence::comb(Segment& segment, const Record& record)
     const U32 between = 1 + (record.number & 7);
     const U32 piece = (record.how & 1) != 0 ? 1 + (record.number >> 3 & 7) : 1;
     constexpr U32 mostTeeth[] = {100, 300, 1000, 3000};
-    const U32 most = effort_ > kLong ? 30'000 : effort_ == kLong ? 10'000 : mostTeeth[record.how >> 1 & 3];
-    const U32 teeth = std::min(field.blocks / (between + piece), 1 + (record.number >> 8) % most);
+    const U32 most = effort_ > kLong    ? 30'000
+                     : effort_ == kLong ? 10'000
+                     : ordinary_        ? mostTeeth[record.how >> 1 & 3]
+                                        : 200; // the list is short, so that much can happen to it
+    const U32 least = ordinary_ ? 1 : 2 * WAKE_RUNS;
+    const U32 teeth = std::min(field.blocks / (between + piece), least + (record.number >> 8) % most);
     const bool upwards = (record.number >> 6 & 1) != 0;
     // What stays is noted first: the sequence may end at any operation.
     const U32 used = teeth * (between + piece);
@@ -655,11 +674,17 @@ void Sequence::comb(Segment& segment, const Record& record)
     }
 }
 
+void Sequence::combAll(const Record& record)
+{
+    for (Segment& segment : segments_)
+        comb(segment, record);
+}
+
 // Many allocations and releases in turn, sizes and order from a seed.
 void Sequence::churn(Segment& segment, const Record& record)
 {
     Numbers numbers(record.number);
-    const U32 count = 16U << record.how % 7;
+    const U32 count = 16U << record.how % (ordinary_ ? 7 : 3);
     const U32 most = 1 + (record.owner & 15);
     const U32 sharesOfAllocation = 4 + (record.owner >> 4 & 3); // of 10
     for (U32 i = 0; i < count; ++i) {
@@ -688,17 +713,18 @@ void Sequence::startAnew(Segment& segment, const Record& record)
     if (handle == HEAPHANDLE) // takes the free-memory list, which is gone
         return;
     TMMSegInfo seg = stSegTable[handle];
-    if (seg.pubMapStartAddr != nullptr)
-        seg.pubStartAddr = seg.pubMapStartAddr;
-    const U32 bytes = MM_Addr(seg.pubEndAddr) - MM_Addr(seg.pubStartAddr);
-    if (record.how % 2 == 0)
-        seg.stInfoFromApp.ulBlkSize = record.how % 4 == 0 ? 16 : 64;
+    const U32 bytes = segment.bytes;
+    seg.pubStartAddr = MM_At(segment.start);
+    seg.pubEndAddr = MM_At(segment.start + bytes);
+    if (record.how % 4 == 0)
+        seg.stInfoFromApp.ulBlkSize = record.how % 8 == 0 ? 16 : 64;
     if (bytes < 256 || bytes > kMaxSegmentBytes || bytes / seg.stInfoFromApp.ulBlkSize > 2 * kMostBlocks)
         return;
     seg.stInfoFromApp.ulRetSegSize = bytes;
     perform("MM_SegInitial", handle, {handle, MM_Addr(seg.pubStartAddr), bytes, seg.stInfoFromApp.ulBlkSize},
             [&seg] { return MM_SegInitial(&seg); });
     segment.grants.clear();
+    segment.spoiledFor = 0;
     segment.indexed = MM_HasRunIndex(handle) != FALSE;
 }
 
@@ -708,10 +734,25 @@ void Sequence::restart(const Record& record)
         bringUp();
 }
 
+// A misused segment walks from then on: there is more to see when it is soon initialised again, with many free runs.
+// Tables for indexes are given back by a restart only.
+void Sequence::mend(Segment& segment, const Record& record)
+{
+    segment.spoiledFor = 0;
+    if (segment.handle == HEAPHANDLE || ++mended_ % 8 == 0) {
+        bringUp();
+        combAll(record);
+        return;
+    }
+    startAnew(segment, record);
+    comb(segment, record);
+}
+
 // Misuse -------------------------------------------------------------------------------------------------------------
 
 void Sequence::misuse(Segment& segment, const Record& record)
 {
+    segment.spoiledFor = 1;
     switch (record.kind % 16) {
     case 0:
     case 1:
@@ -876,7 +917,7 @@ void Sequence::layOver(Segment& segment, const Record& record)
     const U32 start = (under.handle == HEAPHANDLE ? stSegStartAddr.aulHeapAddr[0] : MM_Addr(below.pubStartAddr)) +
                       (record.number / 16 % 4096 & ~3U);
     const U32 bytes = 512 + (record.number >> 16 & 0xFFFC);
-    if (record.how % 2 == 0) {
+    if (record.how % 8 != 0) {
         if (segment.handle == HEAPHANDLE || segment.stack)
             return;
         TMMSegInfo seg = stSegTable[segment.handle];

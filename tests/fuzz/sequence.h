@@ -34,6 +34,8 @@ public:
     // It is time to look at everything. indexesKept: false when a segment has lost the index
     // that it was created with although all its clients are correct.
     virtual void state(bool indexesKept) = 0;
+    // A client has just done something wrong.
+    virtual void misused() = 0;
 };
 
 struct SequenceEnds {
@@ -66,6 +68,8 @@ private:
         U32 handle = 0;
         bool stack = false;
         bool indexed = false; // and must stay so while the clients are correct
+        U32 start = 0, bytes = 0; // where it was placed
+        U32 spoiledFor = 0; // steps since it was misused, 0: it was not
         std::vector<Grant> grants;
     };
     struct Run {
@@ -83,6 +87,7 @@ private:
 
     U8 byteAt(std::size_t place) const { return place < size_ ? data_[place] : 0; }
     U32 wordAt(std::size_t place) const;
+    Record recordAt(std::size_t place) const;
 
     // Set-up
     void bringUp();
@@ -102,10 +107,12 @@ private:
     void permanent(const Record& record);
     void write(Segment& segment, const Record& record);
     void query(Segment& segment, const Record& record);
+    void combAll(const Record& record);
     void comb(Segment& segment, const Record& record);
     void churn(Segment& segment, const Record& record);
     void startAnew(Segment& segment, const Record& record);
     void restart(const Record& record);
+    void mend(Segment& segment, const Record& record);
 
     // Misuse
     void misuse(Segment& segment, const Record& record);
@@ -146,6 +153,7 @@ private:
     Grant lastReleased_{};
     U32 operations_ = 0;
     U32 overlays_ = 0;
+    U32 mended_ = 0;
 };
 
 } // namespace velmora::fuzz
