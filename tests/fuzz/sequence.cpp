@@ -217,7 +217,7 @@ Sequence::Shape Sequence::shapeAt(std::size_t place) const
     constexpr U8 widths[] = {0, 8, 1, 2, 4};
     Shape shape{};
     const U8 size = byteAt(place);
-    shape.blockBytes = size < 250 ? sizes[size % std::size(sizes)] : tinySizes[size % std::size(tinySizes)];
+    shape.blockBytes = size < (ordinary_ ? 250 : 236) ? sizes[size % std::size(sizes)] : tinySizes[size % std::size(tinySizes)];
     shape.mapBits = widths[byteAt(place + 1) % std::size(widths)];
     const U8 flags = byteAt(place + 2);
     shape.semaphore = flags & 1;
@@ -625,13 +625,9 @@ void Sequence::query(Segment& segment, const Record& record)
     }
 }
 
-// Takes all that is free, then releases one piece of so many in what it got: hundreds to tens of thousands of free runs.
-// Number: bits 0 to 2 blocks that stay between two pieces less one, bits 3 to 5 blocks of a piece less one (mostly 0),
-// bit 6 from which end, the bits from 8 on how many pieces at the most.
-void Sequence::comb(Segment& segment, const Record& record)
+// Takes what is free, run by run.
+void Sequence::takeAll(Segment& segment, const Record& record)
 {
-    if (segment.stack || !holdsHeaders(segment.handle))
-        return;
     const U32 handle = segment.handle;
     const U8 owner = ownerFor(segment, record.owner);
     for (unsigned i = 0; i < 20 && stSegTable[handle].ulTotalFreeBlkNum != 0; ++i) {
@@ -642,9 +638,19 @@ void Sequence::comb(Segment& segment, const Record& record)
                                     [=] { return MM_AllocBlock(handle, blocks, owner); });
         give(segment, address, blocks, owner);
     }
+}
+
+// Takes all that is free, then releases one piece of so many in what it got: hundreds to tens of thousands of free runs.
+// Number: bits 0 to 2 blocks that stay between two pieces less one, bits 3 to 5 most blocks of a piece less one (mostly 0),
+// bit 6 from which end, bit 7 a piece is first, the bits from 8 on how many pieces at the most.
+void Sequence::comb(Segment& segment, const Record& record)
+{
+    if (segment.stack || (ordinary_ && !holdsHeaders(segment.handle)))
+        return;
+    takeAll(segment, record);
     if (segment.grants.empty())
         return;
-
+    const U32 handle = segment.handle;
     const auto largest = std::max_element(segment.grants.begin(), segment.grants.end(),
                                           [](const Grant& a, const Grant& b) { return a.blocks < b.blocks; });
     const Grant field = *largest;
@@ -662,15 +668,18 @@ void Sequence::comb(Segment& segment, const Record& record)
     const bool upwards = (record.number >> 6 & 1) != 0;
     // What stays is noted first: the sequence may end at any operation.
     const U32 used = teeth * (between + piece);
+    const bool pieceFirst = (record.number >> 7 & 1) != 0;
     for (U32 i = 0; i < teeth; ++i)
-        segment.grants.push_back({field.address + i * (between + piece) * unit, between, field.owner});
+        segment.grants.push_back(
+            {field.address + (i * (between + piece) + (pieceFirst ? piece : 0)) * unit, between, field.owner});
     if (used < field.blocks)
         segment.grants.push_back({field.address + used * unit, field.blocks - used, field.owner});
     for (U32 i = 0; i < teeth; ++i) {
         const U32 tooth = upwards ? i : teeth - 1 - i;
-        const U32 address = field.address + (tooth * (between + piece) + between) * unit;
-        perform("MM_FreeBlock", handle, {handle, address, piece},
-                [=] { return MM_FreeBlock(handle, MM_At(address), piece); });
+        const U32 address = field.address + (tooth * (between + piece) + (pieceFirst ? 0 : between)) * unit;
+        const U32 blocks = 1 + tooth * 5 % piece; // what is left of the place is lost
+        perform("MM_FreeBlock", handle, {handle, address, blocks},
+                [=] { return MM_FreeBlock(handle, MM_At(address), blocks); });
     }
 }
 
@@ -739,6 +748,8 @@ void Sequence::restart(const Record& record)
 void Sequence::mend(Segment& segment, const Record& record)
 {
     segment.spoiledFor = 0;
+    if (!segment.stack)
+        takeAll(segment, record); // shows what the list has become
     if (segment.handle == HEAPHANDLE || ++mended_ % 8 == 0) {
         bringUp();
         combAll(record);
@@ -917,7 +928,7 @@ void Sequence::layOver(Segment& segment, const Record& record)
     const U32 start = (under.handle == HEAPHANDLE ? stSegStartAddr.aulHeapAddr[0] : MM_Addr(below.pubStartAddr)) +
                       (record.number / 16 % 4096 & ~3U);
     const U32 bytes = 512 + (record.number >> 16 & 0xFFFC);
-    if (record.how % 8 != 0) {
+    if (record.how % 4 != 0) {
         if (segment.handle == HEAPHANDLE || segment.stack)
             return;
         TMMSegInfo seg = stSegTable[segment.handle];
@@ -927,6 +938,12 @@ void Sequence::layOver(Segment& segment, const Record& record)
         perform("MM_SegInitial", segment.handle, {segment.handle, start, bytes, seg.stInfoFromApp.ulBlkSize},
                 [&seg] { return MM_SegInitial(&seg); });
         segment.grants.clear();
+        return;
+    }
+    if (record.number % 3 == 0) { // the free memory begins behind the fixed segments once more
+        perform("MM_ConstructSegLinkedList", segment.handle, {}, [] { return MM_ConstructSegLinkedList(); });
+        const char text[] = {'N', 'E', 'W', static_cast<char>('0' + overlays_++ % 10), 0};
+        create(text, shapeAt(8 + record.number % 8 * 8));
         return;
     }
     U8 row[4];
@@ -942,12 +959,12 @@ void Sequence::layOver(Segment& segment, const Record& record)
 
 void Sequence::permanentWrongly(const Record& record)
 {
-    const Segment& any = segments_[record.segment % segments_.size()];
+    const Segment& any = segments_[record.how % 8 != 0 ? segments_.size() - 1 : record.segment % segments_.size()];
     const Run run = freeRun(any.handle, record.number % 64, true);
     const U32 address = record.how % 2 == 0 || any.grants.empty()
                             ? run.address
                             : any.grants[record.number % any.grants.size()].address;
-    const U32 blocks = record.number / 64 % 100;
+    const U32 blocks = record.number / 64 % (record.how % 4 < 2 ? 100 : stSegTable[HEAPHANDLE].ulTotalBlkNum + 64);
     switch (record.owner % 4) {
     case 0:
         perform("MM_SetPermanentBlk", HEAPHANDLE, {address, blocks},

@@ -107,6 +107,7 @@ private:
     void permanent(const Record& record);
     void write(Segment& segment, const Record& record);
     void query(Segment& segment, const Record& record);
+    void takeAll(Segment& segment, const Record& record);
     void combAll(const Record& record);
     void comb(Segment& segment, const Record& record);
     void churn(Segment& segment, const Record& record);
