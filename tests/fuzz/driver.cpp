@@ -138,7 +138,7 @@ Step stepOf(const Outcome& outcome, const std::vector<std::string>& log)
     Hasher hasher;
     for (const std::string& message : log)
         hasher.add(message.c_str(), message.size() + 1);
-    const U32 value = outcome.returned()                          ? outcome.value
+    const U32 value = outcome.returned()                    ? outcome.value
                       : outcome.kind == Outcome::Kind::Hang ? U32(outcome.lock)
                                                             : outcome.address;
     return {outcome.kind, value, hasher.value()};

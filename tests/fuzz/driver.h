@@ -10,10 +10,10 @@ namespace velmora::fuzz {
 
 struct Verdict {
     unsigned long operations = 0;
-    unsigned long awake = 0; // operations on a segment whose index was awake
-    unsigned long longestList = 0; // free runs of a segment when the state was looked at
+    unsigned long awake = 0;                                // operations on a segment whose index was awake
+    unsigned long longestList = 0;                          // free runs of a segment when the state was looked at
     unsigned long long walkAccesses = 0, indexAccesses = 0; // to managed memory
-    std::string difference; // empty when there is none
+    std::string difference;                                 // empty when there is none
 
     bool same() const { return difference.empty(); }
 };

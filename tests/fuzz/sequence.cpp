@@ -145,8 +145,7 @@ void Sequence::play(bool useIndex, Observer& observer)
     MM_UseRunIndex(TRUE);
 }
 
-template <class Call>
-U32 Sequence::perform(const char* name, U32 handle, std::vector<U32> arguments, const Call& call)
+template <class Call> U32 Sequence::perform(const char* name, U32 handle, std::vector<U32> arguments, const Call& call)
 {
     const Outcome outcome = machine().run([&call] { return static_cast<U32>(call()); });
     machine().faults.touchLimit = kTouchLimit;
@@ -177,9 +176,8 @@ bool Sequence::indexesKept() const
     const auto soundSegment = [](const Segment& segment) { return segment.stack || holdsHeaders(segment.handle); };
     if (!ordinary_ || !std::all_of(segments_.begin(), segments_.end(), soundSegment))
         return true;
-    return std::all_of(segments_.begin(), segments_.end(), [](const Segment& segment) {
-        return !segment.indexed || MM_HasRunIndex(segment.handle);
-    });
+    return std::all_of(segments_.begin(), segments_.end(),
+                       [](const Segment& segment) { return !segment.indexed || MM_HasRunIndex(segment.handle); });
 }
 
 // Set-up -------------------------------------------------------------------------------------------------------------
@@ -217,7 +215,8 @@ Sequence::Shape Sequence::shapeAt(std::size_t place) const
     constexpr U8 widths[] = {0, 8, 1, 2, 4};
     Shape shape{};
     const U8 size = byteAt(place);
-    shape.blockBytes = size < (ordinary_ ? 250 : 236) ? sizes[size % std::size(sizes)] : tinySizes[size % std::size(tinySizes)];
+    shape.blockBytes =
+        size < (ordinary_ ? 250 : 236) ? sizes[size % std::size(sizes)] : tinySizes[size % std::size(tinySizes)];
     shape.mapBits = widths[byteAt(place + 1) % std::size(widths)];
     const U8 flags = byteAt(place + 2);
     shape.semaphore = flags & 1;
@@ -243,16 +242,21 @@ void Sequence::create(const char* name, const Shape& shape)
     info.ubVM = shape.overflow;
     info.ulSegSize = shape.bytes;
     info.ulBlkSize = shape.blockBytes;
-    const U32 result = perform("MM_CreateSegment", 0,
-                               {info.ubType, shape.discipline, shape.mapBits, shape.semaphore, shape.bytes,
-                                shape.blockBytes, shape.overflow},
-                               [&info] { return MM_CreateSegment(&info); });
+    const U32 result = perform(
+        "MM_CreateSegment", 0,
+        {info.ubType, shape.discipline, shape.mapBits, shape.semaphore, shape.bytes, shape.blockBytes, shape.overflow},
+        [&info] { return MM_CreateSegment(&info); });
     if (result != ENOERR || !MM_CheckSegInitCompleted(info.hulHandle))
         return;
     const TMMSegInfo& seg = stSegTable[info.hulHandle];
     const U32 start = MM_Addr(seg.pubMapStartAddr != nullptr ? seg.pubMapStartAddr : seg.pubStartAddr);
-    segments_.push_back({info.hulHandle, shape.discipline == STACK, MM_HasRunIndex(info.hulHandle) != FALSE, start,
-                         MM_Addr(seg.pubEndAddr) - start, 0, {}});
+    segments_.push_back({info.hulHandle,
+                         shape.discipline == STACK,
+                         MM_HasRunIndex(info.hulHandle) != FALSE,
+                         start,
+                         MM_Addr(seg.pubEndAddr) - start,
+                         0,
+                         {}});
 }
 
 // Byte 3 of the head: pieces. The free memory that is left becomes so many stretches.
@@ -483,8 +487,8 @@ void Sequence::releaseGrant(Segment& segment, std::size_t index, U32 first, U32 
 void Sequence::claim(Segment& segment, const Record& record)
 {
     const U32 handle = segment.handle;
-    const Run run = segment.stack || handle == HEAPHANDLE ? Run{0, 0}
-                                                          : freeRun(handle, record.number % 32, record.how % 2 == 0);
+    const Run run =
+        segment.stack || handle == HEAPHANDLE ? Run{0, 0} : freeRun(handle, record.number % 32, record.how % 2 == 0);
     if (run.blocks == 0)
         return;
     const bool whole = record.how % 4 == 0;
@@ -787,8 +791,9 @@ void Sequence::misuse(Segment& segment, const Record& record)
 void Sequence::allocateWrongly(Segment& segment, const Record& record)
 {
     const U32 handle = record.how < 32 ? record.number % 70 : segment.handle;
-    const U32 counts[] = {0x80000000, 0xFFFFFFFF, 0xFFFFFFFF - record.number % 64, 0x80000000 + record.number % 64,
-                          0x7FFFFFFF, record.number, 0};
+    const U32 counts[] = {
+        0x80000000,    0xFFFFFFFF, 0xFFFFFFFF - record.number % 64, 0x80000000 + record.number % 64, 0x7FFFFFFF,
+        record.number, 0};
     const U32 count = counts[record.owner % std::size(counts)];
     const U8 owner = static_cast<U8>(record.how % 4 == 0 ? record.number >> 8 : ownerFor(segment, record.owner));
     if (record.how % 2 == 0)
@@ -823,9 +828,18 @@ void Sequence::releaseWrongly(Segment& segment, const Record& record)
             address = other.grants[record.number % other.grants.size()].address;
         break;
     case 9: {
-        const U32 places[] = {MM_Addr(seg.pubStartAddr), MM_Addr(seg.pubEndAddr), MM_Addr(seg.pubEndAddr) - unit,
-                              MM_Addr(seg.pubEndAddr) - 1, MM_Addr(seg.pubStartAddr) - 1, 0, 0xFFFFFFFF,
-                              sim::kPageOffset, sim::kHighMemory - 4, MM_Addr(seg.pubMapStartAddr), memend, 0x1000};
+        const U32 places[] = {MM_Addr(seg.pubStartAddr),
+                              MM_Addr(seg.pubEndAddr),
+                              MM_Addr(seg.pubEndAddr) - unit,
+                              MM_Addr(seg.pubEndAddr) - 1,
+                              MM_Addr(seg.pubStartAddr) - 1,
+                              0,
+                              0xFFFFFFFF,
+                              sim::kPageOffset,
+                              sim::kHighMemory - 4,
+                              MM_Addr(seg.pubMapStartAddr),
+                              memend,
+                              0x1000};
         address = places[record.number / 64 % std::size(places)];
         break;
     }
@@ -860,12 +874,12 @@ void Sequence::claimWrongly(Segment& segment, const Record& record)
     U32 address = run.address + record.number / 64 % (run.blocks + 2) * unit;
     U32 blocks = 1 + record.number / 1024 % 16;
     switch (record.owner / 2 % 8) {
-    case 0: address = run.address; break;                     // the rest is kept far away
-    case 1: address += record.number / 4096 % unit; break;    // between two blocks
-    case 2: blocks = run.blocks + record.number % 4; break;   // perhaps past the run
+    case 0: address = run.address; break;                   // the rest is kept far away
+    case 1: address += record.number / 4096 % unit; break;  // between two blocks
+    case 2: blocks = run.blocks + record.number % 4; break; // perhaps past the run
     case 3: address = MM_Addr(stSegTable[handle].pubStartAddr); break;
     case 4: blocks = record.number; break;
-    default: break;                                           // splits the run
+    default: break; // splits the run
     }
     perform("MM_ReallocBlock", handle, {handle, address, blocks},
             [=] { return MM_ReallocBlock(handle, MM_At(address), blocks); });
@@ -880,9 +894,18 @@ void Sequence::writeHeader(Segment& segment, const Record& record)
     const Run other = freeRun(segment.handle, record.number / 64 % 64, record.how % 4 < 2);
     const U32 offset = record.owner % 16;
     const U32 address = record.how < 24 ? run.address + offset - 6 : run.address + offset % 3 * 4;
-    const U32 values[] = {0, 1, run.address, other.address, other.blocks, run.blocks + 1, run.blocks - 1, 0x80000000,
+    const U32 values[] = {0,
+                          1,
+                          run.address,
+                          other.address,
+                          other.blocks,
+                          run.blocks + 1,
+                          run.blocks - 1,
+                          0x80000000,
                           MM_Addr(seg.pubStartAddr) + record.number / 4096 % (seg.ulTotalBlkNum + 1) * unit,
-                          other.address + unit, record.number, 0xFFFFFFFF};
+                          other.address + unit,
+                          record.number,
+                          0xFFFFFFFF};
     const U32 value = values[record.number / 128 % std::size(values)];
     const U32 bytes = record.how < 24 ? 1 + record.owner / 16 % 4 : 4;
     if (!Machine::exists(address, bytes))
@@ -961,9 +984,8 @@ void Sequence::permanentWrongly(const Record& record)
 {
     const Segment& any = segments_[record.how % 8 != 0 ? segments_.size() - 1 : record.segment % segments_.size()];
     const Run run = freeRun(any.handle, record.number % 64, true);
-    const U32 address = record.how % 2 == 0 || any.grants.empty()
-                            ? run.address
-                            : any.grants[record.number % any.grants.size()].address;
+    const U32 address =
+        record.how % 2 == 0 || any.grants.empty() ? run.address : any.grants[record.number % any.grants.size()].address;
     const U32 blocks = record.number / 64 % (record.how % 4 < 2 ? 100 : stSegTable[HEAPHANDLE].ulTotalBlkNum + 64);
     switch (record.owner % 4) {
     case 0:

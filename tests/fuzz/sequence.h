@@ -67,9 +67,9 @@ private:
     struct Segment {
         U32 handle = 0;
         bool stack = false;
-        bool indexed = false; // and must stay so while the clients are correct
+        bool indexed = false;     // and must stay so while the clients are correct
         U32 start = 0, bytes = 0; // where it was placed
-        U32 spoiledFor = 0; // steps since it was misused, 0: it was not
+        U32 spoiledFor = 0;       // steps since it was misused, 0: it was not
         std::vector<Grant> grants;
     };
     struct Run {
@@ -146,7 +146,7 @@ private:
     bool ordinary_;
     unsigned effort_;
     U32 misuseRate_; // of 2048 steps
-    U32 sizeLimit_; // blocks of a segment
+    U32 sizeLimit_;  // blocks of a segment
     U32 stateInterval_;
 
     Observer* observer_ = nullptr;
