@@ -170,10 +170,11 @@ void Sequence::tellState()
     observer_->state(indexesKept());
 }
 
-// Where a segment's blocks hold no header, its lists break and write over other segments, also without misuse.
+// Where a segment's blocks hold no header, its list breaks, and where they are no multiple of four bytes, a stack grows
+// past its end: such segments write over others, also without misuse.
 bool Sequence::indexesKept() const
 {
-    const auto soundSegment = [](const Segment& segment) { return segment.stack || holdsHeaders(segment.handle); };
+    const auto soundSegment = [](const Segment& segment) { return holdsHeaders(segment.handle); };
     if (!ordinary_ || !std::all_of(segments_.begin(), segments_.end(), soundSegment))
         return true;
     return std::all_of(segments_.begin(), segments_.end(),
