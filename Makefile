@@ -4,11 +4,13 @@
 DOC ?=
 COPIES ?= 3
 DPI ?= 75
+FUZZ_SECONDS ?= 60
+FUZZ_SEED ?= $(shell date +%s)
 
 .DEFAULT_GOAL := help
 include kernel/linux/target.mk
 include bench/bench.mk
-.PHONY: help build build-x86 build-arm demo test test-x86 test-arm test-sanitize coverage format lint clean
+.PHONY: help build build-x86 build-arm demo test test-x86 test-arm test-sanitize coverage fuzz format lint clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
@@ -57,6 +59,15 @@ coverage:
 	@mkdir -p build/coverage/report
 	gcovr --root . --filter kernel/ --object-directory build/coverage --gcov-executable gcov-12 --exclude-throw-branches \
 	    --html-details build/coverage/report/index.html --fail-under-line 98 --print-summary --txt
+
+## make fuzz       random sequences with the run index and by walking, then libFuzzer's  [FUZZ_SECONDS=60 each, FUZZ_SEED=time]
+fuzz: build-x86
+	@scripts/setup.sh fuzz
+	build/bin/fuzz-index --seed $(FUZZ_SEED) --seconds $(FUZZ_SECONDS)
+	@$(call preset,fuzz)
+	@mkdir -p build/fuzz/corpus
+	cd build/fuzz && ASAN_OPTIONS=detect_leaks=0 bin/fuzz-index-target -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -rss_limit_mb=0 \
+	    -timeout=60 -print_final_stats=1 corpus
 
 ## make format     rewrites the sources with clang-format;  make lint: clang-tidy over host, lib, tools, examples
 format:

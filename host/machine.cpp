@@ -78,6 +78,8 @@ std::string Outcome::describe(std::string_view command) const
         std::snprintf(text, sizeof text, " waits for ever on %s, which is already held", lockName(lock));
     if (kind == Kind::Oops)
         std::snprintf(text, sizeof text, " touched 0x%08x, which does not exist", static_cast<unsigned>(address));
+    if (kind == Kind::Endless)
+        std::snprintf(text, sizeof text, " goes on without an end");
     return std::string(command) + text;
 }
 
@@ -123,6 +125,7 @@ Outcome Machine::run(const std::function<U32()>& command)
         return currentOutcome;
     }
     currentCommand = &place;
+    lastTouch_ = faults.touchLimit ? touches_ + *faults.touchLimit : ~0UL;
     const U32 value = command();
     currentCommand = nullptr;
     return {Outcome::Kind::Returned, value, 0, {}};
@@ -159,6 +162,19 @@ std::optional<U32> Machine::firstMissing(U32 address, U32 bytes)
     return address;
 }
 
+std::vector<Machine::Stretch> Machine::usedRam() const
+{
+    std::vector<Stretch> found;
+    for (off_t end = 0; end < static_cast<off_t>(kRamBytes);) {
+        const off_t start = lseek(ramFile_, end, SEEK_DATA);
+        if (start < 0)
+            break;
+        end = lseek(ramFile_, start, SEEK_HOLE);
+        found.push_back({kPageOffset + static_cast<U32>(start), kPageOffset + static_cast<U32>(end)});
+    }
+    return found;
+}
+
 void Machine::lock(TMMLock lock)
 {
     if (locks_.at(lock))
@@ -176,7 +192,8 @@ void Machine::unlock(TMMLock lock)
 
 void Machine::touch(U32 address, U32 bytes)
 {
-    ++touches_;
+    if (++touches_ > lastTouch_ && currentCommand != nullptr)
+        stop({Outcome::Kind::Endless, 0, 0, {}});
     if (const auto missing = firstMissing(address, bytes))
         stop({Outcome::Kind::Oops, 0, *missing, {}});
 }

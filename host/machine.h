@@ -34,9 +34,9 @@ inline constexpr U32 kScratchBytes = 0x10000;
 inline constexpr U32 kUserLimit = 0x93000000;
 
 // How a command ended. Hang: it would wait for ever on a lock that is already held. Oops: it touched
-// an address that does not exist; address is the first such byte.
+// an address that does not exist; address is the first such byte. Endless: it made more accesses than it was granted.
 struct Outcome {
-    enum class Kind { Returned, Hang, Oops };
+    enum class Kind { Returned, Hang, Oops, Endless };
     Kind kind = Kind::Returned;
     U32 value = 0;   // what the command returned
     U32 address = 0; // Oops only
@@ -54,6 +54,7 @@ struct Faults {
     bool refuseRemap = false;          // remap_pfn_range fails
     std::optional<U32> copyInStopsAt;  // copy_from_user moves this many bytes at most
     std::optional<U32> copyOutStopsAt; // copy_to_user moves this many bytes at most
+    std::optional<unsigned long> touchLimit; // a command that makes more accesses is taken for endless and stopped
 };
 
 // The kernel's side of a mapping request (TMMMapRequest::pvKernel).
@@ -91,6 +92,12 @@ public:
     // Accesses to managed memory that the manager announced.
     unsigned long touches() const { return touches_; }
 
+    // RAM that was ever written (or read) since power-on, as stretches of whole pages in order; the rest is zero.
+    struct Stretch {
+        U32 start, end;
+    };
+    std::vector<Stretch> usedRam() const;
+
     // Registered character devices, name by major number, and proc entries, mode by name.
     const std::map<S32, std::string>& devices() const { return devices_; }
     const std::map<std::string, U32>& procEntries() const { return procEntries_; }
@@ -122,6 +129,7 @@ private:
     unsigned long lockTakes_ = 0;
     unsigned long cacheFlushes_ = 0;
     unsigned long touches_ = 0;
+    unsigned long lastTouch_ = ~0UL; // of the running command
     std::map<S32, std::string> devices_;
     std::map<std::string, U32> procEntries_;
 };

@@ -88,7 +88,8 @@ Answer runEntry(const std::function<U32()>& entry, const std::function<std::stri
 {
     const Outcome outcome = machine().run(entry);
     switch (outcome.kind) {
-    case Outcome::Kind::Hang: return {"= hang", true};
+    case Outcome::Kind::Hang:
+    case Outcome::Kind::Endless: return {"= hang", true};
     case Outcome::Kind::Oops: return {format("= oops 0x%08x", static_cast<unsigned>(outcome.address)), true};
     case Outcome::Kind::Returned: break;
     }

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages that the named groups need and that are missing. Root, or a user with sudo.
-#   scripts/setup.sh GROUP...     groups: bench build demo lint target test
+#   scripts/setup.sh GROUP...     groups: bench build demo fuzz lint target test
 # A stamp under build/ remembers what was found, so that a second run costs nothing.
 set -eu
 cd "$(dirname "$0")/.."
@@ -10,6 +10,7 @@ packages() {
     build) echo "g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build" ;;
     bench) echo "g++-12 g++-12-multilib cmake ninja-build libboost-dev python3" ;;
     demo) echo "ghostscript ghostscript-doc" ;;
+    fuzz) echo "clang-14 libclang-rt-14-dev g++-12-multilib cmake ninja-build googletest" ;;
     lint) echo "clang-format clang-tidy" ;;
     target) echo "qemu-system-arm device-tree-compiler python3" ;;
     test) echo "googletest qemu-user gcovr python3" ;;

@@ -230,6 +230,23 @@ TEST_F(RunIndex, AReleasePastTheSegmentsEndDropsTheIndex)
     EXPECT_FALSE(MM_HasRunIndex(handle));
 }
 
+TEST_F(RunIndex, ARequestThatIsNegativeDropsTheIndex)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 end = MM_Addr(stSegTable[handle].pubEndAddr);
+    ASSERT_NE(MM_AllocBlock(handle, 400, 0), 0u);
+    for (U32 i = 0; i < 40; ++i) // from the end: a free block, one that stays, two free ones, four that stay
+        for (U32 blocks = 1; blocks <= 2; ++blocks)
+            MM_FreeBlock(handle, at(end - (8 * i + blocks * blocks) * 64), blocks);
+    ASSERT_NE(MM_AwakeRunIndex(handle), nullptr);
+
+    const U32 tail = MM_Addr(astBlkTail[handle].pstBlk);
+    EXPECT_EQ(MM_AllocBlock(handle, 0xFFFFFFFB, 0), tail + 6 * 64); // five blocks less than none: the run has six now
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+    EXPECT_EQ(MM_AllocBlock(handle, 5, 0), tail + 64);
+}
+
 TEST_F(RunIndex, ADoubleReleaseKeepsTheIndex)
 {
     start();

@@ -31,6 +31,8 @@ TMMBlkStr* FindRun(U32 hulHandle, U32 ulReqBlkNum)
     TMMBlkStr* pstRun = WalkToRun(pstTail, ulReqBlkNum);
     if (pstRun == nullptr && stSegTable[hulHandle].ulLargestBlkSize >= ulReqBlkNum)
         pstRun = WalkToRun(pstTail, ulReqBlkNum); /* counters and list disagree: one more walk, never an endless one */
+    if (pstRun != nullptr && ulReqBlkNum > MAX_INDEXED_REQUEST)
+        MM_DropRunIndex(hulHandle); /* what is cut off is negative: the run grows over what lies behind it */
     return pstRun;
 }
 
