@@ -36,18 +36,18 @@ TYPED_TEST_SUITE(MaxTree, Nodes);
 
 TEST(MaxTreeStorage, IsALittleMoreThanTheElements)
 {
-    using Words = CMMMaxTree<CMMWordNode>; // 16 words a node
-    EXPECT_EQ(Words::StorageWords(1), 16u);
-    EXPECT_EQ(Words::StorageWords(16), 16u);
-    EXPECT_EQ(Words::StorageWords(17), 32u + 16u);
-    EXPECT_EQ(Words::StorageWords(256), 256u + 16u);
-    EXPECT_EQ(Words::StorageWords(257), 272u + 32u + 16u);
-    using Bytes = CMMMaxTree<CMMByteNode>; // 32 elements in the 8 words of a node
-    EXPECT_EQ(Bytes::StorageWords(1), 8u);
-    EXPECT_EQ(Bytes::StorageWords(32), 8u);
-    EXPECT_EQ(Bytes::StorageWords(33), 16u + 8u);
-    EXPECT_EQ(Bytes::StorageWords(1024), 256u + 8u);
-    EXPECT_EQ(Bytes::StorageWords(1025), 264u + 16u + 8u);
+    using Words = CMMMaxTree<CMMWordNode>; // a node: 16 elements in 16 words, and two words about them
+    EXPECT_EQ(Words::StorageWords(1), 18u);
+    EXPECT_EQ(Words::StorageWords(16), 18u);
+    EXPECT_EQ(Words::StorageWords(17), (2 + 1) * 18u);
+    EXPECT_EQ(Words::StorageWords(256), (16 + 1) * 18u);
+    EXPECT_EQ(Words::StorageWords(257), (17 + 2 + 1) * 18u);
+    using Bytes = CMMMaxTree<CMMByteNode>; // 32 elements in 8 words, and the two
+    EXPECT_EQ(Bytes::StorageWords(1), 10u);
+    EXPECT_EQ(Bytes::StorageWords(32), 10u);
+    EXPECT_EQ(Bytes::StorageWords(33), (2 + 1) * 10u);
+    EXPECT_EQ(Bytes::StorageWords(1024), (32 + 1) * 10u);
+    EXPECT_EQ(Bytes::StorageWords(1025), (33 + 2 + 1) * 10u);
 }
 
 TYPED_TEST(MaxTree, FindsNothingWhenEmpty)
@@ -56,8 +56,8 @@ TYPED_TEST(MaxTree, FindsNothingWhenEmpty)
         const Tree<TypeParam> t(count);
         EXPECT_EQ(t.tree.Max(), 0u);
         EXPECT_EQ(t.tree.FindLast(1), MM_NO_ELEMENT);
-        EXPECT_EQ(t.tree.FindLastBelow(count, 1), MM_NO_ELEMENT);
-        EXPECT_EQ(t.tree.FindLastBelow(0, 1), MM_NO_ELEMENT);
+        EXPECT_EQ(t.tree.FindUsedBelow(count), MM_NO_ELEMENT);
+        EXPECT_EQ(t.tree.FindUsedBelow(0), MM_NO_ELEMENT);
     }
 }
 
@@ -77,8 +77,8 @@ TYPED_TEST(MaxTree, FindsNothingAtOrAboveTheLimit)
 {
     Tree<TypeParam> t(600);
     t.tree.Set(300, 9);
-    EXPECT_EQ(t.tree.FindLastBelow(300, 1), MM_NO_ELEMENT);
-    EXPECT_EQ(t.tree.FindLastBelow(301, 1), 300u);
+    EXPECT_EQ(t.tree.FindUsedBelow(300), MM_NO_ELEMENT);
+    EXPECT_EQ(t.tree.FindUsedBelow(301), 300u);
     EXPECT_EQ(t.tree.FindLast(9), 300u);
 }
 
@@ -95,24 +95,24 @@ TYPED_TEST(MaxTree, TellsTheLargestNumbersOfANodeApart)
 TYPED_TEST(MaxTree, AnswersRandomSequencesAsAPlainArrayDoes)
 {
     std::mt19937 random(1);
-    for (const U32 count : {1u, 15u, 16u, 31u, 32u, 33u, 100u, 256u, 300u, 5000u}) {
-        Tree<TypeParam> t(count);
-        std::vector<U32> plain(count, 0);
-        for (int step = 0; step < 20000; ++step) {
-            const U32 index = random() % count;
-            const U32 value = random() % 4 == 0 ? 0 : random() % 2 == 0 ? random() % 50 : random() % 128;
-            t.tree.Set(index, value);
-            plain[index] = value;
-            ASSERT_EQ(t.tree.Get(index), value);
-            ASSERT_EQ(t.tree.Max(), *std::max_element(plain.begin(), plain.end())) << count << " step " << step;
-            const U32 limit = random() % (count + 1);
-            const U32 least = 1 + random() % 127;
-            ASSERT_EQ(t.tree.FindLastBelow(limit, least), lastAtLeast(plain, limit, least))
-                << count << " step " << step;
-            ASSERT_EQ(t.tree.FindLast(least), lastAtLeast(plain, count, least)) << count << " step " << step;
+    for (const U32 count : {1u, 3u, 15u, 16u, 31u, 32u, 33u, 100u, 256u, 300u, 5000u})
+        for (const U32 values : {4u, 128u}) { // few: the largest one is there several times
+            Tree<TypeParam> t(count);
+            std::vector<U32> plain(count, 0);
+            for (int step = 0; step < 20000; ++step) {
+                const U32 index = random() % count;
+                const U32 value = random() % 4 == 0 ? 0 : random() % values;
+                t.tree.Set(index, value);
+                plain[index] = value;
+                ASSERT_EQ(t.tree.Get(index), value);
+                ASSERT_EQ(t.tree.Max(), *std::max_element(plain.begin(), plain.end())) << count << " step " << step;
+                const U32 limit = random() % (count + 1);
+                const U32 least = 1 + random() % 127;
+                ASSERT_EQ(t.tree.FindUsedBelow(limit), lastAtLeast(plain, limit, 1)) << count << " step " << step;
+                ASSERT_EQ(t.tree.FindLast(least), lastAtLeast(plain, count, least)) << count << " step " << step;
+            }
+            EXPECT_EQ(t.storage.back(), 0xDEADBEEFu);
         }
-        EXPECT_EQ(t.storage.back(), 0xDEADBEEFu);
-    }
 }
 
 } // namespace

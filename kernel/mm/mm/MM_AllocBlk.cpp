@@ -84,12 +84,13 @@ TMMBlkStr* MM_SearchBlock(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 
 U8* MM_AllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 {
-    const bool fShouldFit = stSegTable[hulHandle].ulLargestBlkSize >= ulReqBlkNum;
+    bool fRetry = stSegTable[hulHandle].ulLargestBlkSize >= ulReqBlkNum; /* once, on purpose */
 
-    TMMBlkStr* pstRun = MM_SearchBlock(hulHandle, ulReqBlkNum, ubMapID);
-    if (pstRun == nullptr && fShouldFit)
-        pstRun = MM_SearchBlock(hulHandle, ulReqBlkNum, ubMapID); /* one retry, on purpose */
-    return reinterpret_cast<U8*>(pstRun);
+    for (;; fRetry = false) {
+        TMMBlkStr* const pstRun = MM_SearchBlock(hulHandle, ulReqBlkNum, ubMapID);
+        if (pstRun != nullptr || !fRetry)
+            return reinterpret_cast<U8*>(pstRun);
+    }
 }
 
 void MM_SetMap(U32 hulHandle, U8* pubBlkTmp, U32 ulReqBlkNum, U8 ubMapID)
@@ -116,7 +117,7 @@ void MM_SetMap(U32 hulHandle, U8* pubBlkTmp, U32 ulReqBlkNum, U8 ubMapID)
 
 U32 MM_SearchMap(U8* pubCurrentAddr, U8* pubEndAddr, U8 ubBlkBit)
 {
-    return (MM_Addr(pubEndAddr) - MM_Addr(pubCurrentAddr)) >> ubBlkBit;
+    return MM_BlkDistance(MM_Addr(pubCurrentAddr), MM_Addr(pubEndAddr), ubBlkBit);
 }
 
 U8 MM_GetHeapBlkID(U8* pubReqAddr)

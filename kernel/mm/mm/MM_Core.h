@@ -111,7 +111,7 @@ inline U32 MM_PhysAddr(U32 ulAddr)
 /* log2 of 1 and more, rounded down. */
 inline U8 MM_Log2(U32 ulNumber)
 {
-    return static_cast<U8>(31 - __builtin_clz(ulNumber));
+    return static_cast<U8>(31 ^ __builtin_clz(ulNumber));
 }
 
 /* Bytes of ulBlkNum blocks; wraps as 32-bit arithmetic does. */

@@ -153,7 +153,7 @@ void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
 }
 
 /* The end of both releases: the largest run, the counters, the lock. */
-U32 FinishRelease(const char* pcEntry, U32 hulHandle, bool fLocked, TMMLock enLock)
+[[gnu::always_inline]] inline U32 FinishRelease(const char* pcEntry, U32 hulHandle, bool fLocked, TMMLock enLock)
 {
     stSegTable[hulHandle].ulLargestBlkSize = MM_LargestFree(hulHandle);
     MM_ASSERT_FOR(pcEntry, (stSegTable[hulHandle].ulLargestBlkSize >= 0) && (stSegTable[hulHandle].ulLargestBlkSize <= stSegTable[hulHandle].ulTotalFreeBlkNum),

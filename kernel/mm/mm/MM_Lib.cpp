@@ -210,6 +210,19 @@ bool IsMapIDAllowed(U8 ubMap, U8 ubMapID)
     return ubMapID >= 1 && ubMapID < (1u << ubMap);
 }
 
+inline bool IsInHeap(U32 ulAddr)
+{
+    const auto* const pstStarts = MM_At<const THeapAddrRange>(MM_Addr(stSegTable[HEAPHANDLE].pubStartAddr));
+    const auto* const pstEnds = MM_At<const THeapAddrRange>(MM_Addr(stSegTable[HEAPHANDLE].pubEndAddr));
+
+    if (pstStarts == nullptr || pstEnds == nullptr)
+        return false;
+    for (U8 ubIdx = 0; ubIdx < MAX_PIECE_NUM && pstStarts->aulHeapAddr[ubIdx] != MM_UNUSED_PIECE; ++ubIdx)
+        if (pstStarts->aulHeapAddr[ubIdx] <= ulAddr && ulAddr < pstEnds->aulHeapAddr[ubIdx])
+            return true;
+    return false;
+}
+
 } // namespace
 
 U32 MM_Malloc(U32 hulHandle, U32 ulReqBytes, U8 ubMapID)
@@ -274,7 +287,7 @@ U32 MM_FreeBlock(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 
     /* What a release routine answers is on the kernel log and is not passed on. */
     if (stSegTable[hulHandle].pfnFree == MM_FreeBlk) {
-        if (MM_CheckHeapArea(pubRlsAddr)) {
+        if (IsInHeap(MM_Addr(pubRlsAddr))) {
             if (!MM_CheckSegInitCompleted(HEAPHANDLE))
                 MM_ASSERT(0, EASSERT);
             MM_ASSERT(stSegTable[HEAPHANDLE].pfnFree, EASSERT);
@@ -301,10 +314,7 @@ U8 MM_CheckSegInitCompleted(U32 hulHandle)
 
 BOOL MM_CheckHeapArea(U8* pubAddr)
 {
-    for (U8 ubIdx = 0; MM_IsPiece(ubIdx); ++ubIdx)
-        if (MM_IsInPiece(ubIdx, MM_Addr(pubAddr)))
-            return TRUE;
-    return FALSE;
+    return IsInHeap(MM_Addr(pubAddr));
 }
 
 /* Reallocation -------------------------------------------------------------------------------------- */

@@ -22,10 +22,10 @@ public:
     CMMMapWalker(U32 ulDistance, U8* pubMapEndAddr, U8 ubWidth) : ubWidth(ubWidth)
     {
         const U8 ubWidthBit = ubWidth == 0 ? MM_GetBlkBit(0) : MM_Log2(ubWidth);
-        const U8 ubShift = static_cast<U8>(3 - ubWidthBit);
-        const U32 ulBytes = ubShift < 32 ? ulDistance >> ubShift : 0;
+        ubEntriesBit = static_cast<U8>(3 - ubWidthBit);
+        const U32 ulBytes = ubEntriesBit < 32 ? ulDistance >> ubEntriesBit : 0;
         stByte.pubyiscp = MM_At(MM_Addr(pubMapEndAddr) - 1 - ulBytes);
-        ubBitPos = ubShift < 32 ? static_cast<U8>((ulDistance - (ulBytes << ubShift)) << ubWidthBit) : 0;
+        ubBitPos = ubEntriesBit < 32 ? static_cast<U8>((ulDistance - (ulBytes << ubEntriesBit)) << ubWidthBit) : 0;
     }
 
     U8* Byte() const { return stByte.pubyiscp; }
@@ -44,14 +44,14 @@ public:
     void NextEntry() { ubBitPos = static_cast<U8>(ubBitPos - ubWidth); }
 
     /* Whole bytes that the next ulEntries entries fill from the next byte on; 0 unless the current one is used up. */
-    U32 WholeBytes(U32 ulEntries) const { return ubBitPos != 0 || ubWidth == 0 ? 0 : ulEntries / (8 / ubWidth); }
+    U32 WholeBytes(U32 ulEntries) const { return ubBitPos != 0 || ubWidth == 0 ? 0 : ulEntries >> ubEntriesBit; }
     U8* FirstWholeByte() const { return MM_At(stByte.ulyisl + 1); }
 
     /* Passes over ulBytes whole bytes; the entries in them. */
     U32 SkipBytes(U32 ulBytes)
     {
         stByte.ulyisl += ulBytes;
-        return ulBytes * (8 / ubWidth);
+        return ulBytes << ubEntriesBit;
     }
 
     U8 EntryMask() const
@@ -63,14 +63,15 @@ private:
     TMMBcptr stByte;
     U8 ubBitPos; /* of the entry last visited; 0 means that the byte is used up */
     U8 ubWidth;
+    U8 ubEntriesBit; /* log2 of the entries of a byte */
 };
 
 /* A byte in which every entry is the ID. Bits of an ID that is wider than the entry reach into the next ones. */
 inline U8 MM_ByteOf(U8 ubMapID, U8 ubWidth)
 {
-    U32 ulByte = 0;
-    for (U8 ubBitPos = 0; ubBitPos < 8; ubBitPos = static_cast<U8>(ubBitPos + ubWidth))
-        ulByte |= static_cast<U32>(ubMapID) << ubBitPos;
+    U32 ulByte = ubMapID;
+    for (U32 ulFilled = ubWidth; ulFilled < 8; ulFilled *= 2)
+        ulByte |= ulByte << ulFilled;
     return static_cast<U8>(ulByte);
 }
 
@@ -83,75 +84,91 @@ inline TMMMapWord* MM_MapWord(U8* pubAddr)
     return reinterpret_cast<TMMMapWord*>(pubAddr);
 }
 
-inline bool MM_IsWordAligned(const U8* pubAddr)
+/* The first address at or above, or at or below, that is a multiple of four. */
+inline U8* MM_WordAbove(U8* pubAddr)
 {
-    return MM_Addr(pubAddr) % MAP_WORD_BYTES == 0;
+    return MM_At((MM_Addr(pubAddr) + MAP_WORD_BYTES - 1) & ~(MAP_WORD_BYTES - 1));
+}
+
+inline U8* MM_WordBelow(U8* pubAddr)
+{
+    return MM_At(MM_Addr(pubAddr) & ~(MAP_WORD_BYTES - 1));
+}
+
+/* ORs a byte into the bytes from pubByte to pubPast. */
+inline void MM_OrEachByte(U8* pubByte, const U8* pubPast, U8 ubByte)
+{
+    for (; pubByte < pubPast; ++pubByte)
+        *pubByte = static_cast<U8>(*pubByte | ubByte);
 }
 
 /* ORs a byte into ulBytes bytes. */
 inline void MM_OrBytes(U8* pubAddr, U32 ulBytes, U8 ubByte)
 {
+    U8* const pubPast = pubAddr + ulBytes;
+    U8* const pubWords = MM_WordAbove(pubAddr);
+    U8* const pubPastWords = MM_WordBelow(pubPast);
+
     MMP_Touch(pubAddr, ulBytes);
-    for (; ulBytes > 0 && !MM_IsWordAligned(pubAddr); ++pubAddr, --ulBytes)
-        *pubAddr = static_cast<U8>(*pubAddr | ubByte);
-    TMMMapWord* pulWord = MM_MapWord(pubAddr);
+    if (pubWords >= pubPastWords)
+        return MM_OrEachByte(pubAddr, pubPast, ubByte);
+    MM_OrEachByte(pubAddr, pubWords, ubByte);
 #pragma GCC unroll 4
-    for (U32 ulWords = ulBytes / MAP_WORD_BYTES; ulWords > 0; --ulWords)
-        *pulWord++ |= ubByte * 0x01010101u;
-    pubAddr += ulBytes - ulBytes % MAP_WORD_BYTES;
-    for (ulBytes %= MAP_WORD_BYTES; ulBytes > 0; ++pubAddr, --ulBytes)
-        *pubAddr = static_cast<U8>(*pubAddr | ubByte);
+    for (TMMMapWord* pulWord = MM_MapWord(pubWords); pulWord < MM_MapWord(pubPastWords); ++pulWord)
+        *pulWord |= ubByte * 0x01010101u;
+    MM_OrEachByte(pubPastWords, pubPast, ubByte);
 }
 
-/* Tells of four bytes at once whether every entry in them is marked. */
-class CMMMarkedTest
+/* True when every entry of a byte is marked; one-bit entries count as marked whatever they hold. */
+inline bool MM_AllMarked(U8 ubByte, U8 ubWidth)
 {
-public:
-    /* One-bit entries count as marked whatever they hold. */
-    explicit CMMMarkedTest(U8 ubWidth)
-        : ulLowest(ubWidth == 8 ? 0x01010101u : ubWidth == 4 ? 0x11111111u : 0x55555555u),
-          ulHighest(ubWidth == 1 ? 0 : ulLowest << (ubWidth - 1))
-    {
-    }
-
-    bool All(U32 ulWord) const { return (Unmarked(ulWord) & ulHighest) == 0; }
-    bool AllOfByte(U8 ubByte) const { return All(ubByte * 0x01010101u); }
-    bool AllOfFour(const TMMMapWord* pulWord) const
-    {
-        return ((Unmarked(pulWord[0]) | Unmarked(pulWord[1]) | Unmarked(pulWord[2]) | Unmarked(pulWord[3])) & ulHighest) == 0;
-    }
-
-private:
+    if (ubWidth == 1)
+        return true;
     /* An entry of 0 borrows from the bits above it: its highest bit is set where it was not before. */
-    U32 Unmarked(U32 ulWord) const { return (ulWord - ulLowest) & ~ulWord; }
+    const U32 ulLowest = MM_ByteOf(1, ubWidth);
+    return ((ubByte - ulLowest) & ~U32(ubByte) & ulLowest << (ubWidth - 1)) == 0;
+}
 
-    U32 ulLowest, ulHighest; /* these bits of each entry */
-};
+/* Zeroes elements from pElement on, before pPast, as long as they hold the value; past the last one. */
+template <class TElement> inline TElement* MM_ClearSame(TElement* pElement, const TElement* pPast, TElement value)
+{
+    for (; pElement < pPast && *pElement == value; ++pElement)
+        *pElement = 0;
+    return pElement;
+}
 
 /* Zeroes up to ulBytes bytes, as far as each of their entries is marked (one-bit entries need not be); the bytes
- * zeroed. */
+ * zeroed. An owner's bytes are all the same, and go by words. */
 inline U32 MM_ClearMarkedBytes(U8* pubAddr, U32 ulBytes, U8 ubWidth)
 {
-    const CMMMarkedTest clMarked(ubWidth);
+    U8* const pubPast = pubAddr + ulBytes;
     U8* pubByte = pubAddr;
-    U32 ulLeft = ulBytes;
 
     MMP_Touch(pubAddr, ulBytes);
-    for (;;) {
-        if (MM_IsWordAligned(pubByte))
-            for (; ulLeft >= 4 * MAP_WORD_BYTES && clMarked.AllOfFour(MM_MapWord(pubByte)); pubByte += 4 * MAP_WORD_BYTES, ulLeft -= 4 * MAP_WORD_BYTES)
-                MM_MapWord(pubByte)[0] = MM_MapWord(pubByte)[1] = MM_MapWord(pubByte)[2] = MM_MapWord(pubByte)[3] = 0;
-        if (ulLeft == 0 || !clMarked.AllOfByte(*pubByte))
-            return ulBytes - ulLeft;
-        *pubByte++ = 0;
-        --ulLeft;
+    while (pubByte < pubPast && MM_AllMarked(*pubByte, ubWidth)) {
+        const U8 ubSame = *pubByte;
+        U8* const pubWords = MM_WordAbove(pubByte);
+        if (pubWords < pubPast) {
+            pubByte = MM_ClearSame<U8>(pubByte, pubWords, ubSame);
+            if (pubByte == pubWords)
+                pubByte = reinterpret_cast<U8*>(MM_ClearSame<TMMMapWord>(
+                    MM_MapWord(pubWords), MM_MapWord(MM_WordBelow(pubPast)), ubSame * 0x01010101u));
+        }
+        pubByte = MM_ClearSame<U8>(pubByte, pubPast, ubSame);
     }
+    return static_cast<U32>(pubByte - pubAddr);
+}
+
+/* Of a block from the end of its range, in blocks: the last block has 1. */
+inline U32 MM_BlkDistance(U32 ulAddr, U32 ulEnd, U8 ubBlkBit)
+{
+    return (ulEnd - ulAddr) >> ubBlkBit;
 }
 
 inline CMMMapWalker MM_WalkMap(U32 hulHandle, const TMMRange& stRange, U8* pubAddr)
 {
     const TMMSegInfo& stSeg = stSegTable[hulHandle];
-    const U32 ulDistance = MM_SearchMap(pubAddr, stRange.pubEndAddr, stSeg.ubBlkBit);
+    const U32 ulDistance = MM_BlkDistance(MM_Addr(pubAddr), MM_Addr(stRange.pubEndAddr), stSeg.ubBlkBit);
     return {ulDistance, stRange.pubMapEndAddr, stSeg.stInfoFromApp.ubMap};
 }
 

@@ -12,7 +12,7 @@ constexpr U32 SMALLEST_SHARE = 512; /* what a segment of many gets */
 constexpr U32 HELD_BACK_WORDS = SMALLEST_SHARE * MAX_SEGTABLE_SIZE;
 constexpr U32 NODE_BYTES = 12;   /* what a run's header takes */
 constexpr U8 MIN_BLK_BIT = 4;    /* blocks that hold one */
-constexpr U8 CHUNK_BLK_BIT = 4;  /* a chunk has 16 blocks, eight runs at the most, where there is room */
+constexpr U8 CHUNK_BLK_BIT = 5;  /* a chunk has 32 blocks, 16 runs at the most, where there is room */
 constexpr U32 GROUP_CHUNKS = 8; /* long runs are kept for every eight chunks: that is one where there is room */
 
 U32 aulPool[POOL_WORDS];
@@ -130,18 +130,6 @@ void PutRun(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulSize)
         stIndex.clLong.Set(ulChunk / GROUP_CHUNKS, ulSize);
 }
 
-/* Fills the empty tables from the list. */
-void Wake(U32 hulHandle, TMMRunIndex& stIndex)
-{
-    stIndex.ulRuns = 0;
-    NoteEnds(hulHandle, stIndex);
-    const bool fOrdinary = VisitRuns(hulHandle, stIndex, [&](TMMBlkStr* pstRun, U32 ulSize) {
-        PutRun(stIndex, pstRun, ulSize);
-        ++stIndex.ulRuns;
-    });
-    stIndex.enState = fOrdinary ? INDEX_AWAKE : INDEX_NONE;
-}
-
 /* Empties the tables, which know the runs of the list. */
 void Sleep(U32 hulHandle, TMMRunIndex& stIndex)
 {
@@ -172,7 +160,7 @@ void EmptyTables(TMMRunIndex& stIndex)
 void Begin(U32 hulHandle, TMMRunIndex& stIndex)
 {
     EmptyTables(stIndex);
-    Wake(hulHandle, stIndex);
+    MM_WakeRunIndex(hulHandle, stIndex);
     if (stIndex.enState == INDEX_AWAKE && stIndex.ulRuns <= WAKE_RUNS)
         Sleep(hulHandle, stIndex);
 }
@@ -274,7 +262,7 @@ TMMNeighbours NeighboursOf(const TMMRunIndex& stIndex, U32 ulAddr)
         return {pstLower, pstUpper};
     }
     if (pstTop == nullptr) {
-        const U32 ulBelow = stIndex.clShort.FindLastBelow(ulChunk, 1);
+        const U32 ulBelow = stIndex.clShort.FindUsedBelow(ulChunk);
         if (ulBelow != MM_NO_ELEMENT)
             pstTop = MM_At<TMMBlkStr>(stIndex.pulTop[ulBelow]);
     }
@@ -385,6 +373,17 @@ void MM_RecheckRunIndexes(void)
             MM_DropRunIndex(hulHandle);
 }
 
+void MM_WakeRunIndex(U32 hulHandle, TMMRunIndex& stIndex)
+{
+    stIndex.ulRuns = 0;
+    NoteEnds(hulHandle, stIndex);
+    const bool fOrdinary = VisitRuns(hulHandle, stIndex, [&](TMMBlkStr* pstRun, U32 ulSize) {
+        PutRun(stIndex, pstRun, ulSize);
+        ++stIndex.ulRuns;
+    });
+    stIndex.enState = fOrdinary ? INDEX_AWAKE : INDEX_NONE;
+}
+
 TMMBlkStr* MM_IndexedRun(TMMRunIndex& stIndex, U32 ulReqBlkNum)
 {
     U32 ulChunk = 0;
@@ -419,51 +418,27 @@ TMMNeighbours MM_IndexedNeighbours(TMMRunIndex& stIndex, U32 ulAddr, U32 ulBlkNo
     return stNeighbours;
 }
 
-void MM_IndexRunAdded(U32 hulHandle, TMMBlkStr* pstRun)
+void MM_EnterRun(U32 hulHandle, TMMRunIndex& stIndex, const TMMBlkStr* pstRun)
 {
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    ++stIndex.ulRuns;
-    if (stIndex.enState == INDEX_AWAKE) {
-        PutRun(stIndex, pstRun, MM_Size(pstRun));
-        NoteEnds(hulHandle, stIndex);
-    } else if (stIndex.enState == INDEX_ASLEEP && stIndex.ulRuns > WAKE_RUNS) {
-        Wake(hulHandle, stIndex);
-    }
-}
-
-void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun)
-{
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (stIndex.enState != INDEX_AWAKE)
-        return;
     PutRun(stIndex, pstRun, MM_Size(pstRun));
     NoteEnds(hulHandle, stIndex);
 }
 
-void MM_IndexRunShrunk(U32 hulHandle, TMMBlkStr* pstRun, U32 ulOldSize)
+void MM_ShortenRun(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulOldSize)
 {
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (stIndex.enState == INDEX_AWAKE)
-        LoseRun(stIndex, ChunkOf(stIndex, MM_Addr(pstRun)), ulOldSize);
+    LoseRun(stIndex, ChunkOf(stIndex, MM_Addr(pstRun)), ulOldSize);
 }
 
-void MM_IndexRunRemoved(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower)
+void MM_RemoveRun(U32 hulHandle, TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower)
 {
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    --stIndex.ulRuns;
-    if (stIndex.enState != INDEX_AWAKE)
-        return;
     TakeRun(stIndex, pstRun, ulOldSize, pstLower);
     NoteEnds(hulHandle, stIndex);
     if (stIndex.ulRuns < SLEEP_RUNS)
         Sleep(hulHandle, stIndex);
 }
 
-void MM_IndexRunMoved(U32 hulHandle, TMMBlkStr* pstRun, const TMMBlkStr* pstOld, U32 ulOldSize)
+void MM_MoveRun(U32 hulHandle, TMMRunIndex& stIndex, TMMBlkStr* pstRun, const TMMBlkStr* pstOld, U32 ulOldSize)
 {
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (stIndex.enState != INDEX_AWAKE)
-        return;
     PutRun(stIndex, pstRun, MM_Size(pstRun)); /* first: in one chunk the shorter run's going then changes no maximum */
     TakeRun(stIndex, pstOld, ulOldSize, pstRun);
     NoteEnds(hulHandle, stIndex);

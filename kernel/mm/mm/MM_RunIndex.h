@@ -6,7 +6,7 @@
  * a tree of maxima over the bytes leads to the highest chunk with a run that is long enough. From there on the
  * list itself is read, at most one chunk's worth of it. Sizes that a byte cannot hold stand in a second such tree,
  * of whole words over groups of chunks. The tables are a megabyte in all, shared by the segments in the order of
- * their creation: a chunk is 16 blocks where there is room, more in large segments of small blocks.
+ * their creation: a chunk is 32 blocks where there is room, more in large segments of small blocks.
  *
  * A list of a few runs is walked faster than any index is kept, so an index sleeps, its tables empty, until its segment
  * has more than WAKE_RUNS free runs, and again when they are fewer than SLEEP_RUNS.
@@ -98,13 +98,14 @@ enum EMMIndexState : U8 {
 
 struct TMMRunIndex {
     EMMIndexState enState;
-    U8 ubChunkBit;  /* log2 of a chunk's bytes */
+    U8 ubChunkBit; /* log2 of a chunk's bytes */
     U8 ubBlkBit;
-    U32 ulStart;    /* first address of the segment's blocks, of its lowest piece for the heap */
-    U32 ulEnd;      /* past the last one */
+    U32 ulStart; /* first address of the segment's blocks, of its lowest piece for the heap */
+    U32 ulEnd;   /* past the last one */
     U32 ulChunks;
-    U32 ulRuns;     /* free runs */
-    const TMMBlkStr* pstHead; /* the list's ends when the index last saw it, awake: a list with others is not its list */
+    U32 ulRuns; /* free runs */
+    const TMMBlkStr*
+        pstHead; /* the list's ends when the index last saw it, awake: a list with others is not its list */
     const TMMBlkStr* pstTail;
     U32* pulTop;          /* for each chunk: the run that starts highest in it, 0 when none does */
     TMMShortTree clShort; /* for each chunk: size of the longest run that starts in it, blocks, LONG_RUN at the most */
@@ -165,13 +166,58 @@ struct TMMNeighbours {
  * no piece of allocated memory between two runs (a run that starts exactly at ulAddr is left to the caller). */
 TMMNeighbours MM_IndexedNeighbours(TMMRunIndex& stIndex, U32 ulAddr, U32 ulBlkNo);
 
-/* The list was changed, and a segment without an index does nothing. A run is new; is longer; is shorter than its old
- * size; was taken out (pstLower: the run that now lies below its place, or null); begins lower than before, at
- * pstRun, and is longer. */
-void MM_IndexRunAdded(U32 hulHandle, TMMBlkStr* pstRun);
-void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun);
-void MM_IndexRunShrunk(U32 hulHandle, TMMBlkStr* pstRun, U32 ulOldSize);
-void MM_IndexRunRemoved(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower);
-void MM_IndexRunMoved(U32 hulHandle, TMMBlkStr* pstRun, const TMMBlkStr* pstOld, U32 ulOldSize);
+/* What the index does about a changed list; for an index that is awake. */
+void MM_EnterRun(U32 hulHandle, TMMRunIndex& stIndex, const TMMBlkStr* pstRun);
+void MM_ShortenRun(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulOldSize);
+void MM_RemoveRun(U32 hulHandle, TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower);
+void MM_MoveRun(U32 hulHandle, TMMRunIndex& stIndex, TMMBlkStr* pstRun, const TMMBlkStr* pstOld, U32 ulOldSize);
+/* Fills an index that sleeps. */
+void MM_WakeRunIndex(U32 hulHandle, TMMRunIndex& stIndex);
+
+/* The list was changed; a segment whose index sleeps only counts its runs. */
+
+/* A run is new. */
+inline void MM_IndexRunAdded(U32 hulHandle, TMMBlkStr* pstRun)
+{
+    TMMRunIndex& stIndex = astRunIndex[hulHandle];
+    ++stIndex.ulRuns;
+    if (stIndex.enState == INDEX_AWAKE)
+        MM_EnterRun(hulHandle, stIndex, pstRun);
+    else if (stIndex.enState == INDEX_ASLEEP && stIndex.ulRuns > WAKE_RUNS)
+        MM_WakeRunIndex(hulHandle, stIndex);
+}
+
+/* A run is longer. */
+inline void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun)
+{
+    TMMRunIndex& stIndex = astRunIndex[hulHandle];
+    if (stIndex.enState == INDEX_AWAKE)
+        MM_EnterRun(hulHandle, stIndex, pstRun);
+}
+
+/* A run is shorter than its old size. */
+inline void MM_IndexRunShrunk(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize)
+{
+    TMMRunIndex& stIndex = astRunIndex[hulHandle];
+    if (stIndex.enState == INDEX_AWAKE)
+        MM_ShortenRun(stIndex, pstRun, ulOldSize);
+}
+
+/* A run was taken out (pstLower: the run that now lies below its place, or null). */
+inline void MM_IndexRunRemoved(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower)
+{
+    TMMRunIndex& stIndex = astRunIndex[hulHandle];
+    --stIndex.ulRuns;
+    if (stIndex.enState == INDEX_AWAKE)
+        MM_RemoveRun(hulHandle, stIndex, pstRun, ulOldSize, pstLower);
+}
+
+/* The run at pstOld begins lower than before, at pstRun, and is longer. */
+inline void MM_IndexRunMoved(U32 hulHandle, TMMBlkStr* pstRun, const TMMBlkStr* pstOld, U32 ulOldSize)
+{
+    TMMRunIndex& stIndex = astRunIndex[hulHandle];
+    if (stIndex.enState == INDEX_AWAKE)
+        MM_MoveRun(hulHandle, stIndex, pstRun, pstOld, ulOldSize);
+}
 
 #endif
