@@ -230,6 +230,26 @@ TEST_F(AllocBlk, OwnerWiderThanTheEntrySpillsIntoItsNeighboursInTheSameByte)
     EXPECT_EQ(mapByte(seg, 2), 0x00);
 }
 
+TEST_F(AllocBlk, OwnerWiderThanTheEntrySpillsWithinEveryByteOfALongRun)
+{
+    const U32 seg = mapped(2);
+    MM_SetMap(seg, at(block(seg, 63 - 40)), 40, 0x06);
+    for (U32 i = 1; i <= 10; ++i) // 0x06, 0x18, 0x60 and what is left of 0x180
+        EXPECT_EQ(mapByte(seg, i), 0xFE) << "byte " << i << " from the map's end";
+    EXPECT_TRUE(isFilled(kFloatStart, 0, 64 - 10));
+}
+
+TEST_F(AllocBlk, SetMapOrsTheOwnerIntoEveryEntryOfALongRun)
+{
+    const U32 seg = mapped(8);
+    fill(kFloatStart, 0x01, 64);
+    MM_SetMap(seg, at(block(seg, 63 - 23)), 22, 0x82); // all but the last block of 23
+    EXPECT_EQ(mapByte(seg, 1), 0x01);
+    for (U32 i = 2; i <= 23; ++i)
+        EXPECT_EQ(mapByte(seg, i), 0x83) << "byte " << i << " from the map's end";
+    EXPECT_TRUE(isFilled(kFloatStart, 0x01, 64 - 23));
+}
+
 TEST_F(AllocBlk, SearchMapCountsBlocksToTheEnd)
 {
     EXPECT_EQ(MM_SearchMap(at(0x9000FC0), at(0x9001000), 6), 1U);

@@ -380,6 +380,30 @@ TEST_F(FreeBlk, EntriesClearedBeforeAFailedCheckStayCleared)
     EXPECT_EQ(mapByte(seg, 1), 0x0F);
 }
 
+TEST_F(FreeBlk, LongRunIsClearedUpToAnEntryThatIsClearAlready)
+{
+    const U32 blocks = 60;
+    for (const U8 mapBits : {2, 4, 8}) {
+        const U32 seg = createBlocks(mapBits == 2 ? "MAP2" : mapBits == 4 ? "MAP4" : "MAP8", 4096, 64, mapBits);
+        const U32 perByte = 8 / mapBits;
+        const U32 lowest = mapBits == 2 ? 0x55 : mapBits == 4 ? 0x11 : 0x01; // owner 1 in every entry
+        const auto entry = [=](U32 fromEnd) { // of the block with this distance from the end
+            const U32 shift = (fromEnd - 1) % perByte * mapBits;
+            return mapByte(seg, (fromEnd - 1) / perByte + 1) >> shift & ((1U << mapBits) - 1);
+        };
+        for (U32 hole = 1; hole <= blocks; ++hole) {
+            SCOPED_TRACE(::testing::Message() << int(mapBits) << " bits, nobody's at " << hole << " from the end");
+            fill(start(seg) - 64, static_cast<U8>(lowest), 64);
+            U8& byte = mapByte(seg, (hole - 1) / perByte + 1);
+            byte = static_cast<U8>(byte & ~(1U << (hole - 1) % perByte * mapBits));
+            EXPECT_EQ(MM_ClearMap(seg, at(end(seg) - blocks * 64), blocks), U32(EASSERT));
+            EXPECT_EQ(log(), (Lines{bitFreedAlready}));
+            for (U32 fromEnd = 1; fromEnd <= 63; ++fromEnd)
+                EXPECT_EQ(entry(fromEnd), fromEnd < hole || fromEnd > blocks ? 1U : 0U) << fromEnd << " from the end";
+        }
+    }
+}
+
 TEST_F(FreeBlk, AddressWhoseEntryLiesBelowTheMapIsRefused)
 {
     const U32 seg = mapped(1); // 512 entries

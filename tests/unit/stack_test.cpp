@@ -109,6 +109,27 @@ TEST_F(Stack, RoundingIsReportedEvenWhenThePushDoesNotFit)
     EXPECT_EQ(log(), (Lines{"\r\n[MM] H(5) Push Bef (65) after(68)"}));
 }
 
+TEST_F(Stack, RoundingThatReachesBelowTheSegmentLeavesAWrappedLargest)
+{
+    // 63 blocks of one byte, which only an aligned segment can have: they fit by their count, but their 64 bytes
+    // begin one byte below the segment.
+    TSegInfoFromApp info = request("BYTE", 63, 1);
+    info.ubType = FLOATALIGN;
+    info.ubSegDSType = STACK;
+    ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+    const U32 stack = info.hulHandle;
+    ASSERT_EQ(counts(stack), (std::vector<U32>{63, 0, 63, 63}));
+    const U32 bottom = start(stack);
+    EXPECT_EQ(push(stack, 63), bottom - 1);
+    EXPECT_EQ(log(), (Lines{"\r\n[MM] H(5) Push Bef (63) after(64)"}));
+    EXPECT_EQ(counts(stack), (std::vector<U32>{63, 63, 0, 0xFFFFFFFF}));
+
+    EXPECT_EQ(pop(stack, bottom - 1, 63), U32(ENOERR));
+    EXPECT_EQ(top(stack), bottom + 63);
+    EXPECT_EQ(counts(stack), (std::vector<U32>{63, 0, 63, 63}));
+    expectSilence();
+}
+
 TEST_F(Stack, OwnerIsIgnored)
 {
     const U32 stack = sixteenBlocks();
