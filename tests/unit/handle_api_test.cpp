@@ -235,6 +235,23 @@ TEST_F(HandleApi, OverflowNeedsAHeap)
     expectSilence();
 }
 
+TEST_F(HandleApi, HeapThatOverflowsIsAskedTwice)
+{
+    setFreeMemory({{0x95400000, 0x10000}});
+    TSegInfoFromApp info = request("HEAP", 0, 4096);
+    info.ubMap = 8; // 15 blocks
+    info.ubSemaphore = YES;
+    info.ubVM = 1;
+    ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+    expectTakes(
+        search_lock, [] { return MM_AllocBlock(HEAPHANDLE_ALIAS, 16, 9); }, 2);
+    EXPECT_EQ(MM_AllocBlock(HEAPHANDLE, 16, 9), 0U);
+    EXPECT_EQ(counts(HEAPHANDLE), (std::vector<U32>{15, 0, 15, 15}));
+    expectTakes(search_lock, [] { return MM_AllocBlock(HEAPHANDLE, 15, 9); });
+    EXPECT_TRUE(isFilled(0x95401000 - 15, 9, 15)); // the first attempt has the owner
+    expectSilence();
+}
+
 TEST_F(HandleApi, HeapAreaIsTheHeapsPieces)
 {
     EXPECT_EQ(MM_CheckHeapArea(at(0x95400000)), 0);

@@ -184,6 +184,40 @@ TEST_F(Owners, CollectionOfAnOddOwnerLeavesPermanentBlocksAlone)
     expectSilence();
 }
 
+TEST_F(Owners, OwnersThatShareBitsWithThePermanentOneGoTheSameWay)
+{
+    createMappedHeap(8);
+    alloc(HEAPHANDLE, 2, 255); // holds every bit of 254
+    alloc(HEAPHANDLE, 1, 1);
+    MM_RlsAllPermanentBlk();
+    EXPECT_EQ(counts(HEAPHANDLE), (std::vector<U32>{63, 1, 62, 60}));
+
+    const U32 address = alloc(HEAPHANDLE, 2, 1);
+    MM_SetPermanentBlk(address, 2);
+    MM_CollectGarbage(HEAPHANDLE, 6); // 254 holds every bit of it
+    EXPECT_EQ(counts(HEAPHANDLE), (std::vector<U32>{63, 1, 62, 60}));
+    EXPECT_EQ(MM_GetPermanentStartBlk(), address); // a collection forgets nothing
+    EXPECT_EQ(ulPermanentBlkCount, 2U);
+    expectSilence();
+}
+
+TEST_F(Owners, BlocksOfNobodyAreReportedAndMadePermanentAllTheSame)
+{
+    createMappedHeap(8);
+    const U32 address = alloc(HEAPHANDLE, 4, 5);
+    heapMap(3) = 0; // the second of the four
+    heapMap(2) = 1; // not reached by the clear, so 254 comes on top
+    MM_SetPermanentBlk(address, 4);
+    EXPECT_EQ(log(), (Lines{check("((*(stTempBlk.pubyiscp) & ubBitMask ) != 0) && \"This bit is already freed!!\"",
+                                  "mm/MM_FreeBlk", "MM_ClearMap")}));
+    EXPECT_EQ(heapMap(4), 254);
+    EXPECT_EQ(heapMap(3), 254);
+    EXPECT_EQ(heapMap(2), 255);
+    EXPECT_EQ(heapMap(1), 255); // 5 and 254
+    EXPECT_EQ(ulPermanentBlkCount, 4U);
+    EXPECT_EQ(MM_GetPermanentStartBlk(), address);
+}
+
 TEST_F(Owners, PermanentBlocksAreReleasedUnderTheHeapsLock)
 {
     createMappedHeap(8, YES);

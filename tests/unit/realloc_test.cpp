@@ -185,6 +185,30 @@ TEST_F(Realloc, WrappedSizeAboveTheFreeCountIsReportedWithTheBlocksBooked)
     EXPECT_EQ(counts(seg), (std::vector<U32>{16, 14, 2, 0xFFFFD}));
 }
 
+TEST_F(Realloc, ClaimBetweenBlockBoundariesRoundsTheSizesDown)
+{
+    only({{2, 10}});
+    EXPECT_EQ(MM_ReallocBlock(seg, at(address(5) + 100), 2), U32(ENOERR));
+    EXPECT_EQ(head(), address(2));
+    EXPECT_EQ(tail(), address(7) + 100);
+    expectNode(address(2), address(7) + 100, 0, 3); // three blocks and 100 bytes
+    expectNode(address(7) + 100, 0, address(2), 4); // five blocks less 100 bytes
+    EXPECT_EQ(counts(seg), (std::vector<U32>{16, 8, 8, 4}));
+    expectSilence();
+}
+
+TEST_F(Realloc, ClaimOfNoBlocksInsideARunSplitsIt)
+{
+    only({{2, 10}});
+    EXPECT_EQ(claim(5, 0), U32(ENOERR));
+    EXPECT_EQ(blockRuns(seg), (Runs{{2, 3}, {5, 7}}));
+    EXPECT_EQ(counts(seg), (std::vector<U32>{16, 6, 10, 7}));
+    EXPECT_EQ(claim(2, 0), U32(ENOERR)); // at a run's start nothing changes
+    EXPECT_EQ(blockRuns(seg), (Runs{{2, 3}, {5, 7}}));
+    EXPECT_EQ(counts(seg), (std::vector<U32>{16, 6, 10, 7}));
+    expectSilence();
+}
+
 // Checks ----------------------------------------------------------------------------------------------------
 
 TEST_F(Realloc, SegmentsFirstAddressIsRefusedEvenWhenItIsFree)
