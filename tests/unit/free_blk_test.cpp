@@ -459,6 +459,14 @@ TEST_F(FreeBlk, AddressOutsideTheHeapHasNoMap)
     EXPECT_EQ(log(), (Lines{clearFailed("stTempBlk.pubyiscp >= pubMapStartAddr")}));
 }
 
+TEST_F(FreeBlk, SegmentWithoutMapHasNoEntryToClear)
+{
+    const U32 seg = sixteenBlocks();
+    EXPECT_EQ(MM_ClearMap(seg, at(start(seg)), 1), U32(EASSERT));
+    EXPECT_EQ(log(), (Lines{check("ulBlkSize > 0", "mm/MM_InitSegment", "MM_GetBlkBit"), // of a width of 0
+                            clearFailed("stTempBlk.pubyiscp < pubMapEndAddr")}));
+}
+
 TEST_F(FreeBlk, MaskTablesHoldTheirValues)
 {
     const U8 entry[] = {0x01, 0x03, 0x07, 0x0F, 0x1F, 0x3F, 0x70, 0xFF};

@@ -365,6 +365,18 @@ TEST_F(HandleApi, HeapAddressGoesBackToTheHeapUnderAnyBlockSegmentsHandle)
     expectSilence();
 }
 
+TEST_F(HandleApi, WhatTheHeapRefusesIsNotPassedBackEither)
+{
+    const U32 seg = createBlocks("BLKS", 0x10000, 4096);
+    createHeapOf({{0x95400000, 0x10000}}, 4096);
+    for (const U32 handle : {seg, U32(HEAPHANDLE)}) {
+        EXPECT_EQ(MM_FreeBlock(handle, at(0x95400000), 1), U32(ENOERR)); // the header of the only free run
+        EXPECT_EQ(log(), (Lines{check("(U32)stTemp.pstBlk != stBlkPtr.ulyisl && \"Already Freed Block is requested!!\"",
+                                      "mm/MM_FreeBlk", "MM_FreeBlk")}));
+    }
+    EXPECT_EQ(counts(HEAPHANDLE), (std::vector<U32>{16, 0, 16, 16}));
+}
+
 TEST_F(HandleApi, HeapAddressUnderAStacksHandleGoesToTheStackWhichRefusesIt)
 {
     const U32 stack = createStack("STCK", 0x10000, 4096);

@@ -155,6 +155,19 @@ TEST_F(Owners, RefusedReleaseIsCountedAllTheSame)
     EXPECT_EQ(MM_GetPermanentStartBlk(), address);
 }
 
+TEST_F(Owners, RefusedReleaseOfTheFirstPermanentAddressForgetsItAllTheSame)
+{
+    createMappedHeap(8);
+    const U32 address = alloc(HEAPHANDLE, 4, 1);
+    MM_SetPermanentBlk(address, 4);
+    MM_ReleasePermanentBlk(address, 0);
+    EXPECT_EQ(log(),
+              (Lines{check("(ulBlkNo > 0) && \"Requested Block Number is invalid\"", "mm/MM_FreeBlk", "MM_FreeBlk")}));
+    EXPECT_EQ(MM_GetPermanentStartBlk(), 0U);
+    EXPECT_EQ(ulPermanentBlkCount, 4U);
+    EXPECT_EQ(MM_CheckPermanentBlk(address, 4), 1U);
+}
+
 TEST_F(Owners, AllPermanentBlocksGoBackAtOnceAndNoOthers)
 {
     createMappedHeap(8);
@@ -191,6 +204,11 @@ TEST_F(Owners, OwnersThatShareBitsWithThePermanentOneGoTheSameWay)
     alloc(HEAPHANDLE, 1, 1);
     MM_RlsAllPermanentBlk();
     EXPECT_EQ(counts(HEAPHANDLE), (std::vector<U32>{63, 1, 62, 60}));
+
+    const U32 lacking = alloc(HEAPHANDLE, 1, 126); // the highest bit of 254
+    MM_RlsAllPermanentBlk();
+    EXPECT_EQ(counts(HEAPHANDLE), (std::vector<U32>{63, 2, 61, 60}));
+    release(HEAPHANDLE, lacking, 1);
 
     const U32 address = alloc(HEAPHANDLE, 2, 1);
     MM_SetPermanentBlk(address, 2);

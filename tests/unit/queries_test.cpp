@@ -411,6 +411,27 @@ TEST_F(Display, EverythingShowsEntryZeroAlsoWhenItIsUsed)
                      " $JCB   1-    10000-      400-       40-        0-       40-       40- 0- 95102000- 95112000\n"});
 }
 
+TEST_F(Display, EverythingGoesByTheHandleFieldAlone)
+{
+    createUsed();
+    createStack("STCK", 0x1000, 0x100);
+    stSegTable[5].stInfoFromApp.hulHandle = 0;
+    stSegTable[48].stInfoFromApp.hulHandle = 7; // nothing else of it is there
+    expectDisplayed(MM_DISPLAY_ALL,
+                    {kUnusedRow,
+                     " STCK   6-     1000-      100-       10-        0-       10-       10- 0- 95322000- 95323000\n",
+                     std::string(" \0\0\0\0", 5) +
+                         "   7-        0-        0-        0-        0-        0-        0- 0-        0-        0\n"});
+}
+
+TEST_F(Display, RunAtAPiecesEndBelongsToTheNextPiece)
+{
+    createHeapOf({{0x95400000, 0x1000}, {0x95401000, 0x2000}}, 64);
+    expectDisplayed(HEAPHANDLE,
+                    {" HEAP  49-     1000-       40-       40-        0-       40-       80- 0- 95400000- 95401000\n",
+                     " HEAP  49-     2000-       40-       80-        0-       80-       80- 0- 95401000- 95403000\n"});
+}
+
 TEST_F(Display, HeapThatDoesNotExistHasNoRows)
 {
     expectDisplayed(HEAPHANDLE, {});

@@ -305,5 +305,15 @@ TEST_F(Stack, BrokenTotalOfAHeapThatIsAStackPrintsItsPieceOnAPush)
     EXPECT_FALSE(anyLockHeld());
 }
 
+TEST_F(Stack, PieceOfABrokenTotalIsPrintedUnderThePushLock)
+{
+    setFreeMemory({{0x95400000, 0x1000}});
+    createStack("HEAP", 0, 64, YES);
+    stSegTable[HEAPHANDLE].ulTotalBlkNum += 1;
+    astBlkHead[HEAPHANDLE].pstBlk = node(0x10); // the first thing that printing a piece reads
+    EXPECT_EQ(machine().run([] { return push(HEAPHANDLE, 0); }).kind, Outcome::Kind::Oops);
+    EXPECT_TRUE(machine().lockHeld(push_lock));
+}
+
 } // namespace
 } // namespace velmora::test
