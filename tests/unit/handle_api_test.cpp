@@ -262,6 +262,19 @@ TEST_F(HandleApi, HeapAreaIsTheHeapsPieces)
         EXPECT_EQ(MM_CheckHeapArea(at(outside)), 0) << std::hex << outside;
 }
 
+TEST_F(HandleApi, HeapWithoutOneOfItsArraysHasNoArea)
+{
+    createHeapOf({{0x95400000, 0x1000}}, 64);
+    TMMSegInfo& heap = stSegTable[HEAPHANDLE];
+    for (U8** array : {&heap.pubStartAddr, &heap.pubEndAddr}) {
+        U8* const kept = *array;
+        *array = nullptr;
+        EXPECT_EQ(MM_CheckHeapArea(at(0x95400000)), 0);
+        *array = kept;
+    }
+    EXPECT_EQ(MM_CheckHeapArea(at(0x95400000)), TRUE);
+}
+
 TEST_F(HandleApi, HeapAreaOfFivePiecesEndsAfterTheFifth)
 {
     createHeapOf(
