@@ -118,7 +118,7 @@ U32 ShortSize(U32 ulSize)
 }
 
 /* Enters a run that is new or longer. */
-void PutRun(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulSize)
+inline void PutRun(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulSize)
 {
     const U32 ulChunk = ChunkOf(stIndex, MM_Addr(pstRun));
     if (MM_Addr(pstRun) > stIndex.pulTop[ulChunk])
@@ -229,7 +229,7 @@ U32 LongestOfGroup(const TMMRunIndex& stIndex, U32 ulGroup)
 }
 
 /* Mends the tables after a chunk lost a run of this size, or the run became shorter. */
-void LoseRun(TMMRunIndex& stIndex, U32 ulChunk, U32 ulOldSize)
+inline void LoseRun(TMMRunIndex& stIndex, U32 ulChunk, U32 ulOldSize)
 {
     const U32 ulGroup = ulChunk / GROUP_CHUNKS;
     if (ShortSize(ulOldSize) == stIndex.clShort.Get(ulChunk))
@@ -247,7 +247,7 @@ void TakeRun(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBl
     LoseRun(stIndex, ulChunk, ulOldSize);
 }
 
-TMMNeighbours NeighboursOf(const TMMRunIndex& stIndex, U32 ulAddr)
+inline TMMNeighbours NeighboursOf(const TMMRunIndex& stIndex, U32 ulAddr)
 {
     const U32 ulChunk = ChunkOf(stIndex, ulAddr);
     TMMBlkStr* pstTop = MM_At<TMMBlkStr>(stIndex.pulTop[ulChunk]);
