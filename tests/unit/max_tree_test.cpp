@@ -115,5 +115,39 @@ TYPED_TEST(MaxTree, AnswersRandomSequencesAsAPlainArrayDoes)
         }
 }
 
+// Counts how often a node is looked at or written to.
+template <class TNode> struct Counted : TNode {
+    static inline unsigned visits = 0;
+
+    U32 Get(U32 index) const { return ++visits, TNode::Get(index); }
+    void Replace(U32 index, U32 old, U32 value) { ++visits, TNode::Replace(index, old, value); }
+    U32 Max() const { return ++visits, TNode::Max(); }
+    U32 AtLeast(U32 least) const { return ++visits, TNode::AtLeast(least); }
+};
+
+TYPED_TEST(MaxTree, VisitsAFewNodesOfEachLevel)
+{
+    using Node = Counted<TypeParam>;
+    U32 count = 1;
+    for (unsigned levels = 1; levels <= 4; ++levels) {
+        count <<= TypeParam::FANOUT_BIT;
+        Tree<Node> t(count);
+        std::mt19937 random(levels);
+        const auto visitsOf = [](auto&& call) {
+            Node::visits = 0;
+            call();
+            return Node::visits;
+        };
+        for (int step = 0; step < 20000; ++step) {
+            const U32 index = random() % count;
+            const U32 value = random() % 3 * (random() % 43);
+            const U32 least = 1 + random() % 100;
+            // The element itself; then in each level the number that changes, the old maximum and, if need be, the new one.
+            ASSERT_LE(visitsOf([&] { t.tree.Set(index, value); }), 1 + 3 * levels) << count;
+            ASSERT_LE(visitsOf([&] { t.tree.FindLast(least); }), levels) << count;
+        }
+    }
+}
+
 } // namespace
 } // namespace velmora::test
