@@ -106,7 +106,7 @@ U32 MMP_HighMemory(void)
 
 BOOL MMP_PfnValid(U32 ulPfn)
 {
-    return ulPfn < velmora::sim::kRamBytes >> MMP_PAGE_SHIFT;
+    return machine().faults.everyPageIsRam || ulPfn < velmora::sim::kRamBytes >> MMP_PAGE_SHIFT;
 }
 
 void MMP_FlushCacheAll(void)

@@ -101,6 +101,15 @@ TEST_F(Module, TheParameterIsReadAsTheScanFormatReadsIt)
         {"950000001-9600000", 0x95100000, 0xFFF00000}, // nine digits: the hyphen does not follow the eighth
         {"95000000 -9600000", 0x95100000, 0xFFF00000}, // a blank before the hyphen does not match
         {"95000000- 9600000", 0x95100000, 0x9500000},  // one after it does
+        {"\t\v95000000-\n\f\r0", 0x95100000, 0xFFF00000}, // as any other white space
+        {"+95000000-9600000", 0, 0},                   // no sign
+        {"-95000000-9600000", 0, 0},
+        {"95000000-+9600000", 0x95100000, 0xFFF00000},
+        {"95000000--9600000", 0x95100000, 0xFFF00000},
+        {"g5000000-96000000", 0, 0},
+        {"95000000-96g", 0x95100000, 0xFFF00096},      // what follows a number ends it: 0x96 less the margin
+        {"95000000-0x960000", 0x95100000, 0x860000},
+        {"ffffffff-96000000", 0x000FFFFF, 0x95F00000}, // the start wraps: no check forbids it
     };
     for (const auto& c : cases) {
         machine().powerOn();
@@ -111,10 +120,25 @@ TEST_F(Module, TheParameterIsReadAsTheScanFormatReadsIt)
     }
 }
 
+// More than the parameter can hold.
+TEST_F(Module, EightCharactersOfTheSecondNumberAreRead)
+{
+    EXPECT_EQ(get_bigphysarea("95000000-960000001"), 0);
+    EXPECT_EQ(memend, 0x95F00000u);
+}
+
 TEST_F(Module, APrefixCountsTowardsTheEightCharacters)
 {
     EXPECT_EQ(load("0x950000-0x960000"), -1);
     EXPECT_EQ(log(), (std::vector{areaLine("950000", "860000"), kNoArea}));
+    EXPECT_EQ(load("0X950000-96000000"), -1);
+    EXPECT_EQ(log(), (std::vector{areaLine("950000", "95F00000"), kNoArea}));
+}
+
+TEST_F(Module, APrefixWithoutADigitIsTheNumber0)
+{
+    EXPECT_EQ(load("0x-95000000"), -1); // the hyphen does not follow the 0
+    EXPECT_EQ(log(), (std::vector{areaLine("0", "FFF00000"), kNoArea}));
 }
 
 TEST_F(Module, SeventeenCharactersOfTheParameterAreKept)
@@ -162,6 +186,33 @@ TEST_F(Module, AMappingOfASynchronousDescriptorIsUncached)
     EXPECT_EQ(target.protection, MM_PROT_UNCACHED);
 }
 
+TEST_F(Module, AMappingAtOrAboveTheLinearMapsEndIsUncached)
+{
+    machine().faults.everyPageIsRam = true;
+    const struct {
+        U32 offset, pfn;
+        TMMProt protection;
+    } cases[] = {
+        {0xA3FFF000, 0xFFFF, MM_PROT_CACHED},
+        {0xA4000000, 0x10000, MM_PROT_UNCACHED},
+        {0x93FFF000, 0xFFFFF, MM_PROT_UNCACHED}, // below the linear map's start: the last physical page
+    };
+    for (const auto& c : cases) {
+        sim::MapTarget target;
+        EXPECT_EQ(map(c.offset, 0x1000, false, target), 0);
+        EXPECT_EQ(target.pfn, c.pfn);
+        EXPECT_EQ(target.protection, c.protection) << c.offset;
+    }
+}
+
+TEST_F(Module, AnOffsetAbove32BitsWraps)
+{
+    sim::MapTarget target;
+    TMMMapRequest request{0x195100, 0x20000000, 0x20001000, false, &target}; // 0x1_95100000 in pages
+    EXPECT_EQ(Velmora_MM_mmap(&request), 0);
+    EXPECT_EQ(target.pfn, 0x01100u);
+}
+
 TEST_F(Module, AnyPageOfRamCanBeMapped)
 {
     sim::MapTarget target;
@@ -189,6 +240,17 @@ TEST_F(Module, AMappingBeyondThe32BitPhysicalSpaceIsRefused)
     EXPECT_EQ(map(0x95100000, 0xFFFFF000, false, target), -22);
     EXPECT_EQ(pageOffset, 0x01100u); // stored before the check
     EXPECT_FALSE(target.mapped);
+    EXPECT_EQ(machine().cacheFlushes(), 0u);
+    expectSilence();
+}
+
+TEST_F(Module, AMappingMayEndWithTheLastPhysicalPage)
+{
+    sim::MapTarget target;
+    EXPECT_EQ(map(0x95100000, 0xFEF00000, false, target), 0); // 0x1100 + 0xFEF00 pages
+    EXPECT_EQ(target.bytes, 0xFEF00000u);
+    EXPECT_EQ(map(0x95100000, 0xFEF00FFF, false, target), 0); // part of a page does not count
+    EXPECT_EQ(map(0x95100000, 0xFEF01000, false, target), -22);
 }
 
 TEST_F(Module, ARefusedRemapAnswersTryAgain)
