@@ -61,6 +61,10 @@ constexpr RecordSize kRecordSizes[] = {{MM_CMD_LIB_ENTRY, 8},       {MM_CMD_CREA
                                        {MM_CMD_ADD_SEGMENT, 16},    {MM_CMD_CLEAR_SEGMENT, 16},  {MM_CMD_ENTRY, 4},
                                        {MM_CMD_COLLECT_GARBAGE, 8}, {MM_CMD_CHECK_SEGMENT, 12},  {MM_CMD_DISPLAY_MST, 8},
                                        {MM_CMD_QUERY_PHYS_ADDR, 12}, {MM_CMD_GET_MST, 88},       {MM_CMD_GET_MCT, 20}};
+// Commands that copy their record back; the others leave the caller's memory alone.
+constexpr U32 kCopiedBack[] = {MM_CMD_LIB_ENTRY,     MM_CMD_CREATE_SEGMENT, MM_CMD_MALLOC,          MM_CMD_DELETE_SEGMENT,
+                               MM_CMD_CHECK_SEGMENT, MM_CMD_DISPLAY_MST,    MM_CMD_QUERY_PHYS_ADDR, MM_CMD_GET_MST,
+                               MM_CMD_GET_MCT};
 
 TEST_F(Device, ARecordThatEndsAboveTheAddressLimitIsRefused)
 {
@@ -101,6 +105,16 @@ TEST_F(Device, ARecordAtTheLastBytesOfAPageIsAccepted)
     EXPECT_EQ(Velmora_MM_ioctl(MM_CMD_MALLOC, kScratchEnd - sizeof info), EASSERT);
 }
 
+TEST_F(Device, EveryRecordMayEndWithTheLastByteOfAPage)
+{
+    for (const auto& [number, bytes] : kRecordSizes) {
+        start();
+        std::memset(at(kScratchEnd - 88), 0, 88);
+        EXPECT_GE(Velmora_MM_ioctl(number, kScratchEnd - bytes), 0) << number;
+        machine().powerOn();
+    }
+}
+
 TEST_F(Device, ACopyInThatStopsPartWayRunsNothing)
 {
     start();
@@ -120,6 +134,21 @@ TEST_F(Device, ACopyBackThatStopsPartWayLeavesWhatTheCommandDid)
     EXPECT_EQ(log(), std::vector{kCopyFailed});
     EXPECT_EQ(info.pubStart, 0x55667788u); // bytes 12 to 15 were not copied
     EXPECT_EQ(MM_GetTotAvailBlk(handle), 15u); // and the allocation stands
+}
+
+// A copy of which the last byte is missing shows which commands make one, and that it is of the whole record.
+TEST_F(Device, NineRecordsAreCopiedBackWhole)
+{
+    for (const auto& [number, bytes] : kRecordSizes) {
+        start();
+        machine().faults.copyOutStopsAt = bytes - 1;
+        const bool copied = std::ranges::count(kCopiedBack, number) == 1;
+        const S32 result = Velmora_MM_ioctl(number, kRecord);
+        const Lines messages = log();
+        EXPECT_EQ(result == -14, copied) << number;
+        EXPECT_EQ(!messages.empty() && messages.back() == kCopyFailed, copied) << number;
+        machine().powerOn();
+    }
 }
 
 TEST_F(Device, EntryAndLibEntryStartTheManager)
@@ -397,10 +426,20 @@ TEST_F(Device, GetMCTCopiesADefaultRow)
     EXPECT_EQ(std::memcmp(info.SegTable.aubCFGID, "$FIL", 4), 0);
     EXPECT_EQ(info.SegTable.ulSize, 1048576u);
     EXPECT_EQ(info.SegTable.pubStartAddr, kAreaStart + 1122304);
-    info.cfgid = 5;
-    info.status = 0;
-    EXPECT_EQ(command(MM_CMD_GET_MCT, info), 0);
-    EXPECT_EQ(info.status, 255);
+}
+
+TEST_F(Device, GetMCTRefusesRowsAbove4)
+{
+    start();
+    for (const U8 row : {5, 255}) {
+        TGetMCTInfo info;
+        std::memset(&info, 0xA5, sizeof info);
+        info.cfgid = row;
+        EXPECT_EQ(command(MM_CMD_GET_MCT, info), 0);
+        EXPECT_EQ(info.status, 255);
+        EXPECT_TRUE(isFilled(MM_Addr(&info.SegTable), 0xA5, sizeof info.SegTable)); // nothing was written
+    }
+    expectSilence();
 }
 
 } // namespace
