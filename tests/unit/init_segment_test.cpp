@@ -396,6 +396,22 @@ TEST_F(InitHeap, ABlockThatNoLongerFitsTakesItsWholeSizeOffAPiece)
     expectTotals(entry, 1022, 4090, 1022);
 }
 
+// Blocks of 4096 bytes move both pieces to kA + 0x1000. Neither holds a block there: 4096 come off its end, which makes
+// -0x1000 bytes, 0xFFFFF blocks. The list finds a piece's node at its new address before the node is written: the
+// second piece's neighbour is at that address, and what it is told is written over.
+TEST_F(InitHeap, PiecesMayComeToShareAnAddress)
+{
+    const TMMSegInfo& entry = heapOver({{kA + 0x10, 200}, {kA + 0x200, 200}}, 4096);
+    expectPiece(0, kA + 0x1000, kA);
+    expectPiece(1, kA + 0x1000, kA);
+    EXPECT_EQ(astBlkHead[49].pstBlk, node(kA + 0x1000));
+    EXPECT_EQ(astBlkTail[49].pstBlk, node(kA + 0x1000));
+    EXPECT_EQ(node(kA + 0x1000)->pstNext, nullptr);
+    EXPECT_EQ(node(kA + 0x1000)->pstBack, node(kA + 0x1000));
+    EXPECT_EQ(node(kA + 0x1000)->ulSize, 0xFFFFFu);
+    expectTotals(entry, 0x1FFFFE, 0xFFFFE000, 0xFFFFF);
+}
+
 TEST_F(InitHeap, FivePiecesAreLaidOut)
 {
     const TMMSegInfo& entry = heapOver({{kA, 0x1000}, {kB, 0x1000}, {kC, 0x1000}, {kD, 0x1000}, {kD + 0x2000, 0x1040}}, 64, 1);

@@ -166,6 +166,14 @@ TEST_F(MctLayout, ARowWithAPlaceKeepsItAndItsSizeCountsAllTheSame)
     EXPECT_EQ(ulFixedSegEndAddress, kAreaStart + 0x212000);
 }
 
+TEST_F(MctLayout, TheLastRowNamedMctGivesTheStartAddressWithAPlaceToo)
+{
+    setRow(UEV, "$MCT", 0x100000, 0x9A000000);
+    EXPECT_EQ(layOut(), U32(ENOERR));
+    expectStarts({kAreaStart, kStarts[RJL], kStarts[JCB], 0x9A000000, kStarts[FIL]});
+    EXPECT_EQ(ulMCTStartAddr, 0x9A000000u);
+}
+
 TEST_F(MctLayout, TheMemoryEndIsTestedBeforeARowsOwnSizeIsAdded)
 {
     // "$FIL" begins at the memory end itself and lies past it as a whole.

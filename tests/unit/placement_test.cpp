@@ -164,6 +164,31 @@ TEST_F(FloatPlacement, AStackHasNoMinimum)
     expectFree({{kFloatStart + 4, kAreaEnd - kFloatStart - 4}});
 }
 
+TEST_F(FloatPlacement, ASizeThatWrapsWhenItIsRoundedIs0)
+{
+    for (const U32 bytes : {0xFFFFFFFDu, 0xFFFFFFFEu, 0xFFFFFFFFu}) {
+        setFreeMemory({{kA, 4096}});
+        expectRefused(blocks(bytes, 4), {failed("ulNewSegSize >= HEAP_BLOCK_SIZE")});
+        expectFree({{kA, 4096}});
+    }
+    expectPlaced(stack(0xFFFFFFFD), kA, kA);
+    EXPECT_EQ(stSegTable[kHandle].stInfoFromApp.ulSegSize, 0u);
+    expectFree({{kA, 4096}});
+}
+
+// Two blocks of 2 GiB are 0 bytes. The unit moves the start to (0x95400000 + 0x80000000) & 0x80000000 = 0, where there is
+// no memory for the first free run.
+TEST_F(FloatPlacement, TwoBlocksMayWrap)
+{
+    setFreeMemory({{kA, 4096}});
+    TMMSegInfo info = blocks(1024, 0x80000000);
+    const Outcome end = machine().run([&] { return MM_InstallSegment(&info); });
+    EXPECT_EQ(end.kind, Outcome::Kind::Oops);
+    EXPECT_EQ(end.address, 0u);
+    expectSilence();
+    expectFree({{kA + 1024, 3072}});
+}
+
 TEST_F(FloatPlacement, APlaceBelowTheAreaIsReportedAfterTheCut)
 {
     setFreeMemory({{kA, 4096}});
@@ -637,6 +662,20 @@ TEST_F(HeapPlacement, APiecePastTheAreaIsRefused)
     setFreeMemory({{kA, 4096}, {kB, 4096}});
     memend = kB + 4095;
     expectRefused(heap(), {"MM_InstallSegment: (U32)*pubSegMemEndAddr 95500fff, stSegEndAddr.aulHeapAddr[1] 95501000\n",
+                           failed(R"(((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
+}
+
+TEST_F(HeapPlacement, PiecesAreTestedInOrderEachOnesStartFirst)
+{
+    setFreeMemory({{kA, 4096}, {kB, 4096}});
+    memstart = kB + 1;
+    memend = kA + 1;
+    expectRefused(heap(), {"MM_InstallSegment: (U32)pubSegMemStartAddr 95500001, stSegStartAddr.aulHeapAddr[0] 95400000\n",
+                           failed(R"(((U32)*pubSegMemStartAddr <= stSegStartAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
+
+    setFreeMemory({{kB, 4096}, {kA, 4096}}); // the second piece is below, the first one past
+    memstart = kB;
+    expectRefused(heap(), {"MM_InstallSegment: (U32)*pubSegMemEndAddr 95400001, stSegEndAddr.aulHeapAddr[0] 95501000\n",
                            failed(R"(((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
 }
 

@@ -335,6 +335,20 @@ TEST_F(FreeList, RowsAtItsBeginningOrItsEndAreNotInside)
     expectFree(1);
 }
 
+// The end of the row wraps to kFloatStart + 0x1000, which is not past the memory end.
+TEST_F(FreeList, ARowWhoseEndWrapsIsAllowed)
+{
+    addRow(kFloatStart + 0x2000, 0xFFFFF000);
+    expectFree(0x2000);
+}
+
+// The table's last row may reach past the memory end: what is left is less than nothing, and counts as very much.
+TEST_F(FreeList, FixedSegmentsPastTheEndLeaveASizeThatWraps)
+{
+    memend = kFil;
+    expectFree(0xFFF00000); // 0x95212000 - 0x95312000
+}
+
 TEST_F(FreeList, TheFirstRowInTableOrderCutsItEvenIfALaterOneStartsLower)
 {
     stDefaultMCTTable[1].pubStartAddr = at(kFloatStart + 0x300000);
