@@ -1,5 +1,6 @@
 #include "area.h"
 
+#include <cctype>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
@@ -159,8 +160,12 @@ Bounds fromText(const std::string& text)
     if (text.size() > kTextLength)
         throw Unusable("'" + text + "' has " + std::to_string(text.size()) + " characters; the parameter takes " +
                        std::to_string(kTextLength));
+    const auto numberAt = [&](std::size_t at) { // without a sign, which the C library would take
+        at = text.find_first_not_of(" \t\n\v\f\r", at);
+        return at != text.npos && std::isxdigit(static_cast<unsigned char>(text[at]));
+    };
     unsigned start = 0, end = 0;
-    if (std::sscanf(text.c_str(), "%8x-%8x", &start, &end) != 2)
+    if (!numberAt(0) || !numberAt(text.find('-') + 1) || std::sscanf(text.c_str(), "%8x-%8x", &start, &end) != 2)
         throw Unusable("'" + text + "' is not START-END with two hexadecimal numbers");
     return {start, end};
 }
