@@ -45,6 +45,15 @@ void refuses(const std::string& parameters, std::uint32_t a, std::uint32_t reduc
 
 } // namespace
 
+TARGET_TEST(module_information_describes_the_parameter_and_has_an_empty_licence)
+{
+    const std::string module = readFile(kModuleFile);
+    const auto holds = [&](const std::string& tag) { return module.find(tag + '\0') != module.npos; };
+    CHECK(holds("parm=bigphysarea:Given BigPhysArea"));
+    CHECK(holds("parmtype=bigphysarea:string"));
+    CHECK(holds("license="));
+}
+
 TARGET_TEST(load_without_parameter_is_refused)
 {
     refuses("", 0, 0xFFF00000);
