@@ -1,5 +1,6 @@
 #include "device.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -46,7 +47,7 @@ public:
         const std::lock_guard guard(oneCommandAtATime);
         void* const start = mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (start == MAP_FAILED)
-            throw Error("mmap", -ENOMEM);
+            throw Error("mmap", -errno);
         MapTarget target;
         target.mapForReal = true;
         TMMMapRequest request{};

@@ -1,5 +1,6 @@
 #include "machine.h"
 
+#include <cerrno>
 #include <csetjmp>
 #include <csignal>
 #include <cstdio>
@@ -228,6 +229,8 @@ S32 Machine::registerDevice(std::string name)
     S32 major = kFirstDynamicMajor;
     while (devices_.contains(major))
         --major;
+    if (major == 0)
+        return -EBUSY;
     devices_.emplace(major, std::move(name));
     return major;
 }

@@ -76,7 +76,7 @@ U32 MMP_CopyToUser(U32 ulUser, const void* pvFrom, U32 ulBytes);
 S32 MMP_RegisterChrdev(const char* pcName);
 void MMP_UnregisterChrdev(S32 slMajor, const char* pcName);
 
-/* Creates a read-only file at the top of the proc tree, permissions ubMode, read through
+/* Creates a read-only file at the top of the proc tree, permissions ulMode, read through
  * read_velmora_mm. FALSE when the kernel gives no entry. May sleep. */
 BOOL MMP_CreateProc(const char* pcName, U32 ulMode);
 void MMP_RemoveProc(const char* pcName);

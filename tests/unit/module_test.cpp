@@ -137,8 +137,10 @@ TEST_F(Module, APrefixCountsTowardsTheEightCharacters)
 
 TEST_F(Module, APrefixWithoutADigitIsTheNumber0)
 {
-    EXPECT_EQ(load("0x-95000000"), -1); // the hyphen does not follow the 0
-    EXPECT_EQ(log(), (std::vector{areaLine("0", "FFF00000"), kNoArea}));
+    EXPECT_EQ(load("0x-95000000"), -1);
+    EXPECT_EQ(log(), (std::vector{areaLine("0", "94F00000"), kNoArea}));
+    EXPECT_EQ(load("95000000-0x"), 0);
+    EXPECT_EQ(memend, 0xFFF00000u); // 0 less the margin
 }
 
 TEST_F(Module, SeventeenCharactersOfTheParameterAreKept)
@@ -155,6 +157,13 @@ TEST_F(Module, LoadFailsWithTheKernelsCodeWhenTheDeviceIsRefused)
     ASSERT_EQ(messages.size(), 3u);
     EXPECT_EQ(messages[2], "printer_mm_init: \nMemory Manager Loading is failed.\n");
     EXPECT_TRUE(machine().procEntries().empty());
+}
+
+TEST_F(Module, LoadFailsWhenNoMajorNumberIsLeft)
+{
+    for (int major = 254; major > 0; --major)
+        ASSERT_EQ(machine().registerDevice("other"), major);
+    EXPECT_EQ(load("95000000-96000000"), -16);
 }
 
 TEST_F(Module, LoadFailsWithoutAProcEntryAndLeavesTheDeviceRegistered)

@@ -131,7 +131,7 @@ S32 HexDigit(char c)
 }
 
 /* Reads what the scan format %8x reads: white space, then up to 8 characters of a hexadecimal number, an 0x
- * in front included. False when there is none. Kernels differ here (2.6.35 reads past the width), so the
+ * in front included, which is the number 0 when no digit follows. False when there is none. Kernels differ here (2.6.35 reads past the width), so the
  * manager reads for itself. */
 bool ScanHex(const char*& pcText, U32* pulValue)
 {
@@ -142,7 +142,7 @@ bool ScanHex(const char*& pcText, U32* pulValue)
 
     U32 ulValue = 0;
     U8 ubWidth = 8;
-    if (pcText[0] == '0' && (pcText[1] | 0x20) == 'x' && HexDigit(pcText[2]) >= 0) {
+    if (pcText[0] == '0' && (pcText[1] | 0x20) == 'x') {
         pcText += 2;
         ubWidth -= 2;
     }
