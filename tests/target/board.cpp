@@ -20,6 +20,13 @@
 
 namespace target {
 
+std::string areaText(std::uint32_t start, std::uint32_t end)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%08x-%08x", start, end);
+    return text;
+}
+
 int loadModule(const std::string& file, const std::string& parameters)
 {
     const int module = open(file.c_str(), O_RDONLY | O_CLOEXEC);

@@ -27,6 +27,8 @@ inline constexpr std::uint32_t kAreaBytes = 0x09000000;
 inline constexpr std::uint32_t kAreaStart = kAreaPhys - kPhysOffset + kPageOffset;
 inline constexpr std::uint32_t kAreaEnd = kAreaStart + kAreaBytes;
 inline constexpr char kAreaText[] = "d0000000-d9000000";
+// The parameter text of an area.
+std::string areaText(std::uint32_t start, std::uint32_t end);
 inline constexpr std::uint32_t kManagedStart = kAreaStart + 0x100000;
 inline constexpr std::uint32_t kManagedEnd = kAreaEnd - 0x100000;
 

@@ -54,7 +54,7 @@ TARGET_TEST(load_script_says_why_it_failed_and_leaves_no_node)
 {
     needNoManager();
     unlink(VELMORA_MM_DEVICE_NODE);
-    CHECK_EQUAL(shell(std::string("velmora-mm-load c0000000-d0000000 ") + kModuleFile + " 2>/tmp/why"), 1);
+    CHECK_EQUAL(shell("velmora-mm-load " + areaText(kPageOffset, kAreaStart) + " " + kModuleFile + " 2>/tmp/why"), 1);
     CHECK(readFile("/tmp/why").find("the module was refused") != std::string::npos);
     CHECK_EQUAL(shell("velmora-mm-load --node 2>/tmp/why"), 1);
     CHECK(readFile("/tmp/why").find("not in /proc/devices") != std::string::npos);
