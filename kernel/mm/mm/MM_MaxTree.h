@@ -126,7 +126,8 @@ public:
     /* Sets every element to 0. pulStorage: StorageWords(ulCount) words that stay the tree's. */
     void Init(U32* pulStorage, U32 ulCount)
     {
-        for (U32 ulWord = 0; ulWord < StorageWords(ulCount); ++ulWord)
+        const U32 ulWords = StorageWords(ulCount);
+        for (U32 ulWord = 0; ulWord < ulWords; ++ulWord)
             pulStorage[ulWord] = 0;
         auto* pstNode = reinterpret_cast<TMMNode*>(pulStorage);
         ulLevels = 0;
