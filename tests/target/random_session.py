@@ -125,7 +125,8 @@ def collect():
         return
     owner = rng.randrange(1, 1 << segment.map_bits)
     ioctl(0x5309, struct.pack("<IB3s", segment.handle, owner, b"\0\0\0"))
-    segment.held = [held for held in segment.held if held[2] != owner]
+    # An entry with more bits than the owner's goes as well.
+    segment.held = [held for held in segment.held if held[2] & owner != owner]
 
 
 def memory():
@@ -186,12 +187,16 @@ def start_library():
     create_until_one()
 
 
+def attempt(action):
+    try:
+        action()
+    except Dropped:
+        pass
+
+
 def create_until_one():
     while not segments:
-        try:
-            create()
-        except Dropped:
-            pass
+        attempt(create)
 
 
 run('load "94000000-96000000"')
@@ -202,16 +207,10 @@ ioctl(0x5300, struct.pack("<Ii", 0, -1))
 create_until_one()
 actions = {allocate: 45, release: 35, look: 12, memory: 8, create: 4, collect: 3, fixed: 2, bad_release: 1}
 for _ in range(count):
-    try:
-        if rng.random() < 0.002:
-            start_library()
-            continue
-        rng.choices(list(actions), weights=list(actions.values()))[0]()
-    except Dropped:
-        pass
+    attempt(start_library if rng.random() < 0.002 else rng.choices(list(actions), weights=list(actions.values()))[0])
 for handle in range(49):
     ioctl(0x530D, struct.pack("<B", handle) + bytes(87))
-ioctl(0x530B, struct.pack("<II", 100, 0))
+attempt(lambda: ioctl(0x530B, struct.pack("<II", 100, 0)))
 run("unload")
 machine.stop()
 with open(script_file, "w") as script, open(answers_file, "w") as answers:
