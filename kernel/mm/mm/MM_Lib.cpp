@@ -212,13 +212,10 @@ bool IsMapIDAllowed(U8 ubMap, U8 ubMapID)
 
 inline bool IsInHeap(U32 ulAddr)
 {
-    const auto* const pstStarts = MM_At<const THeapAddrRange>(MM_Addr(stSegTable[HEAPHANDLE].pubStartAddr));
-    const auto* const pstEnds = MM_At<const THeapAddrRange>(MM_Addr(stSegTable[HEAPHANDLE].pubEndAddr));
-
-    if (pstStarts == nullptr || pstEnds == nullptr)
+    if (stSegTable[HEAPHANDLE].pubEndAddr == nullptr) /* no start array: no piece */
         return false;
-    for (U8 ubIdx = 0; ubIdx < MAX_PIECE_NUM && pstStarts->aulHeapAddr[ubIdx] != MM_UNUSED_PIECE; ++ubIdx)
-        if (pstStarts->aulHeapAddr[ubIdx] <= ulAddr && ulAddr < pstEnds->aulHeapAddr[ubIdx])
+    for (U8 ubIdx = 0; MM_IsPiece(ubIdx); ++ubIdx)
+        if (MM_IsInPiece(ubIdx, ulAddr))
             return true;
     return false;
 }
