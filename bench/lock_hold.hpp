@@ -6,7 +6,7 @@
 namespace bench {
 
 struct LockHold {
-    bool timed = false;       // off: a lock is a flag and costs next to nothing
+    bool timed = false;        // off: a lock is a flag and costs next to nothing
     std::uint64_t longest = 0; // ticks, since it was last set to 0
 };
 

@@ -61,7 +61,8 @@ Options parse(const std::vector<std::string_view>& words)
 class Suite
 {
 public:
-    explicit Suite(const Options& options) : options_(options), clock_(Clock::calibrate()), job_(PrintJob::read(options.sequence))
+    explicit Suite(const Options& options)
+        : options_(options), clock_(Clock::calibrate()), job_(PrintJob::read(options.sequence))
     {
         addPrintJob();
         addChurn();
@@ -148,7 +149,8 @@ private:
             state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations() * count));
             expect(velmora::sim::machine().takeLog().empty(), "the kernel log is not empty");
         };
-        benchmark::RegisterBenchmark(name.c_str(), function)->MinTime(options_.quick ? 0.02 : 0.1); // processor time: the machine may be shared
+        benchmark::RegisterBenchmark(name.c_str(), function)
+            ->MinTime(options_.quick ? 0.02 : 0.1); // processor time: the machine may be shared
     }
 
     template <class Work> Result measure(Result result, Work& work, const Effort& effort)
@@ -169,7 +171,8 @@ private:
     }
 
     // One row for each contender that takes any order of releases.
-    template <template <class> class Work, class... Arguments> void addAll(const Result& key, const Effort& effort, const Arguments&... arguments)
+    template <template <class> class Work, class... Arguments>
+    void addAll(const Result& key, const Effort& effort, const Arguments&... arguments)
     {
         const auto addOne = [&]<class Contender>(std::type_identity<Contender>, const char* contender) {
             Result named = key;
@@ -188,11 +191,15 @@ private:
     template <class T> static const T& unwrap(std::shared_ptr<const T> shared) { return *shared; }
     static std::size_t unwrap(std::size_t number) { return number; }
 
-    std::size_t operations(std::uint32_t size) const { return (size > 10000 ? 400000 : 160000) / (options_.quick ? 8 : 1); }
+    std::size_t operations(std::uint32_t size) const
+    {
+        return (size > 10000 ? 400000 : 160000) / (options_.quick ? 8 : 1);
+    }
 
     std::vector<std::uint32_t> sizes() const
     {
-        return options_.quick ? std::vector<std::uint32_t>{10, 1000, 100000} : std::vector<std::uint32_t>{10, 100, 1000, 10000, 100000};
+        return options_.quick ? std::vector<std::uint32_t>{10, 1000, 100000}
+                              : std::vector<std::uint32_t>{10, 100, 1000, 10000, 100000};
     }
 
     Effort effort() const
@@ -237,7 +244,8 @@ private:
         constexpr std::uint32_t runs = 1000;
         Effort one = effort();
         one.batch = 1;
-        addAll<CleanUpWork>({.workload = "cleanup", .size = runs}, one, std::size_t(runs), std::size_t(options_.quick ? 48 : 320));
+        addAll<CleanUpWork>({.workload = "cleanup", .size = runs}, one, std::size_t(runs),
+                            std::size_t(options_.quick ? 48 : 320));
     }
 
     void addDevice()
@@ -247,12 +255,17 @@ private:
             Search search;
             U8 discipline;
         };
-        constexpr std::pair<const char*, Path> paths[] = {{"direct", Path::Direct}, {"command", Path::Command}, {"library", Path::Library}};
+        constexpr std::pair<const char*, Path> paths[] = {
+            {"direct", Path::Direct}, {"command", Path::Command}, {"library", Path::Library}};
         const std::size_t count = operations(0) / 8;
         for (const auto& [pathName, path] : paths)
-            for (const Manager& manager : {Manager{"velmora", Search::Index, LINKEDLIST}, {"velmora-walk", Search::Walk, LINKEDLIST}, {"stack", Search::Index, STACK}})
+            for (const Manager& manager : {Manager{"velmora", Search::Index, LINKEDLIST},
+                                           {"velmora-walk", Search::Walk, LINKEDLIST},
+                                           {"stack", Search::Index, STACK}})
                 add({.workload = "device", .size = 1, .contender = manager.name, .path = pathName}, effort(),
-                    [manager, path = path, count] { return std::make_unique<DeviceWork>(manager.search, manager.discipline, path, count); });
+                    [manager, path = path, count] {
+                        return std::make_unique<DeviceWork>(manager.search, manager.discipline, path, count);
+                    });
     }
 
     Options options_;

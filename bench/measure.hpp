@@ -68,7 +68,10 @@ private:
 template <class Work> class Measurement
 {
 public:
-    Measurement(Work& work, const Clock& clock, const Effort& effort) : work_(work), clock_(clock), effort_(effort), count_(work.operations()) {}
+    Measurement(Work& work, const Clock& clock, const Effort& effort)
+        : work_(work), clock_(clock), effort_(effort), count_(work.operations())
+    {
+    }
 
     // Operations of a pass that fit into the time; the same for all passes.
     std::size_t count() const { return count_; }
@@ -90,7 +93,8 @@ public:
                 worst = std::max(worst, taken);
                 if (pass == 0) {
                     first[i] = static_cast<std::uint32_t>(taken);
-                    if ((i + 1) % kStep == 0 && deadline.wouldTake(6, static_cast<double>(i + 1) / static_cast<double>(count_)))
+                    if ((i + 1) % kStep == 0 &&
+                        deadline.wouldTake(6, static_cast<double>(i + 1) / static_cast<double>(count_)))
                         count_ = i + 1;
                 }
             }

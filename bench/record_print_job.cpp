@@ -31,8 +31,9 @@ public:
 
     void created(const TSegInfoFromApp& info, std::uint32_t askedBytes)
     {
-        file_ << "segment " << std::string(info.aubSegID, info.aubSegID + 4).c_str() << ' ' << unsigned(info.ubType) << ' ' << askedBytes
-              << ' ' << info.ulBlkSize << ' ' << unsigned(info.ubMap) << ' ' << unsigned(info.ubVM) << '\n';
+        file_ << "segment " << std::string(info.aubSegID, info.aubSegID + 4).c_str() << ' ' << unsigned(info.ubType)
+              << ' ' << askedBytes << ' ' << info.ulBlkSize << ' ' << unsigned(info.ubMap) << ' ' << unsigned(info.ubVM)
+              << '\n';
     }
 
     void allocated(const TMallocInfo& info)
@@ -75,11 +76,15 @@ private:
 class RecordingChannel : public velmora::Channel
 {
 public:
-    RecordingChannel(std::unique_ptr<velmora::Channel> channel, Recorder& recorder) : channel_(std::move(channel)), recorder_(recorder) {}
+    RecordingChannel(std::unique_ptr<velmora::Channel> channel, Recorder& recorder)
+        : channel_(std::move(channel)), recorder_(recorder)
+    {
+    }
 
     int command(std::uint32_t number, void* record, std::size_t bytes) override
     {
-        const std::uint32_t askedBytes = number == MM_CMD_CREATE_SEGMENT ? static_cast<TSegInfoFromApp*>(record)->ulSegSize : 0;
+        const std::uint32_t askedBytes =
+            number == MM_CMD_CREATE_SEGMENT ? static_cast<TSegInfoFromApp*>(record)->ulSegSize : 0;
         const int result = channel_->command(number, record, bytes);
         if (result != ENOERR)
             return result;
@@ -94,7 +99,10 @@ public:
         return result;
     }
 
-    void* map(TAddr address, std::size_t bytes, velmora::Caching caching) override { return channel_->map(address, bytes, caching); }
+    void* map(TAddr address, std::size_t bytes, velmora::Caching caching) override
+    {
+        return channel_->map(address, bytes, caching);
+    }
     void unmap(void* start, std::size_t bytes) override { channel_->unmap(start, bytes); }
 
 private:
@@ -117,7 +125,8 @@ void record(const std::filesystem::path& rasterFolder, const std::filesystem::pa
     std::vector<printjob::StoredPage> pages;
     for (const auto& raster : rasters) {
         const auto number = static_cast<unsigned>(pages.size() + 1);
-        processor.store(raster, pages.emplace_back(printjob::StoredPage{number, printjob::ownerOfPage(number), {}, {}}));
+        processor.store(raster,
+                        pages.emplace_back(printjob::StoredPage{number, printjob::ownerOfPage(number), {}, {}}));
     }
     // Collation copy only reads.
     handler.giveBack(pages);

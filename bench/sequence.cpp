@@ -15,7 +15,9 @@ constexpr unsigned kSeed = 20110614;
 // Half of the sizes up to 4 units, a third up to 16, the rest up to 64.
 std::uint32_t mixedSize(std::mt19937& random)
 {
-    const auto between = [&](unsigned low, unsigned high) { return std::uniform_int_distribution<std::uint32_t>(low, high)(random); };
+    const auto between = [&](unsigned low, unsigned high) {
+        return std::uniform_int_distribution<std::uint32_t>(low, high)(random);
+    };
     const unsigned kind = between(0, 99);
     return kind < 50 ? between(1, 4) : kind < 85 ? between(5, 16) : between(17, 64);
 }
@@ -55,7 +57,9 @@ Sequence churn(std::uint32_t live, unsigned occupancyPercent, std::size_t operat
         while (swap.first == swap.second);
     const auto append = [&](const Swap& swap) {
         std::swap(size[swap.first], size[swap.second]);
-        sequence.ops.insert(sequence.ops.end(), {{swap.first, 0}, {swap.second, 0}, {swap.first, size[swap.first]}, {swap.second, size[swap.second]}});
+        sequence.ops.insert(
+            sequence.ops.end(),
+            {{swap.first, 0}, {swap.second, 0}, {swap.first, size[swap.first]}, {swap.second, size[swap.second]}});
     };
     for (const Swap& swap : swaps)
         append(swap);
@@ -99,7 +103,8 @@ PrintJob PrintJob::read(const std::filesystem::path& file)
         words >> kind;
         if (kind == "segment") {
             Segment& segment = job.segments.emplace_back();
-            words >> segment.name >> segment.type >> segment.bytes >> segment.blockBytes >> segment.mapBits >> segment.overflows;
+            words >> segment.name >> segment.type >> segment.bytes >> segment.blockBytes >> segment.mapBits >>
+                segment.overflows;
         } else if (kind == "a") {
             unsigned owner = 0;
             Step step{true, job.slots++, 0, 0, 0};

@@ -114,8 +114,9 @@ inline std::vector<U32> createSegments(const PrintJob& job, Search search)
     startLibrary(search);
     std::vector<U32> handles;
     for (const PrintJob::Segment& segment : job.segments)
-        handles.push_back(createSegment(segment.name.c_str(), segment.bytes, segment.blockBytes, static_cast<U8>(segment.mapBits), LINKEDLIST,
-                                        static_cast<U8>(segment.type), segment.overflows));
+        handles.push_back(createSegment(segment.name.c_str(), segment.bytes, segment.blockBytes,
+                                        static_cast<U8>(segment.mapBits), LINKEDLIST, static_cast<U8>(segment.type),
+                                        segment.overflows));
     return handles;
 }
 
@@ -163,7 +164,10 @@ public:
 
 private:
     static std::uint32_t unitsOf(std::uint32_t bytes) { return (bytes + kUnit - 1) / kUnit; }
-    static std::uint32_t areaBytes() { return stSegTable[FIRST_FLOAT_HANDLE].ulRealAvailSize + stSegTable[HEAPHANDLE].ulRealAvailSize; }
+    static std::uint32_t areaBytes()
+    {
+        return stSegTable[FIRST_FLOAT_HANDLE].ulRealAvailSize + stSegTable[HEAPHANDLE].ulRealAvailSize;
+    }
 
     const PrintJob& job_;
     Contender contender_;
@@ -181,9 +185,11 @@ public:
     {
         const std::vector<U32> handles = createSegments(job, search);
         for (const PrintJob::Step& step : job.steps) {
-            const auto segment = static_cast<std::size_t>(std::find(handles.begin(), handles.end(), step.segment) - handles.begin());
+            const auto segment =
+                static_cast<std::size_t>(std::find(handles.begin(), handles.end(), step.segment) - handles.begin());
             const U32 blockBytes = job.segments.at(segment).blockBytes;
-            calls_.push_back({step.allocates, step.slot, step.segment, (step.bytes + blockBytes - 1) / blockBytes, step.owner});
+            calls_.push_back(
+                {step.allocates, step.slot, step.segment, (step.bytes + blockBytes - 1) / blockBytes, step.owner});
         }
     }
 
@@ -239,7 +245,10 @@ template <class Contender> class CleanUpWork
 public:
     static constexpr bool kLocks = Contender::locks;
 
-    CleanUpWork(std::uint32_t runs, std::size_t operations) : runs_(runs), operations_(operations), owned_(runs), others_(runs) {}
+    CleanUpWork(std::uint32_t runs, std::size_t operations)
+        : runs_(runs), operations_(operations), owned_(runs), others_(runs)
+    {
+    }
     CleanUpWork(const CleanUpWork&) = delete;
     ~CleanUpWork() { clear(); }
 

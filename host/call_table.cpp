@@ -48,10 +48,10 @@ private:
     }
 };
 
-#define CALLABLE(function)                                                                                             \
-    CallableFunction                                                                                                   \
-    {                                                                                                                  \
-#function, Caller < function> ::arguments, Caller < function> ::returnsNothing, Caller < function> ::invoke    \
+#define CALLABLE(function)                                                                                          \
+    CallableFunction                                                                                                \
+    {                                                                                                               \
+#function, Caller < function> ::arguments, Caller < function> ::returnsNothing, Caller < function> ::invoke \
     }
 
 const CallableFunction callableFunctions[] = {

@@ -49,12 +49,12 @@ struct Outcome {
 
 // Services that fail on demand; everything works by default.
 struct Faults {
-    std::optional<S32> registerResult; // register_chrdev answers this negative code
-    bool refuseProcEntry = false;      // no proc entry is given
-    bool refuseRemap = false;          // remap_pfn_range fails
-    bool everyPageIsRam = false;       // pfn_valid takes every page number for one of RAM
-    std::optional<U32> copyInStopsAt;  // copy_from_user moves this many bytes at most
-    std::optional<U32> copyOutStopsAt; // copy_to_user moves this many bytes at most
+    std::optional<S32> registerResult;       // register_chrdev answers this negative code
+    bool refuseProcEntry = false;            // no proc entry is given
+    bool refuseRemap = false;                // remap_pfn_range fails
+    bool everyPageIsRam = false;             // pfn_valid takes every page number for one of RAM
+    std::optional<U32> copyInStopsAt;        // copy_from_user moves this many bytes at most
+    std::optional<U32> copyOutStopsAt;       // copy_to_user moves this many bytes at most
     std::optional<unsigned long> touchLimit; // a command that makes more accesses is taken for endless and stopped
 };
 

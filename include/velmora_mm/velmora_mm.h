@@ -68,14 +68,14 @@ typedef U32 TMMInitOption;
 
 enum {
     MAX_SEGTABLE_SIZE = 50,
-    MAX_FIXEDSEG_NUM = 5,        /* fixed segments: handles 0 to 4 */
-    FIRST_FLOAT_HANDLE = 5,      /* float segments: handles 5 to 48 */
-    HEAPHANDLE = 49,             /* the heap */
-    HEAPHANDLE_ALIAS = 0x10031,  /* the heap again, where the allocation calls and most queries are asked */
-    MAX_PIECE_NUM = 5,           /* most pieces that the heap may span */
-    HEAP_BLOCK_SIZE = 64,        /* smallest linked-list segment; size of one free-memory node */
-    MAX_MCT_NUM = 5,             /* rows of the memory configuration table */
-    MM_DISPLAY_ALL = 100         /* selector of MM_CMD_DISPLAY_MST: every used entry and the heap */
+    MAX_FIXEDSEG_NUM = 5,       /* fixed segments: handles 0 to 4 */
+    FIRST_FLOAT_HANDLE = 5,     /* float segments: handles 5 to 48 */
+    HEAPHANDLE = 49,            /* the heap */
+    HEAPHANDLE_ALIAS = 0x10031, /* the heap again, where the allocation calls and most queries are asked */
+    MAX_PIECE_NUM = 5,          /* most pieces that the heap may span */
+    HEAP_BLOCK_SIZE = 64,       /* smallest linked-list segment; size of one free-memory node */
+    MAX_MCT_NUM = 5,            /* rows of the memory configuration table */
+    MM_DISPLAY_ALL = 100        /* selector of MM_CMD_DISPLAY_MST: every used entry and the heap */
 };
 
 enum { FIXED = 0, FLOAT = 1, FLOATALIGN = 2 }; /* ubType */
@@ -123,17 +123,17 @@ typedef struct {
     TSegInfoFromApp stInfoFromApp;
     U8 ubBlkBit; /* log2 of the block size, rounded down */
     U8 aubPad[3];
-    TAddr pubStartAddr;       /* first block */
-    TAddr pubEndAddr;         /* past the last block */
-    TAddr pubMapStartAddr;    /* owner map, 0 when there is none */
-    TAddr pubMapEndAddr;      /* past the owner map */
-    U32 ulSemID;              /* not used */
-    U32 ulTotalBlkNum;        /* blocks */
-    U32 ulTotalAllocBlkNum;   /* blocks */
-    U32 ulTotalFreeBlkNum;    /* blocks */
-    U32 ulLargestBlkSize;     /* longest free run, blocks */
-    U32 ulRealAvailSize;      /* usable bytes */
-    TAddr pfnAlloc, pfnFree;  /* non-zero once the segment serves allocations */
+    TAddr pubStartAddr;      /* first block */
+    TAddr pubEndAddr;        /* past the last block */
+    TAddr pubMapStartAddr;   /* owner map, 0 when there is none */
+    TAddr pubMapEndAddr;     /* past the owner map */
+    U32 ulSemID;             /* not used */
+    U32 ulTotalBlkNum;       /* blocks */
+    U32 ulTotalAllocBlkNum;  /* blocks */
+    U32 ulTotalFreeBlkNum;   /* blocks */
+    U32 ulLargestBlkSize;    /* longest free run, blocks */
+    U32 ulRealAvailSize;     /* usable bytes */
+    TAddr pfnAlloc, pfnFree; /* non-zero once the segment serves allocations */
 } TMMSegInfoWire;
 
 /* A row of the memory configuration table as MM_CMD_GET_MCT copies it. */

@@ -7,8 +7,7 @@
 
 #include "manager_fixture.h"
 
-namespace velmora::test
-{
+namespace velmora::test {
 
 class AllocatorTest : public ManagerTest
 {

@@ -96,7 +96,8 @@ protected:
         std::vector<std::string> messages = machine().takeLog();
         for (std::string& message : messages) {
             const std::size_t number = message.rfind(",line=") + 6;
-            if (number >= 6 && message.find_first_not_of("0123456789", number) == message.size() - 1 && message.back() == '\n')
+            if (number >= 6 && message.find_first_not_of("0123456789", number) == message.size() - 1 &&
+                message.back() == '\n')
                 message.replace(number, message.size() - 1 - number, "N");
         }
         return messages;

@@ -143,8 +143,8 @@ int Descriptor::commandAt(std::uint32_t command, std::uint32_t userAddress) cons
 
 std::int64_t mapDevice(const Descriptor& device, std::uint32_t address, std::size_t bytes, void* where)
 {
-    void* const start = mmap(where, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | (where ? MAP_FIXED : 0), device.number(),
-                             static_cast<off_t>(address));
+    void* const start = mmap(where, bytes, PROT_READ | PROT_WRITE, MAP_SHARED | (where ? MAP_FIXED : 0),
+                             device.number(), static_cast<off_t>(address));
     return start == MAP_FAILED ? -errno : static_cast<std::int64_t>(reinterpret_cast<std::uintptr_t>(start));
 }
 
@@ -171,10 +171,12 @@ std::uint32_t pageTableEntry(const void* address)
         throw Failure("the page table probe cannot be loaded");
     const int file = open("/proc/velmora_mm_pte", O_RDONLY | O_CLOEXEC);
     std::uint32_t entry = 0;
-    const ssize_t got = pread(file, &entry, sizeof entry, static_cast<off_t>(reinterpret_cast<std::uintptr_t>(address)));
+    const ssize_t got =
+        pread(file, &entry, sizeof entry, static_cast<off_t>(reinterpret_cast<std::uintptr_t>(address)));
     close(file);
     if (got != sizeof entry)
-        throw Failure("no page table entry at " + shown(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address))));
+        throw Failure("no page table entry at " +
+                      shown(static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(address))));
     return entry;
 }
 
@@ -269,10 +271,26 @@ std::vector<std::string> KernelLog::take()
 
 std::vector<std::string> troubles(const std::vector<std::string>& messages)
 {
-    static const char* const signs[] = {"Oops",           "BUG:",          "WARNING:",       "Unable to handle",
-                                        "scheduling while atomic", "sleeping function", "lockdep:", "possible circular locking",
-                                        "inconsistent lock state", "Call trace",  "Backtrace:",     "INFO: ", "Internal error",
-                                        "soft lockup",    "hard LOCKUP",   "hung_task", "blocked for more than", "Bad page", "kernel BUG at", "Kernel panic"};
+    static const char* const signs[] = {"Oops",
+                                        "BUG:",
+                                        "WARNING:",
+                                        "Unable to handle",
+                                        "scheduling while atomic",
+                                        "sleeping function",
+                                        "lockdep:",
+                                        "possible circular locking",
+                                        "inconsistent lock state",
+                                        "Call trace",
+                                        "Backtrace:",
+                                        "INFO: ",
+                                        "Internal error",
+                                        "soft lockup",
+                                        "hard LOCKUP",
+                                        "hung_task",
+                                        "blocked for more than",
+                                        "Bad page",
+                                        "kernel BUG at",
+                                        "Kernel panic"};
     std::vector<std::string> found;
     for (const std::string& message : messages)
         for (const char* const sign : signs)

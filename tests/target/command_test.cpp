@@ -46,17 +46,22 @@ static_assert(sizeof kCommands / sizeof *kCommands == MM_CMD_COUNT);
 struct UserPages {
     UserPages()
     {
-        start = static_cast<std::uint8_t*>(mmap(nullptr, 3 * kPageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        start = static_cast<std::uint8_t*>(
+            mmap(nullptr, 3 * kPageBytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
         munmap(start + 2 * kPageBytes, kPageBytes);
         std::memset(start, 0, 2 * kPageBytes);
     }
     ~UserPages() { munmap(start, 2 * kPageBytes); }
-    std::uint32_t end() const { return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(start)) + 2 * kPageBytes; }
+    std::uint32_t end() const
+    {
+        return static_cast<std::uint32_t>(reinterpret_cast<std::uintptr_t>(start)) + 2 * kPageBytes;
+    }
 
     std::uint8_t* start;
 };
 
-TSegInfoFromApp request(const char* name, std::uint32_t bytes, std::uint32_t blockBytes, std::uint8_t map, std::uint8_t discipline = LINKEDLIST)
+TSegInfoFromApp request(const char* name, std::uint32_t bytes, std::uint32_t blockBytes, std::uint8_t map,
+                        std::uint8_t discipline = LINKEDLIST)
 {
     TSegInfoFromApp info = {};
     std::memcpy(info.aubSegID, name, 4);

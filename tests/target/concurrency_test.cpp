@@ -20,7 +20,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::uint32_t kBlockBytes = 4096;
 
-std::uint32_t createSegment(const Descriptor& device, const char* name, std::uint32_t bytes, std::uint8_t map, std::uint8_t discipline = LINKEDLIST)
+std::uint32_t createSegment(const Descriptor& device, const char* name, std::uint32_t bytes, std::uint8_t map,
+                            std::uint8_t discipline = LINKEDLIST)
 {
     TSegInfoFromApp info = {};
     std::memcpy(info.aubSegID, name, 4);
@@ -158,7 +159,8 @@ TARGET_TEST(two_processes_allocate_and_release_while_a_third_queries)
     const std::uint32_t handle = createSegment(device, "BAND", 64 * kBlockBytes, 8);
     const auto until = Clock::now() + std::chrono::milliseconds(2500);
     KernelLog log;
-    const int processes[] = {startProcess([&] { allocateAndRelease(handle, 1, until); }), startProcess([&] { allocateAndRelease(handle, 2, until); }),
+    const int processes[] = {startProcess([&] { allocateAndRelease(handle, 1, until); }),
+                             startProcess([&] { allocateAndRelease(handle, 2, until); }),
                              startProcess([&] { query(handle, until); })};
     for (const int process : processes)
         waitForProcess(process);
@@ -278,7 +280,8 @@ TARGET_TEST(kernel_thread_and_timer_push_against_user_space)
         while ((peer.number("busy") != 0 || mine.size() < 50) && mine.size() < 180) {
             TMallocInfo info = {handle, kBlockBytes, 0, {}, 0};
             CHECK_EQUAL(device.command(MM_CMD_MALLOC, info), 0);
-            CHECK(mine.insert(info.pubStart).second || true); // the top is read after the lock is released, so two may see one
+            CHECK(mine.insert(info.pubStart).second ||
+                  true); // the top is read after the lock is released, so two may see one
         }
         peer.waitUntilIdle();
         CHECK_EQUAL(peer.number("failed"), 0u);

@@ -52,7 +52,8 @@ inline std::string shown(const std::vector<std::string>& lines)
     throw Failure(std::string(file) + ":" + std::to_string(line) + ": " + what);
 }
 
-template <class A, class B> void checkEqual(const char* file, int line, const char* text, const A& actual, const B& expected)
+template <class A, class B>
+void checkEqual(const char* file, int line, const char* text, const A& actual, const B& expected)
 {
     bool equal;
     if constexpr (std::is_integral_v<A> && std::is_integral_v<B>)
@@ -65,14 +66,14 @@ template <class A, class B> void checkEqual(const char* file, int line, const ch
 
 } // namespace target
 
-#define TARGET_TEST(name)                                                                          \
-    static void name();                                                                            \
-    static const target::Registration registration_##name(#name, name);                            \
+#define TARGET_TEST(name)                                               \
+    static void name();                                                 \
+    static const target::Registration registration_##name(#name, name); \
     static void name()
 
-#define CHECK(condition)                                                                           \
-    do {                                                                                           \
-        if (!(condition))                                                                          \
-            target::fail(__FILE__, __LINE__, #condition " does not hold");                         \
+#define CHECK(condition)                                                   \
+    do {                                                                   \
+        if (!(condition))                                                  \
+            target::fail(__FILE__, __LINE__, #condition " does not hold"); \
     } while (0)
 #define CHECK_EQUAL(actual, expected) target::checkEqual(__FILE__, __LINE__, #actual, actual, expected)

@@ -26,8 +26,8 @@ TARGET_TEST(mapping_at_several_offsets_is_the_physical_page_of_the_address)
 {
     needManager();
     const Descriptor device;
-    for (const std::uint32_t address : {kManagedStart, kManagedStart + kPageBytes, kManagedStart + 0x1234000, kManagedEnd - kPageBytes, kAreaStart,
-                                        kAreaEnd - kPageBytes}) {
+    for (const std::uint32_t address : {kManagedStart, kManagedStart + kPageBytes, kManagedStart + 0x1234000,
+                                        kManagedEnd - kPageBytes, kAreaStart, kAreaEnd - kPageBytes}) {
         const View view(device, address, kPageBytes);
         CHECK(view[0] == view[0]); // the page is in
         CHECK_EQUAL(physicalPage(view.start()), pageOf(address));
@@ -166,7 +166,8 @@ TARGET_TEST(private_writable_mapping_is_allowed_when_whole)
 {
     needManager();
     const Descriptor device;
-    void* const start = mmap(nullptr, 2 * kPageBytes, PROT_READ, MAP_PRIVATE, device.number(), static_cast<off_t>(kManagedStart));
+    void* const start =
+        mmap(nullptr, 2 * kPageBytes, PROT_READ, MAP_PRIVATE, device.number(), static_cast<off_t>(kManagedStart));
     CHECK(start != MAP_FAILED);
     munmap(start, 2 * kPageBytes);
 }
@@ -214,13 +215,16 @@ TARGET_TEST(area_is_left_alone_by_a_kernel_short_of_memory)
     const Descriptor device;
     const View view(device, kAreaStart, kAreaBytes);
     for (std::uint32_t offset = 0; offset < kAreaBytes; offset += kStride)
-        *reinterpret_cast<volatile std::uint32_t*>(static_cast<std::uint8_t*>(view.start()) + offset + 64) = offset ^ 0x5A5A5A5A;
+        *reinterpret_cast<volatile std::uint32_t*>(static_cast<std::uint8_t*>(view.start()) + offset + 64) =
+            offset ^ 0x5A5A5A5A;
     constexpr std::size_t kMuch = 64 << 20;
-    auto* const much = static_cast<volatile std::uint8_t*>(mmap(nullptr, kMuch, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    auto* const much = static_cast<volatile std::uint8_t*>(
+        mmap(nullptr, kMuch, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
     CHECK(much != MAP_FAILED);
     for (std::size_t i = 0; i < kMuch; i += kPageBytes)
         much[i + 64] = 1;
     munmap(const_cast<std::uint8_t*>(much), kMuch);
     for (std::uint32_t offset = 0; offset < kAreaBytes; offset += kStride)
-        CHECK_EQUAL(*reinterpret_cast<volatile std::uint32_t*>(static_cast<std::uint8_t*>(view.start()) + offset + 64), offset ^ 0x5A5A5A5A);
+        CHECK_EQUAL(*reinterpret_cast<volatile std::uint32_t*>(static_cast<std::uint8_t*>(view.start()) + offset + 64),
+                    offset ^ 0x5A5A5A5A);
 }

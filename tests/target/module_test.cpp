@@ -76,7 +76,8 @@ TARGET_TEST(load_with_the_start_alone_takes_the_wrapped_end)
     needNoManager();
     KernelLog log;
     CHECK_EQUAL(loadModule(kModuleFile, "bigphysarea=" + areaText(kAreaStart, 0).substr(0, 9)), 0);
-    CHECK_EQUAL(withoutTaintRemarks(log.take()), (Lines{areaLine(kAreaStart, 0xFFF00000), managedLine(kManagedStart, 0xFFF00000)}));
+    CHECK_EQUAL(withoutTaintRemarks(log.take()),
+                (Lines{areaLine(kAreaStart, 0xFFF00000), managedLine(kManagedStart, 0xFFF00000)}));
     CHECK_EQUAL(unloadModule(kModuleName), 0);
 }
 
@@ -104,7 +105,8 @@ TARGET_TEST(load_over_the_reserved_area_prints_both_lines_and_registers)
     needNoManager();
     KernelLog log;
     CHECK_EQUAL(loadModule(kModuleFile, std::string("bigphysarea=") + kAreaText), 0);
-    CHECK_EQUAL(withoutTaintRemarks(log.take()), (Lines{areaLine(kAreaStart, kManagedEnd), managedLine(kManagedStart, kManagedEnd)}));
+    CHECK_EQUAL(withoutTaintRemarks(log.take()),
+                (Lines{areaLine(kAreaStart, kManagedEnd), managedLine(kManagedStart, kManagedEnd)}));
     CHECK(deviceMajor().has_value());
     CHECK(access("/sys/module/velmora_mm/parameters/bigphysarea", F_OK) != 0);
     CHECK_EQUAL(loadModule(kModuleFile, std::string("bigphysarea=") + kAreaText), -EEXIST);
@@ -129,7 +131,8 @@ TARGET_TEST(load_without_its_proc_file_is_refused_and_leaves_the_device)
         removeLeftDevice(*left);
     CHECK_EQUAL(result, -EPERM);
     CHECK_EQUAL(withoutTaintRemarks(lines),
-                (Lines{areaLine(kAreaStart, kManagedEnd), managedLine(kManagedStart, kManagedEnd), "\nCan't make a proc file!!!"}));
+                (Lines{areaLine(kAreaStart, kManagedEnd), managedLine(kManagedStart, kManagedEnd),
+                       "\nCan't make a proc file!!!"}));
     CHECK(!loaded);
     CHECK(left.has_value());
     CHECK(access("/proc/velmora_mm", F_OK) != 0);

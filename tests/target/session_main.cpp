@@ -107,13 +107,21 @@ private:
     bool inSimArea(std::uint32_t address) const { return simStart_ != 0 && address >= simStart_ && address <= simEnd_; }
     bool inArea(std::uint32_t address) const { return simStart_ != 0 && address - kAreaStart <= simEnd_ - simStart_; }
     // To this controller's address, and home again to the script's.
-    std::uint32_t here(std::uint32_t address) const { return inSimArea(address) ? address - simStart_ + kAreaStart : address; }
-    std::uint32_t home(std::uint32_t address) const { return inArea(address) ? address - kAreaStart + simStart_ : address; }
+    std::uint32_t here(std::uint32_t address) const
+    {
+        return inSimArea(address) ? address - simStart_ + kAreaStart : address;
+    }
+    std::uint32_t home(std::uint32_t address) const
+    {
+        return inArea(address) ? address - kAreaStart + simStart_ : address;
+    }
 
     // Addresses in a message are 8 hexadecimal digits on both controllers.
     std::string home(std::string message) const
     {
-        const auto isHex = [&](std::size_t i) { return i < message.size() && std::isxdigit(static_cast<unsigned char>(message[i])); };
+        const auto isHex = [&](std::size_t i) {
+            return i < message.size() && std::isxdigit(static_cast<unsigned char>(message[i]));
+        };
         for (std::size_t i = 0; i < message.size(); ++i) {
             if (!isHex(i))
                 continue;
@@ -122,10 +130,12 @@ private:
                 ++end;
             if (end - i == 8) {
                 const auto value = static_cast<std::uint32_t>(std::stoul(message.substr(i, 8), nullptr, 16));
-                const bool upper = std::any_of(message.begin() + static_cast<long>(i), message.begin() + static_cast<long>(end),
-                                               [](char c) { return c >= 'A' && c <= 'F'; });
+                const bool upper =
+                    std::any_of(message.begin() + static_cast<long>(i), message.begin() + static_cast<long>(end),
+                                [](char c) { return c >= 'A' && c <= 'F'; });
                 const bool nearPageOffset = simStart_ == 0 && value >= kPageOffset - 0x100000 && value < kHighMemory;
-                const std::uint32_t moved = value == kPageOffset || nearPageOffset ? value - kPageOffset + kSimPageOffset : home(value);
+                const std::uint32_t moved =
+                    value == kPageOffset || nearPageOffset ? value - kPageOffset + kSimPageOffset : home(value);
                 // A number of digits only does not say which case its format has; the one format with capitals is the load's.
                 const bool capitals = upper || message.find("PAGE_OFFSET") != message.npos;
                 message.replace(i, 8, hex(moved, capitals ? "%08X" : "%08x"));
@@ -181,7 +191,8 @@ private:
         const std::string& text = words_.at(next_++).text;
         unsigned first = 0, second = 0;
         std::sscanf(text.c_str(), "%8x-%8x", &first, &second);
-        const bool fits = second > first && second - first <= kAreaBytes && first > kSimPageOffset && second <= kSimHighMemory;
+        const bool fits =
+            second > first && second - first <= kAreaBytes && first > kSimPageOffset && second <= kSimHighMemory;
         const auto moved = [](std::uint32_t address) { return hex(address - kSimPageOffset + kPageOffset, "%08x"); };
         std::string here = text;
         simStart_ = simEnd_ = 0;
@@ -191,7 +202,8 @@ private:
             here = hex(kAreaStart, "%08x") + "-" + hex(kAreaStart + (second - first), "%08x");
             clearArea(here);
         } else if (second != 0) {
-            here = moved(first) + "-" + moved(second); // refused for its bounds, which keep their distance from PAGE_OFFSET
+            here = moved(first) + "-" +
+                   moved(second); // refused for its bounds, which keep their distance from PAGE_OFFSET
         }
         needNoManager();
         log_.take();
@@ -239,9 +251,11 @@ private:
         for (const std::size_t field : addressFields(command))
             if (field + 4 <= record.size())
                 putWord(record, field, home(wordAt(record, field)));
-        if (command == MM_CMD_QUERY_PHYS_ADDR && record.size() >= sizeof(TQueryPhysAddrInfo) && wordAt(record, 8) != EASSERT)
+        if (command == MM_CMD_QUERY_PHYS_ADDR && record.size() >= sizeof(TQueryPhysAddrInfo) &&
+            wordAt(record, 8) != EASSERT)
             putWord(record, 8, home(wordAt(record, 8) - kPhysOffset + kPageOffset) - kSimPageOffset);
-        if (command == MM_CMD_GET_MST && record.size() >= sizeof(TGetMSTInfo) && record[offsetof(TGetMSTInfo, status)] == 0) {
+        if (command == MM_CMD_GET_MST && record.size() >= sizeof(TGetMSTInfo) &&
+            record[offsetof(TGetMSTInfo, status)] == 0) {
             // routine addresses are no business of a script's
             putWord(record, offsetof(TGetMSTInfo, SegTable) + offsetof(TMMSegInfoWire, pfnAlloc), 0);
             putWord(record, offsetof(TGetMSTInfo, SegTable) + offsetof(TMMSegInfoWire, pfnFree), 0);
@@ -269,7 +283,8 @@ private:
         if (start < 0)
             return std::to_string(start);
         void* const view = reinterpret_cast<void*>(static_cast<std::uintptr_t>(start));
-        const std::uint32_t page = (home(physicalPage(view) * kPageBytes - kPhysOffset + kPageOffset) - kSimPageOffset) / kPageBytes;
+        const std::uint32_t page =
+            (home(physicalPage(view) * kPageBytes - kPhysOffset + kPageOffset) - kSimPageOffset) / kPageBytes;
         const bool cached = memoryType(view) != 0;
         munmap(view, bytes);
         return "0 pfn=" + hex(page) + " size=" + hex(bytes) + " prot=" + (cached ? "cached" : "uncached");
@@ -278,7 +293,8 @@ private:
     std::string transfer(bool in)
     {
         std::vector<char> bytes(number() % 0x10000 + 1);
-        const ssize_t result = in ? read(device_->number(), bytes.data(), bytes.size() - 1) : write(device_->number(), bytes.data(), bytes.size() - 1);
+        const ssize_t result = in ? read(device_->number(), bytes.data(), bytes.size() - 1)
+                                  : write(device_->number(), bytes.data(), bytes.size() - 1);
         return std::to_string(result < 0 ? -errno : static_cast<int>(result));
     }
 
@@ -292,7 +308,8 @@ private:
         char text[4096];
         const ssize_t got = pread(file, text, std::min<std::size_t>(count, sizeof text), static_cast<off_t>(offset));
         close(file);
-        return std::to_string(got) + " \"" + escaped(std::string(text, static_cast<std::size_t>(std::max<ssize_t>(got, 0)))) + "\"";
+        return std::to_string(got) + " \"" +
+               escaped(std::string(text, static_cast<std::size_t>(std::max<ssize_t>(got, 0)))) + "\"";
     }
 
     std::string memory(const std::string& command)
@@ -363,8 +380,8 @@ int compare(const char* scriptFile, const char* answersFile)
         }
         const std::vector<std::string> actual = session.run(words);
         if (actual != expected) {
-            std::printf("FAIL session %s\n    line %u: %s\n    here: %s\n    simulated: %s\n", scriptFile, number, line.c_str(), shown(actual).c_str(),
-                        shown(expected).c_str());
+            std::printf("FAIL session %s\n    line %u: %s\n    here: %s\n    simulated: %s\n", scriptFile, number,
+                        line.c_str(), shown(actual).c_str(), shown(expected).c_str());
             return 1;
         }
     }

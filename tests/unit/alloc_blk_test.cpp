@@ -1,10 +1,8 @@
 // Block allocation: the search of the free runs, the owner map, the address helpers, the search lock.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test
-{
-namespace
-{
+namespace velmora::test {
+namespace {
 
 class AllocBlk : public AllocatorTest
 {

@@ -1,10 +1,8 @@
 // Clean-up by owner: every run of an owner's blocks back in one call.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test
-{
-namespace
-{
+namespace velmora::test {
+namespace {
 
 class CleanUp : public AllocatorTest
 {

@@ -23,7 +23,8 @@ TEST_F(Client, AllFifteenCommands)
 {
     velmora::Device device(sim::openDevice());
     startManager(device);
-    const TSegInfoFromApp blocks = device.createSegment({.name = "BLK0", .bytes = 0x10000, .blockBytes = 0x1000, .mapBits = 8});
+    const TSegInfoFromApp blocks =
+        device.createSegment({.name = "BLK0", .bytes = 0x10000, .blockBytes = 0x1000, .mapBits = 8});
     EXPECT_EQ(blocks.hulHandle, 5u);
 
     const auto address = device.allocate(5, 0x2000, 3);
@@ -69,7 +70,8 @@ TEST_F(Client, ARefusalSaysWhatTheManagerAnswered)
         FAIL() << "no exception";
     } catch (const velmora::Error& error) {
         EXPECT_EQ(error.result(), EASSERT);
-        EXPECT_STREQ(error.what(), "MM_CMD_MALLOC: the manager answered 14 (EASSERT); the kernel log names the check that failed");
+        EXPECT_STREQ(error.what(),
+                     "MM_CMD_MALLOC: the manager answered 14 (EASSERT); the kernel log names the check that failed");
     }
     machine().faults.copyInStopsAt = 0;
     EXPECT_THROW(device.startLibrary(SM_BKUP_OK), velmora::Error);
@@ -128,7 +130,8 @@ TEST_F(Client, ACommandThatStopsTheControllerIsReportedByName)
         device.fill(0xA4000000, 0, 1);
         FAIL() << "no exception";
     } catch (const std::runtime_error& error) {
-        EXPECT_STREQ(error.what(), "the simulated controller stopped: ioctl MM_CMD_MEMSET touched 0xa4000000, which does not exist");
+        EXPECT_STREQ(error.what(),
+                     "the simulated controller stopped: ioctl MM_CMD_MEMSET touched 0xa4000000, which does not exist");
     }
 }
 

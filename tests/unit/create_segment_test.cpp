@@ -5,9 +5,9 @@ namespace velmora::test {
 namespace {
 
 constexpr const char* kBadBlkSize = R"((pstInfoFromApp->ulBlkSize > 0) && "Inpropriate Create Segment Value")";
-constexpr const char* kBadMap =
-    "(pstInfoFromApp->ubMap == 0 || pstInfoFromApp->ubMap == 1 || pstInfoFromApp->ubMap == 2 || pstInfoFromApp->ubMap == 4 || "
-    "pstInfoFromApp->ubMap == 8) && \"Inpropriate Create Segment Value\"";
+constexpr const char* kBadMap = "(pstInfoFromApp->ubMap == 0 || pstInfoFromApp->ubMap == 1 || pstInfoFromApp->ubMap == "
+                                "2 || pstInfoFromApp->ubMap == 4 || "
+                                "pstInfoFromApp->ubMap == 8) && \"Inpropriate Create Segment Value\"";
 constexpr const char* kBadDSType =
     R"((pstInfoFromApp->ubSegDSType == STACK || pstInfoFromApp->ubSegDSType == LINKEDLIST) && "Inpropriate Create Segment Value")";
 constexpr const char* kBadSemaphore =
@@ -33,7 +33,8 @@ protected:
     static std::string refusal(const char* text) { return check(text, "mm/MM_Lib", "MM_CreateSegment"); }
     static std::string noRoom()
     {
-        return check(R"(pstBestFitBlk != NULL && "There is no available Segment Block")", "mm/MM_MST", "MM_InstallSegment");
+        return check(R"(pstBestFitBlk != NULL && "There is no available Segment Block")", "mm/MM_MST",
+                     "MM_InstallSegment");
     }
 
     // The request is refused with this text alone, and nothing is changed.
@@ -67,10 +68,7 @@ protected:
         return info;
     }
 
-    static std::string numbered(const char* prefix, U32 number)
-    {
-        return prefix + std::to_string(10 + number);
-    }
+    static std::string numbered(const char* prefix, U32 number) { return prefix + std::to_string(10 + number); }
 };
 
 // Checks ----------------------------------------------------------------------------------------------
@@ -256,7 +254,8 @@ TEST_F(CreateSegment, ASecondHeapIsKeptOutByItsNameOnly)
     const TMMSegInfo before = stSegTable[49];
     TSegInfoFromApp other = typed("HEA2", FLOAT, 0);
     EXPECT_EQ(MM_CreateSegment(&other), U32(EASSERT));
-    EXPECT_EQ(log(), Lines{check(R"(pstSegBlkHead != NULL && "There is no available Segment list")", "mm/MM_MST", "MM_InstallSegment")});
+    EXPECT_EQ(log(), Lines{check(R"(pstSegBlkHead != NULL && "There is no available Segment list")", "mm/MM_MST",
+                                 "MM_InstallSegment")});
     EXPECT_EQ(std::memcmp(&stSegTable[49], &before, sizeof before), 0);
 }
 
@@ -363,7 +362,8 @@ TEST_F(CreateSegment, AHeapWithoutPiecesIsReportedAndSucceeds)
     setFreeMemory({{kFloatStart, 128}});
     TSegInfoFromApp info = typed("HEAP", FLOAT, 0);
     EXPECT_EQ(MM_CreateSegment(&info), U32(ENOERR));
-    EXPECT_EQ(log(), Lines{check(R"(pstSegBlkHead != NULL && "There is no available Segment list")", "mm/MM_InitSegment", "MM_SegInitial")});
+    EXPECT_EQ(log(), Lines{check(R"(pstSegBlkHead != NULL && "There is no available Segment list")",
+                                 "mm/MM_InitSegment", "MM_SegInitial")});
     EXPECT_EQ(info.hulHandle, 49u);
     EXPECT_EQ(info.ulSegSize, 0u);
     EXPECT_EQ(info.ulRetSegSize, 0u);

@@ -56,15 +56,25 @@ struct RecordSize {
     U32 command;
     U32 bytes;
 };
-constexpr RecordSize kRecordSizes[] = {{MM_CMD_LIB_ENTRY, 8},       {MM_CMD_CREATE_SEGMENT, 28}, {MM_CMD_MALLOC, 16},
-                                       {MM_CMD_FREE, 12},           {MM_CMD_MEMSET, 12},         {MM_CMD_DELETE_SEGMENT, 5},
-                                       {MM_CMD_ADD_SEGMENT, 16},    {MM_CMD_CLEAR_SEGMENT, 16},  {MM_CMD_ENTRY, 4},
-                                       {MM_CMD_COLLECT_GARBAGE, 8}, {MM_CMD_CHECK_SEGMENT, 12},  {MM_CMD_DISPLAY_MST, 8},
-                                       {MM_CMD_QUERY_PHYS_ADDR, 12}, {MM_CMD_GET_MST, 88},       {MM_CMD_GET_MCT, 20}};
+constexpr RecordSize kRecordSizes[] = {{MM_CMD_LIB_ENTRY, 8},
+                                       {MM_CMD_CREATE_SEGMENT, 28},
+                                       {MM_CMD_MALLOC, 16},
+                                       {MM_CMD_FREE, 12},
+                                       {MM_CMD_MEMSET, 12},
+                                       {MM_CMD_DELETE_SEGMENT, 5},
+                                       {MM_CMD_ADD_SEGMENT, 16},
+                                       {MM_CMD_CLEAR_SEGMENT, 16},
+                                       {MM_CMD_ENTRY, 4},
+                                       {MM_CMD_COLLECT_GARBAGE, 8},
+                                       {MM_CMD_CHECK_SEGMENT, 12},
+                                       {MM_CMD_DISPLAY_MST, 8},
+                                       {MM_CMD_QUERY_PHYS_ADDR, 12},
+                                       {MM_CMD_GET_MST, 88},
+                                       {MM_CMD_GET_MCT, 20}};
 // Commands that copy their record back; the others leave the caller's memory alone.
-constexpr U32 kCopiedBack[] = {MM_CMD_LIB_ENTRY,     MM_CMD_CREATE_SEGMENT, MM_CMD_MALLOC,          MM_CMD_DELETE_SEGMENT,
-                               MM_CMD_CHECK_SEGMENT, MM_CMD_DISPLAY_MST,    MM_CMD_QUERY_PHYS_ADDR, MM_CMD_GET_MST,
-                               MM_CMD_GET_MCT};
+constexpr U32 kCopiedBack[] = {MM_CMD_LIB_ENTRY,       MM_CMD_CREATE_SEGMENT, MM_CMD_MALLOC,
+                               MM_CMD_DELETE_SEGMENT,  MM_CMD_CHECK_SEGMENT,  MM_CMD_DISPLAY_MST,
+                               MM_CMD_QUERY_PHYS_ADDR, MM_CMD_GET_MST,        MM_CMD_GET_MCT};
 
 TEST_F(Device, ARecordThatEndsAboveTheAddressLimitIsRefused)
 {
@@ -132,7 +142,7 @@ TEST_F(Device, ACopyBackThatStopsPartWayLeavesWhatTheCommandDid)
     TMallocInfo info{handle, 1, 0, {}, 0x55667788};
     EXPECT_EQ(command(MM_CMD_MALLOC, info), -14);
     EXPECT_EQ(log(), std::vector{kCopyFailed});
-    EXPECT_EQ(info.pubStart, 0x55667788u); // bytes 12 to 15 were not copied
+    EXPECT_EQ(info.pubStart, 0x55667788u);     // bytes 12 to 15 were not copied
     EXPECT_EQ(MM_GetTotAvailBlk(handle), 15u); // and the allocation stands
 }
 
@@ -293,7 +303,8 @@ TEST_F(Device, DeleteSegmentOfAnUnknownNameAnswers0)
     TDeleteSegmentInfo info{{'N', 'O', 'N', 'E'}, 0x77};
     EXPECT_EQ(command(MM_CMD_DELETE_SEGMENT, info), 0);
     EXPECT_EQ(info.status, 0x77);
-    EXPECT_EQ(log(), std::vector{check("(ubResult == TRUE) && \"Can't find such SegmentID\"", "mm/MM_MCT", "MM_DeleteSegment")});
+    EXPECT_EQ(log(), std::vector{check("(ubResult == TRUE) && \"Can't find such SegmentID\"", "mm/MM_MCT",
+                                       "MM_DeleteSegment")});
 }
 
 TEST_F(Device, AddSegmentIsAcceptedAndDoesNothing)

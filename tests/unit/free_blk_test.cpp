@@ -2,10 +2,8 @@
 #include "../support/allocator_fixture.h"
 #include "../../kernel/mm/mm/MM_Map.h"
 
-namespace velmora::test
-{
-namespace
-{
+namespace velmora::test {
+namespace {
 
 const char kOutOfRange[] = "\"Free Request is over the available Range of Segment\"";
 

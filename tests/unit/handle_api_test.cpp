@@ -1,10 +1,8 @@
 // Allocation and release by handle: bytes to blocks, the checks, overflow into the heap, releases that go there.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test
-{
-namespace
-{
+namespace velmora::test {
+namespace {
 
 const char kLib[] = "mm/MM_Lib";
 constexpr U32 kRefused = 0xFFFFFFFF;

@@ -52,7 +52,8 @@ TEST_F(InitSegment, ABlockSizeIsTheShiftOfThePowerOfTwoBelow)
     const struct {
         U32 size;
         int shift;
-    } cases[] = {{1, 0}, {2, 1}, {3, 1}, {4, 2}, {6, 2}, {64, 6}, {100, 6}, {127, 6}, {128, 7}, {0x7FFFFFFF, 30}, {0x80000000, 31}, {0xFFFFFFFF, 31}};
+    } cases[] = {{1, 0},   {2, 1},   {3, 1},   {4, 2},           {6, 2},           {64, 6},
+                 {100, 6}, {127, 6}, {128, 7}, {0x7FFFFFFF, 30}, {0x80000000, 31}, {0xFFFFFFFF, 31}};
     for (const auto& item : cases)
         EXPECT_EQ(MM_GetBlkBit(item.size), item.shift) << item.size;
     expectSilence();
@@ -277,7 +278,8 @@ class InitHeap : public InitSegment
 {
 protected:
     // Creates the heap over these stretches.
-    static const TMMSegInfo& heapOver(const std::vector<FreeNode>& stretches, U32 blockBytes, U8 map = 0, U8 discipline = LINKEDLIST)
+    static const TMMSegInfo& heapOver(const std::vector<FreeNode>& stretches, U32 blockBytes, U8 map = 0,
+                                      U8 discipline = LINKEDLIST)
     {
         setFreeMemory(stretches);
         TSegInfoFromApp info = request("HEAP", 0, blockBytes);
@@ -367,9 +369,9 @@ TEST_F(InitHeap, EachPieceHasItsMapInFront)
     for (const U32 address : {kA, kB, kC})
         fill(address, 0xA5, 0x2040);
     const TMMSegInfo& entry = heapOver({{kA + 0x10, 0x1000}, {kB, 0x2000}, {kC + 0x20, 0x2000}}, 64, 8);
-    expectPiece(0, kA + 0x80, kA + 0x1000, kA + 0x40, kA + 0x80);  // 63 blocks: 63 + 1 bytes
-    expectPiece(1, kB + 0x80, kB + 0x2000, kB, kB + 0x80);         // 128 blocks: 128 bytes
-    expectPiece(2, kC + 0xC0, kC + 0x2000, kC + 0x40, kC + 0xC0);  // 127 blocks: 127 + 1 bytes
+    expectPiece(0, kA + 0x80, kA + 0x1000, kA + 0x40, kA + 0x80); // 63 blocks: 63 + 1 bytes
+    expectPiece(1, kB + 0x80, kB + 0x2000, kB, kB + 0x80);        // 128 blocks: 128 bytes
+    expectPiece(2, kC + 0xC0, kC + 0x2000, kC + 0x40, kC + 0xC0); // 127 blocks: 127 + 1 bytes
     expectPiece(3, 0xFFFFFFFF, 0xFFFFFFFF);
     EXPECT_EQ(runs(), (std::vector<FreeNode>{{kA + 0x80, 62}, {kB + 0x80, 126}, {kC + 0xC0, 125}}));
     expectTotals(entry, 313, 313 * 64, 126);
@@ -414,7 +416,8 @@ TEST_F(InitHeap, PiecesMayComeToShareAnAddress)
 
 TEST_F(InitHeap, FivePiecesAreLaidOut)
 {
-    const TMMSegInfo& entry = heapOver({{kA, 0x1000}, {kB, 0x1000}, {kC, 0x1000}, {kD, 0x1000}, {kD + 0x2000, 0x1040}}, 64, 1);
+    const TMMSegInfo& entry =
+        heapOver({{kA, 0x1000}, {kB, 0x1000}, {kC, 0x1000}, {kD, 0x1000}, {kD + 0x2000, 0x1040}}, 64, 1);
     for (U32 i = 0; i < 4; ++i)
         expectPiece(i, kA + 0x100000 * i + 64, kA + 0x100000 * i + 0x1000, kA + 0x100000 * i, kA + 0x100000 * i + 64);
     expectPiece(4, kD + 0x2040, kD + 0x3040, kD + 0x2000, kD + 0x2040);
@@ -449,7 +452,8 @@ TEST_F(InitHeap, NoFloatSegmentCanBePlacedAfterwards)
     heapOver({{kA, 0x10000}}, 64);
     TSegInfoFromApp info = request("RIP0", 0x1000, 64);
     EXPECT_EQ(MM_CreateSegment(&info), U32(EASSERT));
-    EXPECT_EQ(log(), Lines{check(R"(pstSegBlkHead != NULL && "There is no available Segment list")", "mm/MM_MST", "MM_InstallSegment")});
+    EXPECT_EQ(log(), Lines{check(R"(pstSegBlkHead != NULL && "There is no available Segment list")", "mm/MM_MST",
+                                 "MM_InstallSegment")});
 }
 
 class InitHeapRefusal : public InitHeap
@@ -573,8 +577,11 @@ TEST_F(InitSegment, TheLargestRunOfAHandleAbove49Is14)
 {
     for (const U32 handle : {50u, 0x10030u, 0x10032u, 0xFFFFFFFFu}) {
         EXPECT_EQ(MM_FindNewLargestBlk(handle), 14u);
-        EXPECT_EQ(log(), Lines{failed(R"((hulHandle < MAX_SEGTABLE_SIZE && hulHandle >= 0) && "The range of Handle is beyond MST range")",
-                                      "MM_FindNewLargestBlk")});
+        EXPECT_EQ(
+            log(),
+            Lines{failed(
+                R"((hulHandle < MAX_SEGTABLE_SIZE && hulHandle >= 0) && "The range of Handle is beyond MST range")",
+                "MM_FindNewLargestBlk")});
     }
 }
 

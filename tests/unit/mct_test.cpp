@@ -51,7 +51,10 @@ protected:
         return cleared;
     }
 
-    static std::string notFound() { return check(R"(0 && "Can't find such ID in MCT")", "mm/MM_MCT", "MM_ReadSegOnMCT"); }
+    static std::string notFound()
+    {
+        return check(R"(0 && "Can't find such ID in MCT")", "mm/MM_MCT", "MM_ReadSegOnMCT");
+    }
 };
 
 // Default layout --------------------------------------------------------------------------------------
@@ -59,13 +62,17 @@ protected:
 class MctLayout : public MctTest
 {
 protected:
-    static U32 layOut(U32 start = kAreaStart, U32 end = kAreaEnd) { return CM_ConstructDefaultMCT(end - start, end, start); }
+    static U32 layOut(U32 start = kAreaStart, U32 end = kAreaEnd)
+    {
+        return CM_ConstructDefaultMCT(end - start, end, start);
+    }
 
     static std::string badSize() { return check("0", "mmi/MM_Interface", "CM_ConstructDefaultMCT"); }
     static std::string overEnd()
     {
-        return check(R"((ulFixedSegEndAddress <= ulMemEndAddr) && "The range of fixed segment is over the End address of memory")",
-                     "mmi/MM_Interface", "CM_ConstructDefaultMCT");
+        return check(
+            R"((ulFixedSegEndAddress <= ulMemEndAddr) && "The range of fixed segment is over the End address of memory")",
+            "mmi/MM_Interface", "CM_ConstructDefaultMCT");
     }
 };
 
@@ -186,8 +193,10 @@ TEST_F(MctLayout, TheMemoryEndIsTestedBeforeARowsOwnSizeIsAdded)
 TEST_F(MctLayout, ARowThatWouldBeginPastTheMemoryEndStopsIt)
 {
     EXPECT_EQ(layOut(kAreaStart, kStarts[FIL] - 1), U32(EASSERT));
-    EXPECT_EQ(log(), (Lines{"CM_ConstructDefaultMCT: Fixed Seg End addr(0x95212000) is more than memory end addr(0x95211fff)\n",
-                            overEnd()}));
+    EXPECT_EQ(
+        log(),
+        (Lines{"CM_ConstructDefaultMCT: Fixed Seg End addr(0x95212000) is more than memory end addr(0x95211fff)\n",
+               overEnd()}));
     expectStarts({kStarts[MCT], kStarts[RJL], kStarts[JCB], kStarts[UEV], 0});
     EXPECT_EQ(ulFixedSegEndAddress, kStarts[FIL]);
 }
@@ -237,7 +246,8 @@ TEST_F(Mct, LookupOfANullNameOrAnUnknownOneLeavesTheRangeUntouched)
     TSegRange range;
     std::memset(&range, 0xEE, sizeof range);
     EXPECT_EQ(MM_ReadSegOnMCT(nullptr, &range), U32(EASSERT));
-    EXPECT_EQ(log(), Lines{check(R"((aubSegID != NULL) && "Such MCT ID doesn't exist in MCT")", "mm/MM_MCT", "MM_ReadSegOnMCT")});
+    EXPECT_EQ(log(), Lines{check(R"((aubSegID != NULL) && "Such MCT ID doesn't exist in MCT")", "mm/MM_MCT",
+                                 "MM_ReadSegOnMCT")});
     EXPECT_EQ(MM_ReadSegOnMCT(id("$XYZ"), &range), U32(EASSERT));
     EXPECT_EQ(log(), Lines{notFound()});
     EXPECT_TRUE(isFilled(MM_Addr(&range), 0xEE, sizeof range));
@@ -298,7 +308,8 @@ TEST_F(Mct, ADeletedRowIsFilledByTheNextAddAndASecondAddFails)
     expectSilence();
 
     EXPECT_EQ(MM_AddSegment(id("$ONE"), 4096, at(0x9B000000)), U32(EASSERT));
-    EXPECT_EQ(log(), (Lines{notFound(), check(R"(0 && "There is no more space to add segment")", "mm/MM_MCT", "MM_AddSegment")}));
+    EXPECT_EQ(log(), (Lines{notFound(),
+                            check(R"(0 && "There is no more space to add segment")", "mm/MM_MCT", "MM_AddSegment")}));
     for (U32 i = 0; i < FIL; ++i)
         EXPECT_EQ(MM_Addr(stDefaultMCTTable[i].pubStartAddr), kStarts[i]);
     expectRow(FIL, "$NEW", 8192, 0x9A000000);
@@ -346,7 +357,8 @@ TEST_F(Mct, DeleteOfAnUnknownNameFails)
 {
     fillFixed();
     EXPECT_EQ(MM_DeleteSegment(id("$XYZ")), U32(EASSERT));
-    EXPECT_EQ(log(), Lines{check(R"((ubResult == TRUE) && "Can't find such SegmentID")", "mm/MM_MCT", "MM_DeleteSegment")});
+    EXPECT_EQ(log(),
+              Lines{check(R"((ubResult == TRUE) && "Can't find such SegmentID")", "mm/MM_MCT", "MM_DeleteSegment")});
     EXPECT_EQ(clearedRows(), std::vector<U32>{});
     expectStarts(kStarts);
 }
@@ -432,7 +444,8 @@ class MctRestore : public Mct
 protected:
     static std::string badPlace()
     {
-        return check("pstMCTTable[iubMCTTableIDX]->pubStartAddr <= (U8*)((U32)*pubSegMemEndAddr - pstMCTTable[iubMCTTableIDX]->ulSize)",
+        return check("pstMCTTable[iubMCTTableIDX]->pubStartAddr <= (U8*)((U32)*pubSegMemEndAddr - "
+                     "pstMCTTable[iubMCTTableIDX]->ulSize)",
                      "mm/MM_MCT", "MM_RestoreMCT");
     }
 };
@@ -543,7 +556,8 @@ TEST_F(Mct, TheStartAddressIs14BeforeTheLayout)
 {
     ulMCTStartAddr = 0;
     EXPECT_EQ(CM_IF_ReadMCTStartAddr(), 14u);
-    EXPECT_EQ(log(), Lines{check(R"(ulMCTStartAddr && "The start address of MCT is NULL!!!!")", "mmi/MM_Interface", "CM_IF_ReadMCTStartAddr")});
+    EXPECT_EQ(log(), Lines{check(R"(ulMCTStartAddr && "The start address of MCT is NULL!!!!")", "mmi/MM_Interface",
+                                 "CM_IF_ReadMCTStartAddr")});
 }
 
 TEST_F(Mct, DisplayHooksPrintNothing)

@@ -12,7 +12,8 @@ protected:
     {
         return std::string("****** A : [0x") + a + "], B : [0x" + b + "], PAGE_OFFSET : [0x94000000] *****\n";
     }
-    static inline const std::string kNoArea = "printer_mm_init: \nCan't get Big Memory Info, so can't install MM Driver !\n";
+    static inline const std::string kNoArea =
+        "printer_mm_init: \nCan't get Big Memory Info, so can't install MM Driver !\n";
 
     // The entry's answer to a request, and what it asked of the kernel.
     static S32 map(U32 offset, U32 bytes, bool sync, sim::MapTarget& target)
@@ -28,7 +29,8 @@ protected:
 TEST_F(Module, LoadTakesTheAreaWithAMebibyteOffEachEnd)
 {
     EXPECT_EQ(load("95000000-96000000"), 0);
-    EXPECT_EQ(log(), (std::vector<std::string>{areaLine("95000000", "95F00000"), "bigphysares : 0x95100000 ~ 0x95f00000\n"}));
+    EXPECT_EQ(log(),
+              (std::vector<std::string>{areaLine("95000000", "95F00000"), "bigphysares : 0x95100000 ~ 0x95f00000\n"}));
     EXPECT_EQ(memstart, 0x95100000u);
     EXPECT_EQ(memend, 0x95F00000u);
     EXPECT_EQ(*pubSegMemStartAddr, memstart);
@@ -59,11 +61,11 @@ TEST_F(Module, LoadRefusesAnAreaThatIsNotAboveTheLinearMapsStart)
     const struct {
         const char *text, *a, *b;
     } cases[] = {
-        {"94000000-96000000", "94000000", "95F00000"},  // a must be above
-        {"95000000-94100000", "95000000", "94000000"},  // so must the reduced b
-        {"", "0", "FFF00000"},                          // nothing given: b wraps
-        {"nonsense", "0", "FFF00000"},                  //
-        {"95000000", "95000000", "FFF00000"},           // no hyphen: see below, a alone is enough
+        {"94000000-96000000", "94000000", "95F00000"}, // a must be above
+        {"95000000-94100000", "95000000", "94000000"}, // so must the reduced b
+        {"", "0", "FFF00000"},                         // nothing given: b wraps
+        {"nonsense", "0", "FFF00000"},                 //
+        {"95000000", "95000000", "FFF00000"},          // no hyphen: see below, a alone is enough
     };
     for (unsigned i = 0; i < 4; ++i) {
         machine().powerOn();
@@ -98,16 +100,16 @@ TEST_F(Module, TheParameterIsReadAsTheScanFormatReadsIt)
         {"  95000000-96000000", 0x95100000, 0x96000000 / 16 - 0x100000}, // cut to 17 characters: b is 0x9600000
         {" 95000000-9600000a", 0x95100000, 0x9600000 - 0x100000},
         {"9500aBcD-9600ABCd", 0x9510ABCD, 0x95F0ABCD},
-        {"950000001-9600000", 0x95100000, 0xFFF00000}, // nine digits: the hyphen does not follow the eighth
-        {"95000000 -9600000", 0x95100000, 0xFFF00000}, // a blank before the hyphen does not match
-        {"95000000- 9600000", 0x95100000, 0x9500000},  // one after it does
+        {"950000001-9600000", 0x95100000, 0xFFF00000},    // nine digits: the hyphen does not follow the eighth
+        {"95000000 -9600000", 0x95100000, 0xFFF00000},    // a blank before the hyphen does not match
+        {"95000000- 9600000", 0x95100000, 0x9500000},     // one after it does
         {"\t\v95000000-\n\f\r0", 0x95100000, 0xFFF00000}, // as any other white space
-        {"+95000000-9600000", 0, 0},                   // no sign
+        {"+95000000-9600000", 0, 0},                      // no sign
         {"-95000000-9600000", 0, 0},
         {"95000000-+9600000", 0x95100000, 0xFFF00000},
         {"95000000--9600000", 0x95100000, 0xFFF00000},
         {"g5000000-96000000", 0, 0},
-        {"95000000-96g", 0x95100000, 0xFFF00096},      // what follows a number ends it: 0x96 less the margin
+        {"95000000-96g", 0x95100000, 0xFFF00096}, // what follows a number ends it: 0x96 less the margin
         {"95000000-0x960000", 0x95100000, 0x860000},
         {"ffffffff-96000000", 0x000FFFFF, 0x95F00000}, // the start wraps: no check forbids it
     };

@@ -1,10 +1,8 @@
 // Garbage collection by owner and permanent heap blocks.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test
-{
-namespace
-{
+namespace velmora::test {
+namespace {
 
 class Owners : public AllocatorTest
 {

@@ -1,10 +1,8 @@
 // Printer job language commands on the table of fixed segments.
 #include "../support/manager_fixture.h"
 
-namespace velmora::test
-{
-namespace
-{
+namespace velmora::test {
+namespace {
 
 class Pjl : public ManagerTest
 {

@@ -193,7 +193,10 @@ TEST_F(FloatPlacement, APlaceBelowTheAreaIsReportedAfterTheCut)
 {
     setFreeMemory({{kA, 4096}});
     memstart = kA + 1;
-    expectRefused(stack(1000), {failed(R"((*pubSegMemStartAddr <= (unsigned int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range")")});
+    expectRefused(
+        stack(1000),
+        {failed(
+            R"((*pubSegMemStartAddr <= (unsigned int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range")")});
     expectFree({{kA + 1000, 3096}});
 }
 
@@ -201,7 +204,10 @@ TEST_F(FloatPlacement, APlacePastTheAreaIsReportedAfterTheCut)
 {
     setFreeMemory({{kA, 4096}});
     memend = kA + 999;
-    expectRefused(stack(1000), {failed(R"((*pubSegMemEndAddr >= (unsigned int)(pstSegInfo->pubEndAddr)) && "Overflow occurs! Interrupt Total Mem range")")});
+    expectRefused(
+        stack(1000),
+        {failed(
+            R"((*pubSegMemEndAddr >= (unsigned int)(pstSegInfo->pubEndAddr)) && "Overflow occurs! Interrupt Total Mem range")")});
     expectFree({{kA + 1000, 3096}});
 }
 
@@ -219,9 +225,10 @@ TEST_F(FloatPlacement, AFailedInitialisationIsReportedAndIgnored)
     setFreeMemory({{kA, 4096}});
     TMMSegInfo info = working(FLOAT, STACK, 64, 100);
     EXPECT_EQ(MM_InstallSegment(&info), U32(ENOERR));
-    EXPECT_EQ(log(), Lines{check("(stSegTable[hulHandle].ulLargestBlkSize >= 0) && (stSegTable[hulHandle].ulLargestBlkSize <= "
-                                 "stSegTable[hulHandle].ulTotalFreeBlkNum)",
-                                 "mm/MM_InitSegment", "MM_SegInitial")});
+    EXPECT_EQ(log(),
+              Lines{check("(stSegTable[hulHandle].ulLargestBlkSize >= 0) && (stSegTable[hulHandle].ulLargestBlkSize <= "
+                          "stSegTable[hulHandle].ulTotalFreeBlkNum)",
+                          "mm/MM_InitSegment", "MM_SegInitial")});
     EXPECT_EQ(stSegTable[kHandle].pfnAlloc, &MM_Push);
 }
 
@@ -507,17 +514,21 @@ TEST_F(FixedPlacement, ASegmentMayFillTheAreaToItsBounds)
 TEST_F(FixedPlacement, APlaceBelowTheAreaIsRefused)
 {
     setRow(kAreaStart - 0x40, 0x10000000); // also past its end
-    expectRefused(fixed("$NEW"),
-                  {"MM_InstallSegment: *pubSegMemStartAddr 0x95100000 <= (int)(pstSegInfo->pubStartAddr) 0x950fffc0\n",
-                   failed(R"((*pubSegMemStartAddr <= (int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range")")});
+    expectRefused(
+        fixed("$NEW"),
+        {"MM_InstallSegment: *pubSegMemStartAddr 0x95100000 <= (int)(pstSegInfo->pubStartAddr) 0x950fffc0\n",
+         failed(
+             R"((*pubSegMemStartAddr <= (int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range")")});
 }
 
 TEST_F(FixedPlacement, APlacePastTheAreaIsRefusedWithTheLineOfTheStart)
 {
     setRow(kAreaEnd - 0x1000, 0x1001);
-    expectRefused(fixed("$NEW"),
-                  {"MM_InstallSegment: *pubSegMemStartAddr 0x95100000 <= (int)(pstSegInfo->pubStartAddr) 0x9deff000\n",
-                   failed(R"((*pubSegMemEndAddr >= (int)(pstSegInfo->pubEndAddr)) && "Overflow occurs! Interrupt Total Mem range")")});
+    expectRefused(
+        fixed("$NEW"),
+        {"MM_InstallSegment: *pubSegMemStartAddr 0x95100000 <= (int)(pstSegInfo->pubStartAddr) 0x9deff000\n",
+         failed(
+             R"((*pubSegMemEndAddr >= (int)(pstSegInfo->pubEndAddr)) && "Overflow occurs! Interrupt Total Mem range")")});
 }
 
 // Heap ------------------------------------------------------------------------------------------------
@@ -531,7 +542,8 @@ protected:
     {
         std::vector<FreeNode> found;
         for (U32 i = 0; i < 5 && stSegStartAddr.aulHeapAddr[i] != 0xFFFFFFFF; ++i)
-            found.push_back({stSegStartAddr.aulHeapAddr[i], stSegEndAddr.aulHeapAddr[i] - stSegStartAddr.aulHeapAddr[i]});
+            found.push_back(
+                {stSegStartAddr.aulHeapAddr[i], stSegEndAddr.aulHeapAddr[i] - stSegStartAddr.aulHeapAddr[i]});
         return found;
     }
 
@@ -626,7 +638,15 @@ TEST_F(HeapPlacement, FivePiecesAreEnough)
 TEST_F(HeapPlacement, MoreThanFivePiecesAreRefusedWithSmallStretchesDropped)
 {
     constexpr U32 f = 0x95900000, g = 0x95A00000;
-    setFreeMemory({{kA, 64}, {kA + 64, 4096}, {kB, 4096}, {kC, 100}, {kC + 256, 4096}, {kD, 4096}, {kE, 4096}, {f, 4096}, {g, 100}});
+    setFreeMemory({{kA, 64},
+                   {kA + 64, 4096},
+                   {kB, 4096},
+                   {kC, 100},
+                   {kC + 256, 4096},
+                   {kD, 4096},
+                   {kE, 4096},
+                   {f, 4096},
+                   {g, 100}});
     expectRefused(heap(), {failed(R"(pstTempBlk == NULL && "MAX_PIECE_NUM is not enough.")")});
     expectPieces({{kA + 64, 4096}, {kB, 4096}, {kC + 256, 4096}, {kD, 4096}, {kE, 4096}});
     expectFree({{kA + 64, 4096}, {kB, 4096}, {kC + 256, 4096}, {kD, 4096}, {kE, 4096}, {f, 4096}, {g, 100}});
@@ -652,8 +672,11 @@ TEST_F(HeapPlacement, APieceBelowTheAreaIsRefused)
 {
     setFreeMemory({{kA, 4096}, {kB, 4096}});
     memstart = kA + 1;
-    expectRefused(heap(), {"MM_InstallSegment: (U32)pubSegMemStartAddr 95400001, stSegStartAddr.aulHeapAddr[0] 95400000\n",
-                           failed(R"(((U32)*pubSegMemStartAddr <= stSegStartAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
+    expectRefused(
+        heap(),
+        {"MM_InstallSegment: (U32)pubSegMemStartAddr 95400001, stSegStartAddr.aulHeapAddr[0] 95400000\n",
+         failed(
+             R"(((U32)*pubSegMemStartAddr <= stSegStartAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
     expectFree({{kA, 4096}, {kB, 4096}});
 }
 
@@ -661,8 +684,11 @@ TEST_F(HeapPlacement, APiecePastTheAreaIsRefused)
 {
     setFreeMemory({{kA, 4096}, {kB, 4096}});
     memend = kB + 4095;
-    expectRefused(heap(), {"MM_InstallSegment: (U32)*pubSegMemEndAddr 95500fff, stSegEndAddr.aulHeapAddr[1] 95501000\n",
-                           failed(R"(((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
+    expectRefused(
+        heap(),
+        {"MM_InstallSegment: (U32)*pubSegMemEndAddr 95500fff, stSegEndAddr.aulHeapAddr[1] 95501000\n",
+         failed(
+             R"(((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
 }
 
 TEST_F(HeapPlacement, PiecesAreTestedInOrderEachOnesStartFirst)
@@ -670,13 +696,19 @@ TEST_F(HeapPlacement, PiecesAreTestedInOrderEachOnesStartFirst)
     setFreeMemory({{kA, 4096}, {kB, 4096}});
     memstart = kB + 1;
     memend = kA + 1;
-    expectRefused(heap(), {"MM_InstallSegment: (U32)pubSegMemStartAddr 95500001, stSegStartAddr.aulHeapAddr[0] 95400000\n",
-                           failed(R"(((U32)*pubSegMemStartAddr <= stSegStartAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
+    expectRefused(
+        heap(),
+        {"MM_InstallSegment: (U32)pubSegMemStartAddr 95500001, stSegStartAddr.aulHeapAddr[0] 95400000\n",
+         failed(
+             R"(((U32)*pubSegMemStartAddr <= stSegStartAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
 
     setFreeMemory({{kB, 4096}, {kA, 4096}}); // the second piece is below, the first one past
     memstart = kB;
-    expectRefused(heap(), {"MM_InstallSegment: (U32)*pubSegMemEndAddr 95400001, stSegEndAddr.aulHeapAddr[0] 95501000\n",
-                           failed(R"(((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
+    expectRefused(
+        heap(),
+        {"MM_InstallSegment: (U32)*pubSegMemEndAddr 95400001, stSegEndAddr.aulHeapAddr[0] 95501000\n",
+         failed(
+             R"(((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range")")});
 }
 
 TEST_F(HeapPlacement, TheNumberOfPiecesIsTestedBeforeTheirBounds)

@@ -118,8 +118,9 @@ TEST_F(PrintJob, ADocumentTooLargeEndsInAClearMessageWithEverythingGivenBack)
     } catch (const OutOfMemory& error) {
         message = error.what();
     }
-    EXPECT_EQ(message, "the document does not fit into the controller's memory: page 2 needs 46 MiB, and neither the page "
-                       "segment nor the heap has room for its next band");
+    EXPECT_EQ(message,
+              "the document does not fit into the controller's memory: page 2 needs 46 MiB, and neither the page "
+              "segment nor the heap has room for its next band");
     handler_->giveBack(pages);
     expectAllFree();
 }
@@ -141,14 +142,16 @@ TEST_F(PrintJob, FilesThatAreNoRasterAreRefused)
     }
     std::ofstream(file) << "P6\n10 10\n255\nshort";
     StoredPage page{1, 15, {}, {}};
-    EXPECT_THROW(RasterProcessor(sim::openDevice(), layout_, handler_->pageSegment()).store(file, page), std::runtime_error);
+    EXPECT_THROW(RasterProcessor(sim::openDevice(), layout_, handler_->pageSegment()).store(file, page),
+                 std::runtime_error);
     handler_->giveBack({page});
     expectAllFree();
 }
 
 TEST_F(PrintJob, DisplayRowsAreReadColumnByColumn)
 {
-    const auto row = parseDisplayRow(" RIP0   5-    ff000-     1000-       ff-        3-       fc-       fc- 1- 95313000- 95412000\n");
+    const auto row = parseDisplayRow(
+        " RIP0   5-    ff000-     1000-       ff-        3-       fc-       fc- 1- 95313000- 95412000\n");
     ASSERT_TRUE(row);
     EXPECT_EQ(row->name, "RIP0");
     EXPECT_EQ(row->handle, 5u);

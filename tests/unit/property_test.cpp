@@ -5,10 +5,8 @@
 
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test
-{
-namespace
-{
+namespace velmora::test {
+namespace {
 
 constexpr U32 kSteps = 300;
 constexpr U32 kBlockSizes[] = {16, 64, 100, 1024, 4096};

@@ -2,10 +2,8 @@
 #include "../../host/manager_state.h"
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test
-{
-namespace
-{
+namespace velmora::test {
+namespace {
 
 const char kLib[] = "mm/MM_Lib";
 constexpr U32 kAllOnes = 0xFFFFFFFF;

@@ -1,10 +1,8 @@
 // Claims at an address of the caller's choice.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test
-{
-namespace
-{
+namespace velmora::test {
+namespace {
 
 class Realloc : public AllocatorTest
 {

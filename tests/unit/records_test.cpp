@@ -14,9 +14,10 @@ class Records : public ManagerTest
 
 TEST_F(Records, ErrorCodesHaveTheirValues)
 {
-    const int codes[] = {ENOERR,     EINVAOPT,    EOUTOFRANGE, EWRONGADDR, EINVASEGSIZE, EOUTOFFIXED, EOUTOFFLOAT, EINVASEGTYPE,
-                         ENOSEGLIST, ENOMCT,      EERR,        ENOSEGBLOCK, ENOSEGBLK,   ENOSIZE,     EASSERT,     EINITSEM,
-                         EFREESEM,   EPSEM,       EVSEM,       EOPEN,      ECLOSE,       ENULL,       ESEGMENT,    EINVAARG};
+    const int codes[] = {ENOERR,      EINVAOPT,     EOUTOFRANGE, EWRONGADDR, EINVASEGSIZE, EOUTOFFIXED,
+                         EOUTOFFLOAT, EINVASEGTYPE, ENOSEGLIST,  ENOMCT,     EERR,         ENOSEGBLOCK,
+                         ENOSEGBLK,   ENOSIZE,      EASSERT,     EINITSEM,   EFREESEM,     EPSEM,
+                         EVSEM,       EOPEN,        ECLOSE,      ENULL,      ESEGMENT,     EINVAARG};
     static_assert(std::size(codes) == 24);
     for (int i = 0; i < 24; ++i)
         EXPECT_EQ(codes[i], i);
@@ -59,10 +60,10 @@ TEST_F(Records, ConstantsHaveTheirValues)
 
 TEST_F(Records, ControlCommandsAreNumberedFrom0x5300)
 {
-    const U32 commands[] = {MM_CMD_LIB_ENTRY,      MM_CMD_CREATE_SEGMENT, MM_CMD_MALLOC,          MM_CMD_FREE,
-                            MM_CMD_MEMSET,         MM_CMD_DELETE_SEGMENT, MM_CMD_ADD_SEGMENT,     MM_CMD_CLEAR_SEGMENT,
-                            MM_CMD_ENTRY,          MM_CMD_COLLECT_GARBAGE, MM_CMD_CHECK_SEGMENT,  MM_CMD_DISPLAY_MST,
-                            MM_CMD_QUERY_PHYS_ADDR, MM_CMD_GET_MST,       MM_CMD_GET_MCT};
+    const U32 commands[] = {MM_CMD_LIB_ENTRY,       MM_CMD_CREATE_SEGMENT,  MM_CMD_MALLOC,        MM_CMD_FREE,
+                            MM_CMD_MEMSET,          MM_CMD_DELETE_SEGMENT,  MM_CMD_ADD_SEGMENT,   MM_CMD_CLEAR_SEGMENT,
+                            MM_CMD_ENTRY,           MM_CMD_COLLECT_GARBAGE, MM_CMD_CHECK_SEGMENT, MM_CMD_DISPLAY_MST,
+                            MM_CMD_QUERY_PHYS_ADDR, MM_CMD_GET_MST,         MM_CMD_GET_MCT};
     static_assert(std::size(commands) == 15);
     for (U32 i = 0; i < 15; ++i)
         EXPECT_EQ(commands[i], 0x5300 + i);
@@ -354,7 +355,7 @@ TEST_F(Records, CommandRecordsHaveTheirFieldsInPlace)
 // A request "RIP0": float, linked list, map of 8 bits, semaphore, 0x10000 bytes in blocks of 0x1000, VM. 16 blocks
 // need 16 bytes of map, aligned up to a block: 15 blocks from kFloatStart + 0x1000.
 constexpr U8 kRequestBytes[28] = {'R', 'I', 'P', '0', 1, 1, 8, 1, 0, 0, 1, 0, 0, 0x10, 0, 0};
-constexpr U8 kAnsweredBytes[28] = {'R', 'I', 'P', '0', 1,    1, 8, 1, 0, 0,    1, 0, 0, 0x10,
+constexpr U8 kAnsweredBytes[28] = {'R', 'I', 'P', '0', 1, 1, 8, 1,    0, 0, 1, 0, 0, 0x10,
                                    0,   0,   5,   0,   0, 0, 0, 0xF0, 0, 0, 1, 0, 0, 0};
 
 TEST_F(Records, ARequestReadBackFromUserSpaceHasHandleAndGrantedSizeFilledIn)
@@ -416,8 +417,9 @@ TEST_F(Records, TheHeapHasTwoHandles)
 TEST_F(Records, HandlesAbove49AreRejected)
 {
     start();
-    const Lines rejected = {check(R"((hulHandle < MAX_SEGTABLE_SIZE && hulHandle >= 0) && "The range of Handle is beyond MST range")",
-                                  "mm/MM_Lib", "MM_GetTotBlk")};
+    const Lines rejected = {
+        check(R"((hulHandle < MAX_SEGTABLE_SIZE && hulHandle >= 0) && "The range of Handle is beyond MST range")",
+              "mm/MM_Lib", "MM_GetTotBlk")};
     for (const U32 handle : {50u, 0x10030u, 0x10032u, 0xFFFFFFFFu}) {
         EXPECT_EQ(MM_GetTotBlk(handle), 14u) << handle;
         EXPECT_EQ(log(), rejected);
@@ -462,7 +464,8 @@ TEST_F(Records, AConditionIsPrintedAsItIsWritten)
 TEST_F(Records, AMessageIsPrintedInPlaceOfTheCondition)
 {
     EXPECT_EQ(failMessage(0), 0xFFFFFFFFu);
-    EXPECT_EQ(machine().takeLog(), Lines{"Assertion failed! value is too small. " + place("failMessage", kMessageLine)});
+    EXPECT_EQ(machine().takeLog(),
+              Lines{"Assertion failed! value is too small. " + place("failMessage", kMessageLine)});
 }
 
 TEST_F(Records, ACheckWithoutTextPrintsItsPlace)

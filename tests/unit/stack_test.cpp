@@ -1,10 +1,8 @@
 // Stack segments: push from the end downwards, pop of the piece pushed last, the push and pop locks.
 #include "../support/allocator_fixture.h"
 
-namespace velmora::test
-{
-namespace
-{
+namespace velmora::test {
+namespace {
 
 class Stack : public AllocatorTest
 {

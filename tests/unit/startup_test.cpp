@@ -66,9 +66,13 @@ TEST_F(Startup, EntryReturnsALayoutsFailureAndLeavesThePointers)
 TEST_F(Startup, EntryBeforeALoadFindsNoRoomForTheSecondRow)
 {
     EXPECT_EQ(MM_Entry(MM_CONSTRUCT_DEFAULT_MCT), U32(EASSERT));
-    EXPECT_EQ(log(), (Lines{"CM_ConstructDefaultMCT: Fixed Seg End addr(0x1000) is more than memory end addr(0x0)\n",
-                            check(R"((ulFixedSegEndAddress <= ulMemEndAddr) && "The range of fixed segment is over the End address of memory")",
-                                  "mmi/MM_Interface", "CM_ConstructDefaultMCT")}));
+    EXPECT_EQ(
+        log(),
+        (Lines{
+            "CM_ConstructDefaultMCT: Fixed Seg End addr(0x1000) is more than memory end addr(0x0)\n",
+            check(
+                R"((ulFixedSegEndAddress <= ulMemEndAddr) && "The range of fixed segment is over the End address of memory")",
+                "mmi/MM_Interface", "CM_ConstructDefaultMCT")}));
     EXPECT_EQ(pstMCTTable[0], nullptr);
 }
 
@@ -181,7 +185,8 @@ TEST_F(LibraryStart, AFailureToRestoreIsReportedAndDoesNotStopIt)
     disturb();
     stDefaultMCTTable[3].pubStartAddr = at(kAreaEnd);
     EXPECT_EQ(MM_LibEntry(SM_BKUP_NG, nullptr), U32(ENOERR));
-    EXPECT_EQ(log(), Lines{check("pstMCTTable[iubMCTTableIDX]->pubStartAddr <= (U8*)((U32)*pubSegMemEndAddr - pstMCTTable[iubMCTTableIDX]->ulSize)",
+    EXPECT_EQ(log(), Lines{check("pstMCTTable[iubMCTTableIDX]->pubStartAddr <= (U8*)((U32)*pubSegMemEndAddr - "
+                                 "pstMCTTable[iubMCTTableIDX]->ulSize)",
                                  "mm/MM_MCT", "MM_RestoreMCT")});
     expectStarted();
 }
@@ -311,8 +316,11 @@ TEST_F(FreeList, ARowThatReachesPastTheEndFailsWithTheNodeWritten)
     pstSegBlkHead = node(0x9A000000);
     pstSegBlkTail = node(0x9A000040);
     EXPECT_EQ(MM_ConstructSegLinkedList(), U32(EASSERT));
-    EXPECT_EQ(log(), Lines{check(R"(((ulNewEndAddr + pstMCTTable[iubMCTTableIDX]->ulSize) <= (U32)*pubSegMemEndAddr) && "Invalid Fixed Segment Size")",
-                                 "mm/MM_Lib", "MM_ConstructSegLinkedList")});
+    EXPECT_EQ(
+        log(),
+        Lines{check(
+            R"(((ulNewEndAddr + pstMCTTable[iubMCTTableIDX]->ulSize) <= (U32)*pubSegMemEndAddr) && "Invalid Fixed Segment Size")",
+            "mm/MM_Lib", "MM_ConstructSegLinkedList")});
     EXPECT_EQ(node(kFloatStart)->pstNext, nullptr);
     EXPECT_EQ(node(kFloatStart)->pstBack, nullptr);
     EXPECT_EQ(node(kFloatStart)->ulSize, kAreaEnd - kFloatStart);

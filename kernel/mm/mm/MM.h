@@ -45,16 +45,16 @@ typedef struct {
     TSegInfoFromApp stInfoFromApp;
     U8 ubBlkBit; /* log2 of the block size, rounded down; also the unit of all block arithmetic */
     U8 aubPad[3];
-    U8* pubStartAddr;       /* first block */
-    U8* pubEndAddr;         /* past the last block */
-    U8* pubMapStartAddr;    /* owner map, 0 when there is none */
-    U8* pubMapEndAddr;      /* past the owner map */
-    U32 ulSemID;            /* read by nothing */
-    U32 ulTotalBlkNum;      /* blocks */
-    U32 ulTotalAllocBlkNum; /* blocks */
-    U32 ulTotalFreeBlkNum;  /* blocks; free plus allocated is the total */
-    U32 ulLargestBlkSize;   /* longest free run, blocks */
-    U32 ulRealAvailSize;    /* usable bytes */
+    U8* pubStartAddr;         /* first block */
+    U8* pubEndAddr;           /* past the last block */
+    U8* pubMapStartAddr;      /* owner map, 0 when there is none */
+    U8* pubMapEndAddr;        /* past the owner map */
+    U32 ulSemID;              /* read by nothing */
+    U32 ulTotalBlkNum;        /* blocks */
+    U32 ulTotalAllocBlkNum;   /* blocks */
+    U32 ulTotalFreeBlkNum;    /* blocks; free plus allocated is the total */
+    U32 ulLargestBlkSize;     /* longest free run, blocks */
+    U32 ulRealAvailSize;      /* usable bytes */
     TMMAllocRoutine pfnAlloc; /* both set once the segment serves allocations */
     TMMFreeRoutine pfnFree;
 } TMMSegInfo;

@@ -102,7 +102,8 @@ void MM_SetMap(U32 hulHandle, U8* pubBlkTmp, U32 ulReqBlkNum, U8 ubMapID)
     for (U32 ulLeft = ulReqBlkNum; ulLeft > 0;) {
         const U32 ulWhole = clWalker.WholeBytes(ulLeft);
         if (ulWhole > 0) {
-            MM_OrBytes(clWalker.FirstWholeByte(), ulWhole, MM_ByteOf(ubMapID, stSegTable[hulHandle].stInfoFromApp.ubMap));
+            MM_OrBytes(clWalker.FirstWholeByte(), ulWhole,
+                       MM_ByteOf(ubMapID, stSegTable[hulHandle].stInfoFromApp.ubMap));
             ulLeft -= clWalker.SkipBytes(ulWhole);
             continue;
         }

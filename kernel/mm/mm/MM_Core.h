@@ -34,48 +34,47 @@ void MM_ReportPlace(const char* pcFile, const char* pcFunction, S32 slLine);
 
 /* Conditions are printed as they are written, so they keep comparisons that a compiler finds odd (an
  * unsigned value at or above 0). */
-#define MM_PRINTED_CONDITION(condition)                                                            \
-    _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wtype-limits\"")             \
-        _Pragma("GCC diagnostic ignored \"-Wsign-compare\"") if (!(condition))                     \
-            _Pragma("GCC diagnostic pop")
+#define MM_PRINTED_CONDITION(condition)                                                \
+    _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wtype-limits\"") \
+        _Pragma("GCC diagnostic ignored \"-Wsign-compare\"") if (!(condition)) _Pragma("GCC diagnostic pop")
 
 /* When the condition does not hold, reports its text as a check of the function named (a string) and returns the
  * value (none: void). Nothing is undone. Helpers name the entry that they work for. */
-#define MM_ASSERT_FOR(pcFunction, condition, ...)                                                   \
-    do {                                                                                           \
-        MM_PRINTED_CONDITION(condition)                                                            \
-        {                                                                                          \
-            MM_ReportAssertion(#condition, MM_SourcePath(__FILE__), pcFunction, __LINE__);         \
-            return __VA_ARGS__;                                                                    \
-        }                                                                                          \
+#define MM_ASSERT_FOR(pcFunction, condition, ...)                                          \
+    do {                                                                                   \
+        MM_PRINTED_CONDITION(condition)                                                    \
+        {                                                                                  \
+            MM_ReportAssertion(#condition, MM_SourcePath(__FILE__), pcFunction, __LINE__); \
+            return __VA_ARGS__;                                                            \
+        }                                                                                  \
     } while (0)
 
 /* The same in the entry itself. */
-#define MM_ASSERT(condition, ...)                                                                  \
-    do {                                                                                           \
-        MM_PRINTED_CONDITION(condition)                                                            \
-        {                                                                                          \
-            MM_ReportAssertion(#condition, MM_SourcePath(__FILE__), __func__, __LINE__);           \
-            return __VA_ARGS__;                                                                    \
-        }                                                                                          \
+#define MM_ASSERT(condition, ...)                                                        \
+    do {                                                                                 \
+        MM_PRINTED_CONDITION(condition)                                                  \
+        {                                                                                \
+            MM_ReportAssertion(#condition, MM_SourcePath(__FILE__), __func__, __LINE__); \
+            return __VA_ARGS__;                                                          \
+        }                                                                                \
     } while (0)
 
 /* The same with a sentence in place of the condition's text. */
-#define MM_ASSERT_MESSAGE(condition, pcMessage, ...)                                               \
-    do {                                                                                           \
-        if (!(condition)) {                                                                        \
-            MM_ReportMessage(pcMessage, MM_SourcePath(__FILE__), __func__, __LINE__);              \
-            return __VA_ARGS__;                                                                    \
-        }                                                                                          \
+#define MM_ASSERT_MESSAGE(condition, pcMessage, ...)                                  \
+    do {                                                                              \
+        if (!(condition)) {                                                           \
+            MM_ReportMessage(pcMessage, MM_SourcePath(__FILE__), __func__, __LINE__); \
+            return __VA_ARGS__;                                                       \
+        }                                                                             \
     } while (0)
 
 /* The same without any text. */
-#define MM_ASSERT_SILENT(condition, ...)                                                           \
-    do {                                                                                           \
-        if (!(condition)) {                                                                        \
-            MM_ReportPlace(MM_SourcePath(__FILE__), __func__, __LINE__);                           \
-            return __VA_ARGS__;                                                                    \
-        }                                                                                          \
+#define MM_ASSERT_SILENT(condition, ...)                                 \
+    do {                                                                 \
+        if (!(condition)) {                                              \
+            MM_ReportPlace(MM_SourcePath(__FILE__), __func__, __LINE__); \
+            return __VA_ARGS__;                                          \
+        }                                                                \
     } while (0)
 
 /* Bytes of the default fixed segments. */
@@ -154,7 +153,7 @@ extern TMCTInfo* pstMCTTable[MAX_MCT_NUM]; /* the MCT in use */
 extern TMCTInfo MCTTable[MAX_MCT_NUM];     /* a spare MCT, never used */
 extern U32 ulCheckSumField;                /* never used */
 
-extern TMMBlkStr* pstSegBlkHead;     /* free-memory list: stretches that no segment holds, sizes in bytes */
+extern TMMBlkStr* pstSegBlkHead; /* free-memory list: stretches that no segment holds, sizes in bytes */
 extern TMMBlkStr* pstSegBlkTail;
 extern TMMBlkStr* pstHEAPBiggestBlk; /* the heap's biggest piece */
 extern THeapAddrRange stSegStartAddr, stSegEndAddr, stSegMapStartAddr, stSegMapEndAddr;
@@ -175,15 +174,15 @@ extern U32 ulMCTStartAddr;                         /* address of the "$MCT" row,
 /* Lays out the default MCT rows from ulFIXEDSegStartAddr up. ulRamSize is ignored. ENOERR or EASSERT. */
 U32 CM_ConstructDefaultMCT(U32 ulRamSize, U32 ulMemEndAddr, U32 ulFIXEDSegStartAddr);
 TMCTInfo* CM_IF_GetDefaultMCT(void);
-U32 CM_IF_ReadMCTStartAddr(void);                        /* 14 before the layout, deliberately */
-U32 CM_IF_ReadFixedSegStartAddr(void);                   /* start of the managed area */
-U32 CM_IF_ReadFixedSegEndAddr(void);                     /* past the fixed segments */
+U32 CM_IF_ReadMCTStartAddr(void);      /* 14 before the layout, deliberately */
+U32 CM_IF_ReadFixedSegStartAddr(void); /* start of the managed area */
+U32 CM_IF_ReadFixedSegEndAddr(void);   /* past the fixed segments */
 void CM_IF_UpdateFixedSegEndAddr(U32 FixedSegEndAddr);
-U32 CM_IF_RIPAvailBlk(void);                             /* heap blocks kept while several jobs run: 0 */
-U32 CM_IF_EndVar(void);                                  /* start of the managed area */
-U32 CM_IF_ReadRamBaseAddr(void);                         /* 0 */
-U32 CM_IF_ReadRamSize(void);                             /* bytes of the managed area */
-void CM_ShowDEFMCT(void);                                /* empty display hooks */
+U32 CM_IF_RIPAvailBlk(void);     /* heap blocks kept while several jobs run: 0 */
+U32 CM_IF_EndVar(void);          /* start of the managed area */
+U32 CM_IF_ReadRamBaseAddr(void); /* 0 */
+U32 CM_IF_ReadRamSize(void);     /* bytes of the managed area */
+void CM_ShowDEFMCT(void);        /* empty display hooks */
 void CM_ShowMCT(void);
 
 /* Entries that one unit offers to the others --------------------------------------------------------- */

@@ -10,7 +10,8 @@
 #include "MM_Map.h"
 #include "MM_RunIndex.h"
 
-const U8 aubMapIDMaskTbl[8] = {0x01, 0x03, 0x07, 0x0F, 0x1F, 0x3F, 0x70, 0xFF}; /* 0x70 is intended; no width reads it */
+/* 0x70 is intended; no width reads it. */
+const U8 aubMapIDMaskTbl[8] = {0x01, 0x03, 0x07, 0x0F, 0x1F, 0x3F, 0x70, 0xFF};
 const U8 aubBitMaskTbl[8] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
 
 namespace {
@@ -213,7 +214,8 @@ U32 MM_ClearMap(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
         if (clWalker.NextByte()) {
             stTempBlk.pubyiscp = clWalker.Byte();
             MM_ASSERT(stTempBlk.pubyiscp <= pubMapEndAddr, EASSERT);
-            if (stTempBlk.pubyiscp == pubMapEndAddr) /* the end itself still passes, on purpose: a byte of the first block */
+            /* The end itself still passes, on purpose: a byte of the first block. */
+            if (stTempBlk.pubyiscp == pubMapEndAddr)
                 MM_MemoryWritten(stTempBlk.ulyisl, 1);
         }
         clWalker.NextEntry();
@@ -247,7 +249,8 @@ U32 MM_Pop(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 
     MM_ASSERT((ulBlkNo > 0) && "Requested Block Size is invalid", EASSERT);
     MM_ASSERT((pubRlsAddr == astStackStr[hulHandle].pubStackHead) && "Already Freed Address is requested!", EASSERT);
-    astStackStr[hulHandle].pubStackHead = MM_At(MM_Addr(pubRlsAddr) + ulBytes); /* stored before the next check, on purpose */
+    /* Stored before the next check, on purpose. */
+    astStackStr[hulHandle].pubStackHead = MM_At(MM_Addr(pubRlsAddr) + ulBytes);
     MM_ASSERT(((astStackStr[hulHandle].pubStackHead) <= (stSegTable[hulHandle].pubEndAddr)) && "Interrupt an another Segment",
               EASSERT);
 

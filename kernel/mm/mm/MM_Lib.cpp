@@ -65,16 +65,10 @@ U32 MM_LibEntry(TStartOption enStartOption, void (*)(void))
     U8 aubJobControl[4] = {'$', 'J', 'C', 'B'};
     switch (enStartOption) {
     case SM_BKUP_OK:
-    case SM_BKUP_FLASH:
-        break;
-    case SM_BKUP_NG:
-        MM_RestoreMCT();
-        break;
-    case SM_AJL_CLR:
-        MM_ClearSegment(aubJobControl);
-        break;
-    default:
-        MM_ASSERT(0 && "Inpropriate Option Value!!", EASSERT);
+    case SM_BKUP_FLASH: break;
+    case SM_BKUP_NG: MM_RestoreMCT(); break;
+    case SM_AJL_CLR: MM_ClearSegment(aubJobControl); break;
+    default: MM_ASSERT(0 && "Inpropriate Option Value!!", EASSERT);
     }
     return MM_ConstructSegLinkedList();
 }
@@ -639,10 +633,10 @@ struct TMMRow {
 using TMMPrintRow = void (*)(const TMMRow& stRow);
 
 /* The name, handle, block size and VM column come from the request record, the rest from the row. */
-#define MM_ROW_ARGS(r)                                                                             \
-    (r).stName.aubSegID[0], (r).stName.aubSegID[1], (r).stName.aubSegID[2], (r).stName.aubSegID[3],  \
-        (r).stName.hulHandle, (r).ulSize, (r).stName.ulBlkSize, (r).ulTotal, (r).ulAlloc, (r).ulFree,   \
-        (r).ulLargest, (r).stName.ubVM, (r).ulStart, (r).ulEnd
+#define MM_ROW_ARGS(r)                                                                                               \
+    (r).stName.aubSegID[0], (r).stName.aubSegID[1], (r).stName.aubSegID[2], (r).stName.aubSegID[3],                  \
+        (r).stName.hulHandle, (r).ulSize, (r).stName.ulBlkSize, (r).ulTotal, (r).ulAlloc, (r).ulFree, (r).ulLargest, \
+        (r).stName.ubVM, (r).ulStart, (r).ulEnd
 
 void PrintDisplayRow(const TMMRow& stRow)
 {

@@ -189,8 +189,8 @@ U32 PlaceHeap(TMMSegInfo* pstSegInfo)
             return EOUTOFRANGE; /* GCOVR_EXCL_LINE: unchanged memory fails the check before */
         }
         if (*pubSegMemEndAddr < stSegEndAddr.aulHeapAddr[ubIdx]) {
-            MMP_Print("%s: (U32)*pubSegMemEndAddr %x, stSegEndAddr.aulHeapAddr[%d] %x\n", "MM_InstallSegment", *pubSegMemEndAddr,
-                      ubIdx, stSegEndAddr.aulHeapAddr[ubIdx]);
+            MMP_Print("%s: (U32)*pubSegMemEndAddr %x, stSegEndAddr.aulHeapAddr[%d] %x\n", "MM_InstallSegment",
+                      *pubSegMemEndAddr, ubIdx, stSegEndAddr.aulHeapAddr[ubIdx]);
             MM_ASSERT_FOR("MM_InstallSegment", ((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range",
                       EASSERT);
             return EOUTOFRANGE; /* GCOVR_EXCL_LINE: unchanged memory fails the check before */

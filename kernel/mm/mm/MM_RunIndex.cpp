@@ -7,12 +7,12 @@ TMMRunIndex astRunIndex[MAX_SEGTABLE_SIZE];
 
 namespace {
 
-constexpr U32 POOL_WORDS = 260000; /* of all tables; with the descriptors below 1 MiB */
+constexpr U32 POOL_WORDS = 260000;  /* of all tables; with the descriptors below 1 MiB */
 constexpr U32 SMALLEST_SHARE = 512; /* what a segment of many gets */
 constexpr U32 HELD_BACK_WORDS = SMALLEST_SHARE * MAX_SEGTABLE_SIZE;
-constexpr U32 NODE_BYTES = 12;   /* what a run's header takes */
-constexpr U8 MIN_BLK_BIT = 4;    /* blocks that hold one */
-constexpr U8 CHUNK_BLK_BIT = 5;  /* a chunk has 32 blocks, 16 runs at the most, where there is room */
+constexpr U32 NODE_BYTES = 12;  /* what a run's header takes */
+constexpr U8 MIN_BLK_BIT = 4;   /* blocks that hold one */
+constexpr U8 CHUNK_BLK_BIT = 5; /* a chunk has 32 blocks, 16 runs at the most, where there is room */
 constexpr U32 GROUP_CHUNKS = 8; /* long runs are kept for every eight chunks: that is one where there is room */
 
 U32 aulPool[POOL_WORDS];
@@ -40,7 +40,8 @@ TMMSpan HeldSpan(U32 hulHandle, U8 ubIdx)
 {
     if (hulHandle == HEAPHANDLE) {
         const U32 ulMapStart = MM_PieceAddr(PIECE_MAP_START, ubIdx);
-        return {ulMapStart != MM_UNUSED_PIECE ? ulMapStart : MM_PieceAddr(PIECE_START, ubIdx), MM_PieceAddr(PIECE_END, ubIdx)};
+        return {ulMapStart != MM_UNUSED_PIECE ? ulMapStart : MM_PieceAddr(PIECE_START, ubIdx),
+                MM_PieceAddr(PIECE_END, ubIdx)};
     }
     const TMMSegInfo& stSeg = stSegTable[hulHandle];
     const U32 ulStart = MM_Addr(stSeg.pubMapStartAddr != nullptr ? stSeg.pubMapStartAddr : stSeg.pubStartAddr);
@@ -183,7 +184,8 @@ bool TakeTables(U32 hulHandle, TMMRunIndex& stIndex)
 {
     const U32 ulShare = ShareOfPool(hulHandle);
 
-    for (stIndex.ubChunkBit = static_cast<U8>(stIndex.ubBlkBit + CHUNK_BLK_BIT); stIndex.ubChunkBit < 32; ++stIndex.ubChunkBit) {
+    for (stIndex.ubChunkBit = static_cast<U8>(stIndex.ubBlkBit + CHUNK_BLK_BIT); stIndex.ubChunkBit < 32;
+         ++stIndex.ubChunkBit) {
         stIndex.ulChunks = ((stIndex.ulEnd - stIndex.ulStart - 1) >> stIndex.ubChunkBit) + 1;
         if (stIndex.ulChunks > POOL_WORDS)
             continue;
@@ -202,7 +204,8 @@ bool TakeTables(U32 hulHandle, TMMRunIndex& stIndex)
 U32 LongestOfChunk(const TMMRunIndex& stIndex, U32 ulChunk)
 {
     U32 ulLongest = 0;
-    for (TMMBlkStr* pstRun = MM_At<TMMBlkStr>(stIndex.pulTop[ulChunk]); IsInChunk(stIndex, pstRun, ulChunk); pstRun = MM_Back(pstRun))
+    for (TMMBlkStr* pstRun = MM_At<TMMBlkStr>(stIndex.pulTop[ulChunk]); IsInChunk(stIndex, pstRun, ulChunk);
+         pstRun = MM_Back(pstRun))
         if (MM_Size(pstRun) > ulLongest)
             ulLongest = MM_Size(pstRun);
     return ulLongest;
@@ -291,7 +294,8 @@ void MM_BuildRunIndex(U32 hulHandle)
 
     stIndex.enState = INDEX_NONE;
     const bool fShared = DropSharers(hulHandle);
-    if (fNoIndex || fShared || stSeg.pfnAlloc != MM_AllocBlk || stSeg.ubBlkBit < MIN_BLK_BIT || stSpan.ulStart >= stSpan.ulEnd)
+    if (fNoIndex || fShared || stSeg.pfnAlloc != MM_AllocBlk || stSeg.ubBlkBit < MIN_BLK_BIT ||
+        stSpan.ulStart >= stSpan.ulEnd)
         return;
     stIndex.ubBlkBit = stSeg.ubBlkBit;
     stIndex.ulStart = stSpan.ulStart;
@@ -399,7 +403,8 @@ TMMBlkStr* MM_IndexedRun(TMMRunIndex& stIndex, U32 ulReqBlkNum)
     }
 
     if (ulChunk != MM_NO_ELEMENT)
-        for (TMMBlkStr* pstRun = MM_At<TMMBlkStr>(stIndex.pulTop[ulChunk]); IsInChunk(stIndex, pstRun, ulChunk); pstRun = MM_Back(pstRun))
+        for (TMMBlkStr* pstRun = MM_At<TMMBlkStr>(stIndex.pulTop[ulChunk]); IsInChunk(stIndex, pstRun, ulChunk);
+             pstRun = MM_Back(pstRun))
             if (MM_Size(pstRun) >= ulReqBlkNum)
                 return pstRun;
     stIndex.enState = INDEX_NONE;

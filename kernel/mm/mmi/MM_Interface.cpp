@@ -106,9 +106,13 @@ U32 CM_IF_ReadRamSize(void)
     return memend - memstart;
 }
 
-void CM_ShowDEFMCT(void) {}
+void CM_ShowDEFMCT(void)
+{
+}
 
-void CM_ShowMCT(void) {}
+void CM_ShowMCT(void)
+{
+}
 
 /* Load and unload ----------------------------------------------------------------------------------- */
 
