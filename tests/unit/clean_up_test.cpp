@@ -114,22 +114,55 @@ TEST_F(CleanUp, OwnerBitsBeyondTheByteNeverMatch)
     EXPECT_EQ(mapFromEnd(seg, 2), (std::vector<U8>{0x31, 0x31}));
 }
 
-TEST_F(CleanUp, OwnerWiderThanTheEntryNeverMatches)
+TEST_F(CleanUp, OwnerWiderThanTheEntryMatchesWhereItsBitsStandInNeighbouringEntries)
 {
     const struct {
-        U8 mapBits, owner, wide;
-    } cases[] = {{1, 1, 2}, {1, 1, 3}, {1, 1, 254}, {2, 3, 4}, {2, 3, 0x3F}, {4, 15, 16}, {4, 15, 254}};
+        U8 mapBits, owner;
+        std::vector<Run> owners; // from the segment's end
+        Runs given;
+        std::vector<U32> counts;
+        std::vector<U8> mapLeft;
+    } cases[] = {
+        // 0xE3 0xBF: bits 0+1, 5+6, 6+7; then 0+1 to 4+5. The highest bit of a byte has no neighbour above it.
+        {1, 3, {{1, 2}, {0, 3}, {1, 9}, {0, 1}, {1, 1}}, {{50, 5}, {56, 2}, {62, 1}}, {63, 55, 8, 5}, {0x82, 0xA0, 0}},
+        // 0x95 0xFF: the low bits of two neighbouring entries.
+        {2, 5, {{1, 3}, {2, 1}, {3, 4}}, {{56, 3}, {61, 2}}, {63, 58, 5, 3}, {0x90, 0xC0, 0}},
+        // 0x13 0x33 0x23: 3 below an entry with bit 0.
+        {4, 0x13, {{3, 1}, {1, 1}, {3, 3}, {2, 1}}, {{60, 1}, {62, 1}}, {63, 61, 2, 1}, {0x10, 0x30, 0x23}},
+    };
     for (const auto& c : cases) {
-        SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits, owner " << int(c.wide));
+        SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
         machine().powerOn();
         ManagerTest::start();
         const U32 seg = mapped(c.mapBits);
-        ASSERT_NE(alloc(seg, 40, c.owner), 0U); // whole bytes of set bits, from which neighbours could be taken
-        const auto before = counts(seg);
-        MM_CleanUp(seg, c.wide);
-        EXPECT_EQ(counts(seg), before);
+        allocateAll(seg, c.owners);
+        MM_CleanUp(seg, c.owner);
+        EXPECT_EQ(blockRuns(seg), c.given);
+        EXPECT_EQ(counts(seg), c.counts);
+        EXPECT_EQ(mapFromEnd(seg, 3), c.mapLeft);
         expectSilence();
     }
+}
+
+TEST_F(CleanUp, OwnerWhoseBitsAllLieAboveTheEntryTakesTheBlockNextToThem)
+{
+    const U32 seg = mapped(1);
+    allocateAll(seg, {{0, 1}, {1, 1}}); // 0x02
+    MM_CleanUp(seg, 2);
+    EXPECT_EQ(blockRuns(seg), (Runs{{62, 1}})); // the block whose own entry is clear
+    EXPECT_EQ(mapByte(seg, 1), 0x02);
+    expectSilence();
+}
+
+TEST_F(CleanUp, OwnerOfSevenBitsMatchesOneEntryOfEachFullByteOfOneBitEntries)
+{
+    const U32 seg = mapped(1);
+    ASSERT_NE(alloc(seg, 40, 1), 0U); // five bytes of 0xFF
+    MM_CleanUp(seg, 0xFE);
+    EXPECT_EQ(blockRuns(seg), (Runs{{0, 23}, {30, 1}, {38, 1}, {46, 1}, {54, 1}, {62, 1}}));
+    EXPECT_EQ(mapFromEnd(seg, 6), (std::vector<U8>{0xFE, 0xFE, 0xFE, 0xFE, 0xFE, 0}));
+    EXPECT_EQ(counts(seg), (std::vector<U32>{63, 35, 28, 23}));
+    expectSilence();
 }
 
 TEST_F(CleanUp, RunThatReachesTheMapsStartIsNotReleased)

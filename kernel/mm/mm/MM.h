@@ -206,8 +206,10 @@ U32 MM_ReallocBlock(U32 hulHandle, U8* pubReallocAddr, U32 ulReqBlk);
 
 /* Owners ------------------------------------------------------------------------------------------ */
 
-/* Releases every run of blocks that the segment's map (0 to 49 or the alias) records for the owner.
- * ENOERR, or EASSERT for a handle out of range. */
+/* Releases the blocks of a segment (0 to 49 or the alias) whose map entries contain the ID: every bit of the ID,
+ * shifted to the entry, is set in the entry's byte. So owner 1 takes owner 3's blocks as well, and an ID wider than the
+ * entry goes by the bits of its neighbours. A run that reaches the map's start is not released. ENOERR, or EASSERT
+ * for a handle out of range; a release that the allocator refuses is on the kernel log only. */
 U32 MM_CollectGarbage(U32 hulHandle, U8 ubMapID);
 
 /* Marks ulSize allocated heap blocks at ulBlkPtr as permanent: owner 254. */

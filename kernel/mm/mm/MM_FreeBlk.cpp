@@ -126,7 +126,8 @@ void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
     const U8 ubBlkBit = stSegTable[hulHandle].ubBlkBit;
     const U32 ulByteEntries = 8 / ubWidth;
     const U8 ubOwned = MM_ByteOf(ubMapID, ubWidth);
-    U32 ulEntry = 0; /* counted from the map's end */
+    const bool fFits = ubMapID >> ubWidth == 0; /* a wider ID reaches into the entries above, not past their byte */
+    U32 ulEntry = 0;                            /* counted from the map's end */
     U32 ulRun = 0;
 
     for (U8* pubByte = stRange.pubMapEndAddr; pubByte > stRange.pubMapStartAddr;) {
@@ -136,7 +137,7 @@ void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
             ulEntry += ulByteEntries;
             continue;
         }
-        if ((*pubByte & ubOwned) == ubOwned) { /* all the owner's */
+        if (fFits && (*pubByte & ubOwned) == ubOwned) { /* all the owner's */
             ulEntry += ulByteEntries;
             ulRun += ulByteEntries;
             continue;
@@ -230,8 +231,7 @@ U32 MM_ClearMap(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 
 void MM_CleanUp(U32 hulHandle, U8 ubMapID)
 {
-    const U8 ubMap = stSegTable[hulHandle].stInfoFromApp.ubMap;
-    if (ubMap == 0 || (ubMapID >> ubMap) != 0) /* an ID wider than the entry is nobody's */
+    if (stSegTable[hulHandle].stInfoFromApp.ubMap == 0)
         return;
     if (hulHandle != HEAPHANDLE) {
         CleanUpRange(hulHandle, ubMapID, MM_RangeOf(hulHandle, nullptr));
