@@ -22,7 +22,7 @@ protected:
         const U32 end = MM_Addr(stSegTable[handle].pubEndAddr);
         for (U32 i = 1; i <= 64; i += 2)
             MM_FreeBlock(handle, at(end - i * blockBytes), 1);
-        EXPECT_NE(MM_AwakeRunIndex(handle), nullptr);
+        EXPECT_TRUE(MM_IsRunIndexAwake(handle));
         return handle;
     }
 
@@ -187,14 +187,14 @@ TEST_F(RunIndex, AnIndexSleepsWhileThereAreFewRuns)
     const auto block = [=](U32 i) { return at(end - (2 * i + 1) * 64); };
     for (U32 i = 0; i < WAKE_RUNS - 1; ++i)
         ASSERT_EQ(MM_FreeBlock(handle, block(i), 1), U32(ENOERR));
-    EXPECT_EQ(MM_AwakeRunIndex(handle), nullptr); // with the long run: WAKE_RUNS
+    EXPECT_FALSE(MM_IsRunIndexAwake(handle)); // with the long run: WAKE_RUNS
     ASSERT_EQ(MM_FreeBlock(handle, block(WAKE_RUNS - 1), 1), U32(ENOERR));
-    EXPECT_NE(MM_AwakeRunIndex(handle), nullptr);
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle));
     for (U32 i = 0; i < WAKE_RUNS - SLEEP_RUNS + 1; ++i)
         ASSERT_NE(MM_AllocBlock(handle, 1, 0), 0u);
-    EXPECT_NE(MM_AwakeRunIndex(handle), nullptr);
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle));
     ASSERT_NE(MM_AllocBlock(handle, 1, 0), 0u);
-    EXPECT_EQ(MM_AwakeRunIndex(handle), nullptr);
+    EXPECT_FALSE(MM_IsRunIndexAwake(handle));
     EXPECT_TRUE(MM_HasRunIndex(handle));
 }
 
@@ -239,7 +239,7 @@ TEST_F(RunIndex, ARequestThatIsNegativeDropsTheIndex)
     for (U32 i = 0; i < 40; ++i) // from the end: a free block, one that stays, two free ones, four that stay
         for (U32 blocks = 1; blocks <= 2; ++blocks)
             MM_FreeBlock(handle, at(end - (8 * i + blocks * blocks) * 64), blocks);
-    ASSERT_NE(MM_AwakeRunIndex(handle), nullptr);
+    ASSERT_TRUE(MM_IsRunIndexAwake(handle));
 
     const U32 tail = MM_Addr(astBlkTail[handle].pstBlk);
     EXPECT_EQ(MM_AllocBlock(handle, 0xFFFFFFFB, 0), tail + 6 * 64); // five blocks less than none: the run has six now
@@ -285,7 +285,7 @@ TEST_F(RunIndex, MemoryThatIsWrittenWhereAHeaderLiesDropsTheIndex)
                  {0, 0xFFFFFFFF, false}, {run, 0, true},         {0xFFFFFFFF, 1, true}};
     for (const auto& c : cases) {
         MM_BuildRunIndex(handle);
-        ASSERT_NE(MM_AwakeRunIndex(handle), nullptr);
+        ASSERT_TRUE(MM_IsRunIndexAwake(handle));
         MM_MemoryWritten(c.address, c.bytes);
         EXPECT_EQ(MM_HasRunIndex(handle), c.kept) << c.address << "+" << c.bytes;
     }

@@ -5,7 +5,8 @@
 #include "MM_List.h"
 #include "MM_Lock.h"
 #include "MM_Map.h"
-#include "MM_RunIndex.h"
+#include "MM_Memory.h"
+#include "MM_Stack.h"
 
 namespace {
 
@@ -19,36 +20,30 @@ TMMBlkStr* WalkToRun(TMMBlkStr* pstTail, U32 ulReqBlkNum)
     return nullptr;
 }
 
-TMMBlkStr* FindRun(U32 hulHandle, U32 ulReqBlkNum)
+TMMBlkStr* FindRun(TMMRunIndex& stIndex, U32 hulHandle, U32 ulReqBlkNum)
 {
-    TMMRunIndex* const pstIndex = MM_AwakeRunIndex(hulHandle);
-    if (pstIndex != nullptr && ulReqBlkNum - 1 < MAX_INDEXED_REQUEST) {
-        TMMBlkStr* const pstRun = MM_IndexedRun(*pstIndex, ulReqBlkNum);
-        if (pstIndex->enState == INDEX_AWAKE)
-            return pstRun;
+    if (stIndex.enState == INDEX_AWAKE) {
+        const TMMAnswer<TMMBlkStr*> stFound = stIndex.clTables.Find(ulReqBlkNum);
+        if (stFound.fKnown)
+            return stFound.answer;
+        MM_SetIndexState(stIndex, INDEX_NONE);
     }
-    TMMBlkStr* const pstTail = astBlkTail[hulHandle].pstBlk;
-    TMMBlkStr* pstRun = WalkToRun(pstTail, ulReqBlkNum);
-    if (pstRun == nullptr && stSegTable[hulHandle].ulLargestBlkSize >= ulReqBlkNum)
-        pstRun = WalkToRun(pstTail, ulReqBlkNum); /* counters and list disagree: one more walk, never an endless one */
-    if (pstRun != nullptr && ulReqBlkNum > MAX_INDEXED_REQUEST)
-        MM_DropRunIndex(hulHandle); /* what is cut off is negative: the run grows over what lies behind it */
-    return pstRun;
+    return WalkToRun(astBlkTail[hulHandle].pstBlk, ulReqBlkNum);
 }
 
 /* Takes blocks off the high end of a run, so that the header of what remains never moves. */
-TMMBlkStr* CutRun(U32 hulHandle, TMMBlkStr* pstRun, U32 ulReqBlkNum)
+TMMBlkStr* CutRun(TMMRunIndex& stIndex, U32 hulHandle, TMMBlkStr* pstRun, U32 ulReqBlkNum)
 {
     const U32 ulSize = MM_Size(pstRun);
     const U32 ulRest = ulSize - ulReqBlkNum;
     if (ulRest == 0) {
         TMMBlkStr* const pstLower = MM_Back(pstRun);
         MM_Unlink(TMMRunList{hulHandle}, pstRun);
-        MM_IndexRunRemoved(hulHandle, pstRun, ulSize, pstLower);
+        MM_RunRemoved(stIndex, pstRun, ulSize, pstLower);
         return pstRun;
     }
     MM_SetSize(pstRun, ulRest);
-    MM_IndexRunShrunk(hulHandle, pstRun, ulSize);
+    MM_RunShrunk(stIndex, pstRun, ulSize);
     return MM_At<TMMBlkStr>(MM_Addr(pstRun) + MM_BlkToBytes(ulRest, stSegTable[hulHandle].ubBlkBit));
 }
 
@@ -60,13 +55,14 @@ TMMBlkStr* MM_SearchBlock(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
         return nullptr;
     const bool fLocked = MM_LockSegment(hulHandle, search_lock);
 
-    TMMBlkStr* const pstRun = FindRun(hulHandle, ulReqBlkNum);
+    TMMRunIndex& stIndex = MM_OpenRunIndex(hulHandle);
+    TMMBlkStr* const pstRun = FindRun(stIndex, hulHandle, ulReqBlkNum);
     if (pstRun == nullptr) {
         MM_UnlockSegment(fLocked, search_lock);
         return nullptr;
     }
 
-    TMMBlkStr* const pstResult = CutRun(hulHandle, pstRun, ulReqBlkNum);
+    TMMBlkStr* const pstResult = CutRun(stIndex, hulHandle, pstRun, ulReqBlkNum);
     MM_CheckRunIndex(hulHandle);
     if (stSeg.stInfoFromApp.ubMap != 0 && ubMapID != 0)
         MM_SetMap(hulHandle, reinterpret_cast<U8*>(pstResult), ulReqBlkNum, ubMapID);
@@ -123,10 +119,7 @@ U32 MM_SearchMap(U8* pubCurrentAddr, U8* pubEndAddr, U8 ubBlkBit)
 
 U8 MM_GetHeapBlkID(U8* pubReqAddr)
 {
-    U8 ubIdx = 0;
-    while (ubIdx < MAX_PIECE_NUM && MM_IsPiece(ubIdx) && !MM_IsInPiece(ubIdx, MM_Addr(pubReqAddr)))
-        ++ubIdx;
-    return ubIdx;
+    return MM_FindPiece(MM_Addr(pubReqAddr));
 }
 
 U8* MM_Push(U32 hulHandle, U32 ulReqBlkNum, U8)

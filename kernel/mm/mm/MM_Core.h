@@ -1,81 +1,13 @@
 /*
- * MM_Core.h - what the core's units share and nobody else sees: the assertion report, the global
- * tables, and the entries of one unit that another one calls.
+ * MM_Core.h - what the core's units share and nobody else sees: addresses, the global tables, and the entries of
+ * one unit that another one calls.
  */
 #ifndef MM_CORE_H
 #define MM_CORE_H
 
 #include "../MM_Platform.h"
 #include "MM.h"
-
-/* Assertion report -------------------------------------------------------------------------------- */
-
-/* The source path as it is printed: relative to the repository, whatever folder the build ran in. */
-constexpr const char* MM_SourcePath(const char* pcFile)
-{
-    constexpr char acRoot[] = "kernel/mm/";
-    const char* pcFound = pcFile;
-    for (const char* pc = pcFile; *pc != '\0'; ++pc) {
-        U32 ulSame = 0;
-        while (acRoot[ulSame] != '\0' && pc[ulSame] == acRoot[ulSame])
-            ++ulSame;
-        if (acRoot[ulSame] == '\0')
-            pcFound = pc;
-    }
-    return pcFound;
-}
-
-extern "C" {
-/* One line each: a condition's text, a plain message, or neither. */
-void MM_ReportAssertion(const char* pcCondition, const char* pcFile, const char* pcFunction, S32 slLine);
-void MM_ReportMessage(const char* pcMessage, const char* pcFile, const char* pcFunction, S32 slLine);
-void MM_ReportPlace(const char* pcFile, const char* pcFunction, S32 slLine);
-}
-
-/* Conditions are printed as they are written, so they keep comparisons that a compiler finds odd (an
- * unsigned value at or above 0). */
-#define MM_PRINTED_CONDITION(condition)                                                \
-    _Pragma("GCC diagnostic push") _Pragma("GCC diagnostic ignored \"-Wtype-limits\"") \
-        _Pragma("GCC diagnostic ignored \"-Wsign-compare\"") if (!(condition)) _Pragma("GCC diagnostic pop")
-
-/* When the condition does not hold, reports its text as a check of the function named (a string) and returns the
- * value (none: void). Nothing is undone. Helpers name the entry that they work for. */
-#define MM_ASSERT_FOR(pcFunction, condition, ...)                                          \
-    do {                                                                                   \
-        MM_PRINTED_CONDITION(condition)                                                    \
-        {                                                                                  \
-            MM_ReportAssertion(#condition, MM_SourcePath(__FILE__), pcFunction, __LINE__); \
-            return __VA_ARGS__;                                                            \
-        }                                                                                  \
-    } while (0)
-
-/* The same in the entry itself. */
-#define MM_ASSERT(condition, ...)                                                        \
-    do {                                                                                 \
-        MM_PRINTED_CONDITION(condition)                                                  \
-        {                                                                                \
-            MM_ReportAssertion(#condition, MM_SourcePath(__FILE__), __func__, __LINE__); \
-            return __VA_ARGS__;                                                          \
-        }                                                                                \
-    } while (0)
-
-/* The same with a sentence in place of the condition's text. */
-#define MM_ASSERT_MESSAGE(condition, pcMessage, ...)                                  \
-    do {                                                                              \
-        if (!(condition)) {                                                           \
-            MM_ReportMessage(pcMessage, MM_SourcePath(__FILE__), __func__, __LINE__); \
-            return __VA_ARGS__;                                                       \
-        }                                                                             \
-    } while (0)
-
-/* The same without any text. */
-#define MM_ASSERT_SILENT(condition, ...)                                 \
-    do {                                                                 \
-        if (!(condition)) {                                              \
-            MM_ReportPlace(MM_SourcePath(__FILE__), __func__, __LINE__); \
-            return __VA_ARGS__;                                          \
-        }                                                                \
-    } while (0)
+#include "MM_Assert.h"
 
 /* Bytes of the default fixed segments. */
 enum {
@@ -136,7 +68,11 @@ inline U32 MM_RealHandle(U32 hulHandle)
     return hulHandle == HEAPHANDLE_ALIAS ? U32(HEAPHANDLE) : hulHandle;
 }
 
-/* Global tables: single instances, all of the manager's state ---------------------------------------- */
+/* Global tables -------------------------------------------------------------------------------------- */
+
+/* Single instances, zero at load but for hulFloatHandle and the default MCT. Two more units hold state of their own: the run
+ * indexes (MM_RunIndex.h), which say nothing that the lists do not, and the device interface (the module's parameter and
+ * its major number). */
 
 extern "C" {
 extern TMMSegInfo stSegTable[MAX_SEGTABLE_SIZE]; /* the MST */

@@ -8,7 +8,8 @@
 #include "MM_List.h"
 #include "MM_Lock.h"
 #include "MM_Map.h"
-#include "MM_RunIndex.h"
+#include "MM_Memory.h"
+#include "MM_Stack.h"
 
 /* 0x70 is intended; no width reads it. */
 const U8 aubMapIDMaskTbl[8] = {0x01, 0x03, 0x07, 0x0F, 0x1F, 0x3F, 0x70, 0xFF};
@@ -16,12 +17,11 @@ const U8 aubBitMaskTbl[8] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
 
 namespace {
 
-U32 CheckRange(U32 hulHandle, U8* pubRlsAddr)
+/* Checks that the address lies in the segment, whose range for it is stRange. */
+U32 CheckRange(U32 hulHandle, const TMMRange& stRange, const U8* pubRlsAddr)
 {
     if (hulHandle == HEAPHANDLE) {
-        U8 ubFindRange = 0;
-        for (U8 ubIdx = 0; MM_IsPiece(ubIdx) && ubFindRange == 0; ++ubIdx)
-            ubFindRange = MM_IsInPiece(ubIdx, MM_Addr(pubRlsAddr)) ? 1 : 0;
+        const U8 ubFindRange = MM_Addr(stRange.pubEndAddr) != MM_UNUSED_PIECE ? 1 : 0;
         MM_ASSERT_FOR("MM_FreeBlk", ubFindRange == 1 && "Free Request is over the available Range of Segment", EASSERT);
         return ENOERR;
     }
@@ -44,12 +44,13 @@ TMMNeighbours WalkToNeighbours(U32 hulHandle, U32 ulAddr)
     return {pstLower, pstUpper};
 }
 
-TMMNeighbours FindNeighbours(U32 hulHandle, U32 ulAddr, U32 ulBlkNo)
+TMMNeighbours FindNeighbours(TMMRunIndex& stIndex, U32 hulHandle, U32 ulAddr, U32 ulBlkNo)
 {
-    if (TMMRunIndex* const pstIndex = MM_AwakeRunIndex(hulHandle)) {
-        const TMMNeighbours stNeighbours = MM_IndexedNeighbours(*pstIndex, ulAddr, ulBlkNo);
-        if (pstIndex->enState == INDEX_AWAKE)
-            return stNeighbours;
+    if (stIndex.enState == INDEX_AWAKE) {
+        const TMMAnswer<TMMNeighbours> stFound = stIndex.clTables.Neighbours(TMMRunList{hulHandle}, ulAddr, ulBlkNo);
+        if (stFound.fKnown)
+            return stFound.answer;
+        MM_SetIndexState(stIndex, INDEX_NONE);
     }
     return WalkToNeighbours(hulHandle, ulAddr);
 }
@@ -64,7 +65,8 @@ U32 InsertRun(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
     TMMBcptr stBlkPtr, stTemp;
     stBlkPtr.pubyiscp = pubRlsAddr;
     TMMBlkStr* const pstNew = stBlkPtr.pstBlk;
-    const TMMNeighbours stNeighbours = FindNeighbours(hulHandle, stBlkPtr.ulyisl, ulBlkNo);
+    TMMRunIndex& stIndex = MM_OpenRunIndex(hulHandle);
+    const TMMNeighbours stNeighbours = FindNeighbours(stIndex, hulHandle, stBlkPtr.ulyisl, ulBlkNo);
     TMMBlkStr* const pstUpper = stNeighbours.pstUpper;
     U32 ulSize = ulBlkNo;
     U32 ulUpperSize = 0; /* of the upper neighbour, when it is absorbed */
@@ -108,13 +110,51 @@ U32 InsertRun(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
     }
 
     if (fAbsorbed) {
-        MM_IndexRunGrown(hulHandle, pstLower);
+        MM_RunGrown(stIndex, pstLower);
         if (ulUpperSize != 0)
-            MM_IndexRunRemoved(hulHandle, pstUpper, ulUpperSize, pstLower);
+            MM_RunRemoved(stIndex, pstUpper, ulUpperSize, pstLower);
     } else if (ulUpperSize != 0) {
-        MM_IndexRunMoved(hulHandle, pstNew, pstUpper, ulUpperSize);
+        MM_RunMoved(stIndex, pstNew, pstUpper, ulUpperSize);
     } else {
-        MM_IndexRunAdded(hulHandle, pstNew);
+        MM_RunAdded(stIndex, pstNew);
+    }
+    return ENOERR;
+}
+
+/* Erases the owner of ulBlkNo blocks of the range that holds them. */
+U32 ClearEntries(U32 hulHandle, const TMMRange& stRange, U8* pubRlsAddr, U32 ulBlkNo)
+{
+    const U8* pubMapStartAddr = stRange.pubMapStartAddr;
+    const U8* pubMapEndAddr = stRange.pubMapEndAddr;
+    const U8 ubMap = stSegTable[hulHandle].stInfoFromApp.ubMap;
+    CMMMapWalker clWalker = MM_WalkMap(hulHandle, stRange, pubRlsAddr);
+    TMMBcptr stTempBlk;
+
+    stTempBlk.pubyiscp = clWalker.Byte();
+    MM_ASSERT_FOR("MM_ClearMap", stTempBlk.pubyiscp >= pubMapStartAddr, EASSERT);
+    MM_ASSERT_FOR("MM_ClearMap", stTempBlk.pubyiscp < pubMapEndAddr, EASSERT);
+
+    for (U32 ulLeft = ulBlkNo; ulLeft > 0; --ulLeft) {
+        const U32 ulInMap = MM_Addr(pubMapEndAddr) - MM_Addr(clWalker.FirstWholeByte());
+        const U32 ulWhole = clWalker.WholeBytes(ulLeft) < ulInMap ? clWalker.WholeBytes(ulLeft) : ulInMap;
+        if (ulWhole > 0 && clWalker.Byte() < pubMapEndAddr) {
+            ulLeft -= clWalker.SkipBytes(MM_ClearMarkedBytes(clWalker.FirstWholeByte(), ulWhole, ubMap));
+            if (ulLeft == 0)
+                break;
+        }
+        if (clWalker.NextByte()) {
+            stTempBlk.pubyiscp = clWalker.Byte();
+            MM_ASSERT_FOR("MM_ClearMap", stTempBlk.pubyiscp <= pubMapEndAddr, EASSERT);
+            /* The end itself still passes, on purpose: a byte of the first block. */
+            if (stTempBlk.pubyiscp == pubMapEndAddr)
+                MM_MemoryWritten(stTempBlk.ulyisl, 1);
+        }
+        clWalker.NextEntry();
+        const U8 ubBitMask = clWalker.EntryMask();
+        MMP_Touch(stTempBlk.pubyiscp, 1);
+        if (ubMap > 1) /* one-bit maps are not checked for a second release, on purpose */
+            MM_ASSERT_FOR("MM_ClearMap", ((*(stTempBlk.pubyiscp) & ubBitMask ) != 0) && "This bit is already freed!!", EASSERT);
+        *stTempBlk.pubyiscp = static_cast<U8>(*stTempBlk.pubyiscp & ~ubBitMask);
     }
     return ENOERR;
 }
@@ -176,11 +216,13 @@ U32 MM_FreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
     TMMSegInfo& stSeg = stSegTable[hulHandle];
     const bool fLocked = MM_LockSegment(hulHandle, free_lock);
 
-    if (CheckRange(hulHandle, pubRlsAddr) != ENOERR)
+    const TMMRange stRange = MM_RangeOf(hulHandle, pubRlsAddr);
+    if (CheckRange(hulHandle, stRange, pubRlsAddr) != ENOERR)
         return EASSERT;
     MM_ASSERT((ulBlkNo > 0) && "Requested Block Number is invalid", EASSERT);
     if (stSeg.stInfoFromApp.ubMap != 0)
-        MM_ClearMap(hulHandle, pubRlsAddr, ulBlkNo); /* a map that disagrees is reported, and the release goes on */
+        ClearEntries(hulHandle, stRange, pubRlsAddr,
+                     ulBlkNo); /* a map that disagrees is reported, and the release goes on */
     if (InsertRun(hulHandle, pubRlsAddr, ulBlkNo) != ENOERR)
         return EASSERT;
 
@@ -193,40 +235,7 @@ U32 MM_FreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 
 U32 MM_ClearMap(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 {
-    const TMMRange stRange = MM_RangeOf(hulHandle, pubRlsAddr);
-    const U8* pubMapStartAddr = stRange.pubMapStartAddr;
-    const U8* pubMapEndAddr = stRange.pubMapEndAddr;
-    const U8 ubMap = stSegTable[hulHandle].stInfoFromApp.ubMap;
-    CMMMapWalker clWalker = MM_WalkMap(hulHandle, stRange, pubRlsAddr);
-    TMMBcptr stTempBlk;
-
-    stTempBlk.pubyiscp = clWalker.Byte();
-    MM_ASSERT(stTempBlk.pubyiscp >= pubMapStartAddr, EASSERT);
-    MM_ASSERT(stTempBlk.pubyiscp < pubMapEndAddr, EASSERT);
-
-    for (U32 ulLeft = ulBlkNo; ulLeft > 0; --ulLeft) {
-        const U32 ulInMap = MM_Addr(pubMapEndAddr) - MM_Addr(clWalker.FirstWholeByte());
-        const U32 ulWhole = clWalker.WholeBytes(ulLeft) < ulInMap ? clWalker.WholeBytes(ulLeft) : ulInMap;
-        if (ulWhole > 0 && clWalker.Byte() < pubMapEndAddr) {
-            ulLeft -= clWalker.SkipBytes(MM_ClearMarkedBytes(clWalker.FirstWholeByte(), ulWhole, ubMap));
-            if (ulLeft == 0)
-                break;
-        }
-        if (clWalker.NextByte()) {
-            stTempBlk.pubyiscp = clWalker.Byte();
-            MM_ASSERT(stTempBlk.pubyiscp <= pubMapEndAddr, EASSERT);
-            /* The end itself still passes, on purpose: a byte of the first block. */
-            if (stTempBlk.pubyiscp == pubMapEndAddr)
-                MM_MemoryWritten(stTempBlk.ulyisl, 1);
-        }
-        clWalker.NextEntry();
-        const U8 ubBitMask = clWalker.EntryMask();
-        MMP_Touch(stTempBlk.pubyiscp, 1);
-        if (ubMap > 1) /* one-bit maps are not checked for a second release, on purpose */
-            MM_ASSERT(((*(stTempBlk.pubyiscp) & ubBitMask ) != 0) && "This bit is already freed!!", EASSERT);
-        *stTempBlk.pubyiscp = static_cast<U8>(*stTempBlk.pubyiscp & ~ubBitMask);
-    }
-    return ENOERR;
+    return ClearEntries(hulHandle, MM_RangeOf(hulHandle, pubRlsAddr), pubRlsAddr, ulBlkNo);
 }
 
 void MM_CleanUp(U32 hulHandle, U8 ubMapID)

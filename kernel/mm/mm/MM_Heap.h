@@ -9,8 +9,8 @@
 
 enum EMMPieceField { PIECE_START, PIECE_END, PIECE_MAP_START, PIECE_MAP_END };
 
-/* An element of one of the heap's arrays. ubIdx may be 5, the answer of MM_GetHeapBlkID for an address in
- * no piece of a full heap: an element past the array counts as unused. */
+/* An element of one of the heap's arrays; ubIdx may lie beyond the last piece. An array that is missing, and what lies
+ * beyond an array, counts as unused. */
 inline U32 MM_PieceAddr(EMMPieceField enField, U8 ubIdx)
 {
     const TMMSegInfo& stHeap = stSegTable[HEAPHANDLE];
@@ -20,18 +20,23 @@ inline U32 MM_PieceAddr(EMMPieceField enField, U8 ubIdx)
     return pstRange == nullptr || ubIdx >= MAX_PIECE_NUM ? MM_UNUSED_PIECE : pstRange->aulHeapAddr[ubIdx];
 }
 
-/* TRUE while ubIdx is a piece of the heap; never before the heap exists. */
+/* TRUE while ubIdx is a piece of the heap; never before the heap has both arrays, of starts and of ends. */
 inline bool MM_IsPiece(U8 ubIdx)
 {
-    return MM_PieceAddr(PIECE_START, ubIdx) != MM_UNUSED_PIECE;
+    return stSegTable[HEAPHANDLE].pubEndAddr != nullptr && MM_PieceAddr(PIECE_START, ubIdx) != MM_UNUSED_PIECE;
 }
 
-inline bool MM_IsInPiece(U8 ubIdx, U32 ulAddr)
+/* The piece that holds an address. No piece (MM_IsPiece) but the number of pieces, up to 5, when none does. */
+inline U8 MM_FindPiece(U32 ulAddr)
 {
-    return MM_PieceAddr(PIECE_START, ubIdx) <= ulAddr && ulAddr < MM_PieceAddr(PIECE_END, ubIdx);
+    U8 ubIdx = 0;
+    while (MM_IsPiece(ubIdx) && (ulAddr < MM_PieceAddr(PIECE_START, ubIdx) || ulAddr >= MM_PieceAddr(PIECE_END, ubIdx)))
+        ++ubIdx;
+    return ubIdx;
 }
 
-/* Where a segment's blocks and map end, for the part of it that holds an address. */
+/* Where a segment's blocks and map end, for the part of it that holds an address. Of the heap for an address in none of
+ * its pieces: MM_UNUSED_PIECE, all of them. */
 struct TMMRange {
     U8* pubEndAddr;
     U8* pubMapStartAddr;
@@ -47,7 +52,7 @@ inline TMMRange MM_PieceRange(U8 ubIdx)
 inline TMMRange MM_RangeOf(U32 hulHandle, U8* pubAddr)
 {
     if (hulHandle == HEAPHANDLE)
-        return MM_PieceRange(MM_GetHeapBlkID(pubAddr));
+        return MM_PieceRange(MM_FindPiece(MM_Addr(pubAddr)));
     const TMMSegInfo& stSeg = stSegTable[hulHandle];
     return {stSeg.pubEndAddr, stSeg.pubMapStartAddr, stSeg.pubMapEndAddr};
 }

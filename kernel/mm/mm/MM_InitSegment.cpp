@@ -4,7 +4,7 @@
  */
 #include "MM_Heap.h"
 #include "MM_List.h"
-#include "MM_RunIndex.h"
+#include "MM_Stack.h"
 
 TMMBcptr astBlkHead[MAX_SEGTABLE_SIZE];
 TMMBcptr astBlkTail[MAX_SEGTABLE_SIZE];

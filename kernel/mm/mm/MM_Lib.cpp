@@ -5,6 +5,7 @@
 #include "MM_Heap.h"
 #include "MM_List.h"
 #include "MM_Map.h"
+#include "MM_Memory.h"
 #include "MM_RunIndex.h"
 
 U32 hulFixedHandle;
@@ -15,23 +16,6 @@ U32 ulPermanentBlkCount;
 U32 ulRamSize;
 U32* pubMCTStartAddr;
 TMSTInfo stMSTInfo;
-
-/* Assertion report ---------------------------------------------------------------------------------- */
-
-void MM_ReportAssertion(const char* pcCondition, const char* pcFile, const char* pcFunction, S32 slLine)
-{
-    MMP_Print("Assertion failed! %s,%s,%s,line=%d\n", pcCondition, pcFile, pcFunction, slLine);
-}
-
-void MM_ReportMessage(const char* pcMessage, const char* pcFile, const char* pcFunction, S32 slLine)
-{
-    MMP_Print("Assertion failed! %s %s,%s,line=%d\n", pcMessage, pcFile, pcFunction, slLine);
-}
-
-void MM_ReportPlace(const char* pcFile, const char* pcFunction, S32 slLine)
-{
-    MMP_Print("Assertion failed! %s,%s,line=%d\n", pcFile, pcFunction, slLine);
-}
 
 /* Start-up ------------------------------------------------------------------------------------------ */
 
@@ -204,14 +188,9 @@ bool IsMapIDAllowed(U8 ubMap, U8 ubMapID)
     return ubMapID >= 1 && ubMapID < (1u << ubMap);
 }
 
-inline bool IsInHeap(U32 ulAddr)
+bool IsInHeap(U32 ulAddr)
 {
-    if (stSegTable[HEAPHANDLE].pubEndAddr == nullptr) /* no start array: no piece */
-        return false;
-    for (U8 ubIdx = 0; MM_IsPiece(ubIdx); ++ubIdx)
-        if (MM_IsInPiece(ubIdx, ulAddr))
-            return true;
-    return false;
+    return MM_IsPiece(MM_FindPiece(ulAddr));
 }
 
 } // namespace

@@ -28,10 +28,4 @@ inline bool MM_CountersAgree(U32 hulHandle)
     return stSeg.ulTotalFreeBlkNum + stSeg.ulTotalAllocBlkNum == stSeg.ulTotalBlkNum;
 }
 
-/* Bytes that a stack piece takes: a multiple of 4. */
-inline U32 MM_StackBytes(U32 ulBytes)
-{
-    return ulBytes % 4 == 0 ? ulBytes : (ulBytes + 4) & ~3u;
-}
-
 #endif

@@ -2,7 +2,7 @@
  * MM_MCT - rows of the memory configuration table: look up, fill, empty, clear.
  * The table in use is always reached through pstMCTTable. Names are compared as strncmp does over 4 bytes.
  */
-#include "MM_RunIndex.h"
+#include "MM_Memory.h"
 
 TMCTInfo* pstMCTTable[MAX_MCT_NUM];
 TMCTInfo MCTTable[MAX_MCT_NUM];

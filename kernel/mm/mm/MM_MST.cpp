@@ -2,9 +2,8 @@
  * MM_MST - placement: where in the managed area a new segment lies, and taking that memory out of the
  * free-memory list. No lock: segments are created one at a time.
  */
-#include "MM_Heap.h"
 #include "MM_List.h"
-#include "MM_RunIndex.h"
+#include "MM_Memory.h"
 
 TMMSegInfo stSegTable[MAX_SEGTABLE_SIZE];
 TMMBlkStr* pstSegBlkHead;

@@ -1,33 +1,37 @@
 /*
- * MM_RunIndex.h - an index over a segment's free runs, so that allocation and release need not walk the list.
+ * MM_RunIndex.h - for each segment, whether its free runs are found through tables or by walking the list. Both give
+ * the same answers; the tables (MM_RunTables.h) give them in a few steps.
  *
- * The segment's address range is cut into chunks of a power-of-two number of blocks. For each chunk a static
- * table holds the run that starts highest in it and the size of the longest run that starts in it, in a byte;
- * a tree of maxima over the bytes leads to the highest chunk with a run that is long enough. From there on the
- * list itself is read, at most one chunk's worth of it. Sizes that a byte cannot hold stand in a second such tree,
- * of whole words over groups of chunks. The tables are a megabyte in all, shared by the segments in the order of
- * their creation: a chunk is 32 blocks where there is room, more in large segments of small blocks.
+ * The list is the truth. An index has one of three states, and one function changes it (MM_SetIndexState):
  *
- * A list of a few runs is walked faster than any index is kept, so an index sleeps, its tables empty, until its segment
- * has more than WAKE_RUNS free runs, and again when they are fewer than SLEEP_RUNS.
+ *   state         tables                  questions are answered by
+ *   INDEX_NONE    none                    walking the list, until the segment is initialised again
+ *   INDEX_ASLEEP  placed, nothing in them walking the list: of a few runs it is faster than any index; runs are counted
+ *   INDEX_AWAKE   agree with the list     the tables
  *
- * The list is the truth. The index is kept only while a segment does ordinary things; whatever it is not
- * made for drops it, and the segment walks its list until it is initialised again:
- *   - blocks below 16 bytes, where the headers of neighbouring runs share bytes;
- *   - a release that overlaps a free run or reaches past its range;
- *   - a claim at a chosen address that leaves links behind that do not agree (MM_ReallocBlock);
- *   - a header that is overwritten, as far as the manager sees it (fills, clears, owner entries outside
- *     the map, other segments laid over this one);
- *   - a list whose ends were moved by others, a chunk that does not hold what the index says.
+ *   from    to       when
+ *   any     asleep   MM_BuildRunIndex, of a list of up to WAKE_RUNS runs; MM_RefillRunIndex the same, but not from none
+ *   any     awake    the same, of more runs
+ *   asleep  awake    MM_RunAdded, more than WAKE_RUNS runs
+ *   awake   asleep   MM_RunRemoved, fewer than SLEEP_RUNS runs
+ *   awake   none     MM_OpenRunIndex, the list's ends were moved by others
+ *                    an allocator or release routine asked and the tables did not know: a claim of no possible size, a
+ *                    release that overlaps a free run or reaches past its range, a chunk that does not hold what they say
+ *                    MM_MemoryWritten, a header was overwritten (fills, clears, owner entries outside the map)
+ *                    MM_RecheckRunIndexes, a list that does not agree any more
+ *   any     none     waking, falling asleep or refilling, when the list is no ordinary one (MM_RunTables.h)
+ *                    MM_DropRunIndex, MM_ResetRunIndexes; another segment laid over this one
+ *
+ * Segments of blocks below 16 bytes, where the headers of neighbouring runs share bytes, and stacks stay at none. The
+ * tables are a megabyte in all, shared by the segments in the order of their creation.
  *
  * Locking: as the run lists themselves; an index belongs to its segment.
  */
 #ifndef MM_RUNINDEX_H
 #define MM_RUNINDEX_H
 
-#include "MM_Heap.h"
-#include "MM_List.h"
-#include "MM_MaxTree.h"
+#include "MM_Memory.h"
+#include "MM_RunTables.h"
 
 extern "C" {
 /* FALSE: segments that are initialised from now on walk their lists. TRUE is the state at load. */
@@ -40,28 +44,22 @@ void MM_ResetRunIndexes(void);
  * afterwards, nor have segments whose memory it shares. */
 void MM_BuildRunIndex(U32 hulHandle);
 
-/* Fills a segment's tables anew after its list was changed by other means; drops the index when the list is no
- * ordinary one. Nothing for a segment without an index. */
+/* Begins anew from a segment's list after that was changed by other means. Nothing for a segment without an index. */
 void MM_RefillRunIndex(U32 hulHandle);
 
 /* The segment walks its list from now on. */
 void MM_DropRunIndex(U32 hulHandle);
 
-/* True while a segment's index is kept, asleep or awake. */
+/* True while a segment's index is kept, asleep or awake; the second, while it is awake. */
 BOOL MM_HasRunIndex(U32 hulHandle);
+BOOL MM_IsRunIndexAwake(U32 hulHandle);
 
 /* True when a kept index and the list agree in everything. */
 BOOL MM_RunIndexAgrees(U32 hulHandle);
-
-/* Somebody wrote ulBytes at ulAddr other than through a run list: drops the indexes of the segments that have a run's
- * header there. */
-void MM_MemoryWritten(U32 ulAddr, U32 ulBytes);
-
-/* Drops every index that does not agree with its list: after control operations that write free memory. */
-void MM_RecheckRunIndexes(void);
 }
 
-/* Debug builds (MM_CHECK_RUN_INDEX) stop where an index and its list disagree after an operation. */
+/* Builds with MM_CHECK_RUN_INDEX (the sanitizers' and the fuzzer's) stop where an index and its list disagree after an
+ * operation. */
 inline void MM_CheckRunIndex([[maybe_unused]] U32 hulHandle)
 {
 #ifdef MM_CHECK_RUN_INDEX
@@ -70,154 +68,102 @@ inline void MM_CheckRunIndex([[maybe_unused]] U32 hulHandle)
 #endif
 }
 
-/* Owner entries were written from byte ulFirst up to byte ulLast of a map: what lay outside the map was other memory. */
-inline void MM_MapWritten(const TMMRange& stRange, U32 ulFirst, U32 ulLast)
-{
-    if (ulFirst < MM_Addr(stRange.pubMapStartAddr) || ulLast >= MM_Addr(stRange.pubMapEndAddr))
-        MM_MemoryWritten(ulFirst, ulLast - ulFirst + 1);
-}
-
-/* Fills memory that may hold anything, free runs included. */
-inline void MM_FillMemory(U8* pubAddr, U8 ubByte, U32 ulBytes)
-{
-    MM_MemoryWritten(MM_Addr(pubAddr), ulBytes);
-    MMP_MemSet(pubAddr, ubByte, ulBytes);
-}
-
 /* The index itself --------------------------------------------------------------------------------- */
 
-using TMMShortTree = CMMMaxTree<CMMByteNode>;
-using TMMLongTree = CMMMaxTree<CMMWordNode>;
-constexpr U32 LONG_RUN = CMMByteNode::LARGEST;
-
-enum EMMIndexState : U8 {
-    INDEX_NONE, /* the segment walks its list until it is initialised again */
-    INDEX_ASLEEP,
-    INDEX_AWAKE /* the tables are filled and used */
-};
-
-struct TMMRunIndex {
-    EMMIndexState enState;
-    U8 ubChunkBit; /* log2 of a chunk's bytes */
-    U8 ubBlkBit;
-    U32 ulStart; /* first address of the segment's blocks, of its lowest piece for the heap */
-    U32 ulEnd;   /* past the last one */
-    U32 ulChunks;
-    U32 ulRuns; /* free runs */
-    const TMMBlkStr*
-        pstHead; /* the list's ends when the index last saw it, awake: a list with others is not its list */
-    const TMMBlkStr* pstTail;
-    U32* pulTop;          /* for each chunk: the run that starts highest in it, 0 when none does */
-    TMMShortTree clShort; /* for each chunk: size of the longest run that starts in it, blocks, LONG_RUN at the most */
-    TMMLongTree clLong;   /* for each group of chunks: the same, in full, if it is LONG_RUN or more; else 0 */
-};
+enum EMMIndexState : U8 { INDEX_NONE, INDEX_ASLEEP, INDEX_AWAKE };
 
 constexpr U32 WAKE_RUNS = 24;
 constexpr U32 SLEEP_RUNS = 12;
 
+struct TMMRunIndex {
+    EMMIndexState enState;
+    U32 hulHandle; /* of its segment, once it has been built */
+    U32 ulRuns;    /* free runs */
+    /* The list's ends when the index last saw it, awake: a list with others is not its list. */
+    const TMMBlkStr* pstHead;
+    const TMMBlkStr* pstTail;
+    CMMRunTables clTables;
+};
+
 extern TMMRunIndex astRunIndex[MAX_SEGTABLE_SIZE];
 
-/* The segment's index when it may be asked: kept, awake, and the list's ends are those that it knows. Null
- * otherwise: the list is walked. */
-inline TMMRunIndex* MM_AwakeRunIndex(U32 hulHandle)
+/* Enters a state: fills the tables, empties them, or leaves them be. A list that is no ordinary one ends at INDEX_NONE. */
+void MM_SetIndexState(TMMRunIndex& stIndex, EMMIndexState enState);
+
+inline bool MM_KnowsEnds(const TMMRunIndex& stIndex, U32 hulHandle)
+{
+    return stIndex.pstHead == astBlkHead[hulHandle].pstBlk && stIndex.pstTail == astBlkTail[hulHandle].pstBlk;
+}
+
+inline void MM_NoteEnds(TMMRunIndex& stIndex)
+{
+    stIndex.pstHead = astBlkHead[stIndex.hulHandle].pstBlk;
+    stIndex.pstTail = astBlkTail[stIndex.hulHandle].pstBlk;
+}
+
+/* The segment's index for an operation that changes its list. Awake, its tables may be asked. */
+inline TMMRunIndex& MM_OpenRunIndex(U32 hulHandle)
 {
     TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (stIndex.enState != INDEX_AWAKE)
-        return nullptr;
-    if (stIndex.pstHead == astBlkHead[hulHandle].pstBlk && stIndex.pstTail == astBlkTail[hulHandle].pstBlk)
-        return &stIndex;
-    stIndex.enState = INDEX_NONE;
-    return nullptr;
+    if (stIndex.enState == INDEX_AWAKE && !MM_KnowsEnds(stIndex, hulHandle))
+        MM_SetIndexState(stIndex, INDEX_NONE);
+    return stIndex;
 }
 
-/* Size of the longest run, 0 without any. */
-inline U32 MM_IndexedLargest(const TMMRunIndex& stIndex)
+/* Size of a list's longest run in blocks, 0 without any. */
+inline U32 MM_LargestRun(U32 hulHandle)
 {
-    const U32 ulLong = stIndex.clLong.Max();
-    return ulLong != 0 ? ulLong : stIndex.clShort.Max();
-}
-
-/* Blocks that the next allocation can get in one piece: of a list the longest run, of a stack all that is left. */
-inline U32 MM_LargestFree(U32 hulHandle)
-{
-    if (stSegTable[hulHandle].stInfoFromApp.ubSegDSType == STACK) {
-        const TStackStr& stStack = astStackStr[hulHandle];
-        return (MM_Addr(stStack.pubStackHead) - MM_Addr(stStack.pubStackTail)) >> stSegTable[hulHandle].ubBlkBit;
-    }
-    if (const TMMRunIndex* const pstIndex = MM_AwakeRunIndex(hulHandle))
-        return MM_IndexedLargest(*pstIndex);
+    const TMMRunIndex& stIndex = astRunIndex[hulHandle];
+    if (stIndex.enState == INDEX_AWAKE && MM_KnowsEnds(stIndex, hulHandle))
+        return stIndex.clTables.Largest();
     return MM_LargestSize(astBlkHead[hulHandle].pstBlk);
 }
 
-/* Larger requests, and those of 0 blocks, are the walk's: it compares as signed numbers. */
-constexpr U32 MAX_INDEXED_REQUEST = 0x7FFFFFFF;
+/* What happened to the list of an opened index, once it has happened. The arguments are those of the tables' verb of
+ * the same name; an index that sleeps only counts its runs. */
 
-/* The highest run of at least ulReqBlkNum blocks (1 to MAX_INDEXED_REQUEST), null when there is none. When the index is
- * found wrong it is dropped, and the result says nothing. */
-TMMBlkStr* MM_IndexedRun(TMMRunIndex& stIndex, U32 ulReqBlkNum);
-
-/* The free runs on either side of a place. */
-struct TMMNeighbours {
-    TMMBlkStr* pstLower; /* the highest run that starts at or below it, or null */
-    TMMBlkStr* pstUpper; /* the lowest run that starts above it, or null */
-};
-
-/* The neighbours of ulBlkNo blocks at ulAddr. The index is dropped, and the result says nothing, when the blocks are
- * no piece of allocated memory between two runs (a run that starts exactly at ulAddr is left to the caller). */
-TMMNeighbours MM_IndexedNeighbours(TMMRunIndex& stIndex, U32 ulAddr, U32 ulBlkNo);
-
-/* What the index does about a changed list; for an index that is awake. */
-void MM_EnterRun(U32 hulHandle, TMMRunIndex& stIndex, const TMMBlkStr* pstRun);
-void MM_ShortenRun(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulOldSize);
-void MM_RemoveRun(U32 hulHandle, TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower);
-void MM_MoveRun(U32 hulHandle, TMMRunIndex& stIndex, TMMBlkStr* pstRun, const TMMBlkStr* pstOld, U32 ulOldSize);
-/* Fills an index that sleeps. */
-void MM_WakeRunIndex(U32 hulHandle, TMMRunIndex& stIndex);
-
-/* The list was changed; a segment whose index sleeps only counts its runs. */
-
-/* A run is new. */
-inline void MM_IndexRunAdded(U32 hulHandle, TMMBlkStr* pstRun)
+inline void MM_RunAdded(TMMRunIndex& stIndex, const TMMBlkStr* pstRun)
 {
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
     ++stIndex.ulRuns;
-    if (stIndex.enState == INDEX_AWAKE)
-        MM_EnterRun(hulHandle, stIndex, pstRun);
-    else if (stIndex.enState == INDEX_ASLEEP && stIndex.ulRuns > WAKE_RUNS)
-        MM_WakeRunIndex(hulHandle, stIndex);
+    if (stIndex.enState == INDEX_AWAKE) {
+        stIndex.clTables.Added(pstRun);
+        MM_NoteEnds(stIndex);
+    } else if (stIndex.enState == INDEX_ASLEEP && stIndex.ulRuns > WAKE_RUNS) {
+        MM_SetIndexState(stIndex, INDEX_AWAKE);
+    }
 }
 
-/* A run is longer. */
-inline void MM_IndexRunGrown(U32 hulHandle, TMMBlkStr* pstRun)
+inline void MM_RunGrown(TMMRunIndex& stIndex, const TMMBlkStr* pstRun)
 {
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (stIndex.enState == INDEX_AWAKE)
-        MM_EnterRun(hulHandle, stIndex, pstRun);
+    if (stIndex.enState == INDEX_AWAKE) {
+        stIndex.clTables.Grown(pstRun);
+        MM_NoteEnds(stIndex);
+    }
 }
 
-/* A run is shorter than its old size. */
-inline void MM_IndexRunShrunk(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize)
+inline void MM_RunShrunk(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulOldSize)
 {
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
     if (stIndex.enState == INDEX_AWAKE)
-        MM_ShortenRun(stIndex, pstRun, ulOldSize);
+        stIndex.clTables.Shrunk(pstRun, ulOldSize);
 }
 
-/* A run was taken out (pstLower: the run that now lies below its place, or null). */
-inline void MM_IndexRunRemoved(U32 hulHandle, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower)
+inline void MM_RunRemoved(TMMRunIndex& stIndex, const TMMBlkStr* pstRun, U32 ulOldSize, TMMBlkStr* pstLower)
 {
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
     --stIndex.ulRuns;
-    if (stIndex.enState == INDEX_AWAKE)
-        MM_RemoveRun(hulHandle, stIndex, pstRun, ulOldSize, pstLower);
+    if (stIndex.enState == INDEX_AWAKE) {
+        stIndex.clTables.Removed(pstRun, ulOldSize, pstLower);
+        MM_NoteEnds(stIndex);
+        if (stIndex.ulRuns < SLEEP_RUNS)
+            MM_SetIndexState(stIndex, INDEX_ASLEEP);
+    }
 }
 
-/* The run at pstOld begins lower than before, at pstRun, and is longer. */
-inline void MM_IndexRunMoved(U32 hulHandle, TMMBlkStr* pstRun, const TMMBlkStr* pstOld, U32 ulOldSize)
+inline void MM_RunMoved(TMMRunIndex& stIndex, TMMBlkStr* pstRun, const TMMBlkStr* pstOld, U32 ulOldSize)
 {
-    TMMRunIndex& stIndex = astRunIndex[hulHandle];
-    if (stIndex.enState == INDEX_AWAKE)
-        MM_MoveRun(hulHandle, stIndex, pstRun, pstOld, ulOldSize);
+    if (stIndex.enState == INDEX_AWAKE) {
+        stIndex.clTables.Moved(pstRun, pstOld, ulOldSize);
+        MM_NoteEnds(stIndex);
+    }
 }
 
 #endif

@@ -3,7 +3,7 @@
  * the proc file; the default MCT and the configuration that the core reads through the CM_IF_ accessors.
  */
 #include "MM_Interface.h"
-#include "../mm/MM_RunIndex.h"
+#include "../mm/MM_Memory.h"
 
 char bigphysarea_info[BIGPHYSAREA_INFO_SIZE];
 U32 memstart, memend;
