@@ -19,7 +19,8 @@ extern "C" {
 
 /* Kernel log -------------------------------------------------------------------------------------- */
 
-/* One message, printf formats, kept whole: zero bytes from %c included, no level added.
+/* One message, printf formats, handed to the kernel whole: zero bytes from %c included, no level added. What its log
+ * keeps is the kernel's affair: before Linux 3.5 a message ends there at its first zero byte.
  * Sleeps: no. Fails: never. Callers: every unit. */
 void MMP_Print(const char* pcFormat, ...) __attribute__((format(printf, 1, 2)));
 

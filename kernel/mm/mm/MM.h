@@ -39,7 +39,7 @@ typedef U8* (*TMMAllocRoutine)(U32, U32, U8);
 /* Release routine of a segment: (handle, address, blocks); an error code. */
 typedef U32 (*TMMFreeRoutine)(U32, U8*, U32);
 
-/* One entry of the memory segment table (MST). Its first 72 bytes are laid out as TMMSegInfoWire.
+/* One entry of the memory segment table (MST), laid out as TMMSegInfoWire.
  * In the heap's entry the four addresses refer to THeapAddrRange arrays, one element for each piece. */
 typedef struct {
     TSegInfoFromApp stInfoFromApp;

@@ -80,7 +80,7 @@ TMMBlkStr* MM_SearchBlock(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 
 U8* MM_AllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 {
-    bool fRetry = stSegTable[hulHandle].ulLargestBlkSize >= ulReqBlkNum; /* once, on purpose */
+    bool fRetry = stSegTable[hulHandle].ulLargestBlkSize >= ulReqBlkNum; /* INTENDED(second-attempt): one, no loop */
 
     for (;; fRetry = false) {
         TMMBlkStr* const pstRun = MM_SearchBlock(hulHandle, ulReqBlkNum, ubMapID);
@@ -89,6 +89,7 @@ U8* MM_AllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
     }
 }
 
+/* INTENDED(owner-ored-in): the ID is added to what the entry holds; one that is wider spills into the next entries. */
 void MM_SetMap(U32 hulHandle, U8* pubBlkTmp, U32 ulReqBlkNum, U8 ubMapID)
 {
     const TMMRange stRange = MM_RangeOf(hulHandle, pubBlkTmp);

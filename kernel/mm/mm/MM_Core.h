@@ -70,9 +70,9 @@ inline U32 MM_RealHandle(U32 hulHandle)
 
 /* Global tables -------------------------------------------------------------------------------------- */
 
-/* Single instances, zero at load but for hulFloatHandle and the default MCT. Two more units hold state of their own: the run
- * indexes (MM_RunIndex.h), which say nothing that the lists do not, and the device interface (the module's parameter and
- * its major number). */
+/* Single instances, zero at load but for hulFloatHandle and the default MCT. Two more units hold state of their own:
+ * the run indexes (MM_RunIndex.h), which say nothing that the lists do not, and the device interface (the module's
+ * parameter and its major number). */
 
 extern "C" {
 extern TMMSegInfo stSegTable[MAX_SEGTABLE_SIZE]; /* the MST */
@@ -110,7 +110,7 @@ extern U32 ulMCTStartAddr;                         /* address of the "$MCT" row,
 /* Lays out the default MCT rows from ulFIXEDSegStartAddr up. ulRamSize is ignored. ENOERR or EASSERT. */
 U32 CM_ConstructDefaultMCT(U32 ulRamSize, U32 ulMemEndAddr, U32 ulFIXEDSegStartAddr);
 TMCTInfo* CM_IF_GetDefaultMCT(void);
-U32 CM_IF_ReadMCTStartAddr(void);      /* 14 before the layout, deliberately */
+U32 CM_IF_ReadMCTStartAddr(void);      /* 14 before the layout */
 U32 CM_IF_ReadFixedSegStartAddr(void); /* start of the managed area */
 U32 CM_IF_ReadFixedSegEndAddr(void);   /* past the fixed segments */
 void CM_IF_UpdateFixedSegEndAddr(U32 FixedSegEndAddr);
@@ -132,7 +132,7 @@ U32 MM_RearrangeSegList(U8 ubType, TMMBlkStr* pstSegBlk, U32 ulNewSegSize, U8* p
 
 /* MM_InitSegment: makes a placed segment work and stores the record in the MST. ENOERR or EASSERT. */
 U32 MM_SegInitial(TMMSegInfo* pstSegInfo);
-/* log2 rounded down. 0 is reported and gives 14, which callers use as a shift, deliberately. */
+/* log2 rounded down. 0 is reported and gives 14, which callers use as a shift. */
 U8 MM_GetBlkBit(U32 ulBlkSize);
 /* Zeroes a segment's owner map, piece by piece for the heap. */
 void MM_ClearMapAll(U32 hulHandle);
@@ -149,7 +149,7 @@ U32 MM_SearchMap(U8* pubCurrentAddr, U8* pubEndAddr, U8 ubBlkBit);
 /* Index of the heap piece that holds the address; else of the first unused one; else 5. */
 U8 MM_GetHeapBlkID(U8* pubReqAddr);
 
-/* MM_FreeBlk: the release routines, ENOERR or EASSERT. A failed check leaves the lock held, deliberately. */
+/* MM_FreeBlk: the release routines, ENOERR or EASSERT. A failed check leaves the lock held. */
 U32 MM_FreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo);
 U32 MM_Pop(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo);
 /* Erases the owner of ulBlkNo blocks; ENOERR or EASSERT, entries cleared before a failure stay cleared. */

@@ -2,8 +2,8 @@
  * MM_FreeBlk - the release routines: runs of blocks back into the free list, their owners out of the map,
  * all runs of one owner; and the pop of a stack segment.
  *
- * A failed check in MM_FreeBlk and MM_Pop returns with the lock held and interrupts off, and undoes
- * nothing. That is intended: the controller stops at the first broken release.
+ * INTENDED(lock-stays-held): a failed check in MM_FreeBlk and MM_Pop returns with the lock held and interrupts off,
+ * and undoes nothing. The controller stops at the first broken release.
  */
 #include "MM_List.h"
 #include "MM_Lock.h"
@@ -11,7 +11,7 @@
 #include "MM_Memory.h"
 #include "MM_Stack.h"
 
-/* 0x70 is intended; no width reads it. */
+/* INTENDED(mask-table): 0x70 stands in the row; no width reads it. */
 const U8 aubMapIDMaskTbl[8] = {0x01, 0x03, 0x07, 0x0F, 0x1F, 0x3F, 0x70, 0xFF};
 const U8 aubBitMaskTbl[8] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
 
@@ -145,21 +145,23 @@ U32 ClearEntries(U32 hulHandle, const TMMRange& stRange, U8* pubRlsAddr, U32 ulB
         if (clWalker.NextByte()) {
             stTempBlk.pubyiscp = clWalker.Byte();
             MM_ASSERT_FOR("MM_ClearMap", stTempBlk.pubyiscp <= pubMapEndAddr, EASSERT);
-            /* The end itself still passes, on purpose: a byte of the first block. */
+            /* INTENDED(byte-past-the-map): the end itself still passes, a byte of the first block. */
             if (stTempBlk.pubyiscp == pubMapEndAddr)
                 MM_MemoryWritten(stTempBlk.ulyisl, 1);
         }
         clWalker.NextEntry();
         const U8 ubBitMask = clWalker.EntryMask();
         MMP_Touch(stTempBlk.pubyiscp, 1);
-        if (ubMap > 1) /* one-bit maps are not checked for a second release, on purpose */
+        if (ubMap > 1) /* INTENDED(one-bit-second-release): one-bit maps are not checked */
             MM_ASSERT_FOR("MM_ClearMap", ((*(stTempBlk.pubyiscp) & ubBitMask ) != 0) && "This bit is already freed!!", EASSERT);
         *stTempBlk.pubyiscp = static_cast<U8>(*stTempBlk.pubyiscp & ~ubBitMask);
     }
     return ENOERR;
 }
 
-/* Releases the runs of one owner that the map of one range records. */
+/* Releases the runs of one owner that the map of one range records.
+ * INTENDED(owner-contained): an entry matches when it holds all bits of the ID, whatever else it holds.
+ * INTENDED(run-at-the-maps-start): a run that reaches the map's start is not released. */
 void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
 {
     const U8 ubWidth = stSegTable[hulHandle].stInfoFromApp.ubMap;
@@ -220,9 +222,8 @@ U32 MM_FreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
     if (CheckRange(hulHandle, stRange, pubRlsAddr) != ENOERR)
         return EASSERT;
     MM_ASSERT((ulBlkNo > 0) && "Requested Block Number is invalid", EASSERT);
-    if (stSeg.stInfoFromApp.ubMap != 0)
-        ClearEntries(hulHandle, stRange, pubRlsAddr,
-                     ulBlkNo); /* a map that disagrees is reported, and the release goes on */
+    if (stSeg.stInfoFromApp.ubMap != 0) /* INTENDED(map-disagrees): reported, and the release goes on */
+        ClearEntries(hulHandle, stRange, pubRlsAddr, ulBlkNo);
     if (InsertRun(hulHandle, pubRlsAddr, ulBlkNo) != ENOERR)
         return EASSERT;
 
@@ -258,7 +259,7 @@ U32 MM_Pop(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 
     MM_ASSERT((ulBlkNo > 0) && "Requested Block Size is invalid", EASSERT);
     MM_ASSERT((pubRlsAddr == astStackStr[hulHandle].pubStackHead) && "Already Freed Address is requested!", EASSERT);
-    /* Stored before the next check, on purpose. */
+    /* INTENDED(stack-head-first): stored before the next check. */
     astStackStr[hulHandle].pubStackHead = MM_At(MM_Addr(pubRlsAddr) + ulBytes);
     MM_ASSERT(((astStackStr[hulHandle].pubStackHead) <= (stSegTable[hulHandle].pubEndAddr)) && "Interrupt an another Segment",
               EASSERT);

@@ -25,7 +25,7 @@ U32 AlignUp(U32 ulAddr, U32 ulUnit)
     return ulUnit == 0 || ulAddr % ulUnit == 0 ? ulAddr : (ulAddr + ulUnit) & (0 - ulUnit);
 }
 
-/* Bytes of the map of ulBlkNum blocks. The extra byte goes by the count modulo 8 for every width, on purpose. */
+/* Bytes of the map of ulBlkNum blocks. INTENDED(map-extra-byte): it goes by the count modulo 8 for every width. */
 U32 MapBytes(U32 ulBlkNum, U8 ubMap)
 {
     const U8 ubWidthBit = MM_GetBlkBit(ubMap);
@@ -118,8 +118,8 @@ void ForEachPiece(TMMSegInfo* pstSegInfo, U32 ulUnit, void (*pfnLayOut)(TMMSegIn
         pfnLayOut(pstSegInfo, ubIdx, ulUnit);
 }
 
-/* A stack heap is its biggest piece alone. Its two ends start out equal, on purpose: it has blocks, but no
- * free run. */
+/* A stack heap is its biggest piece alone. INTENDED(stack-heap): its two ends start out equal, so it has blocks, but
+ * nothing is free. */
 void StartStackHeap(TMMSegInfo* pstSegInfo)
 {
     const U32 ulStart = MM_Addr(pstHEAPBiggestBlk);
@@ -236,6 +236,7 @@ void ZeroBytes(U32 ulStart, U32 ulEnd)
 
 U8 MM_GetBlkBit(U32 ulBlkSize)
 {
+    /* INTENDED(fourteen-bits): 0 gives the error code, and callers shift by it. */
     MM_ASSERT(ulBlkSize > 0, EASSERT);
     return MM_Log2(ulBlkSize);
 }

@@ -13,8 +13,8 @@ THeapAddrRange stSegStartAddr, stSegEndAddr, stSegMapStartAddr, stSegMapEndAddr;
 
 namespace {
 
-/* A free node of up to 128 bytes does not become a piece of the heap; a remainder of up to 130 bytes is not
- * kept as a free node. The two differ on purpose. */
+/* INTENDED(two-thresholds): a free node of up to 128 bytes does not become a piece of the heap; a remainder of up to
+ * 130 bytes is not kept as a free node. */
 constexpr U32 MAX_SMALL_NODE = 128;
 constexpr U32 MAX_LOST_REMAINDER = 130;
 
@@ -61,7 +61,7 @@ void SetPlace(TMMSegInfo* pstSegInfo, U32 ulStartAddr, U32 ulSize)
     pstSegInfo->stInfoFromApp.ulRetSegSize = ulSize;
 }
 
-/* TRUE when the size fits into the node with at least one byte left over. */
+/* INTENDED(exact-fit): a node of exactly the size is not taken; at least one byte is left over. */
 bool FitsLoosely(const TMMBlkStr* pstBlk, U32 ulSize)
 {
     return static_cast<S32>(MM_Size(pstBlk) - ulSize) > 0;
@@ -75,8 +75,8 @@ U32 PlaceFixed(TMMSegInfo* pstSegInfo)
         return EERR;
     SetPlace(pstSegInfo, MM_Addr(stSegRange.pubStartAddr), stSegRange.ulRetSegSize);
 
-    /* Both ends print the start's line, deliberately. EOUTOFRANGE is left for memory that changes
-     * between the two tests. */
+    /* INTENDED(start-line-twice): both ends print the start's line. EOUTOFRANGE is left for memory that changes between
+     * the two tests. */
     constexpr char acFormat[] = "%s: *pubSegMemStartAddr 0x%x <= (int)(pstSegInfo->pubStartAddr) 0x%x\n";
     if (*pubSegMemStartAddr > MM_Addr(pstSegInfo->pubStartAddr)) {
         MMP_Print(acFormat, "MM_InstallSegment", *pubSegMemStartAddr, MM_Addr(pstSegInfo->pubStartAddr));
@@ -108,6 +108,8 @@ U32 PlaceFloat(TMMSegInfo* pstSegInfo)
         MM_BestFit(pstSegBlkHead, [=](const TMMBlkStr* pstBlk) { return FitsLoosely(pstBlk, ulNewSegSize); });
     MM_ASSERT_FOR("MM_InstallSegment", pstBestFitBlk != NULL && "There is no available Segment Block", EASSERT);
 
+    /* INTENDED(cut-result): a list that could not be cut is on the log only, here and below, and the segment stays
+     * as placed. */
     MM_RearrangeSegList(FLOAT, pstBestFitBlk, ulNewSegSize, nullptr);
     SetPlace(pstSegInfo, MM_Addr(pstBestFitBlk), ulNewSegSize);
     MM_ASSERT_FOR("MM_InstallSegment", (*pubSegMemStartAddr <= (unsigned int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range",
@@ -228,6 +230,6 @@ U32 MM_InstallSegment(TMMSegInfo* pstSegInfo)
         MM_RecheckRunIndexes(); /* the list may have been cut all the same */
         return ulResult;
     }
-    MM_SegInitial(pstSegInfo); /* its failure is on the log; the segment stays as far as it was written */
+    MM_SegInitial(pstSegInfo); /* INTENDED(start-result): on the log only; the segment stays as far as it was written */
     return ENOERR;
 }

@@ -204,8 +204,9 @@ private:
 
     static constexpr U32 Nodes(U32 ulCount) { return (ulCount + FANOUT - 1) / FANOUT; }
 
-    /* A node's maximum, which was ulOldMax, after one of its numbers went from ulOld to ulValue, where one of the two is
-     * not below it. Knowing the second number spares most searches: what was released last is often allocated next. */
+    /* A node's maximum, which was ulOldMax, after one of its numbers went from ulOld to ulValue, where one of the
+     * two is not below it. Knowing the second number spares most searches: what was released last is often allocated
+     * next. */
     static U32 NewMax(TMMNode& stNode, U32 ulOldMax, U32 ulOld, U32 ulValue)
     {
         const U32 ulSecond = stNode.ulSecond;

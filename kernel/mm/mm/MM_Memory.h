@@ -16,7 +16,8 @@ void MM_MemoryWritten(U32 ulAddr, U32 ulBytes);
 void MM_RecheckRunIndexes(void);
 }
 
-/* Owner entries were written from byte ulFirst up to byte ulLast of a map: what lay outside the map was other memory. */
+/* Owner entries were written from byte ulFirst up to byte ulLast of a map: what lay outside the map was other
+ * memory. */
 inline void MM_MapWritten(const TMMRange& stRange, U32 ulFirst, U32 ulLast)
 {
     if (ulFirst < MM_Addr(stRange.pubMapStartAddr) || ulLast >= MM_Addr(stRange.pubMapEndAddr))

@@ -1,5 +1,6 @@
 /*
- * MM_RunIndex - which segments have an index, in what state it is, and what its tables lie in. MM_RunIndex.h has the states.
+ * MM_RunIndex - which segments have an index, in what state it is, and what its tables lie in. MM_RunIndex.h has the
+ * states.
  */
 #include "MM_RunIndex.h"
 

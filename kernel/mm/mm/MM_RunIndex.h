@@ -15,8 +15,8 @@
  *   asleep  awake    MM_RunAdded, more than WAKE_RUNS runs
  *   awake   asleep   MM_RunRemoved, fewer than SLEEP_RUNS runs
  *   awake   none     MM_OpenRunIndex, the list's ends were moved by others
- *                    an allocator or release routine asked and the tables did not know: a claim of no possible size, a
- *                    release that overlaps a free run or reaches past its range, a chunk that does not hold what they say
+ *                    an allocator or release routine asked and the tables did not know: a claim of no possible size,
+ *                    a release that overlaps a free run or reaches past its range, a chunk that holds something else
  *                    MM_MemoryWritten, a header was overwritten (fills, clears, owner entries outside the map)
  *                    MM_RecheckRunIndexes, a list that does not agree any more
  *   any     none     waking, falling asleep or refilling, when the list is no ordinary one (MM_RunTables.h)
@@ -87,7 +87,8 @@ struct TMMRunIndex {
 
 extern TMMRunIndex astRunIndex[MAX_SEGTABLE_SIZE];
 
-/* Enters a state: fills the tables, empties them, or leaves them be. A list that is no ordinary one ends at INDEX_NONE. */
+/* Enters a state: fills the tables, empties them, or leaves them be. A list that is no ordinary one ends at
+ * INDEX_NONE. */
 void MM_SetIndexState(TMMRunIndex& stIndex, EMMIndexState enState);
 
 inline bool MM_KnowsEnds(const TMMRunIndex& stIndex, U32 hulHandle)

@@ -131,7 +131,8 @@ U32 CMMRunTables::LongestOfChunk(U32 ulChunk) const
     return ulLongest;
 }
 
-/* The highest chunk of a group that has a run of at least ulSize blocks, LONG_RUN or more; MM_NO_ELEMENT when none has. */
+/* The highest chunk of a group that has a run of at least ulSize blocks, LONG_RUN or more; MM_NO_ELEMENT when none
+ * has. */
 U32 CMMRunTables::LastLongOfGroup(U32 ulGroup, U32 ulSize) const
 {
     const U32 ulFirst = ulGroup * GROUP_CHUNKS;
@@ -150,7 +151,8 @@ U32 CMMRunTables::LongestOfGroup(U32 ulGroup) const
     return ulLongest;
 }
 
-/* The highest chunk with a run of that size (1 to MAX_REQUEST), as far as the tables know; MM_NO_ELEMENT without any. */
+/* The highest chunk with a run of that size (1 to MAX_REQUEST), as far as the tables know; MM_NO_ELEMENT without
+ * any. */
 U32 CMMRunTables::ChunkWith(U32 ulReqBlkNum) const
 {
     if (ulReqBlkNum <= LONG_RUN)

@@ -3,13 +3,12 @@
  * are next to a place, and how long the longest run is.
  *
  * The address range of the list is cut into chunks of a power-of-two number of blocks. For each chunk a table holds the
- * run that starts highest in it and the size of the longest run that starts in it, in a byte; a tree of maxima over
- * the bytes leads to the highest chunk with a run that is long enough. From there on the list itself is read, at most
- * one chunk's worth of it. Sizes that a byte cannot hold stand in a second such tree, of whole words over groups of
- * chunks.
+ * run that starts highest in it and the size of the longest run that starts in it, in a byte; a tree of maxima over the
+ * bytes leads to the highest chunk with a run that is long enough. From there on the list itself is read, at most one
+ * chunk's worth of it. Sizes that a byte cannot hold stand in a second such tree, of whole words over groups of chunks.
  *
- * The tables are right as long as they hear of every change to the list, once it is made; each kind of change is a
- * verb below. When that may be relied on is MM_RunIndex's business: the tables know no segment, no state and no lock, and
+ * The tables are right as long as they hear of every change to the list, once it is made; each kind of change is a verb
+ * below. When that may be relied on is MM_RunIndex's business: the tables know no segment, no state and no lock, and
  * own no storage.
  */
 #ifndef MM_RUNTABLES_H
@@ -38,8 +37,8 @@ template <class TAnswer> struct TMMAnswer {
 class CMMRunTables
 {
 public:
-    /* Cuts a span of blocks, which is not empty, into the smallest chunks (CHUNK_BLK_BIT at the least) whose tables take
-     * at most ulWords words, and takes them from pulStorage. The words taken; 0 when no chunk is large enough. */
+    /* Cuts a span of blocks, which is not empty, into the smallest chunks (CHUNK_BLK_BIT at the least) whose tables
+     * take at most ulWords words, and takes them from pulStorage. The words taken; 0 when no chunk is large enough. */
     U32 Place(TMMSpan stSpan, U8 ubBlkBit, U32* pulStorage, U32 ulWords);
 
     /* Empties placed tables, whatever they hold; a write to each of their words. */
@@ -59,13 +58,14 @@ public:
         return ulLong != 0 ? ulLong : clShort.Max();
     }
 
-    /* The highest run of at least ulReqBlkNum blocks (0 asks for any), null when there is none. Not known: requests beyond
-     * MAX_REQUEST, which the walk compares as signed numbers, and when a chunk does not hold what the tables say. */
+    /* The highest run of at least ulReqBlkNum blocks (0 asks for any), null when there is none. Not known: requests
+     * beyond MAX_REQUEST, which the walk compares as signed numbers, and when a chunk does not hold what the tables
+     * say. */
     TMMAnswer<TMMBlkStr*> Find(U32 ulReqBlkNum) const;
     static constexpr U32 MAX_REQUEST = 0x7FFFFFFF;
 
-    /* The neighbours of ulBlkNo blocks at an address of the span. Not known: blocks that are no piece of allocated memory
-     * between two runs. A run that starts exactly at ulAddr is known, as the lower neighbour. */
+    /* The neighbours of ulBlkNo blocks at an address of the span. Not known: blocks that are no piece of allocated
+     * memory between two runs. A run that starts exactly at ulAddr is known, as the lower neighbour. */
     TMMAnswer<TMMNeighbours> Neighbours(TMMRunList stList, U32 ulAddr, U32 ulBlkNo) const;
 
     /* True when a run's header lies, in whole or in part, in [ulFirst, ulLast]. */
