@@ -23,9 +23,9 @@ TMMBlkStr* WalkToRun(TMMBlkStr* pstTail, U32 ulReqBlkNum)
 TMMBlkStr* FindRun(TMMRunIndex& stIndex, U32 hulHandle, U32 ulReqBlkNum)
 {
     if (stIndex.enState == INDEX_AWAKE) {
-        const TMMAnswer<TMMBlkStr*> stFound = stIndex.clTables.Find(ulReqBlkNum);
-        if (stFound.fKnown)
-            return stFound.answer;
+        TMMBlkStr* const pstRun = stIndex.clTables.Find(ulReqBlkNum);
+        if (pstRun != MM_UnknownRun())
+            return pstRun;
         MM_SetIndexState(stIndex, INDEX_NONE);
     }
     return WalkToRun(astBlkTail[hulHandle].pstBlk, ulReqBlkNum);

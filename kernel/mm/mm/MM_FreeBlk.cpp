@@ -47,9 +47,9 @@ TMMNeighbours WalkToNeighbours(U32 hulHandle, U32 ulAddr)
 TMMNeighbours FindNeighbours(TMMRunIndex& stIndex, U32 hulHandle, U32 ulAddr, U32 ulBlkNo)
 {
     if (stIndex.enState == INDEX_AWAKE) {
-        const TMMAnswer<TMMNeighbours> stFound = stIndex.clTables.Neighbours(TMMRunList{hulHandle}, ulAddr, ulBlkNo);
-        if (stFound.fKnown)
-            return stFound.answer;
+        const TMMNeighbours stNeighbours = stIndex.clTables.Neighbours(TMMRunList{hulHandle}, ulAddr, ulBlkNo);
+        if (stNeighbours.pstLower != MM_UnknownRun())
+            return stNeighbours;
         MM_SetIndexState(stIndex, INDEX_NONE);
     }
     return WalkToNeighbours(hulHandle, ulAddr);

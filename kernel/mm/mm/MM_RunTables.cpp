@@ -151,30 +151,27 @@ U32 CMMRunTables::LongestOfGroup(U32 ulGroup) const
     return ulLongest;
 }
 
-/* The highest chunk with a run of that size (1 to MAX_REQUEST), as far as the tables know; MM_NO_ELEMENT without
- * any. */
-U32 CMMRunTables::ChunkWith(U32 ulReqBlkNum) const
+TMMBlkStr* CMMRunTables::Find(U32 ulReqBlkNum) const
 {
-    if (ulReqBlkNum <= LONG_RUN)
-        return clShort.FindLast(ulReqBlkNum);
-    const U32 ulGroup = clLong.FindLast(ulReqBlkNum);
-    return ulGroup == MM_NO_ELEMENT ? MM_NO_ELEMENT : LastLongOfGroup(ulGroup, ulReqBlkNum);
-}
-
-TMMAnswer<TMMBlkStr*> CMMRunTables::Find(U32 ulReqBlkNum) const
-{
-    ulReqBlkNum += ulReqBlkNum == 0; /* the highest run of all holds no blocks, too */
-    if (ulReqBlkNum > MAX_REQUEST)
-        return {false, nullptr};
-    if (ulReqBlkNum > Largest())
-        return {true, nullptr};
-    const U32 ulChunk = ChunkWith(ulReqBlkNum);
-    if (ulChunk != MM_NO_ELEMENT)
-        for (TMMBlkStr* pstRun = MM_At<TMMBlkStr>(pulTop[ulChunk]); IsInChunk(pstRun, ulChunk);
-             pstRun = MM_Back(pstRun))
-            if (MM_Size(pstRun) >= ulReqBlkNum)
-                return {true, pstRun};
-    return {false, nullptr};
+    U32 ulChunk = 0;
+    if (ulReqBlkNum - 1 >= MAX_REQUEST)
+        return ulReqBlkNum == 0 ? Find(1) : MM_UnknownRun();
+    if (ulReqBlkNum <= LONG_RUN) {
+        ulChunk = clShort.FindLast(ulReqBlkNum);
+        if (ulChunk == MM_NO_ELEMENT)
+            return nullptr;
+    } else {
+        const U32 ulGroup = clLong.FindLast(ulReqBlkNum);
+        if (ulGroup == MM_NO_ELEMENT)
+            return nullptr;
+        ulChunk = LastLongOfGroup(ulGroup, ulReqBlkNum);
+        if (ulChunk == MM_NO_ELEMENT)
+            return MM_UnknownRun();
+    }
+    for (TMMBlkStr* pstRun = MM_At<TMMBlkStr>(pulTop[ulChunk]); IsInChunk(pstRun, ulChunk); pstRun = MM_Back(pstRun))
+        if (MM_Size(pstRun) >= ulReqBlkNum)
+            return pstRun;
+    return MM_UnknownRun();
 }
 
 /* The neighbours of an address of the span. */
@@ -200,7 +197,7 @@ inline TMMNeighbours CMMRunTables::Around(TMMRunList stList, U32 ulAddr) const
     return {pstTop, pstTop == nullptr ? stList.Head() : MM_Next(pstTop)};
 }
 
-TMMAnswer<TMMNeighbours> CMMRunTables::Neighbours(TMMRunList stList, U32 ulAddr, U32 ulBlkNo) const
+TMMNeighbours CMMRunTables::Neighbours(TMMRunList stList, U32 ulAddr, U32 ulBlkNo) const
 {
     const TMMNeighbours stAround = Around(stList, ulAddr);
     const TMMBlkStr* const pstLower = stAround.pstLower;
@@ -208,7 +205,7 @@ TMMAnswer<TMMNeighbours> CMMRunTables::Neighbours(TMMRunList stList, U32 ulAddr,
 
     const bool fApart = pstLower == nullptr || MM_Addr(pstLower) == ulAddr || MM_RunEnd(pstLower, ubBlkBit) <= ulAddr;
     const bool fRoom = ulAddr < ulLimit && ulBlkNo <= (ulLimit - ulAddr) >> ubBlkBit;
-    return {fApart && fRoom, stAround};
+    return fApart && fRoom ? stAround : TMMNeighbours{MM_UnknownRun(), nullptr};
 }
 
 bool CMMRunTables::HoldHeaderIn(TMMRunList stList, U32 ulFirst, U32 ulLast) const

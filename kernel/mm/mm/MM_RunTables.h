@@ -28,11 +28,11 @@ struct TMMNeighbours {
     TMMBlkStr* pstUpper; /* the lowest run that starts above it, or null */
 };
 
-/* An answer, or the word that the tables do not know and the list is to be asked. */
-template <class TAnswer> struct TMMAnswer {
-    bool fKnown;
-    TAnswer answer; /* nothing unless known */
-};
+/* In place of a run: the tables do not know, and the list is to be asked. */
+inline TMMBlkStr* MM_UnknownRun()
+{
+    return MM_At<TMMBlkStr>(0xFFFFFFFF);
+}
 
 class CMMRunTables
 {
@@ -58,15 +58,14 @@ public:
         return ulLong != 0 ? ulLong : clShort.Max();
     }
 
-    /* The highest run of at least ulReqBlkNum blocks (0 asks for any), null when there is none. Not known: requests
-     * beyond MAX_REQUEST, which the walk compares as signed numbers, and when a chunk does not hold what the tables
-     * say. */
-    TMMAnswer<TMMBlkStr*> Find(U32 ulReqBlkNum) const;
+    /* The highest run of at least ulReqBlkNum blocks (any run for 0), null when there is none. Not known: requests beyond
+     * MAX_REQUEST, which the walk compares as signed numbers; a chunk that does not hold what the tables say. */
+    TMMBlkStr* Find(U32 ulReqBlkNum) const;
     static constexpr U32 MAX_REQUEST = 0x7FFFFFFF;
 
-    /* The neighbours of ulBlkNo blocks at an address of the span. Not known: blocks that are no piece of allocated
-     * memory between two runs. A run that starts exactly at ulAddr is known, as the lower neighbour. */
-    TMMAnswer<TMMNeighbours> Neighbours(TMMRunList stList, U32 ulAddr, U32 ulBlkNo) const;
+    /* The neighbours of ulBlkNo blocks at an address of the span. Not known, with an unknown lower one: blocks that are no
+     * piece of allocated memory between two runs. A run that starts exactly at ulAddr is known, as the lower one. */
+    TMMNeighbours Neighbours(TMMRunList stList, U32 ulAddr, U32 ulBlkNo) const;
 
     /* True when a run's header lies, in whole or in part, in [ulFirst, ulLast]. */
     bool HoldHeaderIn(TMMRunList stList, U32 ulFirst, U32 ulLast) const;
@@ -98,7 +97,6 @@ private:
     U32 LongestOfChunk(U32 ulChunk) const;
     U32 LongestOfGroup(U32 ulGroup) const;
     U32 LastLongOfGroup(U32 ulGroup, U32 ulSize) const;
-    U32 ChunkWith(U32 ulReqBlkNum) const;
     void Enter(const TMMBlkStr* pstRun, U32 ulSize);
     void Leave(U32 ulChunk, U32 ulOldSize);
 
