@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
+#include <system_error>
 #include <utility>
 
 namespace velmora {
@@ -24,10 +26,14 @@ constexpr std::size_t kPageBytes = 4096;
 
 std::string describe(const std::string& command, int result)
 {
-    std::string text = command + ": the manager answered " + codeName(result);
-    if (result == EASSERT)
+    const std::string name = codeName(result);
+    if (result < 0)
+        return command + ": " + name + ": " + std::generic_category().message(-result);
+    const std::string number = std::to_string(result);
+    std::string text = command + ": the manager answered " + (name == number ? number : number + " (" + name + ")");
+    if (result == MM_EASSERT)
         text += "; the kernel log names the check that failed";
-    if (result == EINVASEGSIZE)
+    if (result == MM_EINVASEGSIZE)
         text += "; there is no room";
     return text;
 }
@@ -43,14 +49,12 @@ void setName(std::uint8_t (&id)[4], const std::string& name)
 
 std::string codeName(int result)
 {
-    if (result == -22)
-        return "-22 (bad user buffer)";
-    if (result == -14)
-        return "-14 (incomplete copy)";
-    const std::string number = std::to_string(result);
-    return result >= 0 && result < static_cast<int>(kCodeNames.size())
-               ? number + " (" + kCodeNames[static_cast<std::size_t>(result)] + ")"
-               : number;
+    const char* name = nullptr;
+    if (result < 0)
+        name = strerrorname_np(-result);
+    else if (static_cast<std::size_t>(result) < kCodeNames.size())
+        name = kCodeNames[static_cast<std::size_t>(result)];
+    return name != nullptr ? name : std::to_string(result);
 }
 
 std::string commandName(std::uint32_t number)
@@ -63,17 +67,18 @@ Error::Error(const std::string& command, int result) : std::runtime_error(descri
 {
 }
 
-Mapping::Mapping(Channel& channel, TAddr address, std::size_t bytes, Caching caching) : channel_(&channel)
+Mapping::Mapping(std::shared_ptr<Channel> channel, MM_TAddr address, std::size_t bytes, Caching caching)
+    : channel_(std::move(channel))
 {
     const std::size_t before = address % kPageBytes;
     mappedBytes_ = (before + bytes + kPageBytes - 1) / kPageBytes * kPageBytes;
-    start_ = channel.map(address - static_cast<TAddr>(before), mappedBytes_, caching);
+    start_ = channel_->map(address - static_cast<MM_TAddr>(before), mappedBytes_, caching);
     bytes_ = {static_cast<std::byte*>(start_) + before, bytes};
 }
 
 Mapping::Mapping(Mapping&& other) noexcept
-    : channel_(other.channel_), start_(std::exchange(other.start_, nullptr)), mappedBytes_(other.mappedBytes_),
-      bytes_(std::exchange(other.bytes_, {}))
+    : channel_(std::move(other.channel_)), start_(std::exchange(other.start_, nullptr)),
+      mappedBytes_(other.mappedBytes_), bytes_(std::exchange(other.bytes_, {}))
 {
 }
 
@@ -108,24 +113,24 @@ template <class Record> void Device::runOrThrow(std::uint32_t number, Record& re
 
 void Device::buildTable()
 {
-    TMMInitOption option = MM_CONSTRUCT_DEFAULT_MCT;
+    MM_TMMInitOption option = MM_CONSTRUCT_DEFAULT_MCT;
     runOrThrow(MM_CMD_ENTRY, option);
 }
 
-void Device::startLibrary(TStartOption startOption)
+void Device::startLibrary(MM_TStartOption startOption)
 {
-    TLibEntryInfo info{startOption, 0};
+    MM_TLibEntryInfo info{startOption, 0};
     runOrThrow(MM_CMD_LIB_ENTRY, info);
 }
 
-TSegInfoFromApp Device::createSegment(const SegmentRequest& request)
+MM_TSegInfoFromApp Device::createSegment(const SegmentRequest& request)
 {
-    TSegInfoFromApp info{};
+    MM_TSegInfoFromApp info{};
     setName(info.aubSegID, request.name);
     info.ubType = request.type;
     info.ubSegDSType = request.discipline;
     info.ubMap = request.mapBits;
-    info.ubSemaphore = request.locked ? YES : NO;
+    info.ubSemaphore = request.locked ? MM_YES : MM_NO;
     info.ulSegSize = request.bytes;
     info.ulBlkSize = request.blockBytes;
     info.ubVM = request.overflowsToHeap ? 1 : 0;
@@ -133,45 +138,45 @@ TSegInfoFromApp Device::createSegment(const SegmentRequest& request)
     return info;
 }
 
-std::optional<TAddr> Device::allocate(std::uint32_t handle, std::uint32_t bytes, std::uint8_t owner)
+std::optional<MM_TAddr> Device::allocate(std::uint32_t handle, std::uint32_t bytes, std::uint8_t owner)
 {
-    TMallocInfo info{handle, bytes, owner, {}, 0};
+    MM_TMallocInfo info{handle, bytes, owner, {}, 0};
     const int result = run(MM_CMD_MALLOC, info);
-    if (result == EINVASEGSIZE)
+    if (result == MM_EINVASEGSIZE)
         return std::nullopt;
-    if (result != ENOERR)
+    if (result != MM_ENOERR)
         throw Error("MM_CMD_MALLOC", result);
     return info.pubStart;
 }
 
-void Device::release(std::uint32_t handle, TAddr address, std::uint32_t bytes)
+void Device::release(std::uint32_t handle, MM_TAddr address, std::uint32_t bytes)
 {
-    TFreeInfo info{handle, address, bytes};
+    MM_TFreeInfo info{handle, address, bytes};
     runOrThrow(MM_CMD_FREE, info);
 }
 
 void Device::collectGarbage(std::uint32_t handle, std::uint8_t owner)
 {
-    TCollectGarbageInfo info{handle, owner, {}};
+    MM_TCollectGarbageInfo info{handle, owner, {}};
     runOrThrow(MM_CMD_COLLECT_GARBAGE, info);
 }
 
-void Device::fill(TAddr address, std::uint8_t byte, std::uint32_t bytes)
+void Device::fill(MM_TAddr address, std::uint8_t byte, std::uint32_t bytes)
 {
-    TMemsetInfo info{address, byte, bytes};
+    MM_TMemsetInfo info{address, byte, bytes};
     runOrThrow(MM_CMD_MEMSET, info);
 }
 
 void Device::deleteFixedSegment(const std::string& name)
 {
-    TDeleteSegmentInfo info{};
+    MM_TDeleteSegmentInfo info{};
     setName(info.aubCFGID, name);
     runOrThrow(MM_CMD_DELETE_SEGMENT, info);
 }
 
-void Device::addFixedSegment(const std::string& name, std::uint32_t bytes, TAddr address)
+void Device::addFixedSegment(const std::string& name, std::uint32_t bytes, MM_TAddr address)
 {
-    TAddSegmentInfo info{};
+    MM_TAddSegmentInfo info{};
     setName(info.aubCFGID, name);
     info.ulSize = bytes;
     info.pubAddr = address;
@@ -180,42 +185,42 @@ void Device::addFixedSegment(const std::string& name, std::uint32_t bytes, TAddr
 
 void Device::clearFixedSegment(const std::string& name)
 {
-    TClearSegmentInfo info{};
+    MM_TClearSegmentInfo info{};
     setName(info.aubCFGID, name);
     runOrThrow(MM_CMD_CLEAR_SEGMENT, info);
 }
 
-bool Device::contains(std::uint32_t handle, TAddr address)
+bool Device::contains(std::uint32_t handle, MM_TAddr address)
 {
-    TCheckSegmentInfo info{handle, address, 0, {}};
+    MM_TCheckSegmentInfo info{handle, address, 0, {}};
     runOrThrow(MM_CMD_CHECK_SEGMENT, info);
     return info.status != 0;
 }
 
 void Device::display(std::uint8_t selector)
 {
-    TDisplayMSTInfo info{selector, 0, {}};
+    MM_TDisplayMSTInfo info{selector, 0, {}};
     runOrThrow(MM_CMD_DISPLAY_MST, info);
 }
 
-std::uint32_t Device::physicalAddress(TAddr address)
+std::uint32_t Device::physicalAddress(MM_TAddr address)
 {
-    TQueryPhysAddrInfo info{0, {}, address, 0};
+    MM_TQueryPhysAddrInfo info{0, {}, address, 0};
     runOrThrow(MM_CMD_QUERY_PHYS_ADDR, info);
     return info.ulPhysAddr;
 }
 
-std::optional<TMMSegInfoWire> Device::segment(std::uint8_t handle)
+std::optional<MM_TMMSegInfoWire> Device::segment(std::uint8_t handle)
 {
-    TGetMSTInfo info{};
+    MM_TGetMSTInfo info{};
     info.hubHandle = handle;
     runOrThrow(MM_CMD_GET_MST, info);
     return info.status == 0 ? std::optional(info.SegTable) : std::nullopt;
 }
 
-std::optional<TMCTInfoWire> Device::tableRow(std::uint8_t row)
+std::optional<MM_TMCTInfoWire> Device::tableRow(std::uint8_t row)
 {
-    TGetMCTInfo info{};
+    MM_TGetMCTInfo info{};
     info.cfgid = row;
     runOrThrow(MM_CMD_GET_MCT, info);
     return info.status == 0 ? std::optional(info.SegTable) : std::nullopt;

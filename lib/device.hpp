@@ -9,9 +9,12 @@
 //       ...
 //   }
 //
-// Addresses (TAddr) are kernel virtual addresses of the managed area, 32 bits wide in every program; sizes are bytes.
+// Addresses (MM_TAddr) are kernel virtual addresses of the managed area, 32 bits wide in every program; sizes are bytes.
 // A call that the manager or the device refuses throws velmora::Error, which says what was answered; "no room" and
 // "no such entry" are values. A Device may be used by one thread at a time; open one for each party.
+//
+// The wire header's names without MM_ are there for programs that like them, as above. This header needs none: a program
+// that defines VELMORA_MM_PREFIXED_NAMES and one that does not link the same library.
 #pragma once
 
 #include <cstddef>
@@ -26,7 +29,8 @@
 
 namespace velmora {
 
-// Name of a result code of the manager ("EASSERT"), or its number.
+// Name of a result: a code of the manager ("EASSERT" for 14) or, below 0, of the kernel ("ENOTTY" for -25). The number
+// where there is no name.
 std::string codeName(int result);
 
 // Name of a device command ("MM_CMD_MALLOC"), or its number.
@@ -36,7 +40,7 @@ class Error : public std::runtime_error
 {
 public:
     // command: the device command or call that failed. result: a code of the manager (above 0) or a negative kernel
-    // code (-22: bad user buffer, -14: incomplete copy).
+    // code, -EINVAL for example. The manager's and the kernel's codes share numbers and nothing else.
     Error(const std::string& command, int result);
 
     int result() const { return result_; }
@@ -57,15 +61,16 @@ public:
     virtual int command(std::uint32_t number, void* record, std::size_t bytes) = 0;
 
     // Maps bytes of memory at a page-aligned kernel virtual address; throws Error when refused.
-    virtual void* map(TAddr address, std::size_t bytes, Caching caching) = 0;
+    virtual void* map(MM_TAddr address, std::size_t bytes, Caching caching) = 0;
     virtual void unmap(void* start, std::size_t bytes) = 0;
 };
 
-// A view of managed memory in this process; unmaps itself. The channel must outlive it.
+// A view of managed memory in this process; unmaps itself. It may outlive the Device that made it: the descriptor stays
+// open until its last view is gone.
 class Mapping
 {
 public:
-    Mapping(Channel& channel, TAddr address, std::size_t bytes, Caching caching);
+    Mapping(std::shared_ptr<Channel> channel, MM_TAddr address, std::size_t bytes, Caching caching);
     Mapping(Mapping&& other) noexcept;
     Mapping& operator=(Mapping&& other) noexcept;
     ~Mapping();
@@ -73,7 +78,7 @@ public:
     std::span<std::byte> bytes() const { return bytes_; }
 
 private:
-    Channel* channel_;
+    std::shared_ptr<Channel> channel_;
     void* start_;             // page-aligned
     std::size_t mappedBytes_; // from start_
     std::span<std::byte> bytes_;
@@ -85,8 +90,8 @@ struct SegmentRequest {
     std::uint32_t bytes = 0;
     std::uint32_t blockBytes = 4096;
     std::uint8_t mapBits = 0; // 0, 1, 2, 4 or 8 owner bits for each block
-    std::uint8_t type = FLOAT;
-    std::uint8_t discipline = LINKEDLIST;
+    std::uint8_t type = MM_FLOAT;
+    std::uint8_t discipline = MM_LINKEDLIST;
     bool locked = true;           // safe to use from several contexts
     bool overflowsToHeap = false; // what does not fit is taken from the heap, in the heap's blocks, owned by nobody
 };
@@ -97,40 +102,42 @@ public:
     explicit Device(std::unique_ptr<Channel> channel) : channel_(std::move(channel)) {}
 
     // Start-up, in this order.
-    void buildTable();                           // MM_CMD_ENTRY
-    void startLibrary(TStartOption startOption); // MM_CMD_LIB_ENTRY: forgets every segment
+    void buildTable();                              // MM_CMD_ENTRY
+    void startLibrary(MM_TStartOption startOption); // MM_CMD_LIB_ENTRY: forgets every segment
 
     // The request as the manager gave it back: handle, bytes placed, usable bytes.
-    TSegInfoFromApp createSegment(const SegmentRequest& request); // MM_CMD_CREATE_SEGMENT
+    MM_TSegInfoFromApp createSegment(const SegmentRequest& request); // MM_CMD_CREATE_SEGMENT
 
-    // At least bytes from a segment for an owner; nullopt when there is no room.
-    std::optional<TAddr> allocate(std::uint32_t handle, std::uint32_t bytes, std::uint8_t owner = 0); // MM_CMD_MALLOC
-    void release(std::uint32_t handle, TAddr address, std::uint32_t bytes);                           // MM_CMD_FREE
-    void collectGarbage(std::uint32_t handle, std::uint8_t owner);    // MM_CMD_COLLECT_GARBAGE
-    void fill(TAddr address, std::uint8_t byte, std::uint32_t bytes); // MM_CMD_MEMSET
+    // At least bytes from a segment for an owner; nullopt when there is no room. A clean-up takes the blocks of its owner and
+    // of every owner whose ID has all of its bits: 1 those of 3 and 5 as well.
+    std::optional<MM_TAddr> allocate(std::uint32_t handle, std::uint32_t bytes,
+                                     std::uint8_t owner = 0);                  // MM_CMD_MALLOC
+    void release(std::uint32_t handle, MM_TAddr address, std::uint32_t bytes); // MM_CMD_FREE
+    void collectGarbage(std::uint32_t handle, std::uint8_t owner);             // MM_CMD_COLLECT_GARBAGE
+    void fill(MM_TAddr address, std::uint8_t byte, std::uint32_t bytes);       // MM_CMD_MEMSET
 
     // Fixed segments, by a name of up to four characters. The manager reports success whatever happened.
-    void deleteFixedSegment(const std::string& name);                                  // MM_CMD_DELETE_SEGMENT
-    void addFixedSegment(const std::string& name, std::uint32_t bytes, TAddr address); // MM_CMD_ADD_SEGMENT: ignored
-    void clearFixedSegment(const std::string& name);                                   // MM_CMD_CLEAR_SEGMENT
+    void deleteFixedSegment(const std::string& name);                                     // MM_CMD_DELETE_SEGMENT
+    void addFixedSegment(const std::string& name, std::uint32_t bytes, MM_TAddr address); // MM_CMD_ADD_SEGMENT: ignored
+    void clearFixedSegment(const std::string& name);                                      // MM_CMD_CLEAR_SEGMENT
 
     // True when the address lies in the segment (handles 0 to 48) or is its end.
-    bool contains(std::uint32_t handle, TAddr address);         // MM_CMD_CHECK_SEGMENT
-    void display(std::uint8_t selector = MM_DISPLAY_ALL);       // MM_CMD_DISPLAY_MST, on the kernel log
-    std::uint32_t physicalAddress(TAddr address);               // MM_CMD_QUERY_PHYS_ADDR
-    std::optional<TMMSegInfoWire> segment(std::uint8_t handle); // MM_CMD_GET_MST; nullopt for the heap and beyond
-    std::optional<TMCTInfoWire> tableRow(std::uint8_t row);     // MM_CMD_GET_MCT; nullopt above 4
+    bool contains(std::uint32_t handle, MM_TAddr address);         // MM_CMD_CHECK_SEGMENT
+    void display(std::uint8_t selector = MM_DISPLAY_ALL);          // MM_CMD_DISPLAY_MST, on the kernel log
+    std::uint32_t physicalAddress(MM_TAddr address);               // MM_CMD_QUERY_PHYS_ADDR
+    std::optional<MM_TMMSegInfoWire> segment(std::uint8_t handle); // MM_CMD_GET_MST; nullopt for the heap and beyond
+    std::optional<MM_TMCTInfoWire> tableRow(std::uint8_t row);     // MM_CMD_GET_MCT; nullopt above 4
 
-    Mapping map(TAddr address, std::size_t bytes, Caching caching = Caching::Cached)
+    Mapping map(MM_TAddr address, std::size_t bytes, Caching caching = Caching::Cached)
     {
-        return {*channel_, address, bytes, caching};
+        return {channel_, address, bytes, caching};
     }
 
 private:
     template <class Record> int run(std::uint32_t number, Record& record);
     template <class Record> void runOrThrow(std::uint32_t number, Record& record);
 
-    std::unique_ptr<Channel> channel_;
+    std::shared_ptr<Channel> channel_; // its views hold it as well
 };
 
 // Opens a device node; throws std::system_error when it cannot be opened.

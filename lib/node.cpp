@@ -43,7 +43,7 @@ public:
         return result < 0 ? -errno : result;
     }
 
-    void* map(TAddr address, std::size_t bytes, Caching caching) override
+    void* map(MM_TAddr address, std::size_t bytes, Caching caching) override
     {
         return caching == Caching::Cached ? mapThrough(device_, address, bytes)
                                           : mapThrough(Descriptor(path_, O_SYNC), address, bytes);
@@ -53,7 +53,7 @@ public:
 
 private:
     // O_SYNC on the descriptor makes a mapping uncached; the mapping outlives the descriptor.
-    static void* mapThrough(const Descriptor& descriptor, TAddr address, std::size_t bytes)
+    static void* mapThrough(const Descriptor& descriptor, MM_TAddr address, std::size_t bytes)
     {
         void* const start =
             mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_SHARED, descriptor.number(), static_cast<off_t>(address));

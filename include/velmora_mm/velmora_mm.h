@@ -8,17 +8,36 @@
  * Every address in a record is a kernel virtual address of the managed area, held as a 32-bit
  * integer (TAddr) whatever the word size of the program: pass it to mmap() of the device as the offset
  * to reach the bytes, or ask MM_CMD_QUERY_PHYS_ADDR for the physical address.
+ *
+ * Names. Every type and constant has a name that begins with MM_: MM_U32, MM_TFreeInfo, MM_YES,
+ * MM_CMD_FREE. Those without it in the text below, as U32, TFreeInfo and YES, exist as well, unless the
+ * program defines VELMORA_MM_PREFIXED_NAMES before it includes this header:
+ *
+ *     #define VELMORA_MM_PREFIXED_NAMES
+ *     #include <velmora_mm/velmora_mm.h>
+ *
+ * A program with a BOOL, FIXED or YES of its own (X11 has one) defines it. A header that others
+ * include uses the prefixed names only: they are there either way, and are the same types.
  */
 #ifndef VELMORA_MM_H
 #define VELMORA_MM_H
 
+/* A name as it is declared below, with the prefix and, where the program may have it, without. */
+#ifdef VELMORA_MM_PREFIXED_NAMES
+#define MM_TYPE(name) MM_##name
+#define MM_CONSTANT(name, value) MM_##name = (value)
+#else
+#define MM_TYPE(name) MM_##name, name
+#define MM_CONSTANT(name, value) MM_##name = (value), name = (value)
+#endif
+
 /* Scalar types: the number is the width in bits. */
-typedef __UINT8_TYPE__ U8;
-typedef __UINT16_TYPE__ U16;
-typedef __UINT32_TYPE__ U32;
-typedef __INT32_TYPE__ S32;
-typedef int BOOL;
-typedef U32 TAddr; /* a kernel virtual address */
+typedef __UINT8_TYPE__ MM_TYPE(U8);
+typedef __UINT16_TYPE__ MM_TYPE(U16);
+typedef __UINT32_TYPE__ MM_TYPE(U32);
+typedef __INT32_TYPE__ MM_TYPE(S32);
+typedef int MM_TYPE(BOOL);
+typedef MM_U32 MM_TYPE(TAddr); /* a kernel virtual address */
 
 #define VELMORA_MM_DEVICE_NAME "Velmora_MM"
 #define VELMORA_MM_PROC_NAME "velmora_mm"
@@ -26,61 +45,61 @@ typedef U32 TAddr; /* a kernel virtual address */
 
 /* Result of most operations; through ioctl these arrive as positive results. */
 enum {
-    ENOERR = 0,
-    EINVAOPT = 1,
-    EOUTOFRANGE = 2,
-    EWRONGADDR = 3,
-    EINVASEGSIZE = 4,
-    EOUTOFFIXED = 5,
-    EOUTOFFLOAT = 6,
-    EINVASEGTYPE = 7,
-    ENOSEGLIST = 8,
-    ENOMCT = 9,
-    EERR = 10,
-    ENOSEGBLOCK = 11,
-    ENOSEGBLK = 12,
-    ENOSIZE = 13,
-    EASSERT = 14, /* a check failed; the kernel log says which */
-    EINITSEM = 15,
-    EFREESEM = 16,
-    EPSEM = 17,
-    EVSEM = 18,
-    EOPEN = 19,
-    ECLOSE = 20,
-    ENULL = 21,
-    ESEGMENT = 22,
-    EINVAARG = 23
+    MM_CONSTANT(ENOERR, 0),
+    MM_CONSTANT(EINVAOPT, 1),
+    MM_CONSTANT(EOUTOFRANGE, 2),
+    MM_CONSTANT(EWRONGADDR, 3),
+    MM_CONSTANT(EINVASEGSIZE, 4),
+    MM_CONSTANT(EOUTOFFIXED, 5),
+    MM_CONSTANT(EOUTOFFLOAT, 6),
+    MM_CONSTANT(EINVASEGTYPE, 7),
+    MM_CONSTANT(ENOSEGLIST, 8),
+    MM_CONSTANT(ENOMCT, 9),
+    MM_CONSTANT(EERR, 10),
+    MM_CONSTANT(ENOSEGBLOCK, 11),
+    MM_CONSTANT(ENOSEGBLK, 12),
+    MM_CONSTANT(ENOSIZE, 13),
+    MM_CONSTANT(EASSERT, 14), /* a check failed; the kernel log says which */
+    MM_CONSTANT(EINITSEM, 15),
+    MM_CONSTANT(EFREESEM, 16),
+    MM_CONSTANT(EPSEM, 17),
+    MM_CONSTANT(EVSEM, 18),
+    MM_CONSTANT(EOPEN, 19),
+    MM_CONSTANT(ECLOSE, 20),
+    MM_CONSTANT(ENULL, 21),
+    MM_CONSTANT(ESEGMENT, 22),
+    MM_CONSTANT(EINVAARG, 23)
 };
 
 /* How the memory survived the last power cycle. Held in 32 bits; 4 and 5 are refused at library start. */
 enum {
-    SM_BKUP_OK = 0,    /* contents kept: nothing is cleared */
-    SM_BKUP_NG = 1,    /* backup failed: "$UEV" is cleared */
-    SM_AJL_CLR = 2,    /* job data to be dropped: "$JCB" is cleared */
-    SM_BKUP_FLASH = 3, /* contents restored from flash: nothing is cleared */
-    SM_FM_MBR_OK = 4,
-    SM_FM_MBR_NG = 5
+    MM_CONSTANT(SM_BKUP_OK, 0),    /* contents kept: nothing is cleared */
+    MM_CONSTANT(SM_BKUP_NG, 1),    /* backup failed: "$UEV" is cleared */
+    MM_CONSTANT(SM_AJL_CLR, 2),    /* job data to be dropped: "$JCB" is cleared */
+    MM_CONSTANT(SM_BKUP_FLASH, 3), /* contents restored from flash: nothing is cleared */
+    MM_CONSTANT(SM_FM_MBR_OK, 4),
+    MM_CONSTANT(SM_FM_MBR_NG, 5)
 };
-typedef U32 TStartOption;
+typedef MM_U32 MM_TYPE(TStartOption);
 
 enum { MM_CONSTRUCT_DEFAULT_MCT = 0 }; /* the only initialisation option */
-typedef U32 TMMInitOption;
+typedef MM_U32 MM_TYPE(TMMInitOption);
 
 enum {
-    MAX_SEGTABLE_SIZE = 50,
-    MAX_FIXEDSEG_NUM = 5,       /* fixed segments: handles 0 to 4 */
-    FIRST_FLOAT_HANDLE = 5,     /* float segments: handles 5 to 48 */
-    HEAPHANDLE = 49,            /* the heap */
-    HEAPHANDLE_ALIAS = 0x10031, /* the heap again, where the allocation calls and most queries are asked */
-    MAX_PIECE_NUM = 5,          /* most pieces that the heap may span */
-    HEAP_BLOCK_SIZE = 64,       /* smallest linked-list segment; size of one free-memory node */
-    MAX_MCT_NUM = 5,            /* rows of the memory configuration table */
-    MM_DISPLAY_ALL = 100        /* selector of MM_CMD_DISPLAY_MST: every used entry and the heap */
+    MM_CONSTANT(MAX_SEGTABLE_SIZE, 50),
+    MM_CONSTANT(MAX_FIXEDSEG_NUM, 5),       /* fixed segments: handles 0 to 4 */
+    MM_CONSTANT(FIRST_FLOAT_HANDLE, 5),     /* float segments: handles 5 to 48 */
+    MM_CONSTANT(HEAPHANDLE, 49),            /* the heap */
+    MM_CONSTANT(HEAPHANDLE_ALIAS, 0x10031), /* the heap again, where the allocation calls and most queries are asked */
+    MM_CONSTANT(MAX_PIECE_NUM, 5),          /* most pieces that the heap may span */
+    MM_CONSTANT(HEAP_BLOCK_SIZE, 64),       /* smallest linked-list segment; size of one free-memory node */
+    MM_CONSTANT(MAX_MCT_NUM, 5),            /* rows of the memory configuration table */
+    MM_DISPLAY_ALL = 100                    /* selector of MM_CMD_DISPLAY_MST: every used entry and the heap */
 };
 
-enum { FIXED = 0, FLOAT = 1, FLOATALIGN = 2 }; /* ubType */
-enum { STACK = 0, LINKEDLIST = 1 };            /* ubSegDSType */
-enum { NO = 0, YES = 1 };                      /* ubSemaphore */
+enum { MM_CONSTANT(FIXED, 0), MM_CONSTANT(FLOAT, 1), MM_CONSTANT(FLOATALIGN, 2) }; /* ubType */
+enum { MM_CONSTANT(STACK, 0), MM_CONSTANT(LINKEDLIST, 1) };                        /* ubSegDSType */
+enum { MM_CONSTANT(NO, 0), MM_CONSTANT(YES, 1) };                                  /* ubSemaphore */
 
 /* Control commands: type byte 0x53, sequence number, no direction or size bits. */
 enum {
@@ -93,7 +112,7 @@ enum {
     MM_CMD_ADD_SEGMENT = 0x5306,     /* TAddSegmentInfo: accepted, does nothing */
     MM_CMD_CLEAR_SEGMENT = 0x5307,   /* TClearSegmentInfo: zero a fixed segment; always 0 */
     MM_CMD_ENTRY = 0x5308,           /* TMMInitOption, 4 bytes: build the MCT */
-    MM_CMD_COLLECT_GARBAGE = 0x5309, /* TCollectGarbageInfo: release all blocks of an owner */
+    MM_CMD_COLLECT_GARBAGE = 0x5309, /* TCollectGarbageInfo: release the blocks of an owner, see there */
     MM_CMD_CHECK_SEGMENT = 0x530A,   /* TCheckSegmentInfo: is an address in a segment */
     MM_CMD_DISPLAY_MST = 0x530B,     /* TDisplayMSTInfo: print the segment table on the kernel log */
     MM_CMD_QUERY_PHYS_ADDR = 0x530C, /* TQueryPhysAddrInfo: physical address */
@@ -105,125 +124,127 @@ enum {
 
 /* A segment request, and the first member of every segment table entry. */
 typedef struct {
-    U8 aubSegID[4];   /* name, not terminated */
-    U8 ubType;        /* FIXED, FLOAT, FLOATALIGN */
-    U8 ubSegDSType;   /* STACK, LINKEDLIST */
-    U8 ubMap;         /* owner map: 0 (none), 1, 2, 4 or 8 bits for each block; a STACK has none */
-    U8 ubSemaphore;   /* YES: every operation runs under a lock */
-    U32 ulSegSize;    /* bytes asked for; 0 with FLOAT asks for the heap; out: bytes placed */
-    U32 ulBlkSize;    /* bytes of a block, above 0; acts as the power of two at or below it */
-    U32 hulHandle;    /* out: handle of the new segment */
-    U32 ulRetSegSize; /* out: usable bytes */
-    U8 ubVM;          /* non-zero: what does not fit is taken from the heap */
-    U8 aubPad[3];
-} TSegInfoFromApp;
+    MM_U8 aubSegID[4];   /* name, not terminated */
+    MM_U8 ubType;        /* FIXED, FLOAT, FLOATALIGN */
+    MM_U8 ubSegDSType;   /* STACK, LINKEDLIST */
+    MM_U8 ubMap;         /* owner map: 0 (none), 1, 2, 4 or 8 bits for each block; a STACK has none */
+    MM_U8 ubSemaphore;   /* YES: every operation runs under a lock */
+    MM_U32 ulSegSize;    /* bytes asked for; 0 with FLOAT asks for the heap; out: bytes placed */
+    MM_U32 ulBlkSize;    /* bytes of a block, above 0; acts as the power of two at or below it */
+    MM_U32 hulHandle;    /* out: handle of the new segment */
+    MM_U32 ulRetSegSize; /* out: usable bytes */
+    MM_U8 ubVM;          /* non-zero: what does not fit is taken from the heap */
+    MM_U8 aubPad[3];
+} MM_TYPE(TSegInfoFromApp);
 
 /* A segment table entry as MM_CMD_GET_MST copies it. */
 typedef struct {
-    TSegInfoFromApp stInfoFromApp;
-    U8 ubBlkBit; /* log2 of the block size, rounded down */
-    U8 aubPad[3];
-    TAddr pubStartAddr;      /* first block */
-    TAddr pubEndAddr;        /* past the last block */
-    TAddr pubMapStartAddr;   /* owner map, 0 when there is none */
-    TAddr pubMapEndAddr;     /* past the owner map */
-    U32 ulSemID;             /* not used */
-    U32 ulTotalBlkNum;       /* blocks */
-    U32 ulTotalAllocBlkNum;  /* blocks */
-    U32 ulTotalFreeBlkNum;   /* blocks */
-    U32 ulLargestBlkSize;    /* longest free run, blocks */
-    U32 ulRealAvailSize;     /* usable bytes */
-    TAddr pfnAlloc, pfnFree; /* non-zero once the segment serves allocations */
-} TMMSegInfoWire;
+    MM_TSegInfoFromApp stInfoFromApp;
+    MM_U8 ubBlkBit; /* log2 of the block size, rounded down */
+    MM_U8 aubPad[3];
+    MM_TAddr pubStartAddr;      /* first block */
+    MM_TAddr pubEndAddr;        /* past the last block */
+    MM_TAddr pubMapStartAddr;   /* owner map, 0 when there is none */
+    MM_TAddr pubMapEndAddr;     /* past the owner map */
+    MM_U32 ulSemID;             /* not used */
+    MM_U32 ulTotalBlkNum;       /* blocks */
+    MM_U32 ulTotalAllocBlkNum;  /* blocks */
+    MM_U32 ulTotalFreeBlkNum;   /* blocks */
+    MM_U32 ulLargestBlkSize;    /* longest free run, blocks */
+    MM_U32 ulRealAvailSize;     /* usable bytes */
+    MM_TAddr pfnAlloc, pfnFree; /* non-zero once the segment serves allocations */
+} MM_TYPE(TMMSegInfoWire);
 
 /* A row of the memory configuration table as MM_CMD_GET_MCT copies it. */
 typedef struct {
-    U8 aubCFGID[4]; /* name, not terminated */
-    U32 ulSize;     /* bytes */
-    TAddr pubStartAddr;
-} TMCTInfoWire;
+    MM_U8 aubCFGID[4]; /* name, not terminated */
+    MM_U32 ulSize;     /* bytes */
+    MM_TAddr pubStartAddr;
+} MM_TYPE(TMCTInfoWire);
 
 typedef struct {
-    TStartOption enStartOption;
-    S32 status; /* out */
-} TLibEntryInfo;
+    MM_TStartOption enStartOption;
+    MM_S32 status; /* out */
+} MM_TYPE(TLibEntryInfo);
 
 typedef struct {
-    U32 hulHandle;
-    U32 ulReqBytes;
-    U8 ubMapID; /* owner; must fit the segment's map */
-    U8 aubPad[3];
-    TAddr pubStart; /* out: 0 no room, 0xFFFFFFFF refused */
-} TMallocInfo;
+    MM_U32 hulHandle;
+    MM_U32 ulReqBytes;
+    MM_U8 ubMapID; /* owner; must fit the segment's map */
+    MM_U8 aubPad[3];
+    MM_TAddr pubStart; /* out: 0 no room, 0xFFFFFFFF refused */
+} MM_TYPE(TMallocInfo);
 
 typedef struct {
-    U32 hulHandle;
-    TAddr pubRlsAddr;
-    U32 ulBytesNo;
-} TFreeInfo;
+    MM_U32 hulHandle;
+    MM_TAddr pubRlsAddr;
+    MM_U32 ulBytesNo;
+} MM_TYPE(TFreeInfo);
 
 typedef struct {
-    TAddr s;
-    S32 c; /* the low byte is stored */
-    U32 n; /* bytes */
-} TMemsetInfo;
+    MM_TAddr s;
+    MM_S32 c; /* the low byte is stored */
+    MM_U32 n; /* bytes */
+} MM_TYPE(TMemsetInfo);
 
 typedef struct {
-    U8 aubCFGID[4];
-    U8 status; /* never written */
-} TDeleteSegmentInfo;
+    MM_U8 aubCFGID[4];
+    MM_U8 status; /* never written */
+} MM_TYPE(TDeleteSegmentInfo);
 
 typedef struct {
-    U8 aubCFGID[4];
-    U32 ulSize;
-    TAddr pubAddr;
-    U8 status;
-    U8 aubPad[3];
-} TAddSegmentInfo;
+    MM_U8 aubCFGID[4];
+    MM_U32 ulSize;
+    MM_TAddr pubAddr;
+    MM_U8 status;
+    MM_U8 aubPad[3];
+} MM_TYPE(TAddSegmentInfo);
 
-typedef TAddSegmentInfo TClearSegmentInfo;
+typedef MM_TAddSegmentInfo MM_TYPE(TClearSegmentInfo);
+
+/* A block goes when its entry in the owner map has all bits of the ID, whatever other bits it has: an owner's own blocks
+ * and those of every owner whose ID contains it. 1 also takes the blocks of 3, 5 and 0x81. */
+typedef struct {
+    MM_U32 hulHandle;
+    MM_U8 ubMapID;
+    MM_U8 aubPad[3];
+} MM_TYPE(TCollectGarbageInfo);
 
 typedef struct {
-    U32 hulHandle;
-    U8 ubMapID;
-    U8 aubPad[3];
-} TCollectGarbageInfo;
+    MM_U32 hulHandle;
+    MM_U32 ulAddr;
+    MM_U8 status; /* out: 1 inside, 0 outside */
+    MM_U8 aubPad[3];
+} MM_TYPE(TCheckSegmentInfo);
 
 typedef struct {
-    U32 hulHandle;
-    U32 ulAddr;
-    U8 status; /* out: 1 inside, 0 outside */
-    U8 aubPad[3];
-} TCheckSegmentInfo;
+    MM_U32 hulHandle; /* the low byte selects: a handle, HEAPHANDLE, MM_DISPLAY_ALL */
+    MM_U8 status;     /* out: 0 */
+    MM_U8 aubPad[3];
+} MM_TYPE(TDisplayMSTInfo);
 
 typedef struct {
-    U32 hulHandle; /* the low byte selects: a handle, HEAPHANDLE, MM_DISPLAY_ALL */
-    U8 status;     /* out: 0 */
-    U8 aubPad[3];
-} TDisplayMSTInfo;
+    MM_U8 hubHandle; /* ignored */
+    MM_U8 aubPad[3];
+    MM_U32 ulStart;
+    MM_U32 ulPhysAddr; /* out: 14 when ulStart is 0 */
+} MM_TYPE(TQueryPhysAddrInfo);
 
 typedef struct {
-    U8 hubHandle; /* ignored */
-    U8 aubPad[3];
-    U32 ulStart;
-    U32 ulPhysAddr; /* out: 14 when ulStart is 0 */
-} TQueryPhysAddrInfo;
+    MM_U8 hubHandle; /* 0 to 48 */
+    MM_U8 aubPad[3];
+    MM_TMMSegInfoWire SegTable; /* out */
+    MM_U8 status;               /* out: 0, or 255 for a bad index */
+    MM_U8 aubPad2[3];
+} MM_TYPE(TGetMSTInfo);
 
 typedef struct {
-    U8 hubHandle; /* 0 to 48 */
-    U8 aubPad[3];
-    TMMSegInfoWire SegTable; /* out */
-    U8 status;               /* out: 0, or 255 for a bad index */
-    U8 aubPad2[3];
-} TGetMSTInfo;
-
-typedef struct {
-    U8 cfgid; /* 0 to 4 */
-    U8 aubPad[3];
-    TMCTInfoWire SegTable; /* out */
-    U8 status;             /* out: 0, or 255 for a bad index */
-    U8 aubPad2[3];
-} TGetMCTInfo;
+    MM_U8 cfgid; /* 0 to 4 */
+    MM_U8 aubPad[3];
+    MM_TMCTInfoWire SegTable; /* out */
+    MM_U8 status;             /* out: 0, or 255 for a bad index */
+    MM_U8 aubPad2[3];
+} MM_TYPE(TGetMCTInfo);
 
 #ifdef __cplusplus
 #define MM_LAYOUT(condition) static_assert(condition, #condition)
@@ -232,70 +253,73 @@ typedef struct {
 #endif
 #define MM_OFFSET(type, field, offset) MM_LAYOUT(__builtin_offsetof(type, field) == (offset))
 
-MM_LAYOUT(sizeof(TSegInfoFromApp) == 28);
-MM_OFFSET(TSegInfoFromApp, ubType, 4);
-MM_OFFSET(TSegInfoFromApp, ubSegDSType, 5);
-MM_OFFSET(TSegInfoFromApp, ubMap, 6);
-MM_OFFSET(TSegInfoFromApp, ubSemaphore, 7);
-MM_OFFSET(TSegInfoFromApp, ulSegSize, 8);
-MM_OFFSET(TSegInfoFromApp, ulBlkSize, 12);
-MM_OFFSET(TSegInfoFromApp, hulHandle, 16);
-MM_OFFSET(TSegInfoFromApp, ulRetSegSize, 20);
-MM_OFFSET(TSegInfoFromApp, ubVM, 24);
+MM_LAYOUT(sizeof(MM_TSegInfoFromApp) == 28);
+MM_OFFSET(MM_TSegInfoFromApp, ubType, 4);
+MM_OFFSET(MM_TSegInfoFromApp, ubSegDSType, 5);
+MM_OFFSET(MM_TSegInfoFromApp, ubMap, 6);
+MM_OFFSET(MM_TSegInfoFromApp, ubSemaphore, 7);
+MM_OFFSET(MM_TSegInfoFromApp, ulSegSize, 8);
+MM_OFFSET(MM_TSegInfoFromApp, ulBlkSize, 12);
+MM_OFFSET(MM_TSegInfoFromApp, hulHandle, 16);
+MM_OFFSET(MM_TSegInfoFromApp, ulRetSegSize, 20);
+MM_OFFSET(MM_TSegInfoFromApp, ubVM, 24);
 
-MM_LAYOUT(sizeof(TMMSegInfoWire) == 80);
-MM_OFFSET(TMMSegInfoWire, ubBlkBit, 28);
-MM_OFFSET(TMMSegInfoWire, pubStartAddr, 32);
-MM_OFFSET(TMMSegInfoWire, pubEndAddr, 36);
-MM_OFFSET(TMMSegInfoWire, pubMapStartAddr, 40);
-MM_OFFSET(TMMSegInfoWire, pubMapEndAddr, 44);
-MM_OFFSET(TMMSegInfoWire, ulSemID, 48);
-MM_OFFSET(TMMSegInfoWire, ulTotalBlkNum, 52);
-MM_OFFSET(TMMSegInfoWire, ulTotalAllocBlkNum, 56);
-MM_OFFSET(TMMSegInfoWire, ulTotalFreeBlkNum, 60);
-MM_OFFSET(TMMSegInfoWire, ulLargestBlkSize, 64);
-MM_OFFSET(TMMSegInfoWire, ulRealAvailSize, 68);
-MM_OFFSET(TMMSegInfoWire, pfnAlloc, 72);
-MM_OFFSET(TMMSegInfoWire, pfnFree, 76);
+MM_LAYOUT(sizeof(MM_TMMSegInfoWire) == 80);
+MM_OFFSET(MM_TMMSegInfoWire, ubBlkBit, 28);
+MM_OFFSET(MM_TMMSegInfoWire, pubStartAddr, 32);
+MM_OFFSET(MM_TMMSegInfoWire, pubEndAddr, 36);
+MM_OFFSET(MM_TMMSegInfoWire, pubMapStartAddr, 40);
+MM_OFFSET(MM_TMMSegInfoWire, pubMapEndAddr, 44);
+MM_OFFSET(MM_TMMSegInfoWire, ulSemID, 48);
+MM_OFFSET(MM_TMMSegInfoWire, ulTotalBlkNum, 52);
+MM_OFFSET(MM_TMMSegInfoWire, ulTotalAllocBlkNum, 56);
+MM_OFFSET(MM_TMMSegInfoWire, ulTotalFreeBlkNum, 60);
+MM_OFFSET(MM_TMMSegInfoWire, ulLargestBlkSize, 64);
+MM_OFFSET(MM_TMMSegInfoWire, ulRealAvailSize, 68);
+MM_OFFSET(MM_TMMSegInfoWire, pfnAlloc, 72);
+MM_OFFSET(MM_TMMSegInfoWire, pfnFree, 76);
 
-MM_LAYOUT(sizeof(TMCTInfoWire) == 12);
-MM_OFFSET(TMCTInfoWire, ulSize, 4);
-MM_OFFSET(TMCTInfoWire, pubStartAddr, 8);
+MM_LAYOUT(sizeof(MM_TMCTInfoWire) == 12);
+MM_OFFSET(MM_TMCTInfoWire, ulSize, 4);
+MM_OFFSET(MM_TMCTInfoWire, pubStartAddr, 8);
 
-MM_LAYOUT(sizeof(TLibEntryInfo) == 8);
-MM_OFFSET(TLibEntryInfo, status, 4);
-MM_LAYOUT(sizeof(TMallocInfo) == 16);
-MM_OFFSET(TMallocInfo, ulReqBytes, 4);
-MM_OFFSET(TMallocInfo, ubMapID, 8);
-MM_OFFSET(TMallocInfo, pubStart, 12);
-MM_LAYOUT(sizeof(TFreeInfo) == 12);
-MM_OFFSET(TFreeInfo, pubRlsAddr, 4);
-MM_OFFSET(TFreeInfo, ulBytesNo, 8);
-MM_LAYOUT(sizeof(TMemsetInfo) == 12);
-MM_OFFSET(TMemsetInfo, c, 4);
-MM_OFFSET(TMemsetInfo, n, 8);
-MM_LAYOUT(sizeof(TDeleteSegmentInfo) == 5);
-MM_OFFSET(TDeleteSegmentInfo, status, 4);
-MM_LAYOUT(sizeof(TAddSegmentInfo) == 16);
-MM_OFFSET(TAddSegmentInfo, ulSize, 4);
-MM_OFFSET(TAddSegmentInfo, pubAddr, 8);
-MM_OFFSET(TAddSegmentInfo, status, 12);
-MM_LAYOUT(sizeof(TMMInitOption) == 4);
-MM_LAYOUT(sizeof(TCollectGarbageInfo) == 8);
-MM_OFFSET(TCollectGarbageInfo, ubMapID, 4);
-MM_LAYOUT(sizeof(TCheckSegmentInfo) == 12);
-MM_OFFSET(TCheckSegmentInfo, ulAddr, 4);
-MM_OFFSET(TCheckSegmentInfo, status, 8);
-MM_LAYOUT(sizeof(TDisplayMSTInfo) == 8);
-MM_OFFSET(TDisplayMSTInfo, status, 4);
-MM_LAYOUT(sizeof(TQueryPhysAddrInfo) == 12);
-MM_OFFSET(TQueryPhysAddrInfo, ulStart, 4);
-MM_OFFSET(TQueryPhysAddrInfo, ulPhysAddr, 8);
-MM_LAYOUT(sizeof(TGetMSTInfo) == 88);
-MM_OFFSET(TGetMSTInfo, SegTable, 4);
-MM_OFFSET(TGetMSTInfo, status, 84);
-MM_LAYOUT(sizeof(TGetMCTInfo) == 20);
-MM_OFFSET(TGetMCTInfo, SegTable, 4);
-MM_OFFSET(TGetMCTInfo, status, 16);
+MM_LAYOUT(sizeof(MM_TLibEntryInfo) == 8);
+MM_OFFSET(MM_TLibEntryInfo, status, 4);
+MM_LAYOUT(sizeof(MM_TMallocInfo) == 16);
+MM_OFFSET(MM_TMallocInfo, ulReqBytes, 4);
+MM_OFFSET(MM_TMallocInfo, ubMapID, 8);
+MM_OFFSET(MM_TMallocInfo, pubStart, 12);
+MM_LAYOUT(sizeof(MM_TFreeInfo) == 12);
+MM_OFFSET(MM_TFreeInfo, pubRlsAddr, 4);
+MM_OFFSET(MM_TFreeInfo, ulBytesNo, 8);
+MM_LAYOUT(sizeof(MM_TMemsetInfo) == 12);
+MM_OFFSET(MM_TMemsetInfo, c, 4);
+MM_OFFSET(MM_TMemsetInfo, n, 8);
+MM_LAYOUT(sizeof(MM_TDeleteSegmentInfo) == 5);
+MM_OFFSET(MM_TDeleteSegmentInfo, status, 4);
+MM_LAYOUT(sizeof(MM_TAddSegmentInfo) == 16);
+MM_OFFSET(MM_TAddSegmentInfo, ulSize, 4);
+MM_OFFSET(MM_TAddSegmentInfo, pubAddr, 8);
+MM_OFFSET(MM_TAddSegmentInfo, status, 12);
+MM_LAYOUT(sizeof(MM_TMMInitOption) == 4);
+MM_LAYOUT(sizeof(MM_TCollectGarbageInfo) == 8);
+MM_OFFSET(MM_TCollectGarbageInfo, ubMapID, 4);
+MM_LAYOUT(sizeof(MM_TCheckSegmentInfo) == 12);
+MM_OFFSET(MM_TCheckSegmentInfo, ulAddr, 4);
+MM_OFFSET(MM_TCheckSegmentInfo, status, 8);
+MM_LAYOUT(sizeof(MM_TDisplayMSTInfo) == 8);
+MM_OFFSET(MM_TDisplayMSTInfo, status, 4);
+MM_LAYOUT(sizeof(MM_TQueryPhysAddrInfo) == 12);
+MM_OFFSET(MM_TQueryPhysAddrInfo, ulStart, 4);
+MM_OFFSET(MM_TQueryPhysAddrInfo, ulPhysAddr, 8);
+MM_LAYOUT(sizeof(MM_TGetMSTInfo) == 88);
+MM_OFFSET(MM_TGetMSTInfo, SegTable, 4);
+MM_OFFSET(MM_TGetMSTInfo, status, 84);
+MM_LAYOUT(sizeof(MM_TGetMCTInfo) == 20);
+MM_OFFSET(MM_TGetMCTInfo, SegTable, 4);
+MM_OFFSET(MM_TGetMCTInfo, status, 16);
+
+#undef MM_TYPE
+#undef MM_CONSTANT
 
 #endif

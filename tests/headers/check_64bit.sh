@@ -1,11 +1,23 @@
 #!/bin/sh
-# The wire header holds its layout in 64-bit programs, as C (old and new) and as C++.
+# The wire header holds its layout in 64-bit programs, as C (old and new) and as C++, with and without the names that
+# have no prefix; so does a program that has those names itself.
 set -eu
-header=$1/include/velmora_mm/velmora_mm.h
-for standard in gnu89 c99 c11; do
-    gcc-12 -std=$standard -Wall -Wextra -Werror -fsyntax-only -x c "$header"
+cd "$1"
+header=include/velmora_mm/velmora_mm.h
+warnings="-Wall -Wextra -Werror -fsyntax-only -Iinclude"
+for names in "" -DVELMORA_MM_PREFIXED_NAMES; do
+    for standard in gnu89 c99 c11; do
+        gcc-12 $warnings $names -std=$standard -x c "$header"
+    done
+    for standard in c++11 c++20; do
+        g++-12 $warnings $names -std=$standard -x c++ "$header"
+    done
+    g++-12 $warnings $names -std=c++20 lib/device.cpp lib/node.cpp
+done
+for standard in gnu89 c11; do
+    gcc-12 $warnings -std=$standard tests/headers/prefixed_names.c
 done
 for standard in c++11 c++20; do
-    g++-12 -std=$standard -Wall -Wextra -Werror -fsyntax-only -x c++ "$header"
+    g++-12 $warnings -std=$standard -x c++ tests/headers/prefixed_names.c
 done
-g++-12 -std=c++20 -Wall -Wextra -Werror -fsyntax-only -I "$1/include" "$1/lib/device.cpp" "$1/lib/node.cpp"
+g++-12 $warnings -std=c++20 tests/headers/prefixed_names.cpp

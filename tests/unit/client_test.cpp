@@ -1,4 +1,6 @@
 // The client library over the simulated device.
+#include <cerrno>
+
 #include "../../host/device.h"
 #include "../../lib/device.hpp"
 #include "../support/manager_fixture.h"
@@ -121,6 +123,85 @@ TEST_F(Client, ARefusedMappingThrowsTheDevicesCode)
     };
     EXPECT_EQ(refusal(0xA4000000, 0x1000), -5);
     EXPECT_EQ(refusal(0x95100000, 0), -22);
+}
+
+TEST_F(Client, AMappingOutlivesItsDevice)
+{
+    std::optional<velmora::Mapping> view;
+    {
+        velmora::Device device(sim::openDevice());
+        view = device.map(0x95100000, 16);
+    }
+    view->bytes()[3] = std::byte{0x33};
+    EXPECT_EQ(*Machine::at(0x95100003), 0x33);
+}
+
+// Notes in which order it is used.
+class NotingChannel : public velmora::Channel
+{
+public:
+    explicit NotingChannel(std::vector<std::string>& events) : events_(events) {}
+    ~NotingChannel() override { events_.push_back("closed"); }
+    int command(std::uint32_t, void*, std::size_t) override { return ENOERR; }
+    void* map(TAddr, std::size_t bytes, velmora::Caching) override
+    {
+        events_.push_back("mapped");
+        memory_.resize(bytes);
+        return memory_.data();
+    }
+    void unmap(void*, std::size_t) override { events_.push_back("unmapped"); }
+
+private:
+    std::vector<std::string>& events_;
+    std::vector<std::byte> memory_;
+};
+
+TEST(ClientMapping, TheDescriptorIsClosedWithTheLastView)
+{
+    std::vector<std::string> events;
+    {
+        std::optional<velmora::Mapping> last;
+        {
+            velmora::Device device(std::make_unique<NotingChannel>(events));
+            const velmora::Mapping first = device.map(0x95100000, 1);
+            last = device.map(0x95101000, 1);
+        }
+        EXPECT_EQ(events, (std::vector<std::string>{"mapped", "mapped", "unmapped"}));
+    }
+    EXPECT_EQ(events, (std::vector<std::string>{"mapped", "mapped", "unmapped", "unmapped", "closed"}));
+}
+
+// What a call that fails says.
+template <class Call> std::string failureOf(Call call)
+{
+    try {
+        call();
+    } catch (const std::exception& error) {
+        return error.what();
+    }
+    return "no exception";
+}
+
+TEST_F(Client, KernelCodesReadAsWhatTheyAre)
+{
+    velmora::Device other(velmora::openNode("/dev/null")); // a device of another kind
+    EXPECT_EQ(failureOf([&] { other.buildTable(); }), "MM_CMD_ENTRY: ENOTTY: Inappropriate ioctl for device");
+    EXPECT_EQ(failureOf([&] { other.map(0x95100000, 4096); }), "mmap: ENODEV: No such device");
+
+    velmora::Device device(sim::openDevice());
+    EXPECT_EQ(failureOf([&] { device.map(0x95100000, 0); }), "mmap: EINVAL: Invalid argument");
+    machine().faults.copyInStopsAt = 0;
+    EXPECT_EQ(failureOf([&] { device.buildTable(); }), "MM_CMD_ENTRY: EFAULT: Bad address");
+}
+
+TEST(ClientCodes, ACodeHasTheNameOfItsSide)
+{
+    EXPECT_EQ(velmora::codeName(EASSERT), "EASSERT");
+    EXPECT_EQ(velmora::codeName(ESEGMENT), "ESEGMENT"); // 22, EINVAL's number
+    EXPECT_EQ(velmora::codeName(-EINVAL), "EINVAL");
+    EXPECT_EQ(velmora::codeName(24), "24");
+    EXPECT_EQ(velmora::codeName(-4000), "-4000");
+    EXPECT_STREQ(velmora::Error("MM_CMD_FREE", 24).what(), "MM_CMD_FREE: the manager answered 24");
 }
 
 TEST_F(Client, ACommandThatStopsTheControllerIsReportedByName)
