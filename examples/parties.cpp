@@ -62,7 +62,7 @@ void JobHandler::start()
                                        .type = FLOATALIGN, // bands begin at page boundaries
                                        .overflowsToHeap = true})
                        .hulHandle;
-    device_.createSegment({.name = "HEAP", .bytes = 0, .blockBytes = layout_.heapBlockBytes});
+    heapBytes_ = device_.createSegment({.name = "HEAP", .bytes = 0, .blockBytes = layout_.heapBlockBytes}).ulRetSegSize;
 }
 
 void JobHandler::writeTicket(unsigned copies, unsigned pages)
@@ -80,6 +80,55 @@ std::uint64_t JobHandler::pageSegmentUse()
 {
     const auto segment = device_.segment(static_cast<std::uint8_t>(pageSegment_));
     return segment ? std::uint64_t(segment->ulTotalAllocBlkNum) * layout_.blockBytes : 0;
+}
+
+bool JobHandler::segmentsAreFree()
+{
+    for (const std::uint32_t handle : {ticketSegment_, pageSegment_}) {
+        const auto segment = device_.segment(static_cast<std::uint8_t>(handle));
+        if (!segment || segment->ulTotalFreeBlkNum != segment->ulTotalBlkNum)
+            return false;
+    }
+    return true;
+}
+
+std::uint64_t JobHandler::heapRoom()
+{
+    std::vector<Band> taken;
+    std::uint64_t room = 0;
+    std::uint32_t below = heapBytes_ / layout_.heapBlockBytes + 1;
+    for (;;) {
+        const Band band = takeLongestOfHeap(below);
+        if (band.bytes == 0)
+            break;
+        taken.push_back(band);
+        room += band.bytes;
+        below = band.bytes / layout_.heapBlockBytes + 1; // none that is left is longer
+    }
+    for (const Band& band : taken)
+        device_.release(HEAPHANDLE, band.address, band.bytes);
+    return room;
+}
+
+// The longest stretch of fewer than so many blocks; 0 bytes when the heap is full.
+Band JobHandler::takeLongestOfHeap(std::uint32_t blocksBelow)
+{
+    const auto allocate = [&](std::uint32_t blocks) {
+        return device_.allocate(HEAPHANDLE, blocks * layout_.heapBlockBytes);
+    };
+    std::uint32_t fits = 0;
+    while (blocksBelow - fits > 1) {
+        const std::uint32_t blocks = fits + (blocksBelow - fits) / 2;
+        if (const auto address = allocate(blocks)) {
+            device_.release(HEAPHANDLE, *address, blocks * layout_.heapBlockBytes);
+            fits = blocks;
+        } else {
+            blocksBelow = blocks;
+        }
+    }
+    if (fits == 0)
+        return {0, 0, true};
+    return {allocate(fits).value(), fits * layout_.heapBlockBytes, true};
 }
 
 void JobHandler::giveBack(const std::vector<StoredPage>& pages)

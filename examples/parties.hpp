@@ -73,14 +73,24 @@ public:
     // Releases everything that the pages hold, and the ticket.
     void giveBack(const std::vector<StoredPage>& pages);
 
+    // True when every block of "$JCB" and "PAGE" is free.
+    bool segmentsAreFree();
+
+    // Bytes that the heap has room for. No command tells, so its longest free stretches are allocated one after another
+    // and given back: for a heap that nobody else uses at that moment.
+    std::uint64_t heapRoom();
+
     // Has the manager print its segment table on the kernel log.
     void display() { device_.display(MM_DISPLAY_ALL); }
 
 private:
+    Band takeLongestOfHeap(std::uint32_t blocksBelow);
+
     velmora::Device device_;
     Layout layout_;
     std::uint32_t ticketSegment_ = 0;
     std::uint32_t pageSegment_ = 0;
+    std::uint32_t heapBytes_ = 0; // usable
     TAddr ticket_ = 0;
 };
 

@@ -1,20 +1,18 @@
 // print-job: prints a document through the memory manager, as a controller does.
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <functional>
 #include <iostream>
 #include <optional>
-#include <sstream>
-#include <string_view>
+#include <system_error>
 #include <thread>
-#include <sys/klog.h>
 
 #include "../host/device.h"
 #include "../host/machine.h"
+#include "../tools/command_line.hpp"
 #include "document.hpp"
-#include "mst_display.hpp"
+#include "kernel_log.hpp"
 #include "parties.hpp"
 #include "queue.hpp"
 
@@ -22,22 +20,6 @@ namespace printjob {
 namespace {
 
 namespace fs = std::filesystem;
-
-constexpr std::string_view kHelp =
-    R"(print-job - prints a document through the memory manager of the printer controller
-
-usage: print-job [--document FILE] [--dpi N] [--copies N] [--output DIR] [--rasters DIR] [--device NODE]
-
-  --document FILE  PDF or PostScript; default: an example that Debian ships with Ghostscript
-  --dpi N          resolution at which Ghostscript draws the pages, 18 to 1200; default 75
-  --copies N       collated copies, 1 to 999; default 3
-  --output DIR     where the copies go: DIR/copy-1/page-0001.ppm ...; default build/demo
-  --rasters DIR    print the netpbm pages in DIR; no Ghostscript is run
-  --device NODE    a real manager, through its device node; default: the simulated controller in this process
-
-exit status: 0 all pages of all copies are identical to what was drawn and all memory was given back,
-             1 anything else, 2 unusable arguments
-)";
 
 struct Options {
     std::optional<fs::path> document;
@@ -48,44 +30,28 @@ struct Options {
     std::optional<std::string> device;
 };
 
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-unsigned numberBetween(std::string_view option, std::string_view text, unsigned low, unsigned high)
+void describe(CLI::App& app, Options& options)
 {
-    unsigned value = 0;
-    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size() || value < low || value > high)
-        throw UsageError(std::string(option) + " takes a number from " + std::to_string(low) + " to " +
-                         std::to_string(high) + ", not '" + std::string(text) + "'");
-    return value;
-}
-
-Options parse(const std::vector<std::string_view>& words)
-{
-    Options options;
-    for (std::size_t i = 0; i < words.size(); i += 2) {
-        const std::string_view option = words[i];
-        if (i + 1 == words.size())
-            throw UsageError(std::string(option) + " is unknown or lacks its value");
-        const std::string_view value = words[i + 1];
-        if (option == "--document")
-            options.document = value;
-        else if (option == "--dpi")
-            options.dpi = numberBetween(option, value, 18, 1200);
-        else if (option == "--copies")
-            options.copies = numberBetween(option, value, 1, 999);
-        else if (option == "--output")
-            options.output = value;
-        else if (option == "--rasters")
-            options.rasters = value;
-        else if (option == "--device")
-            options.device = value;
-        else
-            throw UsageError("unknown option " + std::string(option));
-    }
-    return options;
+    velmora::tools::prepare(app);
+    app.set_version_flag("--version", "print-job " VELMORA_MM_VERSION, "the version");
+    app.footer("exit status: 0 all pages of all copies are identical to what was drawn and all memory was given back,\n"
+               "             1 anything else, 2 unusable arguments\n");
+    app.add_option("--document", options.document,
+                   "PDF or PostScript; default: an example that Debian ships with Ghostscript")
+        ->type_name("FILE");
+    app.add_option("--dpi", options.dpi, "resolution at which Ghostscript draws the pages, 18 to 1200; default 75")
+        ->type_name("N")
+        ->check(CLI::Range(18, 1200).description(""));
+    app.add_option("--copies", options.copies, "collated copies, 1 to 999; default 3")
+        ->type_name("N")
+        ->check(CLI::Range(1, 999).description(""));
+    app.add_option("--output", options.output, "where the copies go: DIR/copy-1/page-0001.ppm ...; default build/demo")
+        ->type_name("DIR");
+    app.add_option("--rasters", options.rasters, "print the netpbm pages in DIR; no Ghostscript is run")
+        ->type_name("DIR");
+    app.add_option("--device", options.device,
+                   "a real manager, through its device node; default: the simulated controller in this process")
+        ->type_name("NODE");
 }
 
 double mebibytes(std::uint64_t bytes)
@@ -99,48 +65,25 @@ struct Controller {
     std::function<std::vector<std::string>()> kernelLog;
 };
 
-// The kernel log of a real controller, read as it grows.
-class RealKernelLog
-{
-public:
-    // The lines since the last call, without the level and the time in front of each.
-    std::vector<std::string> operator()()
-    {
-        std::vector<std::string> lines = allLines();
-        const auto last = std::find(lines.rbegin(), lines.rend(), last_);
-        std::vector<std::string> fresh(last.base() == lines.begin() ? lines.begin() : last.base(), lines.end());
-        if (!lines.empty())
-            last_ = lines.back();
-        for (std::string& line : fresh)
-            if (const std::size_t time = line.find("] "); time != line.npos)
-                line.erase(0, time + 2);
-        return fresh;
-    }
-
-private:
-    static std::vector<std::string> allLines()
-    {
-        constexpr int readAll = 3;
-        constexpr int bufferSize = 10;
-        std::string text(static_cast<std::size_t>(std::max(klogctl(bufferSize, nullptr, 0), 0)), '\0');
-        text.resize(
-            static_cast<std::size_t>(std::max(klogctl(readAll, text.data(), static_cast<int>(text.size())), 0)));
-        std::istringstream stream(text);
-        std::vector<std::string> lines;
-        for (std::string line; std::getline(stream, line);)
-            lines.push_back(line);
-        return lines;
-    }
-
-    std::string last_; // as it was read, its time included
-};
-
 Controller connect(const Options& options)
 {
     if (options.device)
-        return {[node = *options.device] { return velmora::openNode(node); }, RealKernelLog()};
+        return {[node = *options.device] { return velmora::openNode(node); },
+                [log = KernelLog()]() mutable { return log.takeMessages(); }};
     velmora::sim::bootController();
     return {velmora::sim::openDevice, [] { return velmora::sim::machine().takeLog(); }};
+}
+
+// A node that cannot be opened, or is another device's, is noticed before pages are drawn: any question will do.
+void expectManager(const Controller& controller, const Options& options)
+{
+    velmora::Device device(controller.open());
+    try {
+        device.tableRow(0);
+    } catch (const velmora::Error& error) {
+        throw std::runtime_error(options.device.value_or("the simulated controller") +
+                                 " is not the memory manager's device: " + error.what());
+    }
 }
 
 fs::path pageFile(const fs::path& output, unsigned copy, const fs::path& raster)
@@ -157,6 +100,7 @@ public:
     {
         handler_.start();
         handler_.writeTicket(options.copies, static_cast<unsigned>(rasters_.size()));
+        heapRoom_ = handler_.heapRoom();
         processor_.emplace(controller.open(), layout_, handler_.pageSegment());
         collation_.emplace(controller.open(), handler_.ticket());
     }
@@ -191,6 +135,7 @@ public:
     }
 
     void giveBack() { handler_.giveBack(stored_); }
+    bool allIsFree() { return handler_.segmentsAreFree() && handler_.heapRoom() == heapRoom_; }
     void display() { handler_.display(); }
     std::uint64_t peakSegment() const { return peakSegment_; }
     std::uint64_t peakHeap() const { return peakHeap_; }
@@ -253,21 +198,23 @@ private:
     std::optional<CollationCopy> collation_;
     std::vector<StoredPage> stored_; // reserved to its full size: the queue holds pointers into it
     Queue<const StoredPage*> ready_;
+    std::uint64_t heapRoom_ = 0; // before anything was stored
     std::uint64_t peakSegment_ = 0;
     std::uint64_t peakHeap_ = 0;
 };
 
-// Prints the manager's own display; true when every segment's blocks are free again.
-bool showDisplay(const std::vector<std::string>& messages)
+// Shows the manager's own display. A log that this program may not read is no reason to stop.
+void showDisplay(Job& job, const Controller& controller)
 {
-    bool allFree = true;
-    std::puts("Segment table (kernel log):");
-    for (const std::string& message : messages) {
-        std::printf("  %s%s", message.c_str(), message.ends_with('\n') ? "" : "\n");
-        if (const auto row = parseDisplayRow(message))
-            allFree = allFree && row->freeBlocks == row->totalBlocks;
+    try {
+        controller.kernelLog(); // what was printed before
+        job.display();
+        std::puts("Segment table (kernel log):");
+        for (const std::string& message : controller.kernelLog())
+            std::printf("  %s%s", message.c_str(), message.ends_with('\n') ? "" : "\n");
+    } catch (const std::system_error& error) {
+        std::printf("No segment table: %s\n", error.what());
     }
-    return allFree && !displayRows(messages).empty();
 }
 
 unsigned countDifferentPages(const Options& options, const std::vector<fs::path>& rasters)
@@ -282,18 +229,21 @@ unsigned countDifferentPages(const Options& options, const std::vector<fs::path>
     return different;
 }
 
+std::vector<fs::path> rastersFor(const Options& options)
+{
+    if (options.rasters)
+        return pagesIn(*options.rasters);
+    const fs::path document = options.document ? *options.document : defaultDocument();
+    std::printf("Ghostscript draws %s at %u dpi\n", document.c_str(), options.dpi);
+    std::fflush(stdout);
+    return drawPages(document, options.dpi, options.output / "drawn");
+}
+
 int print(const Options& options)
 {
-    std::vector<fs::path> rasters;
-    if (options.rasters) {
-        rasters = pagesIn(*options.rasters);
-    } else {
-        const fs::path document = options.document ? *options.document : defaultDocument();
-        std::printf("Ghostscript draws %s at %u dpi\n", document.c_str(), options.dpi);
-        std::fflush(stdout);
-        rasters = drawPages(document, options.dpi, options.output / "drawn");
-    }
-    Controller controller = connect(options);
+    const Controller controller = connect(options);
+    expectManager(controller, options);
+    const std::vector<fs::path> rasters = rastersFor(options);
     std::printf("Printing %zu pages, %u copies\n", rasters.size(), options.copies);
 
     Job job(controller, options, rasters);
@@ -304,9 +254,8 @@ int print(const Options& options)
         failure = error.what();
     }
     job.giveBack();
-    controller.kernelLog(); // what was printed before the display
-    job.display();
-    const bool allFree = showDisplay(controller.kernelLog());
+    const bool allFree = job.allIsFree();
+    showDisplay(job, controller);
 
     std::printf("Peak use: %.1f MiB of the page segment, %.1f MiB of the heap\n", mebibytes(job.peakSegment()),
                 mebibytes(job.peakHeap()));
@@ -328,18 +277,8 @@ int print(const Options& options)
 
 int main(int count, char** arguments)
 {
-    const std::vector<std::string_view> words(arguments + 1, arguments + count);
-    if (!words.empty() && (words[0] == "--help" || words[0] == "-h" || words[0] == "help")) {
-        std::cout << printjob::kHelp;
-        return 0;
-    }
-    try {
-        return printjob::print(printjob::parse(words));
-    } catch (const printjob::UsageError& error) {
-        std::cerr << "print-job: " << error.what() << "\nTry 'print-job --help'.\n";
-        return 2;
-    } catch (const std::exception& error) {
-        std::cerr << "print-job: " << error.what() << "\n";
-        return 1;
-    }
+    CLI::App app("print-job - prints a document through the memory manager of the printer controller\n", "print-job");
+    printjob::Options options;
+    printjob::describe(app, options);
+    return velmora::tools::runProgram(app, count, arguments, [&] { return printjob::print(options); });
 }

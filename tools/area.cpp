@@ -8,25 +8,21 @@
 #include <stdexcept>
 #include <string>
 
+#include "command_line.hpp"
+
 namespace velmora::tools {
 
-const std::string_view areaHelp =
+namespace {
+
+constexpr const char* kDescription =
     R"(velmora-mm area - the module parameter for a reserved stretch of memory
 
-usage: velmora-mm area [OPTIONS] START-END      physical addresses, END past the last byte
-       velmora-mm area [OPTIONS] START+SIZE
-       velmora-mm area [OPTIONS] --check TEXT   what the module makes of bigphysarea=TEXT
-
 The module takes kernel virtual addresses of the linear map, two hexadecimal numbers of 8 digits each. Which
-physical memory they are depends on the kernel:
+physical memory they are depends on the kernel.
+)";
 
-  --page-offset ADDR   first address of the kernel's linear map (PAGE_OFFSET); default 0x94000000
-  --phys-offset ADDR   physical address that it maps, the start of RAM (PHYS_OFFSET); default 0
-  --high-memory ADDR   kernel virtual address at which the linear map ends; default: not checked
-                       (PAGE_OFFSET plus the size of RAM, or less where the kernel has high memory)
-  --text               print the bare parameter text only, for scripts
-  --help               this text
-
+constexpr const char* kNotes =
+    R"(The linear map ends at PAGE_OFFSET plus the size of RAM, or earlier where the kernel has high memory.
 Numbers are hexadecimal with 0x, or decimal, and may end in K, M or G.
 
 exit status: 0 the area is good, 1 the module or the kernel could not use it, 2 unusable arguments
@@ -37,17 +33,11 @@ examples
   velmora-mm area --check 95000000-9e000000
 )";
 
-namespace {
-
 constexpr std::uint64_t kAddressEnd = std::uint64_t(1) << 32;
 constexpr std::uint64_t kPageBytes = 4096;
 constexpr std::uint64_t kMargin = 1 << 20; // kept out of managed memory at each end
 constexpr std::uint64_t kFixedSegments = 0x1000 + 0x1000 + 0x10000 + 0x100000 + 0x100000;
 constexpr std::size_t kTextLength = 17; // characters that the module's parameter holds
-
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 // Why an area cannot be used.
 struct Unusable : std::runtime_error {
@@ -187,54 +177,46 @@ void describe(const Bounds& bounds, const Kernel& kernel, std::ostream& out)
 
 int area(const std::vector<std::string_view>& words, std::ostream& out, std::ostream& errors)
 {
-    try {
-        Kernel kernel;
-        std::optional<std::string_view> place, text;
-        bool bare = false;
-        for (std::size_t i = 0; i < words.size(); ++i) {
-            const std::string_view word = words[i];
-            const auto value = [&] {
-                if (++i == words.size())
-                    throw UsageError(std::string(word) + " lacks its value");
-                return words[i];
-            };
-            if (word == "--help" || word == "-h") {
-                out << areaHelp;
-                return 0;
-            }
-            if (word == "--page-offset")
-                kernel.pageOffset = parseNumber(value());
-            else if (word == "--phys-offset")
-                kernel.physOffset = parseNumber(value());
-            else if (word == "--high-memory")
-                kernel.highMemory = parseNumber(value());
-            else if (word == "--check")
-                text = value();
-            else if (word == "--text")
-                bare = true;
-            else if (word.starts_with("-"))
-                throw UsageError("unknown option " + std::string(word));
-            else if (place)
-                throw UsageError("more than one area is given");
+    Kernel kernel;
+    std::vector<std::string> areas;
+    std::optional<std::string> text;
+    bool bare = false;
+    CLI::App app(kDescription, "velmora-mm area");
+    prepare(app);
+    app.footer(kNotes);
+    app.add_option("AREA", areas, "START-END or START+SIZE: physical addresses, END past the last byte")->type_name("");
+    app.add_option("--check", text, "what the module makes of bigphysarea=TEXT")->type_name("TEXT");
+    const auto address = [&](const char* name, auto& value, const char* meaning) {
+        app.add_option_function<std::string>(
+               name, [&value](const std::string& word) { value = parseNumber(word); }, meaning)
+            ->type_name("ADDR");
+    };
+    address("--page-offset", kernel.pageOffset,
+            "first address of the kernel's linear map (PAGE_OFFSET); default 0x94000000");
+    address("--phys-offset", kernel.physOffset,
+            "physical address that it maps, the start of RAM (PHYS_OFFSET); default 0");
+    address("--high-memory", kernel.highMemory,
+            "kernel virtual address at which the linear map ends; default: not checked");
+    app.add_flag("--text", bare, "print the bare parameter text only, for scripts");
+
+    return runWords(app, {words.begin(), words.end()}, out, errors, [&] {
+        if (areas.size() > 1)
+            throw UsageError("more than one area is given");
+        if (areas.empty() != text.has_value())
+            throw UsageError(text ? "either an area or --check, not both" : "the area is missing");
+        try {
+            const Bounds bounds = text ? fromText(*text) : fromPhysical(areas.front(), kernel);
+            check(bounds, kernel);
+            if (bare)
+                out << parameterText(bounds) << "\n";
             else
-                place = word;
+                describe(bounds, kernel, out);
+            return 0;
+        } catch (const Unusable& error) {
+            errors << "velmora-mm area: " << error.what() << "\n";
+            return kFailed;
         }
-        if (place.has_value() == text.has_value())
-            throw UsageError(place ? "either an area or --check, not both" : "the area is missing");
-        const Bounds bounds = place ? fromPhysical(*place, kernel) : fromText(std::string(*text));
-        check(bounds, kernel);
-        if (bare)
-            out << parameterText(bounds) << "\n";
-        else
-            describe(bounds, kernel, out);
-        return 0;
-    } catch (const UsageError& error) {
-        errors << "velmora-mm area: " << error.what() << "\nTry 'velmora-mm area --help'.\n";
-        return 2;
-    } catch (const Unusable& error) {
-        errors << "velmora-mm area: " << error.what() << "\n";
-        return 1;
-    }
+    });
 }
 
 } // namespace velmora::tools

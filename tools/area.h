@@ -7,9 +7,6 @@
 
 namespace velmora::tools {
 
-// The subcommand's help text.
-extern const std::string_view areaHelp;
-
 // Runs the subcommand on the words after its name. Exit status: 0 the area is good, 1 the manager or the kernel could not use
 // it, 2 unusable arguments.
 int area(const std::vector<std::string_view>& words, std::ostream& out, std::ostream& errors);

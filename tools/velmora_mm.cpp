@@ -1,74 +1,97 @@
-// velmora-mm: the command-line tool.
-#include <cstring>
+// velmora-mm: the manager's command-line tool.
 #include <fstream>
-#include <iostream>
-#include <string_view>
+#include <optional>
 
 #include "../host/session.h"
 #include "area.h"
+#include "command_line.hpp"
 
 namespace {
 
-constexpr std::string_view kHelp =
-    R"(velmora-mm - tools for the memory manager of the printer controller
+using velmora::tools::UsageError;
 
-usage: velmora-mm script [FILE]
-       velmora-mm area OPTIONS
-       velmora-mm help [area] | --help | -h
+constexpr const char* kScriptHelp =
+    R"(The whole manager answers, on a simulated controller: 256 MiB of RAM at 0x94000000, 64 KiB of user memory at
+0x10000000. One answer a command, written at once: the kernel-log messages as 'log "..."' lines, then one line that
+begins with '='. docs/session-format.md describes commands, answers and state dump.
 
-script   Runs a session script (FILE, or standard input) against the whole manager on a simulated
-         controller: 256 MiB of RAM at 0x94000000, 64 KiB of user memory at 0x10000000. One answer
-         a command, written at once: the kernel-log messages as 'log "..."' lines, then one line
-         that begins with '='. docs/session-format.md describes commands, answers and state dump.
-
-area     Works out the module parameter "bigphysarea" for a reserved stretch of physical memory, or
-         checks a given text. 'velmora-mm help area' lists the options.
-
-exit status of script
-   0  every line was understood, whatever the answers were
-   1  the file cannot be read
-   2  a line was not understood: '! line N: why' names the first
-   3  a command hung ('= hang') or touched memory that does not exist ('= oops 0xADDR')
+exit status
+  0  every line was understood, whatever the answers were
+  1  the script cannot be read, or the answers cannot be written
+  2  a line was not understood: '! line N: why' names the first
+  3  a command hung ('= hang') or touched memory that does not exist ('= oops 0xADDR')
 
 example
-   printf 'load "95000000-9e000000"\nioctl 0x5308 {00000000}\ndump\n' | velmora-mm script
+  printf 'load "95000000-9e000000"\nioctl 0x5308 {00000000}\ndump\n' | velmora-mm script
 )";
 
-int usage(const std::string& problem)
+[[noreturn]] void cannotRead(const std::string& name)
 {
-    std::cerr << "velmora-mm: " << problem << "\nTry 'velmora-mm --help'.\n";
-    return 2;
+    throw std::runtime_error("cannot read " + name + ": " + std::strerror(errno));
 }
 
-int script(int count, char** arguments)
+// A script that cannot be read to its end has not been run, however well it began.
+int script(const std::optional<std::string>& name)
 {
-    if (count > 1)
-        return usage("script takes one file at most");
-    if (count == 0)
-        return static_cast<int>(velmora::sim::runSession(std::cin, std::cout));
-    std::ifstream file(arguments[0]);
-    if (!file) {
-        std::cerr << "velmora-mm: cannot read '" << arguments[0] << "': " << std::strerror(errno) << "\n";
-        return 1;
+    std::cout.exceptions(std::ios::badbit); // answers that nobody gets end the session
+    velmora::sim::SessionEnd end;
+    if (!name) {
+        end = velmora::sim::runSession(std::cin, std::cout);
+        if (std::ferror(stdin) != 0)
+            cannotRead("standard input");
+    } else {
+        std::ifstream file(*name);
+        if (!file)
+            cannotRead("'" + *name + "'");
+        end = velmora::sim::runSession(file, std::cout);
+        if (file.bad()) // a folder can be opened
+            cannotRead("'" + *name + "'");
     }
-    return static_cast<int>(velmora::sim::runSession(file, std::cout));
+    return static_cast<int>(end);
+}
+
+int area(const std::vector<std::string>& words)
+{
+    return velmora::tools::area({words.begin(), words.end()}, std::cout, std::cerr);
 }
 
 } // namespace
 
 int main(int count, char** arguments)
 {
-    if (count < 2)
-        return usage("a command is missing");
-    const std::string_view command = arguments[1];
-    if (command == "help" || command == "--help" || command == "-h") {
-        const bool aboutArea = count > 2 && std::string_view(arguments[2]) == "area";
-        std::cout << (aboutArea ? velmora::tools::areaHelp : kHelp);
+    CLI::App app("velmora-mm - tools for the memory manager of the printer controller\n", "velmora-mm");
+    velmora::tools::prepare(app);
+    app.set_version_flag("--version", "velmora-mm " VELMORA_MM_VERSION, "the version");
+    app.require_subcommand(0, 1);
+
+    std::optional<std::string> scriptFile;
+    CLI::App* const scriptCommand = app.add_subcommand("script", "runs a session script on a simulated controller");
+    scriptCommand->add_option("FILE", scriptFile, "the script; default: standard input")->type_name("");
+    scriptCommand->footer(kScriptHelp);
+
+    // Has options of its own, --help among them.
+    CLI::App* const areaCommand =
+        app.add_subcommand("area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory");
+    areaCommand->set_help_flag();
+    areaCommand->prefix_command();
+
+    std::string topic;
+    CLI::App* const helpCommand = app.add_subcommand("help", "this text, or that of a command");
+    helpCommand->add_option("COMMAND", topic, "script or area; default: an overview")->type_name("");
+
+    const std::string overview = app.help(); // once a command is parsed, the application's help is that command's
+    return velmora::tools::runProgram(app, count, arguments, [&] {
+        if (scriptCommand->parsed())
+            return script(scriptFile);
+        if (areaCommand->parsed())
+            return area(areaCommand->remaining());
+        if (!helpCommand->parsed())
+            throw UsageError("a command is missing: script, area or help");
+        if (topic == "area")
+            return area({"--help"});
+        if (!topic.empty() && topic != "script")
+            throw UsageError("there is no help on '" + topic + "', only on script and area");
+        std::cout << (topic.empty() ? overview : scriptCommand->help(app.get_name()));
         return 0;
-    }
-    if (command == "area")
-        return velmora::tools::area({arguments + 2, arguments + count}, std::cout, std::cerr);
-    if (command == "script")
-        return script(count - 2, arguments + 2);
-    return usage("unknown command '" + std::string(command) + "'");
+    });
 }

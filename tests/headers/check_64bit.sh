@@ -4,20 +4,20 @@
 set -eu
 cd "$1"
 header=include/velmora_mm/velmora_mm.h
-warnings="-Wall -Wextra -Werror -fsyntax-only -Iinclude"
+set -- -Wall -Wextra -Werror -fsyntax-only -Iinclude
 for names in "" -DVELMORA_MM_PREFIXED_NAMES; do
     for standard in gnu89 c99 c11; do
-        gcc-12 $warnings $names -std=$standard -x c "$header"
+        gcc-12 "$@" ${names:+"$names"} -std=$standard -x c "$header"
     done
     for standard in c++11 c++20; do
-        g++-12 $warnings $names -std=$standard -x c++ "$header"
+        g++-12 "$@" ${names:+"$names"} -std=$standard -x c++ "$header"
     done
-    g++-12 $warnings $names -std=c++20 lib/device.cpp lib/node.cpp
+    g++-12 "$@" ${names:+"$names"} -std=c++20 lib/device.cpp lib/node.cpp
 done
 for standard in gnu89 c11; do
-    gcc-12 $warnings -std=$standard tests/headers/prefixed_names.c
+    gcc-12 "$@" -std=$standard tests/headers/prefixed_names.c
 done
 for standard in c++11 c++20; do
-    g++-12 $warnings -std=$standard -x c++ tests/headers/prefixed_names.c
+    g++-12 "$@" -std=$standard -x c++ tests/headers/prefixed_names.c
 done
-g++-12 $warnings -std=c++20 tests/headers/prefixed_names.cpp
+g++-12 "$@" -std=c++20 tests/headers/prefixed_names.cpp

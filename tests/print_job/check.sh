@@ -46,9 +46,33 @@ expect 'there is no document'
 printf 'no document at all (' >"$work/bad.ps"
 "$print_job" --document "$work/bad.ps" --output "$work/bad" >"$work/out" 2>&1 && fail "a broken document was printed"
 expect 'print-job: '
-status=0
-"$print_job" --copies many >"$work/out" 2>&1 || status=$?
-[ "$status" -eq 2 ] || fail "bad arguments ended with $status"
+refused() { # STATUS TEXT ARGUMENT...
+    wanted=$1 text=$2
+    shift 2
+    status=0
+    "$print_job" "$@" >"$work/out" 2>&1 || status=$?
+    [ "$status" -eq "$wanted" ] || fail "$* ended with $status"
+    expect "$text"
+}
+refused 2 '--copies: Value many not in range 1 to 999' --copies many
 expect 'print-job --help'
+refused 2 '--dpi: Value 17 not in range 18 to 1200' --dpi 17
+refused 2 '--document lacks its value' --document
+refused 2 'unknown option --nonsense' --nonsense
+refused 2 "unexpected argument 'file.pdf'" file.pdf
+# A device that is none of the manager's is noticed before anything is drawn.
+refused 1 'print-job: cannot open /dev/nope: No such file or directory' --device /dev/nope --output "$work/nope"
+[ "$(wc -l <"$work/out")" -eq 1 ] || fail "more than one line about a missing device"
+refused 1 "/dev/null is not the memory manager's device: MM_CMD_GET_MCT: ENOTTY: Inappropriate ioctl for device" \
+    --device /dev/null --output "$work/nope"
+[ ! -e "$work/nope" ] || fail "pages were drawn for a device that is not there"
+
+status=0
+"$print_job" --rasters "$work/job/drawn" --copies 1 --output "$work/again" >/dev/full 2>"$work/out" || status=$?
+[ "$status" -eq 1 ] || fail "output to a full device ended with $status"
+expect 'print-job: cannot write the output: No space left on device'
+
 "$print_job" --help >"$work/out"
 expect 'usage: print-job'
+"$print_job" --version >"$work/out"
+expect '^print-job [0-9]*[.][0-9]*[.][0-9]*$'

@@ -3,7 +3,7 @@
 #include <fstream>
 
 #include "../../examples/document.hpp"
-#include "../../examples/mst_display.hpp"
+#include "../../examples/kernel_log.hpp"
 #include "../../examples/parties.hpp"
 #include "../../host/device.h"
 #include "../support/manager_fixture.h"
@@ -48,20 +48,13 @@ protected:
         return page;
     }
 
-    // Rows of the segment table, from the kernel log.
-    std::vector<DisplayRow> table()
-    {
-        machine().takeLog();
-        handler_->display();
-        return displayRows(machine().takeLog());
-    }
+    static U32 blocksInUse(U32 handle) { return stSegTable[handle].ulTotalAllocBlkNum; }
 
     void expectAllFree()
     {
-        const auto rows = table();
-        ASSERT_EQ(rows.size(), 3u);
-        for (const DisplayRow& row : rows)
-            EXPECT_EQ(row.freeBlocks, row.totalBlocks) << row.name;
+        EXPECT_TRUE(handler_->segmentsAreFree());
+        for (const U32 handle : {U32(0), handler_->pageSegment(), U32(HEAPHANDLE)})
+            EXPECT_EQ(blocksInUse(handle), 0u) << handle;
     }
 
     Layout layout_{.pageSegmentBytes = 1 << 20, .blockBytes = 4096, .heapBlockBytes = 8192, .bandBytes = 64 << 10};
@@ -79,7 +72,8 @@ TEST_F(PrintJob, APageComesBackAsItWasDrawn)
     collation.write(page, folder_ / "copy.ppm");
     EXPECT_TRUE(sameBytes(raster, folder_ / "copy.ppm"));
     EXPECT_FALSE(sameBytes(raster, drawPage(2, 100, 70)));
-    EXPECT_EQ(table().at(1).allocatedBlocks, 6u); // 21000 bytes
+    EXPECT_EQ(blocksInUse(handler_->pageSegment()), 6u); // 21000 bytes
+    EXPECT_FALSE(handler_->segmentsAreFree());
     handler_->giveBack({page});
     expectAllFree();
 }
@@ -92,7 +86,7 @@ TEST_F(PrintJob, BandsThatOverflowIntoTheHeapAreGivenBackOneByOne)
     EXPECT_EQ(pages[0].heapBands(), 0u);
     EXPECT_GT(pages[1].heapBands(), 0u);
     EXPECT_GT(pages[2].heapBands(), 0u);
-    EXPECT_GT(table().at(2).allocatedBlocks, 0u);
+    EXPECT_GT(blocksInUse(HEAPHANDLE), 0u);
 
     CollationCopy collation(sim::openDevice(), 0x95102000);
     for (const StoredPage& page : pages) {
@@ -148,20 +142,55 @@ TEST_F(PrintJob, FilesThatAreNoRasterAreRefused)
     expectAllFree();
 }
 
-TEST_F(PrintJob, DisplayRowsAreReadColumnByColumn)
+TEST_F(PrintJob, TheHeapsRoomIsFoundByAsking)
 {
-    const auto row = parseDisplayRow(
-        " RIP0   5-    ff000-     1000-       ff-        3-       fc-       fc- 1- 95313000- 95412000\n");
-    ASSERT_TRUE(row);
-    EXPECT_EQ(row->name, "RIP0");
-    EXPECT_EQ(row->handle, 5u);
-    EXPECT_EQ(row->bytes, 0xff000u);
-    EXPECT_EQ(row->blockBytes, 0x1000u);
-    EXPECT_EQ(row->totalBlocks, 0xffu);
-    EXPECT_EQ(row->allocatedBlocks, 3u);
-    EXPECT_EQ(row->freeBlocks, 0xfcu);
-    EXPECT_EQ(row->largestRun, 0xfcu);
-    EXPECT_FALSE(parseDisplayRow("==========================================================================\n"));
+    const std::uint64_t bytes = std::uint64_t(stSegTable[HEAPHANDLE].ulTotalBlkNum) * layout_.heapBlockBytes;
+    machine().takeLog();
+    EXPECT_EQ(handler_->heapRoom(), bytes);
+
+    velmora::Device device(sim::openDevice());
+    std::vector<TAddr> blocks;
+    for (unsigned i = 0; i < 5; ++i)
+        blocks.push_back(device.allocate(HEAPHANDLE, layout_.heapBlockBytes).value());
+    device.release(HEAPHANDLE, blocks[1], layout_.heapBlockBytes); // runs of one block, one block, and the rest
+    device.release(HEAPHANDLE, blocks[3], layout_.heapBlockBytes);
+    EXPECT_EQ(handler_->heapRoom(), bytes - 3 * layout_.heapBlockBytes);
+    EXPECT_EQ(blocksInUse(HEAPHANDLE), 3u);
+
+    ASSERT_TRUE(device.allocate(HEAPHANDLE, static_cast<U32>(bytes) - 5 * layout_.heapBlockBytes));
+    for (unsigned i = 0; i < 2; ++i)
+        ASSERT_TRUE(device.allocate(HEAPHANDLE, layout_.heapBlockBytes));
+    EXPECT_EQ(handler_->heapRoom(), 0u);
+    EXPECT_TRUE(machine().takeLog().empty()); // a real controller's log is not filled with questions
+}
+
+TEST(PrintJobLog, WhatTheKernelPutsInFrontOfAMessageIsNotShown)
+{
+    const std::string row =
+        " RIP0   5-    ff000-     1000-       ff-        3-       fc-       fc- 1- 95313000- 95412000";
+    EXPECT_EQ(withoutPrefix("<4>[   12.345678] " + row), row);
+    EXPECT_EQ(withoutPrefix("<4>[   12.345678][   T77] " + row), row);
+    EXPECT_EQ(withoutPrefix("<12>[12345.345678][    C0] " + row), row);
+    EXPECT_EQ(withoutPrefix("<4>" + row), row);
+    EXPECT_EQ(withoutPrefix("[   12.345678] " + row), row);
+    EXPECT_EQ(withoutPrefix(row), row);
+    EXPECT_EQ(withoutPrefix("<4>[S_ID][Hd][Seg Size]"), "[S_ID][Hd][Seg Size]");
+    EXPECT_EQ(withoutPrefix("<4>a <4>[    1.000000] b"), "a <4>[    1.000000] b");
+    EXPECT_EQ(withoutPrefix("<4>"), "");
+}
+
+TEST(PrintJobLog, OnlyWhatWasAddedIsNew)
+{
+    using Lines = std::vector<std::string>;
+    EXPECT_EQ(addedLines({}, {"a", "b"}), (Lines{"a", "b"}));
+    EXPECT_EQ(addedLines({"a", "b"}, {"a", "b"}), Lines{});
+    EXPECT_EQ(addedLines({"a", "b"}, {"a", "b", "c"}), Lines{"c"});
+    // without times, lines repeat
+    EXPECT_EQ(addedLines({"a", "=", "="}, {"a", "=", "=", "x", "="}), (Lines{"x", "="}));
+    // the oldest were lost
+    EXPECT_EQ(addedLines({"a", "b", "c"}, {"c", "d"}), Lines{"d"});
+    EXPECT_EQ(addedLines({"a", "b", "c"}, {"d", "e"}), (Lines{"d", "e"}));
+    EXPECT_EQ(addedLines({"a", "b"}, {"b"}), Lines{});
 }
 
 } // namespace
