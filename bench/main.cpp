@@ -2,29 +2,16 @@
 #include <benchmark/benchmark.h>
 
 #include <cstring>
-#include <exception>
 #include <functional>
-#include <iostream>
 #include <map>
-#include <string_view>
 #include <sys/prctl.h>
 
+#include "../tools/command_line.hpp"
 #include "measure.hpp"
 #include "workloads.hpp"
 
 namespace bench {
 namespace {
-
-constexpr std::string_view kHelp =
-    R"(velmora-bench - times the memory manager beside other allocators
-
-usage: velmora-bench --sequence FILE --output FILE [--quick] [--only REGEX]
-
-  --sequence FILE  the recorded print job (bench/print-job.txt)
-  --output FILE    results as JSON
-  --quick          fewer sizes, shorter sequences: under a minute
-  --only REGEX     workloads and contenders by name, as they are printed: churn/95/1000/velmora
-)";
 
 struct Options {
     std::filesystem::path sequence, output;
@@ -32,30 +19,18 @@ struct Options {
     bool quick = false;
 };
 
-Options parse(const std::vector<std::string_view>& words)
+void describe(CLI::App& app, Options& options)
 {
-    Options options;
-    for (std::size_t i = 0; i < words.size(); ++i) {
-        if (words[i] == "--quick") {
-            options.quick = true;
-            continue;
-        }
-        if (i + 1 == words.size())
-            throw std::invalid_argument(std::string(words[i]) + " is unknown or lacks its value");
-        const std::string value(words[i + 1]);
-        if (words[i] == "--sequence")
-            options.sequence = value;
-        else if (words[i] == "--output")
-            options.output = value;
-        else if (words[i] == "--only")
-            options.only = value;
-        else
-            throw std::invalid_argument("unknown option " + std::string(words[i]));
-        ++i;
-    }
-    if (options.sequence.empty() || options.output.empty())
-        throw std::invalid_argument("--sequence and --output are needed");
-    return options;
+    velmora::tools::prepare(app);
+    app.set_version_flag("--version", "velmora-bench " VELMORA_MM_VERSION, "the version");
+    app.add_option("--sequence", options.sequence, "the recorded print job (bench/print-job.txt)")
+        ->type_name("FILE")
+        ->required();
+    app.add_option("--output", options.output, "results as JSON")->type_name("FILE")->required();
+    app.add_flag("--quick", options.quick, "fewer sizes, shorter sequences: under a minute");
+    app.add_option("--only", options.only,
+                   "workloads and contenders by name, as they are printed: churn/95/1000/velmora")
+        ->type_name("REGEX");
 }
 
 class Suite
@@ -292,21 +267,12 @@ void boot()
 
 int main(int count, char** arguments)
 {
-    const std::vector<std::string_view> words(arguments + 1, arguments + count);
-    if (!words.empty() && words[0] == "--help") {
-        std::cout << bench::kHelp;
-        return 0;
-    }
-    try {
-        const bench::Options options = bench::parse(words);
+    CLI::App app("velmora-bench - times the memory manager beside other allocators\n", "velmora-bench");
+    bench::Options options;
+    bench::describe(app, options);
+    return velmora::tools::runProgram(app, count, arguments, [&] {
         bench::boot();
         bench::Suite(options).run();
         return 0;
-    } catch (const std::invalid_argument& error) {
-        std::cerr << "velmora-bench: " << error.what() << "\nTry 'velmora-bench --help'.\n";
-        return 2;
-    } catch (const std::exception& error) {
-        std::cerr << "velmora-bench: " << error.what() << "\n";
-        return 1;
-    }
+    });
 }

@@ -3,15 +3,13 @@
 //   record-print-job --rasters FOLDER --output FILE     the pages are drawn into FOLDER first
 #include <cstdio>
 #include <cstring>
-#include <exception>
 #include <fstream>
-#include <iostream>
 #include <map>
-#include <string_view>
 
 #include "../examples/document.hpp"
 #include "../examples/parties.hpp"
 #include "../host/device.h"
+#include "../tools/command_line.hpp"
 
 namespace {
 
@@ -138,16 +136,16 @@ void record(const std::filesystem::path& rasterFolder, const std::filesystem::pa
 
 int main(int count, char** arguments)
 {
-    const std::vector<std::string_view> words(arguments + 1, arguments + count);
-    if (words.size() != 4 || words[0] != "--rasters" || words[2] != "--output") {
-        std::cerr << "usage: record-print-job --rasters FOLDER --output FILE\n";
-        return 2;
-    }
-    try {
-        record(words[1], words[3]);
+    CLI::App app("record-print-job - writes down what printing a document allocates and releases\n",
+                 "record-print-job");
+    velmora::tools::prepare(app);
+    std::filesystem::path rasters, output;
+    app.add_option("--rasters", rasters, "the pages are drawn there first; emptied before")
+        ->type_name("FOLDER")
+        ->required();
+    app.add_option("--output", output, "the record")->type_name("FILE")->required();
+    return velmora::tools::runProgram(app, count, arguments, [&] {
+        record(rasters, output);
         return 0;
-    } catch (const std::exception& error) {
-        std::cerr << "record-print-job: " << error.what() << "\n";
-        return 1;
-    }
+    });
 }

@@ -3,12 +3,15 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace bench {
 
@@ -34,38 +37,49 @@ struct Result {
     std::optional<double> lockNs = {}; // longest time that a lock was held
 };
 
-inline std::string number(double value)
+// Four digits are more than a measurement is good for.
+inline double rounded(double value)
 {
     char text[32];
     std::snprintf(text, sizeof text, "%.4g", value);
-    return text;
+    return std::strtod(text, nullptr);
 }
 
-inline std::string number(const std::optional<double>& value)
+inline nlohmann::ordered_json rounded(const std::optional<double>& value)
 {
-    return value ? number(*value) : "null";
+    return value ? nlohmann::ordered_json(rounded(*value)) : nullptr;
+}
+
+inline nlohmann::ordered_json toJson(const Result& r)
+{
+    nlohmann::ordered_json json = {{"workload", r.workload}, {"occupancy", nullptr}, {"size", r.size}};
+    if (r.occupancy)
+        json["occupancy"] = *r.occupancy;
+    json["contender"] = r.contender;
+    if (!r.path.empty())
+        json["path"] = r.path;
+    json["median_ns"] = rounded(r.medianNs);
+    json["p999_ns"] = rounded(r.p999Ns);
+    json["worst_ns"] = rounded(r.worstNs);
+    json["ops_per_s"] = static_cast<std::uint64_t>(r.opsPerSecond);
+    json["largest_run_ratio"] = rounded(r.largestRunRatio);
+    json["lock_ns"] = rounded(r.lockNs);
+    json["allocate_mean_ns"] = rounded(r.allocateMeanNs);
+    json["release_mean_ns"] = rounded(r.releaseMeanNs);
+    json["interrupted_worst_ns"] = rounded(r.interruptedNs);
+    json["samples"] = r.samples;
+    json["batch"] = r.batch;
+    json["failed"] = r.failed;
+    return json;
 }
 
 inline void writeJson(const std::vector<Result>& results, const std::filesystem::path& path)
 {
+    nlohmann::ordered_json rows = nlohmann::ordered_json::array();
+    for (const Result& result : results)
+        rows.push_back(toJson(result));
     std::ofstream file(path);
-    file << "[\n";
-    for (const Result& r : results) {
-        file << "  {\"workload\": \"" << r.workload
-             << "\", \"occupancy\": " << (r.occupancy ? std::to_string(*r.occupancy) : "null")
-             << ", \"size\": " << r.size << ", \"contender\": \"" << r.contender << "\"";
-        if (!r.path.empty())
-            file << ", \"path\": \"" << r.path << "\"";
-        file << ", \"median_ns\": " << number(r.medianNs) << ", \"p999_ns\": " << number(r.p999Ns)
-             << ", \"worst_ns\": " << number(r.worstNs) << ", \"ops_per_s\": " << std::uint64_t(r.opsPerSecond)
-             << ", \"largest_run_ratio\": " << number(r.largestRunRatio) << ", \"lock_ns\": " << number(r.lockNs)
-             << ", \"allocate_mean_ns\": " << number(r.allocateMeanNs)
-             << ", \"release_mean_ns\": " << number(r.releaseMeanNs)
-             << ", \"interrupted_worst_ns\": " << number(r.interruptedNs) << ", \"samples\": " << r.samples
-             << ", \"batch\": " << r.batch << ", \"failed\": " << r.failed << "}"
-             << (&r == &results.back() ? "\n" : ",\n");
-    }
-    file << "]\n";
+    file << rows.dump(1) << "\n";
     if (!file.flush())
         throw std::runtime_error("cannot write " + path.string());
 }

@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 packages() {
     case $1 in
     build) echo "g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build libcli11-dev" ;;
-    bench) echo "g++-12 g++-12-multilib cmake ninja-build libboost-dev python3" ;;
+    bench) echo "g++-12 g++-12-multilib cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev python3" ;;
     demo) echo "ghostscript ghostscript-doc" ;;
     fuzz) echo "clang-14 libclang-rt-14-dev g++-12-multilib cmake ninja-build googletest" ;;
     lint) echo "clang-format clang-tidy" ;;

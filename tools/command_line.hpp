@@ -45,10 +45,10 @@ inline void prepare(CLI::App& app)
 inline std::string mistakeIn(const CLI::App& app, const CLI::ParseError& error)
 {
     const std::string text = error.what();
+    const std::vector<std::string> extras = app.remaining(true);
     if (const std::size_t missing = text.find(": 1 required "); missing != text.npos)
         return text.substr(0, missing) + " lacks its value";
-    const std::vector<std::string> extras = app.remaining(true);
-    if (dynamic_cast<const CLI::ExtrasError*>(&error) == nullptr || extras.empty())
+    if (extras.empty())
         return text;
     if (extras.front().starts_with("-"))
         return "unknown option " + extras.front();
