@@ -1,7 +1,4 @@
 // fuzz-index: random sequences of operations, each played with indexes and by walking.
-//   fuzz-index [--seed A] [--runs N] [--seconds S] [--least-awake PERCENT] [--accesses N] [--print] [FILE...]
-// Run I of seed A has seed A + I, so that one run is repeated with --seed A+I --runs 1; --print writes its operations.
-// A FILE holds a sequence, as libFuzzer keeps them. Exit status: 0 same, 1 a difference, 2 a wrong call.
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -15,6 +12,7 @@
 
 #include <unistd.h>
 
+#include "../../tools/command_line.hpp"
 #include "driver.h"
 #include "sequence.h"
 
@@ -160,42 +158,27 @@ bool playSeeds(const Options& options, Totals& totals)
     return true;
 }
 
-bool parse(int count, char** words, Options& options)
+void describe(CLI::App& app, Options& options)
 {
-    struct {
-        const char* name;
-        unsigned long& value;
-    } const numbers[] = {{"--seed", options.seed},
-                         {"--runs", options.runs},
-                         {"--seconds", options.seconds},
-                         {"--least-awake", options.leastAwake},
-                         {"--accesses", options.accesses}};
-    for (int i = 1; i < count; ++i) {
-        const std::string word = words[i];
-        const auto* const number = std::find_if(std::begin(numbers), std::end(numbers),
-                                                [&](const auto& candidate) { return word == candidate.name; });
-        if (number != std::end(numbers) && i + 1 < count)
-            number->value = std::strtoul(words[++i], nullptr, 0);
-        else if (word == "--print")
-            options.print = true;
-        else if (word.starts_with("-"))
-            return false;
-        else
-            options.files.push_back(word);
-    }
-    return true;
+    velmora::tools::prepare(app);
+    app.footer("Run I of seed A has seed A + I: --seed A+I --runs 1 repeats it.\n"
+               "exit status: 0 no difference, 1 a difference, 2 unusable arguments\n");
+    app.add_option("FILE", options.files, "sequences to play, as libFuzzer keeps them; default: random ones")
+        ->type_name("")
+        ->check(CLI::ExistingFile.description(""));
+    const auto number = [&](const char* name, unsigned long& value, const char* meaning) {
+        app.add_option(name, value, meaning)->type_name("N");
+    };
+    number("--seed", options.seed, "seed of the first sequence; default 1");
+    number("--runs", options.runs, "random sequences; default: until the time is up, or 100");
+    number("--seconds", options.seconds, "how long");
+    number("--least-awake", options.leastAwake, "percent of the operations in which an index has to be awake");
+    number("--accesses", options.accesses, "accesses to memory after which the rest of a sequence is left out");
+    app.add_flag("--print", options.print, "write the operations");
 }
 
-} // namespace
-
-int main(int count, char** words)
+int playAll(const Options& options)
 {
-    Options options;
-    if (!parse(count, words, options)) {
-        std::fprintf(stderr, "fuzz-index [--seed A] [--runs N] [--seconds S] [--least-awake PERCENT] [--accesses N] "
-                             "[--print] [FILE...]\n");
-        return 2;
-    }
     std::signal(SIGILL, sayWhereItStopped);
     std::signal(SIGABRT, sayWhereItStopped);
 
@@ -210,4 +193,15 @@ int main(int count, char** words)
         return 1;
     }
     return same ? 0 : 1;
+}
+
+} // namespace
+
+int main(int count, char** words)
+{
+    CLI::App app("fuzz-index - random sequences of operations, each played with indexes and by walking\n",
+                 "fuzz-index");
+    Options options;
+    describe(app, options);
+    return velmora::tools::runProgram(app, count, words, [&] { return playAll(options); });
 }
