@@ -7,9 +7,8 @@ QUICK ?=
 bench-build:
 	@scripts/setup.sh bench
 	@bench/packages.sh
-	@cmake -G Ninja -S bench -B build/bench -DCMAKE_TOOLCHAIN_FILE=$(CURDIR)/cmake/x86.cmake \
-	    $(if $(wildcard build/bench/build.ninja),>/dev/null)
-	@cmake --build build/bench
+	@cmake --preset bench $(if $(wildcard build/bench/build.ninja),>/dev/null)
+	@cmake --build --preset bench
 
 ## make bench      the manager beside other allocators: build/bench/results.json, times.svg  [QUICK=1: under a minute]
 bench: bench-build

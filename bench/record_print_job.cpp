@@ -8,7 +8,7 @@
 
 #include "../examples/document.hpp"
 #include "../examples/parties.hpp"
-#include "../host/device.h"
+#include "controller/device.h"
 #include "../tools/command_line.hpp"
 
 namespace {

@@ -9,7 +9,7 @@
 #include <type_traits>
 #include <vector>
 
-#include "../host/device.h"
+#include "controller/device.h"
 #include "../kernel/mm/mmi/MM_Interface.h"
 #include "contenders.hpp"
 #include "sequence.hpp"

@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include "../lib/device.hpp"
+#include <velmora_mm/device.hpp>
 #include "netpbm.hpp"
 
 namespace printjob {

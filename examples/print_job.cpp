@@ -8,7 +8,7 @@
 #include <system_error>
 #include <thread>
 
-#include "../host/device.h"
+#include "controller/device.h"
 #include "../host/machine.h"
 #include "../tools/command_line.hpp"
 #include "document.hpp"

@@ -1,4 +1,4 @@
-#include "machine.h"
+#include "host/machine.h"
 
 #include <cerrno>
 #include <csetjmp>
@@ -7,12 +7,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <algorithm>
+#include <stdexcept>
+#include <system_error>
 #include <utility>
 #include <sys/mman.h>
 #include <unistd.h>
 #include <fcntl.h>
-
-#include "manager_state.h"
 
 namespace velmora::sim {
 
@@ -24,39 +24,99 @@ constexpr S32 kFirstDynamicMajor = 254; // the kernel gives dynamic majors from 
 thread_local sigjmp_buf* currentCommand = nullptr;
 thread_local Outcome currentOutcome;
 
-[[noreturn]] void die(const char* what)
+[[noreturn]] void noMemory()
 {
-    std::perror(what);
-    std::exit(EXIT_FAILURE);
+    throw std::system_error(errno, std::generic_category(), "no memory for the simulated controller");
 }
 
-void* mapFixed(U32 address, U32 bytes, int flags, int file)
+struct Descriptor {
+    explicit Descriptor(int opened) : number(opened) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    ~Descriptor()
+    {
+        if (number >= 0)
+            close(number);
+    }
+    int number;
+};
+
+// Addresses of this process that belong to the controller, given back unless they are kept.
+class Reservation
 {
-    void* const wanted = reinterpret_cast<void*>(address);
-    void* const got = mmap(wanted, bytes, PROT_READ | PROT_WRITE, flags | MAP_FIXED_NOREPLACE, file, 0);
-    if (got != wanted)
-        die("velmora: the controller's address space is not free in this process");
-    return got;
+public:
+    Reservation(U32 address, U32 bytes, int flags, int file) : place_(reinterpret_cast<void*>(address)), bytes_(bytes)
+    {
+        void* const got = mmap(place_, bytes, PROT_READ | PROT_WRITE, flags | MAP_FIXED_NOREPLACE, file, 0);
+        if (got == place_)
+            return;
+        if (got == MAP_FAILED && errno != EEXIST)
+            noMemory();
+        if (got != MAP_FAILED) // an old kernel takes the address for a wish
+            munmap(got, bytes);
+        char text[128];
+        std::snprintf(text, sizeof text,
+                      "the simulated controller needs the addresses from 0x%08x to 0x%08x, and this process has "
+                      "something else there",
+                      static_cast<unsigned>(address), static_cast<unsigned>(address + bytes));
+        throw std::runtime_error(text);
+    }
+    Reservation(const Reservation&) = delete;
+    Reservation& operator=(const Reservation&) = delete;
+    ~Reservation()
+    {
+        if (place_ != nullptr)
+            munmap(place_, bytes_);
+    }
+
+    void keep() { place_ = nullptr; }
+
+private:
+    void* place_;
+    U32 bytes_;
+};
+
+// What this program did about a fault before the machine was there.
+struct FaultHandler {
+    int signal;
+    struct sigaction before;
+};
+FaultHandler faultHandlers[] = {{SIGSEGV, {}}, {SIGBUS, {}}};
+
+// A fault outside a command, as if this handler were not installed.
+void passOn(struct sigaction& before, int signal, siginfo_t* info, void* context)
+{
+    const struct sigaction handler = before;
+    if ((handler.sa_flags & static_cast<int>(SA_RESETHAND)) != 0)
+        before.sa_handler = SIG_DFL;
+    if ((handler.sa_flags & SA_SIGINFO) != 0)
+        handler.sa_sigaction(signal, info, context);
+    else if (handler.sa_handler != SIG_DFL && handler.sa_handler != SIG_IGN)
+        handler.sa_handler(signal);
+    else
+        std::signal(signal, handler.sa_handler); // the access is repeated and ends the process
 }
 
-void onFault(int signal, siginfo_t* info, void*)
+void onFault(int signal, siginfo_t* info, void* context)
 {
     if (currentCommand == nullptr) {
-        std::signal(signal, SIG_DFL);
-        return; // the access is repeated and ends the process
+        passOn(faultHandlers[signal == SIGBUS].before, signal, info, context);
+        return;
     }
     currentOutcome = {Outcome::Kind::Oops, 0, reinterpret_cast<U32>(info->si_addr), {}};
     siglongjmp(*currentCommand, 1);
 }
 
+// The mask and the stack stay as the program's handler wants them.
 void catchFaults()
 {
-    struct sigaction action = {};
-    action.sa_sigaction = onFault;
-    action.sa_flags = SA_SIGINFO;
-    sigemptyset(&action.sa_mask);
-    sigaction(SIGSEGV, &action, nullptr);
-    sigaction(SIGBUS, &action, nullptr);
+    for (auto& [signal, before] : faultHandlers) {
+        sigaction(signal, nullptr, &before);
+        struct sigaction action = before;
+        action.sa_sigaction = onFault;
+        action.sa_flags = (before.sa_flags | SA_SIGINFO) & ~static_cast<int>(SA_RESETHAND);
+        sigaction(signal, &action, nullptr);
+    }
 }
 
 bool inside(U32 address, U32 bytes, U32 start, U32 size)
@@ -92,11 +152,14 @@ Machine& machine()
 
 void Machine::reserveAddressSpace()
 {
-    ramFile_ = memfd_create("velmora-ram", MFD_CLOEXEC);
-    if (ramFile_ < 0 || ftruncate(ramFile_, kRamBytes) != 0)
-        die("velmora: no memory for the controller's RAM");
-    mapFixed(kPageOffset, kRamBytes, MAP_SHARED | MAP_NORESERVE, ramFile_);
-    mapFixed(kScratch, kScratchBytes, MAP_PRIVATE | MAP_ANONYMOUS, -1);
+    Descriptor file(memfd_create("velmora-ram", MFD_CLOEXEC));
+    if (file.number < 0 || ftruncate(file.number, kRamBytes) != 0)
+        noMemory();
+    Reservation ram(kPageOffset, kRamBytes, MAP_SHARED | MAP_NORESERVE, file.number);
+    Reservation scratch(kScratch, kScratchBytes, MAP_PRIVATE | MAP_ANONYMOUS, -1);
+    ram.keep();
+    scratch.keep();
+    ramFile_ = std::exchange(file.number, -1);
     catchFaults();
 }
 
@@ -108,7 +171,6 @@ void Machine::powerOn()
     if (fallocate(ramFile_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, kRamBytes) != 0)
         std::memset(at(kPageOffset), 0, kRamBytes);
     std::memset(at(kScratch), 0, kScratchBytes);
-    resetManagerState();
     faults = {};
     log_.clear();
     locks_.fill(false);
@@ -120,6 +182,8 @@ void Machine::powerOn()
 
 Outcome Machine::run(const std::function<U32()>& command)
 {
+    if (ramFile_ < 0)
+        throw std::logic_error("the simulated machine is switched off");
     sigjmp_buf place;
     if (sigsetjmp(place, 1) != 0) {
         currentCommand = nullptr;

@@ -3,13 +3,19 @@
 //
 // RAM is a shared memory file mapped at the kernel's linear map, so that a mapping of the device is a real
 // second mapping of the same bytes. User memory is a small scratch area; every other user address
-// faults. One machine for each process: the manager's state is module data.
+// faults. One machine for each process: its addresses are fixed.
+//
+// The machine knows nothing of the manager that runs on it: it neither calls it nor touches its data. Who loads the
+// manager, and has it start from fresh data, is above (controller/).
 //
 //   machine().powerOn();
-//   auto end = machine().run("load", [] { return printer_mm_init(); });
+//   const Outcome end = machine().run([] { return static_cast<U32>(printer_mm_init()); });
 //   for (const std::string& message : machine().takeLog()) ...
 //
-// Threads: device calls of several threads are run one at a time by the caller (see host/device.h); the
+// Faults: from the first power-on the machine catches SIGSEGV and SIGBUS. Those of a running command become its
+// outcome; all others go to the handler that the program had before, so a program's own handler is installed first.
+//
+// Threads: commands of several threads are run one at a time by the caller (see controller/device.h); the
 // machine itself takes no lock of its own.
 #pragma once
 
@@ -22,7 +28,7 @@
 #include <string_view>
 #include <vector>
 
-#include "../kernel/mm/MM_Platform.h"
+#include "kernel/mm/MM_Platform.h"
 
 namespace velmora::sim {
 
@@ -70,11 +76,11 @@ struct MapTarget {
 class Machine
 {
 public:
-    // Cold start: RAM and scratch zero, log empty, no lock held, no device, no fault, the manager's module data as
-    // they are before a load. Ends the process with a message when the address space is not to be had.
+    // Cold start: RAM and scratch zero, log empty, no lock held, no device, no fault. Throws std::runtime_error when this
+    // process has other things at the controller's addresses, std::system_error when there is no memory.
     void powerOn();
 
-    // Runs one command of the manager. Nested runs are not supported.
+    // Runs one command of the manager. Nested runs are not supported. std::logic_error before the first power-on.
     Outcome run(const std::function<U32()>& command);
 
     // Messages of the kernel log since the last call, one for each printk, every byte kept.

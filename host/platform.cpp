@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "machine.h"
+#include "host/machine.h"
 
 using velmora::sim::machine;
 using velmora::sim::Machine;

@@ -1,4 +1,4 @@
-#include "device.hpp"
+#include <velmora_mm/device.hpp>
 
 #include <algorithm>
 #include <array>

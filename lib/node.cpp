@@ -8,7 +8,7 @@
 #include <system_error>
 #include <unistd.h>
 
-#include "device.hpp"
+#include <velmora_mm/device.hpp>
 
 namespace velmora {
 

@@ -2,7 +2,7 @@
 #include <fstream>
 #include <optional>
 
-#include "../host/session.h"
+#include "controller/session.h"
 #include "area.h"
 #include "command_line.hpp"
 

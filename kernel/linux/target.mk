@@ -20,7 +20,7 @@ module:
 # The emulated controller: test programs are static, they run on nothing but the kernel.
 target-work := build/target
 target-cxx := $(CROSS_COMPILE)g++
-target-cxxflags := -static -O2 -g -std=c++20 -Wall -Wextra -Werror -Iinclude -MMD -MP
+target-cxxflags := -static -O2 -g -std=c++20 -Wall -Wextra -Werror -Iinclude -I. -MMD -MP
 
 target-test-objects := $(addprefix $(target-work)/obj/,main.o board.o $(notdir $(patsubst %.cpp,%.o,$(wildcard tests/target/*_test.cpp))))
 
@@ -31,7 +31,7 @@ $(target-work)/obj/%.o: tests/target/%.cpp
 	@echo "  ARM     $<"
 	@$(target-cxx) $(target-cxxflags) -c -o $@ $<
 
-$(target-work)/obj/session_text.o: host/session_text.cpp host/session_text.h
+$(target-work)/obj/session_text.o: controller/session_text.cpp controller/session_text.h
 	@mkdir -p $(@D)
 	@echo "  ARM     $<"
 	@$(target-cxx) $(target-cxxflags) -c -o $@ $<

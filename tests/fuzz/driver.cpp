@@ -7,8 +7,9 @@
 #include <sstream>
 #include <vector>
 
-#include "../../host/manager_state.h"
-#include "../../kernel/mm/mm/MM_RunIndex.h"
+#include "controller/manager_state.h"
+#include "controller/session_text.h"
+#include "kernel/mm/mm/MM_RunIndex.h"
 #include "sequence.h"
 
 namespace velmora::fuzz {
@@ -69,10 +70,8 @@ std::map<U32, Hash> pagesOfMemory()
 Hash hashOfState()
 {
     Hasher hasher;
-    hasher.addAll(stSegTable, hulFixedHandle, hulFloatHandle, ulPermanentBlkStartPtr, ulPermanentBlkCount, pstMCTTable,
-                  stDefaultMCTTable, pstSegBlkHead, pstSegBlkTail, pstHEAPBiggestBlk, stSegStartAddr, stSegEndAddr,
-                  stSegMapStartAddr, stSegMapEndAddr, astBlkHead, astBlkTail, astStackStr, memstart, memend,
-                  ulFixedSegEndAddress);
+    for (const sim::ManagerVariable& variable : sim::managerVariables())
+        hasher.add(variable.place, variable.bytes);
     for (const TMMLock lock : {search_lock, free_lock, push_lock, pop_lock})
         hasher.addAll(machine().lockHeld(lock));
     // The lists lie in memory.

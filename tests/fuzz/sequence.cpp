@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "controller/device.h"
 #include "../../kernel/mm/mm/MM_RunIndex.h"
 #include "../../kernel/mm/mmi/MM_Interface.h"
 
@@ -127,7 +128,7 @@ void Sequence::play(bool useIndex, Observer& observer)
     segments_.clear();
     lastReleased_ = {};
     operations_ = overlays_ = mended_ = 0;
-    machine().powerOn();
+    sim::powerOn();
     machine().faults.touchLimit = kTouchLimit;
     MM_UseRunIndex(useIndex);
     try {

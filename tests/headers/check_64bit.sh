@@ -4,7 +4,7 @@
 set -eu
 cd "$1"
 header=include/velmora_mm/velmora_mm.h
-set -- -Wall -Wextra -Werror -fsyntax-only -Iinclude
+set -- -Wall -Wextra -Werror -fsyntax-only -Iinclude -Ilib/include
 for names in "" -DVELMORA_MM_PREFIXED_NAMES; do
     for standard in gnu89 c99 c11; do
         gcc-12 "$@" ${names:+"$names"} -std=$standard -x c "$header"

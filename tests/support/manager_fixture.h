@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "controller/device.h"
 #include "../../host/machine.h"
 #include "../../kernel/mm/mm/MM_Core.h"
 #include "../../kernel/mm/mmi/MM_Interface.h"
@@ -17,6 +18,7 @@ namespace velmora::test {
 
 using sim::Machine;
 using sim::machine;
+using sim::powerOn;
 using sim::Outcome;
 
 // The managed area after a load of the default text.
@@ -28,7 +30,7 @@ inline constexpr U32 kFloatStart = kAreaStart + kFixedBytes;
 class ManagerTest : public ::testing::Test
 {
 protected:
-    ManagerTest() { machine().powerOn(); }
+    ManagerTest() { powerOn(); }
 
     // Module load with a parameter text; the module's answer.
     static S32 load(const std::string& text)

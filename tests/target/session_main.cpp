@@ -18,7 +18,7 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include "../../host/session_text.h"
+#include "controller/session_text.h"
 #include "board.hpp"
 #include "harness.hpp"
 

@@ -53,7 +53,7 @@ TEST_F(AllocBlk, SearchTakesTheHighestRunThatFitsAndCutsItsTop)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = sixteenBlocks();
         leaveFree(seg, c.free);
@@ -178,7 +178,7 @@ TEST_F(AllocBlk, MapEntriesOfHigherBlocksLieInLowerBitsAndLaterBytes)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = mapped(c.mapBits);
         for (const Run& request : c.requests)

@@ -53,7 +53,7 @@ TEST_F(CleanUp, OnlyTheOwnersRunsAreGivenBackForEveryMapWidth)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = mapped(c.mapBits);
         allocateAll(seg, {{c.owner, 3}, {c.other, 2}, {c.owner, 6}, {c.other, 1}, {c.owner, 1}});
@@ -132,7 +132,7 @@ TEST_F(CleanUp, OwnerWiderThanTheEntryMatchesWhereItsBitsStandInNeighbouringEntr
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = mapped(c.mapBits);
         allocateAll(seg, c.owners);

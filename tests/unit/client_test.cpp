@@ -1,8 +1,8 @@
 // The client library over the simulated device.
 #include <cerrno>
 
-#include "../../host/device.h"
-#include "../../lib/device.hpp"
+#include "controller/device.h"
+#include <velmora_mm/device.hpp>
 #include "../support/manager_fixture.h"
 
 namespace velmora::test {

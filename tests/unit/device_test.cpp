@@ -121,7 +121,7 @@ TEST_F(Device, EveryRecordMayEndWithTheLastByteOfAPage)
         start();
         std::memset(at(kScratchEnd - 88), 0, 88);
         EXPECT_GE(Velmora_MM_ioctl(number, kScratchEnd - bytes), 0) << number;
-        machine().powerOn();
+        powerOn();
     }
 }
 
@@ -157,7 +157,7 @@ TEST_F(Device, NineRecordsAreCopiedBackWhole)
         const Lines messages = log();
         EXPECT_EQ(result == -14, copied) << number;
         EXPECT_EQ(!messages.empty() && messages.back() == kCopyFailed, copied) << number;
-        machine().powerOn();
+        powerOn();
     }
 }
 

@@ -74,7 +74,7 @@ TEST_F(FreeBlk, ReleasedRunIsPutInOrderAndMergedWithWhatItTouches)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = sixteenBlocks(YES);
         leaveFree(seg, c.free);
@@ -161,7 +161,7 @@ TEST_F(FreeBlk, HeaderOfAFreeRunIsRefusedWhereverItStands)
 {
     for (const U32 number : {12U, 4U, 0U}) { // tail, middle, head
         SCOPED_TRACE(number);
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = sixteenBlocks();
         leaveFree(seg, {{0, 2}, {4, 2}, {12, 2}});
@@ -216,7 +216,7 @@ TEST_F(FreeBlk, BrokenTotalIsReportedUnderTheLockOnly)
 {
     for (const U8 semaphore : {YES, NO}) {
         SCOPED_TRACE(int(semaphore));
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = sixteenBlocks(semaphore);
         const U32 address = alloc(seg, 2);
@@ -282,7 +282,7 @@ TEST_F(FreeBlk, EveryFailedCheckLeavesTheLockHeldAndTheNextReleaseHangs)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = sixteenBlocks(YES);
         leaveFree(seg, {{2, 4}, {8, 4}});
@@ -327,7 +327,7 @@ TEST_F(FreeBlk, ReleaseErasesTheOwnersOfItsBlocksOnly)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = mapped(c.mapBits);
         alloc(seg, 10, c.owner);
@@ -342,7 +342,7 @@ TEST_F(FreeBlk, EntriesThatAreClearAlreadyAreReportedAndTheReleaseGoesOn)
 {
     for (const U8 mapBits : {2, 4, 8}) {
         SCOPED_TRACE(int(mapBits));
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = mapped(mapBits);
         const U32 address = alloc(seg, 3, 0);

@@ -41,7 +41,7 @@ TEST_F(HandleApi, MallocRoundsBytesUpToBlocks)
                  {64, 65, 2},  {100, 100, 1},   {100, 101, 2}};
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.bytes << " bytes in blocks of " << c.blockBytes);
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = createBlocks("BLKS", 0x10000, c.blockBytes);
         const U32 total = counts(seg)[0];
@@ -122,7 +122,7 @@ TEST_F(HandleApi, OwnersAreAcceptedByMapWidth)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 seg = createBlocks("MAPD", 0x10000, 4096, c.mapBits);
         for (const U8 owner : c.refused) {
@@ -204,7 +204,7 @@ TEST_F(HandleApi, OverflowTakesTheSameCountInHeapBlocksAndMarksNoOwner)
 {
     for (const U8 kind : {LINKEDLIST, STACK}) {
         SCOPED_TRACE(int(kind));
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U8 mapBits = kind == STACK ? 0 : 4;
         const U32 seg = createOverflowing("VIRT", 0x1000, 64, kind, mapBits);

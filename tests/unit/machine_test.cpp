@@ -13,7 +13,7 @@ TEST_F(TheMachine, RamAndScratchAreZeroAfterPowerOn)
 {
     *at(0xA3FFFFFF) = 1;
     *at(sim::kScratch) = 1;
-    machine().powerOn();
+    powerOn();
     EXPECT_EQ(*at(0xA3FFFFFF), 0);
     EXPECT_EQ(*at(sim::kScratch), 0);
 }
@@ -25,7 +25,7 @@ TEST_F(TheMachine, PowerOnPutsTheManagersDataBack)
     U8 name[4] = {'$', 'F', 'I', 'L'};
     MM_DeleteSegment(name);
     MM_RunningMultiJob_Notify(1);
-    machine().powerOn();
+    powerOn();
     EXPECT_EQ(memstart, 0u);
     EXPECT_EQ(hulFloatHandle, 5u);
     EXPECT_EQ(ulRunningMultiJob, 0u);
@@ -127,7 +127,7 @@ TEST_F(TheMachine, AStopOutsideACommandEndsTheProcessWithAReport)
 {
     EXPECT_DEATH(
         {
-            machine().powerOn();
+            powerOn();
             MMP_MemSet(nullptr, 0, 1);
         },
         "a call outside any command touched 0x00000000, which does not exist");

@@ -1,5 +1,5 @@
 // Module load and unload, the big physical area, mapping, the proc file.
-#include "../../host/proc_file.h"
+#include "controller/proc_file.h"
 #include "../support/manager_fixture.h"
 
 namespace velmora::test {
@@ -68,7 +68,7 @@ TEST_F(Module, LoadRefusesAnAreaThatIsNotAboveTheLinearMapsStart)
         {"95000000", "95000000", "FFF00000"},          // no hyphen: see below, a alone is enough
     };
     for (unsigned i = 0; i < 4; ++i) {
-        machine().powerOn();
+        powerOn();
         EXPECT_EQ(load(cases[i].text), -1) << cases[i].text;
         EXPECT_EQ(log(), (std::vector{areaLine(cases[i].a, cases[i].b), kNoArea}));
         EXPECT_EQ(memstart, 0u);
@@ -77,7 +77,7 @@ TEST_F(Module, LoadRefusesAnAreaThatIsNotAboveTheLinearMapsStart)
         EXPECT_EQ(pubSegMemStartAddr, &memstart); // pointed even when the parse fails
         EXPECT_EQ(pubSegMemEndAddr, &memend);
     }
-    machine().powerOn();
+    powerOn();
     EXPECT_EQ(load(cases[4].text), 0); // the missing b wraps to above the start: no check forbids it
     EXPECT_EQ(memend, 0xFFF00000u);
 }
@@ -114,7 +114,7 @@ TEST_F(Module, TheParameterIsReadAsTheScanFormatReadsIt)
         {"ffffffff-96000000", 0x000FFFFF, 0x95F00000}, // the start wraps: no check forbids it
     };
     for (const auto& c : cases) {
-        machine().powerOn();
+        powerOn();
         const bool valid = c.end > 0x94000000;
         EXPECT_EQ(load(c.text), valid ? 0 : -1) << c.text;
         EXPECT_EQ(memstart, valid ? c.start : 0) << c.text;

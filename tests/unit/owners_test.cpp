@@ -46,7 +46,7 @@ TEST_F(Owners, CollectionOfTheHeapAcceptsBothItsHandles)
 {
     for (const U32 handle : {U32(HEAPHANDLE), U32(HEAPHANDLE_ALIAS)}) {
         SCOPED_TRACE(handle);
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         createMappedHeap(8);
         alloc(HEAPHANDLE, 3, 5);
@@ -312,7 +312,7 @@ TEST_F(Owners, NarrowEntriesAreTestedByTheirMaskShiftedOnceMore)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits, byte " << int(c.byte) << ", block " << c.block);
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         createMappedHeap(c.mapBits);
         heapMap(1) = c.byte;
@@ -324,7 +324,7 @@ TEST_F(Owners, NarrowEntriesAreTestedByTheirMaskShiftedOnceMore)
 TEST_F(Owners, NarrowEntryOfNobodyIsReported)
 {
     for (const U8 mapBits : {2, 4}) {
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         createMappedHeap(mapBits);
         heapMap(1) = static_cast<U8>(~(1U << mapBits) + 1); // everything but the last block's entry

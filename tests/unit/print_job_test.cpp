@@ -5,7 +5,7 @@
 #include "../../examples/document.hpp"
 #include "../../examples/kernel_log.hpp"
 #include "../../examples/parties.hpp"
-#include "../../host/device.h"
+#include "controller/device.h"
 #include "../support/manager_fixture.h"
 
 namespace velmora::test {

@@ -1,5 +1,5 @@
 // Status queries, the MST display and the short trace.
-#include "../../host/manager_state.h"
+#include "controller/manager_state.h"
 #include "../support/allocator_fixture.h"
 
 namespace velmora::test {

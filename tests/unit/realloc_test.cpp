@@ -16,7 +16,7 @@ protected:
     // Starts over with these runs free.
     void only(const Runs& free)
     {
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         seg = createBlocks("BLKS", 16 * 4096, 4096, 0, YES);
         leaveFree(seg, free);

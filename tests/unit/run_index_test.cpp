@@ -1,7 +1,7 @@
 // The index over free runs: the same results as the plain walk, and when it gives up.
 #include <random>
 
-#include "../../host/manager_state.h"
+#include "controller/manager_state.h"
 #include "../../kernel/mm/mm/MM_RunIndex.h"
 #include "../support/manager_fixture.h"
 
@@ -30,7 +30,7 @@ protected:
     // run of two.
     unsigned long touchesInAComb(U32 combBlocks)
     {
-        machine().powerOn();
+        powerOn();
         start();
         const U32 handle = createBlocks("COMB", combBlocks * 16, 16);
         const U32 first = MM_Addr(stSegTable[handle].pubStartAddr);
@@ -72,7 +72,7 @@ protected:
 
     Trace play(bool useIndex, const Shape& shape, unsigned seed, unsigned steps, bool wrongReleases)
     {
-        machine().powerOn();
+        powerOn();
         MM_UseRunIndex(useIndex);
         start();
         const U32 handle = createBlocks("BLK0", shape.bytes, shape.blockBytes, shape.mapBits);

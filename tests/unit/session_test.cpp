@@ -1,8 +1,8 @@
 // Session scripts: what is understood, what is answered, how a session ends.
 #include <sstream>
 
-#include "../../host/session.h"
-#include "../../host/session_text.h"
+#include "controller/session.h"
+#include "controller/session_text.h"
 #include "../support/manager_fixture.h"
 
 namespace velmora::test {

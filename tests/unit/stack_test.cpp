@@ -72,7 +72,7 @@ TEST_F(Stack, BytesAreRoundedUpToAMultipleOfFour)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.blocks << " of " << c.blockBytes);
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 stack = createStack("STCK", 64, c.blockBytes);
         EXPECT_EQ(push(stack, c.blocks), kFloatStart + 64 - c.bytes);
@@ -196,7 +196,7 @@ TEST_F(Stack, BrokenTotalIsReportedByAPopUnderTheLockOnly)
 {
     for (const U8 semaphore : {YES, NO}) {
         SCOPED_TRACE(int(semaphore));
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 stack = sixteenBlocks(semaphore);
         const U32 address = push(stack, 2);
@@ -270,7 +270,7 @@ TEST_F(Stack, EveryFailedPopLeavesThePopLockHeldAndTheNextPopHangs)
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        machine().powerOn();
+        powerOn();
         ManagerTest::start();
         const U32 stack = sixteenBlocks(YES);
         push(stack, 4);

@@ -32,6 +32,9 @@ std::vector<std::uint8_t> parseHex(std::string_view text);
 // Lower-case digits.
 std::string toHex(const std::uint8_t* bytes, std::size_t count);
 
+// Text between quotes: \n \r \t \" \\ and \xNN.
+std::string escaped(const std::string& bytes);
+
 // CRC-32 of IEEE 802.3, as zlib computes it.
 std::uint32_t crc32(const std::uint8_t* bytes, std::size_t count);
 

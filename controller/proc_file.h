@@ -4,7 +4,7 @@
 #include <algorithm>
 #include <string>
 
-#include "../kernel/mm/mmi/MM_Interface.h"
+#include "kernel/mm/mmi/MM_Interface.h"
 
 namespace velmora::sim {
 

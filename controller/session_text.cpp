@@ -1,4 +1,4 @@
-#include "session_text.h"
+#include "controller/session_text.h"
 
 #include <array>
 #include <charconv>
@@ -141,6 +141,27 @@ std::string toHex(const std::uint8_t* bytes, std::size_t count)
     for (std::size_t i = 0; i < count; ++i) {
         text += digits[bytes[i] >> 4];
         text += digits[bytes[i] & 15];
+    }
+    return text;
+}
+
+std::string escaped(const std::string& bytes)
+{
+    std::string text;
+    for (const char c : bytes) {
+        const auto byte = static_cast<std::uint8_t>(c);
+        switch (c) {
+        case '\n': text += "\\n"; break;
+        case '\r': text += "\\r"; break;
+        case '\t': text += "\\t"; break;
+        case '"': text += "\\\""; break;
+        case '\\': text += "\\\\"; break;
+        default:
+            if (byte < 0x20 || byte > 0x7E)
+                text += "\\x" + toHex(&byte, 1);
+            else
+                text += c;
+        }
     }
     return text;
 }

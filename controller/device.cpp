@@ -1,4 +1,4 @@
-#include "device.h"
+#include "controller/device.h"
 
 #include <cerrno>
 #include <cstdio>
@@ -6,8 +6,9 @@
 #include <mutex>
 #include <sys/mman.h>
 
-#include "../kernel/mm/mmi/MM_Interface.h"
-#include "machine.h"
+#include "kernel/mm/mmi/MM_Interface.h"
+#include "controller/manager_state.h"
+#include "host/machine.h"
 
 namespace velmora::sim {
 
@@ -23,18 +24,32 @@ int runEntry(const std::string& name, const std::function<U32()>& entry)
     return static_cast<int>(outcome.value);
 }
 
+// There is a device to talk to once the manager has registered one.
+void requireDevice()
+{
+    if (machine().devices().empty())
+        throw std::logic_error("no controller is running: velmora::sim::bootController() comes before its device");
+}
+
 class SimulatedChannel : public Channel
 {
 public:
     SimulatedChannel()
     {
+        const std::lock_guard guard(oneCommandAtATime);
+        requireDevice();
         runEntry("open", [] { return static_cast<U32>(Velmora_MM_open()); });
     }
-    ~SimulatedChannel() override { Velmora_MM_release(); }
+    ~SimulatedChannel() override
+    {
+        const std::lock_guard guard(oneCommandAtATime);
+        machine().run([] { return static_cast<U32>(Velmora_MM_release()); }); // nobody hears of what becomes of it
+    }
 
     int command(std::uint32_t number, void* record, std::size_t bytes) override
     {
         const std::lock_guard guard(oneCommandAtATime);
+        requireDevice();
         std::memcpy(Machine::at(kScratch), record, bytes);
         const int result = runEntry("ioctl " + commandName(number),
                                     [=] { return static_cast<U32>(Velmora_MM_ioctl(number, kScratch)); });
@@ -45,6 +60,7 @@ public:
     void* map(TAddr address, std::size_t bytes, Caching caching) override
     {
         const std::lock_guard guard(oneCommandAtATime);
+        requireDevice();
         void* const start = mmap(nullptr, bytes, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (start == MAP_FAILED)
             throw Error("mmap", -errno);
@@ -69,9 +85,15 @@ public:
 
 } // namespace
 
-void bootController(TAddr start, TAddr end)
+void powerOn()
 {
     machine().powerOn();
+    resetManagerState();
+}
+
+void bootController(TAddr start, TAddr end)
+{
+    powerOn();
     std::snprintf(bigphysarea_info, sizeof bigphysarea_info, "%08x-%08x", start, end);
     if (const int result = runEntry("load", [] { return static_cast<U32>(printer_mm_init()); }))
         throw Error("load", result);

@@ -1,11 +1,11 @@
-#include "call_table.h"
+#include "controller/call_table.h"
 
 #include <algorithm>
 #include <type_traits>
 #include <utility>
 
-#include "../kernel/mm/mm/MM_Core.h"
-#include "../kernel/mm/mmi/MM_Interface.h"
+#include "kernel/mm/mm/MM_Core.h"
+#include "kernel/mm/mmi/MM_Interface.h"
 
 namespace velmora::sim {
 

@@ -1,13 +1,15 @@
-#include "manager_state.h"
+#include "controller/manager_state.h"
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <vector>
 
-#include "../kernel/mm/mm/MM_RunIndex.h"
-#include "../kernel/mm/mmi/MM_Interface.h"
-#include "machine.h"
+#include "kernel/mm/mm/MM_RunIndex.h"
+#include "kernel/mm/mmi/MM_Interface.h"
+#include "controller/session_text.h"
+#include "host/machine.h"
 
 extern "C" S32 velmora_mm_major;
 
@@ -15,12 +17,65 @@ namespace velmora::sim {
 
 namespace {
 
-constexpr unsigned kMaxNodes = 100000; // a list that is longer is taken for endless
+#define DUMPED(variable)                           \
+    ManagerVariable                                \
+    {                                              \
+        #variable, &variable, sizeof variable, true \
+    }
+#define NOT_DUMPED(variable)                        \
+    ManagerVariable                                 \
+    {                                               \
+        #variable, &variable, sizeof variable, false \
+    }
 
-template <class... T> void zero(T&... variables)
-{
-    (std::memset(&variables, 0, sizeof variables), ...);
-}
+const ManagerVariable variables[] = {
+    DUMPED(stSegTable),
+    NOT_DUMPED(hulFixedHandle),
+    NOT_DUMPED(hulFloatHandle),
+    NOT_DUMPED(ulRunningMultiJob),
+    DUMPED(ulPermanentBlkStartPtr),
+    DUMPED(ulPermanentBlkCount),
+    NOT_DUMPED(stMSTInfo),
+    DUMPED(ulRamSize),
+    NOT_DUMPED(pubMCTStartAddr),
+    DUMPED(pstMCTTable),
+    NOT_DUMPED(MCTTable),
+    NOT_DUMPED(ulCheckSumField),
+    DUMPED(pstSegBlkHead),
+    DUMPED(pstSegBlkTail),
+    NOT_DUMPED(pstHEAPBiggestBlk),
+    DUMPED(stSegStartAddr),
+    DUMPED(stSegEndAddr),
+    DUMPED(stSegMapStartAddr),
+    DUMPED(stSegMapEndAddr),
+    DUMPED(astBlkHead),
+    DUMPED(astBlkTail),
+    DUMPED(astStackStr),
+    DUMPED(stDefaultMCTTable),
+    NOT_DUMPED(pubSegMemStartAddr),
+    NOT_DUMPED(pubSegMemEndAddr),
+    DUMPED(memstart),
+    DUMPED(memend),
+    DUMPED(ulFixedSegEndAddress),
+    DUMPED(ulMCTStartAddr),
+    NOT_DUMPED(bigphysarea_info),
+    NOT_DUMPED(velmora_mm_major),
+};
+
+#undef DUMPED
+#undef NOT_DUMPED
+
+// The variables' bytes one after the other, before anybody has called the manager.
+const std::vector<std::uint8_t> image = [] {
+    std::vector<std::uint8_t> bytes;
+    for (const ManagerVariable& variable : variables) {
+        const auto* const place = static_cast<const std::uint8_t*>(variable.place);
+        bytes.insert(bytes.end(), place, place + variable.bytes);
+    }
+    return bytes;
+}();
+
+constexpr unsigned kMaxNodes = 100000; // a list that is longer is taken for endless
 
 [[gnu::format(printf, 2, 3)]] void append(std::string& text, const char* format, ...)
 {
@@ -123,16 +178,18 @@ void dumpSegment(std::string& text, U32 handle)
 
 } // namespace
 
+std::span<const ManagerVariable> managerVariables()
+{
+    return variables;
+}
+
 void resetManagerState()
 {
-    static const auto defaultRows = std::to_array(stDefaultMCTTable); // as the image has them: taken before any load
-    std::copy(defaultRows.begin(), defaultRows.end(), stDefaultMCTTable);
-    zero(stSegTable, hulFixedHandle, ulRunningMultiJob, ulPermanentBlkStartPtr, ulPermanentBlkCount, stMSTInfo,
-         ulRamSize, pubMCTStartAddr, pstMCTTable, MCTTable, ulCheckSumField, pstSegBlkHead, pstSegBlkTail,
-         pstHEAPBiggestBlk, stSegStartAddr, stSegEndAddr, stSegMapStartAddr, stSegMapEndAddr, astBlkHead, astBlkTail,
-         astStackStr, pubSegMemStartAddr, pubSegMemEndAddr, memstart, memend, ulFixedSegEndAddress, ulMCTStartAddr,
-         bigphysarea_info, velmora_mm_major);
-    hulFloatHandle = FIRST_FLOAT_HANDLE;
+    const std::uint8_t* from = image.data();
+    for (const ManagerVariable& variable : variables) {
+        std::memcpy(variable.place, from, variable.bytes);
+        from += variable.bytes;
+    }
     MM_ResetRunIndexes();
 }
 
@@ -170,27 +227,6 @@ void hideRoutineAddresses(std::uint8_t* bytes, std::size_t count)
         if (std::find(std::begin(routines), std::end(routines), word) != std::end(routines))
             std::memset(bytes + i, 0, sizeof word);
     }
-}
-
-std::string escaped(const std::string& bytes)
-{
-    std::string text;
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        switch (c) {
-        case '\n': text += "\\n"; break;
-        case '\r': text += "\\r"; break;
-        case '\t': text += "\\t"; break;
-        case '"': text += "\\\""; break;
-        case '\\': text += "\\\\"; break;
-        default:
-            if (byte < 0x20 || byte > 0x7E)
-                append(text, "\\x%02x", byte);
-            else
-                text += c;
-        }
-    }
-    return text;
 }
 
 } // namespace velmora::sim

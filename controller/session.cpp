@@ -1,4 +1,4 @@
-#include "session.h"
+#include "controller/session.h"
 
 #include <algorithm>
 #include <array>
@@ -9,13 +9,14 @@
 #include <map>
 #include <ostream>
 
-#include "../kernel/mm/mm/MM_RunIndex.h"
-#include "../kernel/mm/mmi/MM_Interface.h"
-#include "call_table.h"
-#include "machine.h"
-#include "manager_state.h"
-#include "proc_file.h"
-#include "session_text.h"
+#include "kernel/mm/mm/MM_RunIndex.h"
+#include "kernel/mm/mmi/MM_Interface.h"
+#include "controller/call_table.h"
+#include "host/machine.h"
+#include "controller/device.h"
+#include "controller/manager_state.h"
+#include "controller/proc_file.h"
+#include "controller/session_text.h"
 
 namespace velmora::sim {
 
@@ -304,7 +305,7 @@ Answer runLine(std::vector<Word> words)
 
 SessionEnd runSession(std::istream& script, std::ostream& answers)
 {
-    machine().powerOn();
+    powerOn();
     std::string line;
     for (unsigned number = 1; std::getline(script, line); ++number) {
         Answer answer;
