@@ -17,16 +17,13 @@ namespace velmora::sim {
 
 namespace {
 
-#define DUMPED(variable)                           \
-    ManagerVariable                                \
-    {                                              \
-        #variable, &variable, sizeof variable, true \
-    }
-#define NOT_DUMPED(variable)                        \
-    ManagerVariable                                 \
-    {                                               \
-        #variable, &variable, sizeof variable, false \
-    }
+template <class T> ManagerVariable entry(const char* name, T& variable, bool dumped)
+{
+    return {name, &variable, sizeof variable, dumped};
+}
+
+#define DUMPED(variable) entry(#variable, variable, true)
+#define NOT_DUMPED(variable) entry(#variable, variable, false)
 
 const ManagerVariable variables[] = {
     DUMPED(stSegTable),

@@ -13,26 +13,17 @@ TEST_F(TheMachine, RamAndScratchAreZeroAfterPowerOn)
 {
     *at(0xA3FFFFFF) = 1;
     *at(sim::kScratch) = 1;
-    powerOn();
+    machine().powerOn();
     EXPECT_EQ(*at(0xA3FFFFFF), 0);
     EXPECT_EQ(*at(sim::kScratch), 0);
 }
 
-TEST_F(TheMachine, PowerOnPutsTheManagersDataBack)
+TEST_F(TheMachine, PowerOnOfTheMachineAloneLeavesTheManagersData)
 {
     start();
-    createBlocks("BLK0", 0x10000, 0x1000);
-    U8 name[4] = {'$', 'F', 'I', 'L'};
-    MM_DeleteSegment(name);
-    MM_RunningMultiJob_Notify(1);
-    powerOn();
-    EXPECT_EQ(memstart, 0u);
-    EXPECT_EQ(hulFloatHandle, 5u);
-    EXPECT_EQ(ulRunningMultiJob, 0u);
-    EXPECT_EQ(pstMCTTable[0], nullptr);
-    EXPECT_EQ(stSegTable[5].pfnAlloc, nullptr);
-    EXPECT_EQ(std::memcmp(stDefaultMCTTable[4].aubCFGID, "$FIL", 4), 0);
-    EXPECT_EQ(stDefaultMCTTable[0].pubStartAddr, nullptr);
+    machine().powerOn();
+    EXPECT_TRUE(machine().devices().empty());
+    EXPECT_EQ(memstart, kAreaStart);
 }
 
 TEST_F(TheMachine, AWaitOnAHeldLockEndsInAReport)
@@ -127,7 +118,7 @@ TEST_F(TheMachine, AStopOutsideACommandEndsTheProcessWithAReport)
 {
     EXPECT_DEATH(
         {
-            powerOn();
+            machine().powerOn();
             MMP_MemSet(nullptr, 0, 1);
         },
         "a call outside any command touched 0x00000000, which does not exist");
