@@ -1,6 +1,6 @@
 // Client library of the control device "Velmora_MM".
 //
-//   velmora::Device device(velmora::openNode());           // or velmora::sim::openDevice()
+//   velmora::Device device(velmora::openNode());           // simulated: see controller/device.h
 //   device.buildTable();
 //   device.startLibrary(SM_BKUP_OK);
 //   auto bands = device.createSegment({.name = "BAND", .bytes = 8 << 20, .blockBytes = 4096, .mapBits = 8});
