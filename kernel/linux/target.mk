@@ -46,7 +46,7 @@ $(target-programs):
 
 $(target-work)/host/area-check: tests/target/area_check.cpp tools/area.cpp tools/area.h
 	@mkdir -p $(@D)
-	@g++-12 -std=c++20 -O1 -Wall -Wextra -Werror -o $@ $(filter %.cpp,$^)
+	@g++-12 -std=c++20 -O1 -Wall -Wextra -Werror -I. -o $@ $(filter %.cpp,$^)
 
 ## make test-target  the module on an emulated controller: QEMU boots Debian's ARMv7 kernel, tests run in it
 ##                 (this one, module and target-demo: the kernel of another Debian suite with TARGET_SUITE=bookworm-backports)

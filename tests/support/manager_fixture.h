@@ -18,8 +18,8 @@ namespace velmora::test {
 
 using sim::Machine;
 using sim::machine;
-using sim::powerOn;
 using sim::Outcome;
+using sim::powerOn;
 
 // The managed area after a load of the default text.
 inline constexpr U32 kAreaStart = 0x95100000;

@@ -1,6 +1,6 @@
 // The simulated machine: that it fails where a real one would, and says what happened.
 
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {

@@ -1,6 +1,6 @@
 // The manager's data as a whole: what a power-on puts back, what the state dump shows.
 #include "controller/manager_state.h"
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {

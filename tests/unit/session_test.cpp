@@ -3,7 +3,7 @@
 
 #include "controller/session.h"
 #include "controller/session_text.h"
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {
