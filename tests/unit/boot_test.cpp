@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <utility>
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -142,13 +143,18 @@ TEST(OwnFaults, GoToAHandlerOfOneArgumentTooAndOnceToOneThatIsMeantForOnce)
     EXPECT_EXIT(
         {
             struct sigaction action = {};
-            action.sa_handler = [](int) { std::fputs("handled once\n", stderr); };
+            action.sa_handler = [](int) {
+                static bool again = false;
+                if (std::exchange(again, true))
+                    std::_Exit(1);
+                std::fputs("handled once\n", stderr);
+            };
             action.sa_flags = static_cast<int>(SA_RESETHAND); // the access is repeated, and then ends the process
             sigaction(SIGSEGV, &action, nullptr);
             bootAndSeeAnOops();
             writeTo(nothing);
         },
-        ::testing::KilledBySignal(SIGSEGV), "^handled once\n$");
+        ::testing::KilledBySignal(SIGSEGV), "handled once");
 }
 
 #ifdef __SANITIZE_ADDRESS__
