@@ -11,7 +11,7 @@ constexpr U32 kAllOnes = 0xFFFFFFFF;
 class Queries : public AllocatorTest
 {
 protected:
-    Queries() { ManagerTest::start(); }
+    Queries() { start(); }
 
     // 16 blocks of 4096 bytes from kFloatStart, three of them allocated.
     static U32 createUsed(const char* name = "BLKS")

@@ -440,7 +440,7 @@ TEST_P(RandomWork, LeavesMemoryAsThePlainPictureHasIt)
 {
     const U32 seed = GetParam();
     random.seed(seed);
-    ManagerTest::start();
+    start();
     createBlockSegment("MAIN",
                        {kBlockSizes[seed % 5], kMapWidths[seed / 5 % 5], static_cast<U8>(seed / 25 % 2), any(2) == 0});
     createBlockSegment("MORE", anyKind());
