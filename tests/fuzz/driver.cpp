@@ -13,6 +13,7 @@
 
 namespace velmora::fuzz {
 
+using namespace test;
 using sim::Machine;
 using sim::machine;
 using sim::Outcome;
@@ -73,7 +74,7 @@ Hash hashOfState()
                   stDefaultMCTTable, pstSegBlkHead, pstSegBlkTail, pstHEAPBiggestBlk, stSegStartAddr, stSegEndAddr,
                   stSegMapStartAddr, stSegMapEndAddr, astBlkHead, astBlkTail, astStackStr, memstart, memend,
                   ulFixedSegEndAddress);
-    for (const TMMLock lock : {search_lock, free_lock, push_lock, pop_lock})
+    for (const TMMLock lock : kLocks)
         hasher.addAll(machine().lockHeld(lock));
     // The lists lie in memory.
     for (const Machine::Stretch& stretch : machine().usedRam())
@@ -81,11 +82,6 @@ Hash hashOfState()
             if (const Hash hash = hashOfPage(page))
                 hasher.addAll(hash);
     return hasher.value();
-}
-
-bool isNode(const TMMBlkStr* run)
-{
-    return run != nullptr && Machine::exists(MM_Addr(run), offsetof(TMMBlkStr, aubdata));
 }
 
 // Nodes from the head on, as far as they exist, at the most so many.
