@@ -8,7 +8,7 @@
 #include <string_view>
 
 #include "../../host/machine.h"
-#include "../../kernel/mm/mm/MM_Core.h"
+#include "../../kernel/mm/mm/MM_List.h"
 #include "../../kernel/mm/mmi/MM_Interface.h"
 
 namespace velmora::test {
@@ -39,6 +39,15 @@ inline bool anyLockHeld()
 inline TMMBlkStr* node(U32 address)
 {
     return reinterpret_cast<TMMBlkStr*>(address);
+}
+
+// Puts a node behind the last one of a list.
+template <class List> void append(List list, U32 address, U32 size)
+{
+    TMMBlkStr* const last = list.Tail();
+    MM_WriteNode(node(address), {nullptr, last, size});
+    (last != nullptr ? last->pstNext : list.Head()) = node(address);
+    list.Tail() = node(address);
 }
 
 // True when a list can be followed through it: its header lies in memory that exists.

@@ -143,14 +143,8 @@ protected:
     static void setFreeMemory(const std::vector<FreeNode>& stretches)
     {
         pstSegBlkHead = pstSegBlkTail = nullptr;
-        for (const FreeNode& free : stretches) {
-            TMMBlkStr* const added = node(free.address);
-            added->pstNext = nullptr;
-            added->pstBack = pstSegBlkTail;
-            added->ulSize = free.bytes;
-            (pstSegBlkTail != nullptr ? pstSegBlkTail->pstNext : pstSegBlkHead) = added;
-            pstSegBlkTail = added;
-        }
+        for (const FreeNode& free : stretches)
+            append(TMMFreeMemoryList{}, free.address, free.bytes);
     }
 
     // The free-memory list from its head; that links back and tail agree with it is expected.

@@ -254,25 +254,6 @@ TEST_F(AllocBlk, SearchMapCountsBlocksToTheEnd)
 
 // Heap ----------------------------------------------------------------------------------------------
 
-TEST_F(AllocBlk, HeapBlockIdIsThePieceOrTheFirstUnusedIndex)
-{
-    createHeapOf({{0x95400000, 0x1000}, {0x95500000, 0x1000}}, 64);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95400000)), 0);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95400FFF)), 0);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95500FFF)), 1);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95401000)), 2); // a piece's end is outside
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x953FFFFF)), 2);
-}
-
-TEST_F(AllocBlk, HeapBlockIdOfAnAddressOutsideFivePiecesIsFive)
-{
-    createHeapOf(
-        {{0x95400000, 0x1000}, {0x95500000, 0x1000}, {0x95600000, 0x1000}, {0x95700000, 0x1000}, {0x95800000, 0x1000}},
-        64);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95800000)), 4);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95801000)), 5);
-}
-
 TEST_F(AllocBlk, HeapIsSearchedFromItsHighestPieceAndMarksThatPiecesMap)
 {
     createHeapOf({{0x95400000, 0x1000}, {0x95500000, 0x400}}, 64, 8);

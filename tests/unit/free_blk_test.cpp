@@ -1,6 +1,5 @@
 // Block release: the checks, the list, the counters, the owner map, and the release lock.
 #include "../support/allocator_fixture.h"
-#include "../../kernel/mm/mm/MM_Map.h"
 
 namespace velmora::test {
 namespace {
@@ -458,16 +457,6 @@ TEST_F(FreeBlk, SegmentWithoutMapHasNoEntryToClear)
     EXPECT_EQ(MM_ClearMap(seg, at(startOf(seg)), 1), U32(EASSERT));
     EXPECT_EQ(log(), (Lines{check("ulBlkSize > 0", "mm/MM_InitSegment", "MM_GetBlkBit"), // of a width of 0
                             clearFailed("stTempBlk.pubyiscp < pubMapEndAddr")}));
-}
-
-TEST_F(FreeBlk, MaskTablesHoldTheirValues)
-{
-    const U8 entry[] = {0x01, 0x03, 0x07, 0x0F, 0x1F, 0x3F, 0x70, 0xFF};
-    const U8 bit[] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
-    for (int i = 0; i < 8; ++i) {
-        EXPECT_EQ(aubMapIDMaskTbl[i], entry[i]);
-        EXPECT_EQ(aubBitMaskTbl[i], bit[i]);
-    }
 }
 
 } // namespace

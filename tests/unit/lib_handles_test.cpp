@@ -250,44 +250,6 @@ TEST_F(HandleApi, HeapThatOverflowsIsAskedTwice)
     expectSilence();
 }
 
-TEST_F(HandleApi, HeapAreaIsTheHeapsPieces)
-{
-    EXPECT_EQ(MM_CheckHeapArea(at(0x95400000)), 0);
-    createHeapOf({{0x95400000, 0x1000}, {0x95500000, 0x1000}}, 64);
-    for (const U32 inside : {0x95400000U, 0x95400FFFU, 0x95500000U, 0x95500FFFU})
-        EXPECT_EQ(MM_CheckHeapArea(at(inside)), TRUE) << std::hex << inside;
-    for (const U32 outside : {0x953FFFFFU, 0x95401000U, 0x954FFFFFU, 0x95501000U})
-        EXPECT_EQ(MM_CheckHeapArea(at(outside)), 0) << std::hex << outside;
-}
-
-TEST_F(HandleApi, HeapWithoutOneOfItsArraysHasNoArea)
-{
-    createHeapOf({{0x95400000, 0x1000}}, 64);
-    TMMSegInfo& heap = stSegTable[HEAPHANDLE];
-    for (U8** array : {&heap.pubStartAddr, &heap.pubEndAddr}) {
-        U8* const kept = *array;
-        *array = nullptr;
-        EXPECT_EQ(MM_CheckHeapArea(at(0x95400000)), 0);
-        *array = kept;
-    }
-    EXPECT_EQ(MM_CheckHeapArea(at(0x95400000)), TRUE);
-}
-
-TEST_F(HandleApi, HeapAreaOfFivePiecesEndsAfterTheFifth)
-{
-    createHeapOf(
-        {{0x95400000, 0x400}, {0x95500000, 0x400}, {0x95600000, 0x400}, {0x95700000, 0x400}, {0x95800000, 0x400}}, 64);
-    EXPECT_EQ(MM_CheckHeapArea(at(0x95800000)), TRUE);
-    EXPECT_EQ(MM_CheckHeapArea(at(0x95800400)), 0);
-}
-
-TEST_F(HandleApi, MapOfTheHeapIsNoHeapArea)
-{
-    createHeapOf({{0x95400000, 0x1000}}, 64, 8);
-    EXPECT_EQ(MM_CheckHeapArea(at(0x9540003F)), 0);
-    EXPECT_EQ(MM_CheckHeapArea(at(0x95400040)), TRUE);
-}
-
 // Release -----------------------------------------------------------------------------------------------
 
 TEST_F(HandleApi, FreeChecksAddressThenBytesThenHandleThenBlockSizeThenBlocks)
