@@ -34,7 +34,11 @@ public:
         for (std::size_t i = 0; i < count; ++i)
             value_ = (value_ ^ byte[i]) * 0x100000001B3ULL;
     }
-    template <class... T> void addAll(const T&... values) { (add(&values, sizeof values), ...); }
+    // Of a pointer its value is meant.
+    template <class... T> void addAll(const T&... values)
+    {
+        (add(&values, sizeof values), ...); // NOLINT(bugprone-sizeof-expression)
+    }
     Hash value() const { return value_; }
 
 private:

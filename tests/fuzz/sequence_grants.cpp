@@ -9,8 +9,6 @@
 namespace velmora::fuzz {
 
 using namespace test;
-using sim::Machine;
-using sim::machine;
 
 namespace {
 

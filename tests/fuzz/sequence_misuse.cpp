@@ -79,7 +79,9 @@ Sequence::Run Sequence::wrongRelease(const Segment& segment, const Record& recor
 void Sequence::releaseWrongly(Segment& segment, const Record& record)
 {
     const U32 handle = record.how < 8 ? record.number % 60 : segment.handle;
-    const auto [address, blocks] = wrongRelease(segment, record);
+    const Run wrong = wrongRelease(segment, record);
+    const U32 address = wrong.address;
+    const U32 blocks = wrong.blocks;
     if (record.how % 4 == 0)
         perform("MM_FreeBlk", segment.handle, {segment.handle, address, blocks},
                 [address, blocks, held = segment.handle] { return MM_FreeBlk(held, MM_At(address), blocks); });

@@ -10,8 +10,6 @@
 namespace velmora::fuzz {
 
 using namespace test;
-using sim::Machine;
-using sim::machine;
 
 namespace {
 

@@ -298,7 +298,7 @@ protected:
     {
         pstSegBlkHead = astBlkHead[49].pstBlk;
         pstSegBlkTail = astBlkTail[49].pstBlk;
-        const std::vector<FreeNode> found = freeMemory();
+        std::vector<FreeNode> found = freeMemory();
         pstSegBlkHead = pstSegBlkTail = nullptr;
         return found;
     }

@@ -332,7 +332,7 @@ protected:
         const U32 bytes = grant.segment->unitBytes;
         EXPECT_EQ(MM_FreeBlock(handle, at(grant.address + first * bytes), blocks), U32(ENOERR));
         grant.segment->giveBack(grant.address + first * bytes, blocks);
-        grants.erase(grants.begin() + index);
+        grants.erase(grants.begin() + static_cast<std::ptrdiff_t>(index));
         const U32 behind = grant.blocks - first - blocks;
         if (first > 0)
             grants.push_back({grant.segment, grant.address, first, grant.owner, grant.content});
