@@ -26,7 +26,7 @@ inline constexpr TMMLock kLocks[] = {search_lock, free_lock, push_lock, pop_lock
 inline S32 load(std::string_view text = kAreaText)
 {
     std::memset(bigphysarea_info, 0, sizeof bigphysarea_info);
-    std::memcpy(bigphysarea_info, text.data(), std::min(text.size(), sizeof bigphysarea_info - 1));
+    text.copy(bigphysarea_info, sizeof bigphysarea_info - 1);
     return printer_mm_init();
 }
 

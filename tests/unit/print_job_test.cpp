@@ -30,7 +30,7 @@ protected:
     // A page of noise.
     fs::path drawPage(unsigned number, unsigned width, unsigned height) const
     {
-        const fs::path file = folder_ / ("page-" + std::to_string(number) + ".ppm");
+        fs::path file = folder_ / ("page-" + std::to_string(number) + ".ppm");
         std::ofstream stream(file, std::ios::binary);
         stream << "P6\n# noise\n" << width << " " << height << "\n255\n";
         U32 state = number;
