@@ -10,7 +10,6 @@ namespace velmora::fuzz {
 
 using namespace test;
 using sim::Machine;
-using sim::machine;
 
 void Sequence::allocateWrongly(Segment& segment, const Record& record)
 {
