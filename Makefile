@@ -10,7 +10,7 @@ FUZZ_SEED ?= $(shell date +%s)
 .DEFAULT_GOAL := help
 include kernel/linux/target.mk
 include bench/bench.mk
-.PHONY: help build build-x86 build-arm demo test test-x86 test-arm test-sanitize coverage fuzz format lint clean
+.PHONY: help build build-x86 build-arm demo test test-x86 test-arm test-sanitize coverage fuzz format format-check lint clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
@@ -34,8 +34,8 @@ demo: build-x86
 	@scripts/setup.sh demo
 	@build/bin/print-job $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo
 
-## make test       every test: x86, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the module on an emulated controller
-test: test-x86 test-arm test-sanitize coverage test-target
+## make test       the gates (format-check, lint), then every test: x86, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the module on an emulated controller
+test: format-check lint test-x86 test-arm test-sanitize coverage test-target
 	@echo "All tests passed"
 
 test-x86: build-x86
@@ -69,14 +69,21 @@ fuzz: build-x86
 	cd build/fuzz && ASAN_OPTIONS=detect_leaks=0 bin/fuzz-index-target -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -rss_limit_mb=0 \
 	    -timeout=60 -print_final_stats=1 corpus
 
-## make format     rewrites the sources with clang-format;  make lint: clang-tidy over host, lib, tools, examples
+## make format-check  fails where a source is not as clang-format writes it;  make format: rewrites it
+formatted := git ls-files '*.c' '*.h' '*.cpp' '*.hpp'
+format-check:
+	@scripts/setup.sh lint
+	@$(formatted) | xargs clang-format --dry-run -Werror
+
 format:
 	@scripts/setup.sh lint
-	clang-format -i $$(git ls-files 'host/*' 'lib/*' 'tools/*' 'examples/*' 'tests/*' 'bench/*' | grep -E '\.(h|hpp|cpp)$$')
+	@$(formatted) | xargs clang-format -i
 
+## make lint       fails on any finding of shellcheck (scripts) or clang-tidy (sources, functions above 60 lines included)
 lint: build-x86
 	@scripts/setup.sh lint
-	clang-tidy --quiet -p build/x86 $$(git ls-files 'host/*.cpp' 'lib/*.cpp' 'tools/*.cpp' 'examples/*.cpp')
+	@git ls-files '*.sh' packaging/velmora-mm-load | xargs shellcheck
+	@scripts/lint.py build/x86
 
 ## make clean      removes build/
 clean:

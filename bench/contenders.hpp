@@ -21,10 +21,10 @@
 #include <boost/interprocess/mem_algo/rbtree_best_fit.hpp>
 #include <boost/interprocess/sync/mutex_family.hpp>
 
-#include "../host/machine.h"
-#include "../kernel/mm/mm/MM_Core.h"
-#include "../kernel/mm/mm/MM_List.h"
-#include "../kernel/mm/mm/MM_RunIndex.h"
+#include "host/machine.h"
+#include "kernel/mm/mm/MM_Core.h"
+#include "kernel/mm/mm/MM_List.h"
+#include "kernel/mm/mm/MM_RunIndex.h"
 #include "sequence.hpp"
 
 extern "C" {

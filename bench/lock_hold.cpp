@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "../kernel/mm/MM_Platform.h"
+#include "kernel/mm/MM_Platform.h"
 #include "clock.hpp"
 
 namespace bench {

@@ -6,7 +6,7 @@
 #include <map>
 #include <sys/prctl.h>
 
-#include "../tools/command_line.hpp"
+#include "tools/command_line.hpp"
 #include "measure.hpp"
 #include "workloads.hpp"
 

@@ -31,6 +31,7 @@ apt apt-get download libbenchmark-dev:i386 libbenchmark1debian:i386 libpfm4:i386
 }
 for package in ./*.deb; do
     dpkg -x "$package" "$work/packages"
+    # shellcheck disable=SC2016 # the fields are dpkg's
     dpkg-deb --show --showformat '${Package} ${Version}\n' "$package"
 done >"$work/packages/versions"
 rm -rf "$work/apt" "$work/debs"

@@ -6,10 +6,10 @@
 #include <fstream>
 #include <map>
 
-#include "../examples/document.hpp"
-#include "../examples/parties.hpp"
+#include "examples/document.hpp"
+#include "examples/parties.hpp"
 #include "controller/device.h"
-#include "../tools/command_line.hpp"
+#include "tools/command_line.hpp"
 
 namespace {
 

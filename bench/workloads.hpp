@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "controller/device.h"
-#include "../kernel/mm/mmi/MM_Interface.h"
+#include "kernel/mm/mmi/MM_Interface.h"
 #include "contenders.hpp"
 #include "sequence.hpp"
 

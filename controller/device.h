@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include <velmora_mm/device.hpp>
+#include <velmora/device.hpp>
 
 namespace velmora::sim {
 

@@ -107,7 +107,7 @@ Answer load(Arguments& arguments)
     const std::string text = arguments.quoted();
     arguments.end();
     std::memset(bigphysarea_info, 0, sizeof bigphysarea_info);
-    std::memcpy(bigphysarea_info, text.data(), std::min(text.size(), sizeof bigphysarea_info - 1));
+    text.copy(bigphysarea_info, sizeof bigphysarea_info - 1);
     return runEntry([] { return static_cast<U32>(printer_mm_init()); }, asSigned);
 }
 

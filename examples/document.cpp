@@ -20,6 +20,7 @@ namespace {
 int runProgram(std::vector<std::string> words, const fs::path& output)
 {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);

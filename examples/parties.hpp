@@ -16,7 +16,7 @@
 #include <string>
 #include <vector>
 
-#include <velmora_mm/device.hpp>
+#include <velmora/device.hpp>
 #include "netpbm.hpp"
 
 namespace printjob {

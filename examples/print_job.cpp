@@ -9,8 +9,8 @@
 #include <thread>
 
 #include "controller/device.h"
-#include "../host/machine.h"
-#include "../tools/command_line.hpp"
+#include "host/machine.h"
+#include "tools/command_line.hpp"
 #include "document.hpp"
 #include "kernel_log.hpp"
 #include "parties.hpp"

@@ -6,7 +6,6 @@
 #include "host/machine.h"
 
 using velmora::sim::machine;
-using velmora::sim::Machine;
 
 void MMP_Print(const char* pcFormat, ...)
 {

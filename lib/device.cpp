@@ -1,4 +1,4 @@
-#include <velmora_mm/device.hpp>
+#include <velmora/device.hpp>
 
 #include <algorithm>
 #include <array>

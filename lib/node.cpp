@@ -8,7 +8,7 @@
 #include <system_error>
 #include <unistd.h>
 
-#include <velmora_mm/device.hpp>
+#include <velmora/device.hpp>
 
 namespace velmora {
 

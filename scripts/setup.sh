@@ -11,7 +11,7 @@ packages() {
     bench) echo "g++-12 g++-12-multilib cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev python3" ;;
     demo) echo "ghostscript ghostscript-doc" ;;
     fuzz) echo "clang-14 libclang-rt-14-dev g++-12-multilib cmake ninja-build googletest" ;;
-    lint) echo "clang-format clang-tidy" ;;
+    lint) echo "clang-format clang-tidy g++-12-multilib git python3 shellcheck" ;;
     target) echo "qemu-system-arm device-tree-compiler python3" ;;
     test) echo "googletest qemu-user gcovr python3" ;;
     *) echo "setup.sh: unknown group '$1'" >&2; exit 2 ;;

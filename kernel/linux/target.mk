@@ -44,18 +44,13 @@ $(target-programs):
 	@mkdir -p $(@D)
 	@$(target-cxx) -static -s -o $@ $^
 
-$(target-work)/host/area-check: tests/target/area_check.cpp tools/area.cpp tools/area.h
-	@mkdir -p $(@D)
-	@g++-12 -std=c++20 -O1 -Wall -Wextra -Werror -I. -o $@ $(filter %.cpp,$^)
-
 ## make test-target  the module on an emulated controller: QEMU boots Debian's ARMv7 kernel, tests run in it
 ##                 (this one, module and target-demo: the kernel of another Debian suite with TARGET_SUITE=bookworm-backports)
 test-target:
 	@scripts/setup.sh build target
 	@[ -e build/x86/build.ninja ] || cmake --preset x86 >/dev/null
 	@cmake --build --preset x86 --target velmora-mm
-	@$(MAKE) -f kernel/linux/target.mk $(target-programs) $(target-work)/host/area-check
-	@$(target-work)/host/area-check
+	@$(MAKE) -f kernel/linux/target.mk $(target-programs)
 	@scripts/target-test.sh
 
 # The print job as make demo builds it for ARMv7, linked once more without shared libraries.

@@ -14,6 +14,7 @@
 
 namespace velmora::fuzz {
 
+using namespace test;
 using sim::Machine;
 using sim::machine;
 using sim::Outcome;
@@ -34,7 +35,11 @@ public:
         for (std::size_t i = 0; i < count; ++i)
             value_ = (value_ ^ byte[i]) * 0x100000001B3ULL;
     }
-    template <class... T> void addAll(const T&... values) { (add(&values, sizeof values), ...); }
+    // Of a pointer its value is meant.
+    template <class... T> void addAll(const T&... values)
+    {
+        (add(&values, sizeof values), ...); // NOLINT(bugprone-sizeof-expression)
+    }
     Hash value() const { return value_; }
 
 private:
@@ -72,7 +77,7 @@ Hash hashOfState()
     Hasher hasher;
     for (const sim::ManagerVariable& variable : sim::managerVariables())
         hasher.add(variable.place, variable.bytes);
-    for (const TMMLock lock : {search_lock, free_lock, push_lock, pop_lock})
+    for (const TMMLock lock : kLocks)
         hasher.addAll(machine().lockHeld(lock));
     // The lists lie in memory.
     for (const Machine::Stretch& stretch : machine().usedRam())
@@ -80,11 +85,6 @@ Hash hashOfState()
             if (const Hash hash = hashOfPage(page))
                 hasher.addAll(hash);
     return hasher.value();
-}
-
-bool isNode(const TMMBlkStr* run)
-{
-    return run != nullptr && Machine::exists(MM_Addr(run), offsetof(TMMBlkStr, aubdata));
 }
 
 // Nodes from the head on, as far as they exist, at the most so many.

@@ -12,7 +12,7 @@
 
 #include <unistd.h>
 
-#include "../../tools/command_line.hpp"
+#include "tools/command_line.hpp"
 #include "driver.h"
 #include "sequence.h"
 

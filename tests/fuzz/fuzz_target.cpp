@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "../../host/machine.h"
+#include "host/machine.h"
 #include "driver.h"
 
 // The controller's addresses are taken before libFuzzer fills the process.

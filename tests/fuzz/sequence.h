@@ -5,13 +5,12 @@
 // bytes are zero. A step is one operation, or many (a comb, churn). What a byte means is told where it is read.
 #pragma once
 
-#include <array>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
-#include "../../host/machine.h"
-#include "../../kernel/mm/mm/MM_Core.h"
+#include "support/manager.h"
 
 namespace velmora::fuzz {
 
@@ -48,6 +47,11 @@ public:
     static constexpr std::size_t kRecordBytes = 8;
     // How many times as many accesses a sequence may make because it has thousands of free runs.
     static constexpr unsigned kLong = 16, kLongest = 128;
+    static constexpr U32 kMostBlocks = 200'000; // of a segment
+    static constexpr U32 kMaxSegmentBytes = 24 << 20;
+    static constexpr const char* kFixedNames[] = {"$UEV", "$JCB", "$FIL"};
+
+    struct Weights;
 
     Sequence(const std::uint8_t* data, std::size_t size);
 
@@ -104,7 +108,7 @@ private:
     void releaseGrant(Segment& segment, std::size_t index, U32 first, U32 blocks, unsigned how);
     void claim(Segment& segment, const Record& record);
     void collect(Segment& segment, const Record& record);
-    void permanent(const Record& record);
+    void permanent(Segment& segment, const Record& record);
     void write(Segment& segment, const Record& record);
     void query(Segment& segment, const Record& record);
     void takeAll(Segment& segment, const Record& record);
@@ -112,26 +116,27 @@ private:
     void comb(Segment& segment, const Record& record);
     void churn(Segment& segment, const Record& record);
     void startAnew(Segment& segment, const Record& record);
-    void restart(const Record& record);
+    void restart(Segment& segment, const Record& record);
     void mend(Segment& segment, const Record& record);
 
     // Misuse
     void misuse(Segment& segment, const Record& record);
     void releaseWrongly(Segment& segment, const Record& record);
+    Run wrongRelease(const Segment& segment, const Record& record) const;
+    static U32 wrongPlace(const TMMSegInfo& seg, U32 number);
     void claimWrongly(Segment& segment, const Record& record);
     void allocateWrongly(Segment& segment, const Record& record);
     void writeHeader(Segment& segment, const Record& record);
     void clear(Segment& segment, const Record& record);
     void layOver(Segment& segment, const Record& record);
-    void permanentWrongly(const Record& record);
+    void permanentWrongly(Segment& segment, const Record& record);
 
     // One operation of the manager, or of a client on memory, on the machine.
-    template <class Call> U32 perform(const char* name, U32 handle, std::vector<U32> arguments, const Call& call);
+    U32 perform(const char* name, U32 handle, std::vector<U32> arguments, const std::function<U32()>& call);
     void tellState();
     bool indexesKept() const;
 
     U8 ownerFor(const Segment& segment, U8 byte) const;
-    U32 blocksFor(const Segment& segment, U8 how, U32 number) const;
     Segment* segmentOf(U32 handle);
     // The free run that is so many nodes from one end of the list, as far as there are any; blocks 0 for none.
     static Run freeRun(U32 handle, U32 nodes, bool fromTail);

@@ -1,7 +1,7 @@
 // The same program in C++, and the client library's header in it.
 #include "prefixed_names.c"
 
-#include <velmora_mm/device.hpp>
+#include <velmora/device.hpp>
 
 MM_TAddr UsesTheLibrary(velmora::Device& device);
 MM_TAddr UsesTheLibrary(velmora::Device& device)

@@ -1,6 +1,6 @@
 // The public headers as C++.
-#include "../../kernel/mm/mm/MM.h"
-#include "../../kernel/mm/mmi/MM_Interface.h"
+#include "kernel/mm/mm/MM.h"
+#include "kernel/mm/mmi/MM_Interface.h"
 
 U32 UsesTheManager(void);
 U32 UsesTheManager(void)

@@ -2,7 +2,7 @@
 #include <cstdio>
 #include <exception>
 
-#include <velmora_mm/device.hpp>
+#include <velmora/device.hpp>
 #include <velmora_mm/velmora_mm.h>
 
 int main()

@@ -43,13 +43,13 @@ protected:
     {
         Runs found = runs(handle);
         for (Run& run : found)
-            run.first = (run.first - start(handle)) >> stSegTable[handle].ubBlkBit;
+            run.first = (run.first - startOf(handle)) >> stSegTable[handle].ubBlkBit;
         return found;
     }
 
-    static U32 start(U32 handle) { return MM_Addr(stSegTable[handle].pubStartAddr); }
-    static U32 end(U32 handle) { return MM_Addr(stSegTable[handle].pubEndAddr); }
-    static U32 block(U32 handle, U32 number) { return start(handle) + (number << stSegTable[handle].ubBlkBit); }
+    static U32 startOf(U32 handle) { return MM_Addr(stSegTable[handle].pubStartAddr); }
+    static U32 endOf(U32 handle) { return MM_Addr(stSegTable[handle].pubEndAddr); }
+    static U32 block(U32 handle, U32 number) { return startOf(handle) + (number << stSegTable[handle].ubBlkBit); }
     // The map byte that many bytes below the map's end; 1 is the last one.
     static U8& mapByte(U32 handle, U32 fromEnd) { return *(stSegTable[handle].pubMapEndAddr - fromEnd); }
 
@@ -75,6 +75,10 @@ protected:
         ASSERT_EQ(blockRuns(handle), free);
     }
 
+    // 16 blocks of 64 bytes from kFloatStart, no map.
+    static U32 sixteenBlocks(U8 semaphore = NO) { return createBlocks("BLKS", 16 * 64, 64, 0, semaphore); }
+    // 63 blocks of 64 bytes behind 64 bytes of map.
+    static U32 mapped(U8 mapBits, U8 semaphore = NO) { return createBlocks("MAPD", 4096, 64, mapBits, semaphore); }
     // A heap made of exactly these stretches.
     static void createHeapOf(const std::vector<FreeNode>& stretches, U32 blockBytes, U8 mapBits = 0, U8 semaphore = NO)
     {
@@ -82,11 +86,6 @@ protected:
         createHeap(blockBytes, mapBits, semaphore);
     }
 
-    static bool anyLockHeld()
-    {
-        return machine().lockHeld(search_lock) || machine().lockHeld(free_lock) || machine().lockHeld(push_lock) ||
-               machine().lockHeld(pop_lock);
-    }
     // The call takes this lock first of all, takes it this often, and leaves no lock held.
     static void expectTakes(TMMLock lock, const std::function<U32()>& call, unsigned times = 1)
     {

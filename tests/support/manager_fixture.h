@@ -10,9 +10,7 @@
 #include <vector>
 
 #include "controller/device.h"
-#include "../../host/machine.h"
-#include "../../kernel/mm/mm/MM_Core.h"
-#include "../../kernel/mm/mmi/MM_Interface.h"
+#include "manager.h"
 
 namespace velmora::test {
 
@@ -21,27 +19,13 @@ using sim::machine;
 using sim::Outcome;
 using sim::powerOn;
 
-// The managed area after a load of the default text.
-inline constexpr U32 kAreaStart = 0x95100000;
-inline constexpr U32 kAreaEnd = 0x9DF00000;
-inline constexpr U32 kFixedBytes = 0x212000; // the default fixed segments
-inline constexpr U32 kFloatStart = kAreaStart + kFixedBytes;
-
 class ManagerTest : public ::testing::Test
 {
 protected:
     ManagerTest() { powerOn(); }
 
-    // Module load with a parameter text; the module's answer.
-    static S32 load(const std::string& text)
-    {
-        std::memset(bigphysarea_info, 0, sizeof bigphysarea_info);
-        std::memcpy(bigphysarea_info, text.data(), std::min(text.size(), sizeof bigphysarea_info - 1));
-        return printer_mm_init();
-    }
-
     // A loaded and started manager; the messages of the start are dropped.
-    static void start(const std::string& text = "95000000-9e000000")
+    static void start(std::string_view text = kAreaText)
     {
         ASSERT_EQ(load(text), 0);
         ASSERT_EQ(MM_Entry(MM_CONSTRUCT_DEFAULT_MCT), U32(ENOERR));
@@ -60,7 +44,7 @@ protected:
     static TSegInfoFromApp request(const char* name, U32 bytes, U32 blockBytes)
     {
         TSegInfoFromApp info{};
-        std::memcpy(info.aubSegID, name, std::min<std::size_t>(std::strlen(name), 4));
+        setName(info.aubSegID, name);
         info.ubType = FLOAT;
         info.ubSegDSType = LINKEDLIST;
         info.ulSegSize = bytes;
@@ -119,19 +103,33 @@ protected:
     static void expectSilence() { EXPECT_EQ(log(), std::vector<std::string>{}); }
 
     static void fill(U32 address, U8 byte, U32 bytes) { std::memset(Machine::at(address), byte, bytes); }
+    // Fills the fixed segments of a started manager with 0xA5.
+    static void fillFixed() { fill(kAreaStart, 0xA5, kFixedBytes); }
     // True when every byte has the value.
     static bool isFilled(U32 address, U8 byte, U32 bytes)
     {
-        const std::uint8_t* const start = Machine::at(address);
-        return std::all_of(start, start + bytes, [=](std::uint8_t value) { return value == byte; });
+        const std::uint8_t* const first = Machine::at(address);
+        return std::all_of(first, first + bytes, [=](std::uint8_t value) { return value == byte; });
     }
 
-    static TMMBlkStr* node(U32 address) { return reinterpret_cast<TMMBlkStr*>(address); }
     static U8* at(U32 address) { return Machine::at(address); }
 
     using Lines = std::vector<std::string>;
 
     static U8* id(const char* name) { return const_cast<U8*>(reinterpret_cast<const U8*>(name)); }
+
+    static void expectRow(const TMCTInfo& row, std::string_view name, U32 bytes, U32 address)
+    {
+        EXPECT_EQ(std::memcmp(row.aubCFGID, name.data(), sizeof row.aubCFGID), 0) << name;
+        EXPECT_EQ(row.ulSize, bytes) << name;
+        EXPECT_EQ(MM_Addr(row.pubStartAddr), address) << name;
+    }
+    // Puts "$NEW" into the row of "$FIL", the last one of the table in use.
+    static void replaceFil(U32 address, U32 bytes)
+    {
+        MM_DeleteSegment(id("$FIL"));
+        ASSERT_EQ(MM_AddSegment(id("$NEW"), bytes, at(address)), U32(ENOERR));
+    }
 
     // A stretch of the free-memory list.
     struct FreeNode {
@@ -147,14 +145,8 @@ protected:
     static void setFreeMemory(const std::vector<FreeNode>& stretches)
     {
         pstSegBlkHead = pstSegBlkTail = nullptr;
-        for (const FreeNode& free : stretches) {
-            TMMBlkStr* const added = node(free.address);
-            added->pstNext = nullptr;
-            added->pstBack = pstSegBlkTail;
-            added->ulSize = free.bytes;
-            (pstSegBlkTail != nullptr ? pstSegBlkTail->pstNext : pstSegBlkHead) = added;
-            pstSegBlkTail = added;
-        }
+        for (const FreeNode& free : stretches)
+            append(TMMFreeMemoryList{}, free.address, free.bytes);
     }
 
     // The free-memory list from its head; that links back and tail agree with it is expected.

@@ -1,5 +1,5 @@
 // Block allocation: the search of the free runs, the owner map, the address helpers, the search lock.
-#include "../support/allocator_fixture.h"
+#include "support/allocator_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -7,12 +7,7 @@ namespace {
 class AllocBlk : public AllocatorTest
 {
 protected:
-    AllocBlk() { ManagerTest::start(); }
-
-    // 16 blocks of 64 bytes, no map.
-    static U32 sixteenBlocks(U8 semaphore = NO) { return createBlocks("BLKS", 16 * 64, 64, 0, semaphore); }
-    // 63 blocks of 64 bytes behind 64 bytes of map.
-    static U32 mapped(U8 mapBits) { return createBlocks("MAPD", 4096, 64, mapBits); }
+    AllocBlk() { start(); }
 };
 
 TEST_F(AllocBlk, FreshSegmentIsFilledFromItsEndDownwards)
@@ -54,7 +49,7 @@ TEST_F(AllocBlk, SearchTakesTheHighestRunThatFitsAndCutsItsTop)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = sixteenBlocks();
         leaveFree(seg, c.free);
         EXPECT_EQ(alloc(seg, c.request), block(seg, c.block));
@@ -130,7 +125,7 @@ TEST_F(AllocBlk, FitIsDecidedBySignedDifference)
 TEST_F(AllocBlk, RequestOfNoBlocksAnswersTheEndOfTheHighestRun)
 {
     const U32 seg = mapped(2);
-    EXPECT_EQ(alloc(seg, 0, 1), end(seg));
+    EXPECT_EQ(alloc(seg, 0, 1), endOf(seg));
     EXPECT_EQ(counts(seg), (std::vector<U32>{63, 0, 63, 63}));
     EXPECT_EQ(runs(seg), (Runs{{kFloatStart + 64, 63}}));
     EXPECT_TRUE(isFilled(kFloatStart, 0, 64));
@@ -140,7 +135,7 @@ TEST_F(AllocBlk, BlockSizeBetweenPowersOfTwoCountsAsTheLowerOne)
 {
     // 100-byte blocks count as 64. The first address moves up to 0x95312004, so 64 whole units no longer fit.
     const U32 seg = createBlocks("BLKS", 4096, 100);
-    EXPECT_EQ(start(seg), 0x95312004U);
+    EXPECT_EQ(startOf(seg), 0x95312004U);
     EXPECT_EQ(alloc(seg, 3), 0x95312004U + (63 - 3) * 64);
 }
 
@@ -179,7 +174,7 @@ TEST_F(AllocBlk, MapEntriesOfHigherBlocksLieInLowerBitsAndLaterBytes)
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = mapped(c.mapBits);
         for (const Run& request : c.requests)
             alloc(seg, request.blocks, static_cast<U8>(request.first));
@@ -258,25 +253,6 @@ TEST_F(AllocBlk, SearchMapCountsBlocksToTheEnd)
 }
 
 // Heap ----------------------------------------------------------------------------------------------
-
-TEST_F(AllocBlk, HeapBlockIdIsThePieceOrTheFirstUnusedIndex)
-{
-    createHeapOf({{0x95400000, 0x1000}, {0x95500000, 0x1000}}, 64);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95400000)), 0);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95400FFF)), 0);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95500FFF)), 1);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95401000)), 2); // a piece's end is outside
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x953FFFFF)), 2);
-}
-
-TEST_F(AllocBlk, HeapBlockIdOfAnAddressOutsideFivePiecesIsFive)
-{
-    createHeapOf(
-        {{0x95400000, 0x1000}, {0x95500000, 0x1000}, {0x95600000, 0x1000}, {0x95700000, 0x1000}, {0x95800000, 0x1000}},
-        64);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95800000)), 4);
-    EXPECT_EQ(MM_GetHeapBlkID(at(0x95801000)), 5);
-}
 
 TEST_F(AllocBlk, HeapIsSearchedFromItsHighestPieceAndMarksThatPiecesMap)
 {

@@ -2,8 +2,8 @@
 #include <cerrno>
 
 #include "controller/device.h"
-#include <velmora_mm/device.hpp>
-#include "../support/manager_fixture.h"
+#include <velmora/device.hpp>
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {

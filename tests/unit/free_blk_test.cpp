@@ -1,6 +1,5 @@
 // Block release: the checks, the list, the counters, the owner map, and the release lock.
-#include "../support/allocator_fixture.h"
-#include "../../kernel/mm/mm/MM_Map.h"
+#include "support/allocator_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -10,12 +9,7 @@ const char kOutOfRange[] = "\"Free Request is over the available Range of Segmen
 class FreeBlk : public AllocatorTest
 {
 protected:
-    FreeBlk() { ManagerTest::start(); }
-
-    // 16 blocks of 64 bytes, no map.
-    static U32 sixteenBlocks(U8 semaphore = NO) { return createBlocks("BLKS", 16 * 64, 64, 0, semaphore); }
-    // 63 blocks of 64 bytes behind 64 bytes of map.
-    static U32 mapped(U8 mapBits, U8 semaphore = NO) { return createBlocks("MAPD", 4096, 64, mapBits, semaphore); }
+    FreeBlk() { start(); }
 
     static std::string failed(const std::string& text) { return check(text, "mm/MM_FreeBlk", "MM_FreeBlk"); }
     static std::string clearFailed(const std::string& text) { return check(text, "mm/MM_FreeBlk", "MM_ClearMap"); }
@@ -75,7 +69,7 @@ TEST_F(FreeBlk, ReleasedRunIsPutInOrderAndMergedWithWhatItTouches)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = sixteenBlocks(YES);
         leaveFree(seg, c.free);
         EXPECT_EQ(release(seg, block(seg, c.released.first), c.released.blocks), U32(ENOERR));
@@ -107,15 +101,15 @@ TEST_F(FreeBlk, AddressOutsideTheSegmentIsRefused)
     const U32 seg = sixteenBlocks();
     alloc(seg, 16);
     for (const U32 blocks : {1U, 0U}) { // the range is checked before the count
-        EXPECT_EQ(release(seg, start(seg) - 1, blocks), U32(EASSERT));
+        EXPECT_EQ(release(seg, startOf(seg) - 1, blocks), U32(EASSERT));
         EXPECT_EQ(log(), (Lines{belowStart}));
-        EXPECT_EQ(release(seg, end(seg), blocks), U32(EASSERT));
+        EXPECT_EQ(release(seg, endOf(seg), blocks), U32(EASSERT));
         EXPECT_EQ(log(), (Lines{atEnd}));
     }
     EXPECT_EQ(counts(seg), (std::vector<U32>{16, 16, 0, 0}));
     EXPECT_EQ(runs(seg), Runs{});
-    EXPECT_EQ(release(seg, start(seg), 1), U32(ENOERR));
-    EXPECT_EQ(release(seg, end(seg) - 64, 1), U32(ENOERR));
+    EXPECT_EQ(release(seg, startOf(seg), 1), U32(ENOERR));
+    EXPECT_EQ(release(seg, endOf(seg) - 64, 1), U32(ENOERR));
     expectSilence();
 }
 
@@ -162,7 +156,7 @@ TEST_F(FreeBlk, HeaderOfAFreeRunIsRefusedWhereverItStands)
     for (const U32 number : {12U, 4U, 0U}) { // tail, middle, head
         SCOPED_TRACE(number);
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = sixteenBlocks();
         leaveFree(seg, {{0, 2}, {4, 2}, {12, 2}});
         EXPECT_EQ(release(seg, block(seg, number), 1), U32(EASSERT));
@@ -176,7 +170,7 @@ TEST_F(FreeBlk, MapIsClearedBeforeTheListRefuses)
 {
     const U32 seg = mapped(1);
     mapByte(seg, 8) = 0x40; // the first block, distance 63, which is free
-    EXPECT_EQ(release(seg, start(seg), 1), U32(EASSERT));
+    EXPECT_EQ(release(seg, startOf(seg), 1), U32(EASSERT));
     EXPECT_EQ(log(), (Lines{freedAlready}));
     EXPECT_EQ(mapByte(seg, 8), 0);
 }
@@ -217,7 +211,7 @@ TEST_F(FreeBlk, BrokenTotalIsReportedUnderTheLockOnly)
     for (const U8 semaphore : {YES, NO}) {
         SCOPED_TRACE(int(semaphore));
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = sixteenBlocks(semaphore);
         const U32 address = alloc(seg, 2);
         stSegTable[seg].ulTotalBlkNum += 1;
@@ -263,9 +257,9 @@ TEST_F(FreeBlk, EveryFailedCheckLeavesTheLockHeldAndTheNextReleaseHangs)
         const char* name;
         std::function<void(U32 seg)> fail;
     } cases[] = {
-        {"below the start", [](U32 seg) { release(seg, start(seg) - 64, 1); }},
-        {"at the end", [](U32 seg) { release(seg, end(seg), 1); }},
-        {"no blocks", [](U32 seg) { release(seg, start(seg), 0); }},
+        {"below the start", [](U32 seg) { release(seg, startOf(seg) - 64, 1); }},
+        {"at the end", [](U32 seg) { release(seg, endOf(seg), 1); }},
+        {"no blocks", [](U32 seg) { release(seg, startOf(seg), 0); }},
         {"header of the tail", [](U32 seg) { release(seg, block(seg, 8), 1); }},
         {"header of the head", [](U32 seg) { release(seg, block(seg, 2), 1); }},
         {"allocated turns negative", [](U32 seg) { release(seg, block(seg, 0), 16); }},
@@ -283,7 +277,7 @@ TEST_F(FreeBlk, EveryFailedCheckLeavesTheLockHeldAndTheNextReleaseHangs)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = sixteenBlocks(YES);
         leaveFree(seg, {{2, 4}, {8, 4}});
         c.fail(seg);
@@ -299,14 +293,14 @@ TEST_F(FreeBlk, EveryFailedCheckLeavesTheLockHeldAndTheNextReleaseHangs)
 TEST_F(FreeBlk, FailedCheckLeavesInterruptsOff)
 {
     const U32 seg = sixteenBlocks(YES);
-    release(seg, end(seg), 1);
-    expectLeftHeld(free_lock, [=] { return release(seg, start(seg), 1); });
+    release(seg, endOf(seg), 1);
+    expectLeftHeld(free_lock, [=] { return release(seg, startOf(seg), 1); });
 }
 
 TEST_F(FreeBlk, FailedCheckWithoutSemaphoreHoldsNothing)
 {
     const U32 seg = sixteenBlocks(NO);
-    release(seg, end(seg), 1);
+    release(seg, endOf(seg), 1);
     EXPECT_FALSE(anyLockHeld());
     EXPECT_FALSE(machine().interruptsOff());
 }
@@ -328,10 +322,10 @@ TEST_F(FreeBlk, ReleaseErasesTheOwnersOfItsBlocksOnly)
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = mapped(c.mapBits);
         alloc(seg, 10, c.owner);
-        EXPECT_EQ(release(seg, end(seg) - 6 * 64, 3), U32(ENOERR));
+        EXPECT_EQ(release(seg, endOf(seg) - 6 * 64, 3), U32(ENOERR));
         for (U32 i = 0; i < c.mapFromEnd.size(); ++i)
             EXPECT_EQ(mapByte(seg, i + 1), c.mapFromEnd[i]) << "byte " << i + 1 << " from the map's end";
         expectSilence();
@@ -343,7 +337,7 @@ TEST_F(FreeBlk, EntriesThatAreClearAlreadyAreReportedAndTheReleaseGoesOn)
     for (const U8 mapBits : {2, 4, 8}) {
         SCOPED_TRACE(int(mapBits));
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = mapped(mapBits);
         const U32 address = alloc(seg, 3, 0);
         EXPECT_EQ(release(seg, address, 3), U32(ENOERR));
@@ -366,14 +360,14 @@ TEST_F(FreeBlk, EntriesClearedBeforeAFailedCheckStayCleared)
     const U32 seg = mapped(4);
     alloc(seg, 4, 0xF);
     mapByte(seg, 1) = 0xF0; // the last block's entry is gone: it is met fourth
-    EXPECT_EQ(MM_ClearMap(seg, at(end(seg) - 4 * 64), 4), U32(EASSERT));
+    EXPECT_EQ(MM_ClearMap(seg, at(endOf(seg) - 4 * 64), 4), U32(EASSERT));
     EXPECT_EQ(log(), (Lines{bitFreedAlready}));
     EXPECT_EQ(mapByte(seg, 1), 0);
     EXPECT_EQ(mapByte(seg, 2), 0);
 
     mapByte(seg, 2) = 0x0F; // the second of two is clear, the third is not reached
     mapByte(seg, 1) = 0x0F;
-    EXPECT_EQ(MM_ClearMap(seg, at(end(seg) - 3 * 64), 3), U32(EASSERT));
+    EXPECT_EQ(MM_ClearMap(seg, at(endOf(seg) - 3 * 64), 3), U32(EASSERT));
     EXPECT_EQ(mapByte(seg, 2), 0);
     EXPECT_EQ(mapByte(seg, 1), 0x0F);
 }
@@ -391,10 +385,10 @@ TEST_F(FreeBlk, LongRunIsClearedUpToAnEntryThatIsClearAlready)
         };
         for (U32 hole = 1; hole <= blocks; ++hole) {
             SCOPED_TRACE(::testing::Message() << int(mapBits) << " bits, nobody's at " << hole << " from the end");
-            fill(start(seg) - 64, static_cast<U8>(lowest), 64);
+            fill(startOf(seg) - 64, static_cast<U8>(lowest), 64);
             U8& byte = mapByte(seg, (hole - 1) / perByte + 1);
             byte = static_cast<U8>(byte & ~(1U << (hole - 1) % perByte * mapBits));
-            EXPECT_EQ(MM_ClearMap(seg, at(end(seg) - blocks * 64), blocks), U32(EASSERT));
+            EXPECT_EQ(MM_ClearMap(seg, at(endOf(seg) - blocks * 64), blocks), U32(EASSERT));
             EXPECT_EQ(log(), (Lines{bitFreedAlready}));
             for (U32 fromEnd = 1; fromEnd <= 63; ++fromEnd)
                 EXPECT_EQ(entry(fromEnd), fromEnd < hole || fromEnd > blocks ? 1U : 0U) << fromEnd << " from the end";
@@ -406,10 +400,10 @@ TEST_F(FreeBlk, AddressWhoseEntryLiesBelowTheMapIsRefused)
 {
     const U32 seg = mapped(1); // 512 entries
     fill(kFloatStart, 0xFF, 64);
-    EXPECT_EQ(MM_ClearMap(seg, at(end(seg) - 512 * 64), 1), U32(EASSERT));
+    EXPECT_EQ(MM_ClearMap(seg, at(endOf(seg) - 512 * 64), 1), U32(EASSERT));
     EXPECT_EQ(log(), (Lines{clearFailed("stTempBlk.pubyiscp >= pubMapStartAddr")}));
     EXPECT_TRUE(isFilled(kFloatStart, 0xFF, 64));
-    EXPECT_EQ(MM_ClearMap(seg, at(end(seg) - 511 * 64), 1), U32(ENOERR));
+    EXPECT_EQ(MM_ClearMap(seg, at(endOf(seg) - 511 * 64), 1), U32(ENOERR));
     EXPECT_EQ(*at(kFloatStart), 0xBF); // distance 511 is bit 6 of the first byte
     expectSilence();
 }
@@ -418,7 +412,7 @@ TEST_F(FreeBlk, AddressWhoseEntryLiesAboveTheMapIsRefused)
 {
     // Only one-byte blocks with one byte of map reach above the map's end: one byte past the segment.
     const U32 seg = createBlocks("BYTE", 128, 1, 8);
-    EXPECT_EQ(MM_ClearMap(seg, at(end(seg) + 1), 1), U32(EASSERT));
+    EXPECT_EQ(MM_ClearMap(seg, at(endOf(seg) + 1), 1), U32(EASSERT));
     EXPECT_EQ(log(), (Lines{clearFailed("stTempBlk.pubyiscp < pubMapEndAddr")}));
 }
 
@@ -426,17 +420,17 @@ TEST_F(FreeBlk, WalkPastTheMapsEndClearsOneByteOfTheBlocksBeforeItIsRefused)
 {
     const U32 seg = mapped(1);
     mapByte(seg, 1) = 0xFF;
-    fill(start(seg), 0xFF, 2);
-    EXPECT_EQ(MM_ClearMap(seg, at(end(seg) - 64), 9), U32(ENOERR)); // the map's end itself still passes
+    fill(startOf(seg), 0xFF, 2);
+    EXPECT_EQ(MM_ClearMap(seg, at(endOf(seg) - 64), 9), U32(ENOERR)); // the map's end itself still passes
     expectSilence();
-    EXPECT_EQ(*at(start(seg)), 0x00);
+    EXPECT_EQ(*at(startOf(seg)), 0x00);
 
-    fill(start(seg), 0xFF, 2);
-    EXPECT_EQ(MM_ClearMap(seg, at(end(seg) - 64), 10), U32(EASSERT));
+    fill(startOf(seg), 0xFF, 2);
+    EXPECT_EQ(MM_ClearMap(seg, at(endOf(seg) - 64), 10), U32(EASSERT));
     EXPECT_EQ(log(), (Lines{clearFailed("stTempBlk.pubyiscp <= pubMapEndAddr")}));
     EXPECT_EQ(mapByte(seg, 1), 0xFE);
-    EXPECT_EQ(*at(start(seg)), 0x00);
-    EXPECT_EQ(*at(start(seg) + 1), 0xFF);
+    EXPECT_EQ(*at(startOf(seg)), 0x00);
+    EXPECT_EQ(*at(startOf(seg) + 1), 0xFF);
 }
 
 TEST_F(FreeBlk, HeapMapIsThatOfThePieceThatHoldsTheAddress)
@@ -460,19 +454,9 @@ TEST_F(FreeBlk, AddressOutsideTheHeapHasNoMap)
 TEST_F(FreeBlk, SegmentWithoutMapHasNoEntryToClear)
 {
     const U32 seg = sixteenBlocks();
-    EXPECT_EQ(MM_ClearMap(seg, at(start(seg)), 1), U32(EASSERT));
+    EXPECT_EQ(MM_ClearMap(seg, at(startOf(seg)), 1), U32(EASSERT));
     EXPECT_EQ(log(), (Lines{check("ulBlkSize > 0", "mm/MM_InitSegment", "MM_GetBlkBit"), // of a width of 0
                             clearFailed("stTempBlk.pubyiscp < pubMapEndAddr")}));
-}
-
-TEST_F(FreeBlk, MaskTablesHoldTheirValues)
-{
-    const U8 entry[] = {0x01, 0x03, 0x07, 0x0F, 0x1F, 0x3F, 0x70, 0xFF};
-    const U8 bit[] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
-    for (int i = 0; i < 8; ++i) {
-        EXPECT_EQ(aubMapIDMaskTbl[i], entry[i]);
-        EXPECT_EQ(aubBitMaskTbl[i], bit[i]);
-    }
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 // Initialisation: alignment, owner map, counts and the allocators' starting state of a placed segment.
-#include "../../kernel/mm/mm/MM_RunIndex.h"
-#include "../support/manager_fixture.h"
+#include "kernel/mm/mm/MM_RunIndex.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -298,7 +298,7 @@ protected:
     {
         pstSegBlkHead = astBlkHead[49].pstBlk;
         pstSegBlkTail = astBlkTail[49].pstBlk;
-        const std::vector<FreeNode> found = freeMemory();
+        std::vector<FreeNode> found = freeMemory();
         pstSegBlkHead = pstSegBlkTail = nullptr;
         return found;
     }

@@ -5,7 +5,7 @@
 #include <random>
 #include <vector>
 
-#include "../../kernel/mm/mm/MM_MaxTree.h"
+#include "kernel/mm/mm/MM_MaxTree.h"
 
 namespace velmora::test {
 namespace {

@@ -1,5 +1,5 @@
 // The memory configuration table: the default layout of the fixed segments, and the operations on its rows.
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -22,22 +22,11 @@ protected:
         row.pubStartAddr = at(start);
     }
 
-    static void expectRow(U32 index, const char (&name)[5], U32 size, U32 start)
-    {
-        const TMCTInfo& row = stDefaultMCTTable[index];
-        EXPECT_EQ(std::memcmp(row.aubCFGID, name, 4), 0) << "row " << index;
-        EXPECT_EQ(row.ulSize, size) << "row " << index;
-        EXPECT_EQ(MM_Addr(row.pubStartAddr), start) << "row " << index;
-    }
-
     static void expectStarts(const U32 (&starts)[kRows])
     {
         for (U32 i = 0; i < kRows; ++i)
             EXPECT_EQ(MM_Addr(stDefaultMCTTable[i].pubStartAddr), starts[i]) << "row " << i;
     }
-
-    // Fills the fixed segments of a started manager with 0xA5.
-    static void fillFixed() { fill(kAreaStart, 0xA5, kFixedBytes); }
 
     // The rows that hold zeros only; every other row holds 0xA5 only.
     static std::vector<U32> clearedRows()
@@ -293,7 +282,7 @@ TEST_F(Mct, RowsAreReachedThroughThePointers)
     EXPECT_EQ(MM_ReadSegOnMCT(id("$RJL"), &range), U32(EASSERT));
     EXPECT_EQ(MM_DeleteSegment(id("$NEW")), U32(ENOERR));
     EXPECT_EQ(elsewhere.ulSize, 0u);
-    expectRow(RJL, "$RJL", 0x1000, kStarts[RJL]);
+    expectRow(stDefaultMCTTable[RJL], "$RJL", 0x1000, kStarts[RJL]);
 }
 
 // Add -------------------------------------------------------------------------------------------------
@@ -301,10 +290,10 @@ TEST_F(Mct, RowsAreReachedThroughThePointers)
 TEST_F(Mct, ADeletedRowIsFilledByTheNextAddAndASecondAddFails)
 {
     EXPECT_EQ(MM_DeleteSegment(id("$FIL")), U32(ENOERR));
-    expectRow(FIL, " \0\0\0", 0, 0);
+    expectRow(stDefaultMCTTable[FIL], " \0\0\0", 0, 0);
 
     EXPECT_EQ(MM_AddSegment(id("$NEW"), 8192, at(0x9A000000)), U32(ENOERR));
-    expectRow(FIL, "$NEW", 8192, 0x9A000000);
+    expectRow(stDefaultMCTTable[FIL], "$NEW", 8192, 0x9A000000);
     expectSilence();
 
     EXPECT_EQ(MM_AddSegment(id("$ONE"), 4096, at(0x9B000000)), U32(EASSERT));
@@ -312,7 +301,7 @@ TEST_F(Mct, ADeletedRowIsFilledByTheNextAddAndASecondAddFails)
                             check(R"(0 && "There is no more space to add segment")", "mm/MM_MCT", "MM_AddSegment")}));
     for (U32 i = 0; i < FIL; ++i)
         EXPECT_EQ(MM_Addr(stDefaultMCTTable[i].pubStartAddr), kStarts[i]);
-    expectRow(FIL, "$NEW", 8192, 0x9A000000);
+    expectRow(stDefaultMCTTable[FIL], "$NEW", 8192, 0x9A000000);
 }
 
 TEST_F(Mct, AddFillsTheFirstEmptyRow)
@@ -320,8 +309,8 @@ TEST_F(Mct, AddFillsTheFirstEmptyRow)
     MM_DeleteSegment(id("$FIL"));
     MM_DeleteSegment(id("$RJL"));
     MM_AddSegment(id("$NEW"), 16, at(0x9A000000));
-    expectRow(RJL, "$NEW", 16, 0x9A000000);
-    expectRow(FIL, " \0\0\0", 0, 0);
+    expectRow(stDefaultMCTTable[RJL], "$NEW", 16, 0x9A000000);
+    expectRow(stDefaultMCTTable[FIL], " \0\0\0", 0, 0);
 }
 
 TEST_F(Mct, AddChecksNeitherNameNorSizeNorAddress)
@@ -330,8 +319,8 @@ TEST_F(Mct, AddChecksNeitherNameNorSizeNorAddress)
     MM_DeleteSegment(id("$JCB"));
     EXPECT_EQ(MM_AddSegment(id("$FIL"), 4098, at(0x1)), U32(ENOERR));
     EXPECT_EQ(MM_AddSegment(id("A\0BC"), 0, nullptr), U32(ENOERR));
-    expectRow(RJL, "$FIL", 4098, 0x1);
-    expectRow(JCB, "A\0BC", 0, 0);
+    expectRow(stDefaultMCTTable[RJL], "$FIL", 4098, 0x1);
+    expectRow(stDefaultMCTTable[JCB], "A\0BC", 0, 0);
     TSegRange range{};
     MM_ReadSegOnMCT(id("$FIL"), &range);
     EXPECT_EQ(range.ulMCTIDX, 1u);
@@ -349,7 +338,7 @@ TEST_F(Mct, DeleteZeroesTheRowsMemoryAndNothingElse)
     EXPECT_TRUE(isFilled(kFloatStart, 0xA5, 64));
     EXPECT_EQ(MM_DeleteSegment(id("$MCT")), U32(ENOERR));
     EXPECT_EQ(clearedRows(), (std::vector<U32>{MCT, FIL}));
-    expectRow(MCT, " \0\0\0", 0, 0);
+    expectRow(stDefaultMCTTable[MCT], " \0\0\0", 0, 0);
     expectSilence();
 }
 
@@ -369,15 +358,15 @@ TEST_F(Mct, DeleteOfANamePresentTwiceEmptiesTheLowerRow)
     fillFixed();
     EXPECT_EQ(MM_DeleteSegment(id("$JCB")), U32(ENOERR));
     EXPECT_EQ(clearedRows(), std::vector<U32>{JCB});
-    expectRow(JCB, " \0\0\0", 0, 0);
-    expectRow(FIL, "$JCB", 0x100000, kStarts[FIL]);
+    expectRow(stDefaultMCTTable[JCB], " \0\0\0", 0, 0);
+    expectRow(stDefaultMCTTable[FIL], "$JCB", 0x100000, kStarts[FIL]);
 }
 
 TEST_F(Mct, DeleteOfARowOfSize0TouchesNoMemory)
 {
     setRow(FIL, "$NIL", 0, 0x1); // no memory there
     EXPECT_EQ(MM_DeleteSegment(id("$NIL")), U32(ENOERR));
-    expectRow(FIL, " \0\0\0", 0, 0);
+    expectRow(stDefaultMCTTable[FIL], " \0\0\0", 0, 0);
     EXPECT_EQ(MM_DeleteSegment(id(" \0\0\0")), U32(ENOERR)); // an empty row is a row
     expectSilence();
 }

@@ -2,11 +2,11 @@
 #include <cstdlib>
 #include <fstream>
 
-#include "../../examples/document.hpp"
-#include "../../examples/kernel_log.hpp"
-#include "../../examples/parties.hpp"
+#include "examples/document.hpp"
+#include "examples/kernel_log.hpp"
+#include "examples/parties.hpp"
 #include "controller/device.h"
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -30,7 +30,7 @@ protected:
     // A page of noise.
     fs::path drawPage(unsigned number, unsigned width, unsigned height) const
     {
-        const fs::path file = folder_ / ("page-" + std::to_string(number) + ".ppm");
+        fs::path file = folder_ / ("page-" + std::to_string(number) + ".ppm");
         std::ofstream stream(file, std::ios::binary);
         stream << "P6\n# noise\n" << width << " " << height << "\n255\n";
         U32 state = number;

@@ -2,8 +2,8 @@
 #include <random>
 
 #include "controller/manager_state.h"
-#include "../../kernel/mm/mm/MM_RunIndex.h"
-#include "../support/manager_fixture.h"
+#include "kernel/mm/mm/MM_RunIndex.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {

@@ -1,5 +1,5 @@
 // Stack segments: push from the end downwards, pop of the piece pushed last, the push and pop locks.
-#include "../support/allocator_fixture.h"
+#include "support/allocator_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -7,10 +7,10 @@ namespace {
 class Stack : public AllocatorTest
 {
 protected:
-    Stack() { ManagerTest::start(); }
+    Stack() { start(); }
 
     // 16 blocks of 64 bytes.
-    static U32 sixteenBlocks(U8 semaphore = NO) { return createStack("STCK", 16 * 64, 64, semaphore); }
+    static U32 stackOfSixteen(U8 semaphore = NO) { return createStack("STCK", 16 * 64, 64, semaphore); }
     static U32 top(U32 stack) { return MM_Addr(astStackStr[stack].pubStackHead); }
 
     static std::string failed(const std::string& text) { return check(text, "mm/MM_FreeBlk", "MM_Pop"); }
@@ -30,7 +30,7 @@ protected:
 
 TEST_F(Stack, GrowsDownFromTheSegmentsEnd)
 {
-    const U32 stack = sixteenBlocks();
+    const U32 stack = stackOfSixteen();
     EXPECT_EQ(top(stack), kFloatStart + 16 * 64);
     EXPECT_EQ(push(stack, 3), kFloatStart + 13 * 64);
     EXPECT_EQ(push(stack, 2), kFloatStart + 11 * 64);
@@ -73,7 +73,7 @@ TEST_F(Stack, BytesAreRoundedUpToAMultipleOfFour)
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.blocks << " of " << c.blockBytes);
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 stack = createStack("STCK", 64, c.blockBytes);
         EXPECT_EQ(push(stack, c.blocks), kFloatStart + 64 - c.bytes);
         EXPECT_EQ(log(), c.message);
@@ -85,14 +85,14 @@ TEST_F(Stack, BytesAreRoundedUpToAMultipleOfFour)
 
 TEST_F(Stack, PushOfExactlyTheFreeSpaceSucceeds)
 {
-    const U32 stack = sixteenBlocks();
+    const U32 stack = stackOfSixteen();
     EXPECT_EQ(push(stack, 16), kFloatStart);
     EXPECT_EQ(counts(stack), (std::vector<U32>{16, 16, 0, 0}));
 }
 
 TEST_F(Stack, PushOfOneBlockMoreGivesNullAndChangesNothing)
 {
-    const U32 stack = sixteenBlocks();
+    const U32 stack = stackOfSixteen();
     push(stack, 6);
     EXPECT_EQ(push(stack, 11), 0U);
     EXPECT_EQ(counts(stack), (std::vector<U32>{16, 6, 10, 10}));
@@ -117,7 +117,7 @@ TEST_F(Stack, RoundingThatReachesBelowTheSegmentLeavesAWrappedLargest)
     ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
     const U32 stack = info.hulHandle;
     ASSERT_EQ(counts(stack), (std::vector<U32>{63, 0, 63, 63}));
-    const U32 bottom = start(stack);
+    const U32 bottom = startOf(stack);
     EXPECT_EQ(push(stack, 63), bottom - 1);
     EXPECT_EQ(log(), (Lines{"\r\n[MM] H(5) Push Bef (63) after(64)"}));
     EXPECT_EQ(counts(stack), (std::vector<U32>{63, 63, 0, 0xFFFFFFFF}));
@@ -130,14 +130,14 @@ TEST_F(Stack, RoundingThatReachesBelowTheSegmentLeavesAWrappedLargest)
 
 TEST_F(Stack, OwnerIsIgnored)
 {
-    const U32 stack = sixteenBlocks();
+    const U32 stack = stackOfSixteen();
     EXPECT_EQ(MM_Addr(MM_Push(stack, 1, 200)), kFloatStart + 15 * 64);
     expectSilence();
 }
 
 TEST_F(Stack, OnlyThePiecePushedLastCanBePopped)
 {
-    const U32 stack = sixteenBlocks();
+    const U32 stack = stackOfSixteen();
     const U32 first = push(stack, 3);
     const U32 second = push(stack, 2);
     EXPECT_EQ(pop(stack, first, 3), U32(EASSERT));
@@ -154,7 +154,7 @@ TEST_F(Stack, OnlyThePiecePushedLastCanBePopped)
 
 TEST_F(Stack, PopOfNoBlocksIsRefusedBeforeTheAddressIsLookedAt)
 {
-    const U32 stack = sixteenBlocks();
+    const U32 stack = stackOfSixteen();
     const U32 address = push(stack, 3);
     EXPECT_EQ(pop(stack, address, 0), U32(EASSERT));
     EXPECT_EQ(pop(stack, address + 64, 0), U32(EASSERT));
@@ -164,7 +164,7 @@ TEST_F(Stack, PopOfNoBlocksIsRefusedBeforeTheAddressIsLookedAt)
 
 TEST_F(Stack, PopOfMoreThanThePushPassesUpToTheSegmentsEnd)
 {
-    const U32 stack = sixteenBlocks();
+    const U32 stack = stackOfSixteen();
     push(stack, 3);
     EXPECT_EQ(pop(stack, push(stack, 2), 4), U32(ENOERR));
     EXPECT_EQ(top(stack), kFloatStart + 15 * 64);
@@ -174,7 +174,7 @@ TEST_F(Stack, PopOfMoreThanThePushPassesUpToTheSegmentsEnd)
 
 TEST_F(Stack, PopPastTheSegmentsEndIsReportedWithTheTopMoved)
 {
-    const U32 stack = sixteenBlocks();
+    const U32 stack = stackOfSixteen();
     EXPECT_EQ(pop(stack, push(stack, 2), 3), U32(EASSERT));
     EXPECT_EQ(log(), (Lines{pastTheEnd}));
     EXPECT_EQ(top(stack), kFloatStart + 17 * 64);
@@ -183,7 +183,7 @@ TEST_F(Stack, PopPastTheSegmentsEndIsReportedWithTheTopMoved)
 
 TEST_F(Stack, LargestAboveTheFreeCountIsReportedWithEverythingCounted)
 {
-    const U32 stack = sixteenBlocks();
+    const U32 stack = stackOfSixteen();
     const U32 address = push(stack, 2);
     stSegTable[stack].ulTotalFreeBlkNum = 13;
     EXPECT_EQ(pop(stack, address, 2), U32(EASSERT));
@@ -197,8 +197,8 @@ TEST_F(Stack, BrokenTotalIsReportedByAPopUnderTheLockOnly)
     for (const U8 semaphore : {YES, NO}) {
         SCOPED_TRACE(int(semaphore));
         powerOn();
-        ManagerTest::start();
-        const U32 stack = sixteenBlocks(semaphore);
+        start();
+        const U32 stack = stackOfSixteen(semaphore);
         const U32 address = push(stack, 2);
         stSegTable[stack].ulTotalBlkNum = 17;
         EXPECT_EQ(pop(stack, address, 2), U32(semaphore == YES ? EASSERT : ENOERR));
@@ -210,7 +210,7 @@ TEST_F(Stack, BrokenTotalIsReportedByAPopUnderTheLockOnly)
 
 TEST_F(Stack, BrokenTotalDoesNotStopAPush)
 {
-    const U32 stack = sixteenBlocks(YES);
+    const U32 stack = stackOfSixteen(YES);
     stSegTable[stack].ulTotalBlkNum = 17;
     EXPECT_EQ(push(stack, 2), kFloatStart + 14 * 64);
     expectSilence();
@@ -221,21 +221,21 @@ TEST_F(Stack, BrokenTotalDoesNotStopAPush)
 
 TEST_F(Stack, PushTakesThePushLockAndReleasesIt)
 {
-    const U32 stack = sixteenBlocks(YES);
+    const U32 stack = stackOfSixteen(YES);
     expectTakes(push_lock, [=] { return push(stack, 2); });
     EXPECT_EQ(counts(stack), (std::vector<U32>{16, 2, 14, 14}));
 }
 
 TEST_F(Stack, PushThatDoesNotFitReleasesThePushLock)
 {
-    const U32 stack = sixteenBlocks(YES);
+    const U32 stack = stackOfSixteen(YES);
     expectTakes(push_lock, [=] { return push(stack, 17); });
     EXPECT_EQ(push(stack, 17), 0U);
 }
 
 TEST_F(Stack, PopTakesThePopLockAndReleasesIt)
 {
-    const U32 stack = sixteenBlocks(YES);
+    const U32 stack = stackOfSixteen(YES);
     const U32 address = push(stack, 2);
     expectTakes(pop_lock, [=] { return pop(stack, address, 2); });
     EXPECT_EQ(counts(stack), (std::vector<U32>{16, 0, 16, 16}));
@@ -243,7 +243,7 @@ TEST_F(Stack, PopTakesThePopLockAndReleasesIt)
 
 TEST_F(Stack, SegmentWithoutSemaphoreTakesNoLock)
 {
-    const U32 stack = sixteenBlocks(NO);
+    const U32 stack = stackOfSixteen(NO);
     expectTakesNoLock([=] { return push(stack, 2); });
     expectTakesNoLock([=] { return pop(stack, top(stack), 2); });
 }
@@ -271,8 +271,8 @@ TEST_F(Stack, EveryFailedPopLeavesThePopLockHeldAndTheNextPopHangs)
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         powerOn();
-        ManagerTest::start();
-        const U32 stack = sixteenBlocks(YES);
+        start();
+        const U32 stack = stackOfSixteen(YES);
         push(stack, 4);
         c.fail(stack);
         EXPECT_EQ(log().size(), 1U);

@@ -1,5 +1,5 @@
 // Allocation and release by handle: bytes to blocks, the checks, overflow into the heap, releases that go there.
-#include "../support/allocator_fixture.h"
+#include "support/allocator_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -10,7 +10,7 @@ constexpr U32 kRefused = 0xFFFFFFFF;
 class HandleApi : public AllocatorTest
 {
 protected:
-    HandleApi() { ManagerTest::start(); }
+    HandleApi() { start(); }
 
     static std::string place(const std::string& function)
     {
@@ -42,7 +42,7 @@ TEST_F(HandleApi, MallocRoundsBytesUpToBlocks)
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << c.bytes << " bytes in blocks of " << c.blockBytes);
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = createBlocks("BLKS", 0x10000, c.blockBytes);
         const U32 total = counts(seg)[0];
         const U32 address = MM_Malloc(seg, c.bytes, 0);
@@ -58,7 +58,7 @@ TEST_F(HandleApi, AllocBlockAndFreeBlockCountBlocks)
 {
     const U32 seg = createBlocks("BLKS", 0x10000, 4096, 8);
     const U32 address = MM_AllocBlock(seg, 3, 17);
-    EXPECT_EQ(address, end(seg) - 3 * 4096);
+    EXPECT_EQ(address, endOf(seg) - 3 * 4096);
     EXPECT_EQ(mapByte(seg, 3), 17);
     EXPECT_EQ(MM_FreeBlock(seg, at(address), 3), U32(ENOERR));
     EXPECT_EQ(counts(seg), (std::vector<U32>{15, 0, 15, 15}));
@@ -68,7 +68,7 @@ TEST_F(HandleApi, StackSegmentIsServedByPushAndPop)
 {
     const U32 stack = createStack("STCK", 0x10000, 4096);
     const U32 first = MM_Malloc(stack, 5000, 0);
-    EXPECT_EQ(first, end(stack) - 2 * 4096);
+    EXPECT_EQ(first, endOf(stack) - 2 * 4096);
     const U32 second = MM_AllocBlock(stack, 1, 0);
     EXPECT_EQ(second, first - 4096);
     EXPECT_EQ(MM_Free(stack, at(second), 1), U32(ENOERR));
@@ -123,14 +123,14 @@ TEST_F(HandleApi, OwnersAreAcceptedByMapWidth)
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = createBlocks("MAPD", 0x10000, 4096, c.mapBits);
         for (const U8 owner : c.refused) {
             EXPECT_EQ(MM_AllocBlock(seg, 1, owner), kRefused) << int(owner);
             EXPECT_EQ(log(), (Lines{message("Inpropriate MapID", kLib, "MM_AllocBlock")}));
         }
         EXPECT_EQ(counts(seg)[1], 0U);
-        U32 lowest = end(seg);
+        U32 lowest = endOf(seg);
         for (const U8 owner : c.accepted)
             EXPECT_EQ(MM_Malloc(seg, 1, owner), lowest -= 4096) << int(owner);
         EXPECT_EQ(counts(seg)[1], c.accepted.size());
@@ -205,11 +205,11 @@ TEST_F(HandleApi, OverflowTakesTheSameCountInHeapBlocksAndMarksNoOwner)
     for (const U8 kind : {LINKEDLIST, STACK}) {
         SCOPED_TRACE(int(kind));
         powerOn();
-        ManagerTest::start();
+        start();
         const U8 mapBits = kind == STACK ? 0 : 4;
         const U32 seg = createOverflowing("VIRT", 0x1000, 64, kind, mapBits);
         createHeapOf({{0x95400000, 0x10000}}, 4096, 8); // 15 blocks
-        EXPECT_EQ(MM_AllocBlock(seg, 1, mapBits != 0 ? 3 : 0), end(seg) - 64);
+        EXPECT_EQ(MM_AllocBlock(seg, 1, mapBits != 0 ? 3 : 0), endOf(seg) - 64);
         const std::vector<U32> before = counts(seg);
         fill(0x95400000, 0, 4096);
 
@@ -248,44 +248,6 @@ TEST_F(HandleApi, HeapThatOverflowsIsAskedTwice)
     expectTakes(search_lock, [] { return MM_AllocBlock(HEAPHANDLE, 15, 9); });
     EXPECT_TRUE(isFilled(0x95401000 - 15, 9, 15)); // the first attempt has the owner
     expectSilence();
-}
-
-TEST_F(HandleApi, HeapAreaIsTheHeapsPieces)
-{
-    EXPECT_EQ(MM_CheckHeapArea(at(0x95400000)), 0);
-    createHeapOf({{0x95400000, 0x1000}, {0x95500000, 0x1000}}, 64);
-    for (const U32 inside : {0x95400000U, 0x95400FFFU, 0x95500000U, 0x95500FFFU})
-        EXPECT_EQ(MM_CheckHeapArea(at(inside)), TRUE) << std::hex << inside;
-    for (const U32 outside : {0x953FFFFFU, 0x95401000U, 0x954FFFFFU, 0x95501000U})
-        EXPECT_EQ(MM_CheckHeapArea(at(outside)), 0) << std::hex << outside;
-}
-
-TEST_F(HandleApi, HeapWithoutOneOfItsArraysHasNoArea)
-{
-    createHeapOf({{0x95400000, 0x1000}}, 64);
-    TMMSegInfo& heap = stSegTable[HEAPHANDLE];
-    for (U8** array : {&heap.pubStartAddr, &heap.pubEndAddr}) {
-        U8* const kept = *array;
-        *array = nullptr;
-        EXPECT_EQ(MM_CheckHeapArea(at(0x95400000)), 0);
-        *array = kept;
-    }
-    EXPECT_EQ(MM_CheckHeapArea(at(0x95400000)), TRUE);
-}
-
-TEST_F(HandleApi, HeapAreaOfFivePiecesEndsAfterTheFifth)
-{
-    createHeapOf(
-        {{0x95400000, 0x400}, {0x95500000, 0x400}, {0x95600000, 0x400}, {0x95700000, 0x400}, {0x95800000, 0x400}}, 64);
-    EXPECT_EQ(MM_CheckHeapArea(at(0x95800000)), TRUE);
-    EXPECT_EQ(MM_CheckHeapArea(at(0x95800400)), 0);
-}
-
-TEST_F(HandleApi, MapOfTheHeapIsNoHeapArea)
-{
-    createHeapOf({{0x95400000, 0x1000}}, 64, 8);
-    EXPECT_EQ(MM_CheckHeapArea(at(0x9540003F)), 0);
-    EXPECT_EQ(MM_CheckHeapArea(at(0x95400040)), TRUE);
 }
 
 // Release -----------------------------------------------------------------------------------------------
@@ -349,16 +311,16 @@ TEST_F(HandleApi, WhatTheReleaseRoutineRefusesIsNotPassedBack)
     const U32 stack = createStack("STCK", 0x10000, 4096);
     const Lines freedAlready{check("(U32)stTemp.pstBlk != stBlkPtr.ulyisl && \"Already Freed Block is requested!!\"",
                                    "mm/MM_FreeBlk", "MM_FreeBlk")};
-    EXPECT_EQ(MM_Free(seg, at(start(seg)), 1), U32(ENOERR));
+    EXPECT_EQ(MM_Free(seg, at(startOf(seg)), 1), U32(ENOERR));
     EXPECT_EQ(log(), freedAlready);
-    EXPECT_EQ(MM_FreeBlock(seg, at(start(seg)), 1), U32(ENOERR));
+    EXPECT_EQ(MM_FreeBlock(seg, at(startOf(seg)), 1), U32(ENOERR));
     EXPECT_EQ(log(), freedAlready);
-    EXPECT_EQ(MM_FreeBlock(stack, at(start(stack)), 1), U32(ENOERR));
+    EXPECT_EQ(MM_FreeBlock(stack, at(startOf(stack)), 1), U32(ENOERR));
     EXPECT_EQ(log().size(), 1U);
 
     // What MM_FreeBlock itself refuses does not come back from MM_Free either.
     stSegTable[seg].pfnFree = nullptr;
-    EXPECT_EQ(MM_Free(seg, at(start(seg)), 1), U32(ENOERR));
+    EXPECT_EQ(MM_Free(seg, at(startOf(seg)), 1), U32(ENOERR));
     EXPECT_EQ(log(), (Lines{check("0 && \"Release function is not matched\"", kLib, "MM_FreeBlock")}));
 }
 
@@ -445,9 +407,9 @@ TEST_F(HandleApi, LocksAreTheAllocatorsOwn)
     const U32 seg = createBlocks("BLKS", 0x10000, 4096, 0, YES);
     const U32 stack = createStack("STCK", 0x10000, 4096, YES);
     expectTakes(search_lock, [=] { return MM_Malloc(seg, 1, 0); });
-    expectTakes(free_lock, [=] { return MM_Free(seg, at(end(seg) - 4096), 1); });
+    expectTakes(free_lock, [=] { return MM_Free(seg, at(endOf(seg) - 4096), 1); });
     expectTakes(push_lock, [=] { return MM_Malloc(stack, 1, 0); });
-    expectTakes(pop_lock, [=] { return MM_Free(stack, at(end(stack) - 4096), 1); });
+    expectTakes(pop_lock, [=] { return MM_Free(stack, at(endOf(stack) - 4096), 1); });
     EXPECT_EQ(counts(seg)[1], 0U);
     EXPECT_EQ(counts(stack)[1], 0U);
 }

@@ -1,5 +1,5 @@
 // Clean-up by owner: every run of an owner's blocks back in one call.
-#include "../support/allocator_fixture.h"
+#include "support/allocator_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -7,10 +7,8 @@ namespace {
 class CleanUp : public AllocatorTest
 {
 protected:
-    CleanUp() { ManagerTest::start(); }
+    CleanUp() { start(); }
 
-    // 63 blocks of 64 bytes behind 64 bytes of map.
-    static U32 mapped(U8 mapBits, U8 semaphore = NO) { return createBlocks("MAPD", 4096, 64, mapBits, semaphore); }
     // Fills the segment from its end downwards for these owners; what remains belongs to owner 0.
     static void allocateAll(U32 seg, const std::vector<Run>& owners)
     {
@@ -54,7 +52,7 @@ TEST_F(CleanUp, OnlyTheOwnersRunsAreGivenBackForEveryMapWidth)
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = mapped(c.mapBits);
         allocateAll(seg, {{c.owner, 3}, {c.other, 2}, {c.owner, 6}, {c.other, 1}, {c.owner, 1}});
         MM_CleanUp(seg, c.owner);
@@ -133,7 +131,7 @@ TEST_F(CleanUp, OwnerWiderThanTheEntryMatchesWhereItsBitsStandInNeighbouringEntr
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits");
         powerOn();
-        ManagerTest::start();
+        start();
         const U32 seg = mapped(c.mapBits);
         allocateAll(seg, c.owners);
         MM_CleanUp(seg, c.owner);
@@ -206,8 +204,8 @@ TEST_F(CleanUp, AddressesAreCountedFromTheEndOfTheDataEvenWhereItEndsInPartOfABl
     // Blocks of 102 bytes count as 64 and are aligned to 4: 16 units of the 1024 bytes placed, of which four bytes
     // become the map; 1020 bytes are 15 blocks and 60 bytes.
     const U32 seg = createBlocks("PART", 1024, 102, 1);
-    ASSERT_EQ(start(seg), kFloatStart + 4);
-    ASSERT_EQ(end(seg), kFloatStart + 1024);
+    ASSERT_EQ(startOf(seg), kFloatStart + 4);
+    ASSERT_EQ(endOf(seg), kFloatStart + 1024);
     const U32 address = alloc(seg, 2, 1);
     EXPECT_EQ(address, kFloatStart + 4 + 13 * 64);
     EXPECT_EQ(mapByte(seg, 1), 0x03);

@@ -1,5 +1,5 @@
 // Start-up: building the configuration table, starting the library, the free-memory list, the accessors.
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -19,7 +19,7 @@ protected:
 
 TEST_F(Startup, ALoadBuildsNoTable)
 {
-    ASSERT_EQ(load("95000000-9e000000"), 0);
+    ASSERT_EQ(load(), 0);
     EXPECT_EQ(stDefaultMCTTable[0].pubStartAddr, nullptr);
     EXPECT_EQ(pstMCTTable[0], nullptr);
     EXPECT_EQ(ulFixedSegEndAddress, 0u);
@@ -28,7 +28,7 @@ TEST_F(Startup, ALoadBuildsNoTable)
 
 TEST_F(Startup, EntryLaysTheRowsOutAndPutsThemInUse)
 {
-    load("95000000-9e000000");
+    load();
     machine().takeLog();
     EXPECT_EQ(MM_Entry(MM_CONSTRUCT_DEFAULT_MCT), U32(ENOERR));
     for (U32 i = 0; i < 5; ++i)
@@ -42,7 +42,7 @@ TEST_F(Startup, EntryLaysTheRowsOutAndPutsThemInUse)
 
 TEST_F(Startup, EntryRefusesEveryOtherOption)
 {
-    load("95000000-9e000000");
+    load();
     machine().takeLog();
     for (const U32 option : {1u, 2u, 0xFFFFFFFFu}) {
         EXPECT_EQ(MM_Entry(option), U32(EASSERT)) << option;
@@ -54,7 +54,7 @@ TEST_F(Startup, EntryRefusesEveryOtherOption)
 
 TEST_F(Startup, EntryReturnsALayoutsFailureAndLeavesThePointers)
 {
-    load("95000000-9e000000");
+    load();
     machine().takeLog();
     stDefaultMCTTable[1].ulSize = 4098;
     EXPECT_EQ(MM_Entry(MM_CONSTRUCT_DEFAULT_MCT), U32(EASSERT));
@@ -79,7 +79,7 @@ TEST_F(Startup, EntryBeforeALoadFindsNoRoomForTheSecondRow)
 // A table without "$MCT" has no start address; what the query answers then, 14, passes as one.
 TEST_F(Startup, EntryTakes14ForTheStartOfATableWithoutMct)
 {
-    load("95000000-9e000000");
+    load();
     machine().takeLog();
     stDefaultMCTTable[0].aubCFGID[1] = 'X';
     EXPECT_EQ(MM_Entry(MM_CONSTRUCT_DEFAULT_MCT), U32(ENOERR));
@@ -269,13 +269,6 @@ class FreeList : public LibraryStart
 protected:
     FreeList() { pstSegBlkHead = pstSegBlkTail = nullptr; }
 
-    // Row 4 at an address with a size.
-    static void addRow(U32 startAddress, U32 size)
-    {
-        MM_DeleteSegment(id("$FIL"));
-        ASSERT_EQ(MM_AddSegment(id("$NEW"), size, at(startAddress)), U32(ENOERR));
-    }
-
     static void expectFree(U32 bytes)
     {
         EXPECT_EQ(MM_ConstructSegLinkedList(), U32(ENOERR));
@@ -299,19 +292,19 @@ TEST_F(FreeList, NodesTakeTwelveBytes)
 
 TEST_F(FreeList, ARowInsideCutsItShort)
 {
-    addRow(kFloatStart + 0x100000, 0x1000);
+    replaceFil(kFloatStart + 0x100000, 0x1000);
     expectFree(0x100000);
 }
 
 TEST_F(FreeList, ARowThatEndsAtTheEndIsAllowed)
 {
-    addRow(kAreaEnd - 0x1000, 0x1000);
+    replaceFil(kAreaEnd - 0x1000, 0x1000);
     expectFree(kAreaEnd - 0x1000 - kFloatStart);
 }
 
 TEST_F(FreeList, ARowThatReachesPastTheEndFailsWithTheNodeWritten)
 {
-    addRow(kFloatStart + 0x100000, kAreaEnd - kFloatStart - 0x100000 + 1);
+    replaceFil(kFloatStart + 0x100000, kAreaEnd - kFloatStart - 0x100000 + 1);
     fill(kFloatStart, 0xA5, 64);
     pstSegBlkHead = node(0x9A000000);
     pstSegBlkTail = node(0x9A000040);
@@ -331,7 +324,7 @@ TEST_F(FreeList, ARowThatReachesPastTheEndFailsWithTheNodeWritten)
 
 TEST_F(FreeList, RowsAtItsBeginningOrItsEndAreNotInside)
 {
-    addRow(kFloatStart, 0x20000000); // a size that would not do inside
+    replaceFil(kFloatStart, 0x20000000); // a size that would not do inside
     expectFree(kAreaEnd - kFloatStart);
     stDefaultMCTTable[4].pubStartAddr = at(kAreaEnd);
     expectFree(kAreaEnd - kFloatStart);
@@ -346,7 +339,7 @@ TEST_F(FreeList, RowsAtItsBeginningOrItsEndAreNotInside)
 // The end of the row wraps to kFloatStart + 0x1000, which is not past the memory end.
 TEST_F(FreeList, ARowWhoseEndWrapsIsAllowed)
 {
-    addRow(kFloatStart + 0x2000, 0xFFFFF000);
+    replaceFil(kFloatStart + 0x2000, 0xFFFFF000);
     expectFree(0x2000);
 }
 

@@ -1,5 +1,5 @@
 // Placement: where a new segment lies, and what is left of the free-memory list.
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -474,12 +474,6 @@ protected:
         std::memcpy(info.stInfoFromApp.aubSegID, name, 4);
         return info;
     }
-
-    static void setRow(U32 startAddress, U32 size)
-    {
-        MM_DeleteSegment(id("$FIL"));
-        ASSERT_EQ(MM_AddSegment(id("$NEW"), size, at(startAddress)), U32(ENOERR));
-    }
 };
 
 TEST_F(FixedPlacement, TheTableSaysWhereAndHowLarge)
@@ -507,13 +501,13 @@ TEST_F(FixedPlacement, AMissingNameIsReportedByTheLookupAlone)
 
 TEST_F(FixedPlacement, ASegmentMayFillTheAreaToItsBounds)
 {
-    setRow(kAreaStart, kAreaEnd - kAreaStart);
+    replaceFil(kAreaStart, kAreaEnd - kAreaStart);
     expectPlaced(fixed("$NEW"), kAreaStart, kAreaEnd);
 }
 
 TEST_F(FixedPlacement, APlaceBelowTheAreaIsRefused)
 {
-    setRow(kAreaStart - 0x40, 0x10000000); // also past its end
+    replaceFil(kAreaStart - 0x40, 0x10000000); // also past its end
     expectRefused(
         fixed("$NEW"),
         {"MM_InstallSegment: *pubSegMemStartAddr 0x95100000 <= (int)(pstSegInfo->pubStartAddr) 0x950fffc0\n",
@@ -523,7 +517,7 @@ TEST_F(FixedPlacement, APlaceBelowTheAreaIsRefused)
 
 TEST_F(FixedPlacement, APlacePastTheAreaIsRefusedWithTheLineOfTheStart)
 {
-    setRow(kAreaEnd - 0x1000, 0x1001);
+    replaceFil(kAreaEnd - 0x1000, 0x1001);
     expectRefused(
         fixed("$NEW"),
         {"MM_InstallSegment: *pubSegMemStartAddr 0x95100000 <= (int)(pstSegInfo->pubStartAddr) 0x9deff000\n",

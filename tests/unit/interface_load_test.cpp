@@ -1,6 +1,6 @@
 // Module load and unload, the big physical area, mapping, the proc file.
 #include "controller/proc_file.h"
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {

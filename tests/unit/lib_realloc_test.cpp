@@ -1,5 +1,5 @@
 // Claims at an address of the caller's choice.
-#include "../support/allocator_fixture.h"
+#include "support/allocator_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -9,7 +9,7 @@ class Realloc : public AllocatorTest
 protected:
     Realloc()
     {
-        ManagerTest::start();
+        start();
         seg = createBlocks("BLKS", 16 * 4096, 4096, 0, YES);
     }
 
@@ -17,7 +17,7 @@ protected:
     void only(const Runs& free)
     {
         powerOn();
-        ManagerTest::start();
+        start();
         seg = createBlocks("BLKS", 16 * 4096, 4096, 0, YES);
         leaveFree(seg, free);
     }
@@ -223,7 +223,7 @@ TEST_F(Realloc, SegmentsFirstAddressIsRefusedEvenWhenItIsFree)
 TEST_F(Realloc, AddressBelowTheSegmentIsRefused)
 {
     for (const U32 blocks : {1U, 18U}) {
-        EXPECT_EQ(MM_ReallocBlock(seg, at(start(seg) - 4096), blocks), U32(EASSERT));
+        EXPECT_EQ(MM_ReallocBlock(seg, at(startOf(seg) - 4096), blocks), U32(EASSERT));
         EXPECT_EQ(log(), failed("(pubReallocAddr >= stSegTable[hulHandle].pubStartAddr) && \"Invalid Realloc Addr\""));
     }
 }

@@ -3,7 +3,7 @@
 #include <memory>
 #include <random>
 
-#include "../support/allocator_fixture.h"
+#include "support/allocator_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -332,7 +332,7 @@ protected:
         const U32 bytes = grant.segment->unitBytes;
         EXPECT_EQ(MM_FreeBlock(handle, at(grant.address + first * bytes), blocks), U32(ENOERR));
         grant.segment->giveBack(grant.address + first * bytes, blocks);
-        grants.erase(grants.begin() + index);
+        grants.erase(grants.begin() + static_cast<std::ptrdiff_t>(index));
         const U32 behind = grant.blocks - first - blocks;
         if (first > 0)
             grants.push_back({grant.segment, grant.address, first, grant.owner, grant.content});
@@ -440,7 +440,7 @@ TEST_P(RandomWork, LeavesMemoryAsThePlainPictureHasIt)
 {
     const U32 seed = GetParam();
     random.seed(seed);
-    ManagerTest::start();
+    start();
     createBlockSegment("MAIN",
                        {kBlockSizes[seed % 5], kMapWidths[seed / 5 % 5], static_cast<U8>(seed / 25 % 2), any(2) == 0});
     createBlockSegment("MORE", anyKind());

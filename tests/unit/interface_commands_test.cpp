@@ -1,5 +1,5 @@
 // The control device: file operations, the fifteen commands, their records and every way in which they fail.
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -163,7 +163,7 @@ TEST_F(Device, NineRecordsAreCopiedBackWhole)
 
 TEST_F(Device, EntryAndLibEntryStartTheManager)
 {
-    ASSERT_EQ(load("95000000-9e000000"), 0);
+    ASSERT_EQ(load(), 0);
     machine().takeLog();
     TMMInitOption option = MM_CONSTRUCT_DEFAULT_MCT;
     EXPECT_EQ(command(MM_CMD_ENTRY, option), 0);

@@ -1,5 +1,5 @@
 // Creating a segment: the checks of a request in their order, handles, what goes back to the caller.
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {

@@ -1,5 +1,5 @@
 // Printer job language commands on the table of fixed segments.
-#include "../support/manager_fixture.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -17,17 +17,8 @@ protected:
     {
         return MM_ExecPJL(id(command), id(name), bytes, at(address));
     }
-    static void expectRow(int index, const std::string& name, U32 bytes, U32 address)
-    {
-        const TMCTInfo& row = *pstMCTTable[index];
-        EXPECT_EQ(std::string(row.aubCFGID, row.aubCFGID + 4), name);
-        EXPECT_EQ(row.ulSize, bytes);
-        EXPECT_EQ(MM_Addr(row.pubStartAddr), address);
-    }
     void expectTableUnchanged() const { EXPECT_EQ(std::memcmp(original, stDefaultMCTTable, sizeof original), 0); }
 
-    // Every byte of the fixed segments set; then these two stretches are the ones that a clear leaves zero.
-    static void fillFixed() { fill(kAreaStart, 0xA5, kFixedBytes); }
     static void expectZeroOnly(U32 address, U32 bytes)
     {
         EXPECT_TRUE(isFilled(kAreaStart, 0xA5, address - kAreaStart));
@@ -48,8 +39,8 @@ TEST_F(Pjl, FixedAddFillsTheFirstEmptyRow)
     ASSERT_EQ(run("FIXEDDELETE", "$FIL"), U32(ENOERR));
     ASSERT_EQ(run("FIXEDDELETE", "$JCB"), U32(ENOERR));
     EXPECT_EQ(run("FIXEDADD", "FONT", 8192, 0x9D000000), U32(ENOERR));
-    expectRow(2, "FONT", 8192, 0x9D000000);
-    expectRow(4, kEmptyName, 0, 0);
+    expectRow(*pstMCTTable[2], "FONT", 8192, 0x9D000000);
+    expectRow(*pstMCTTable[4], kEmptyName, 0, 0);
     expectSilence();
 }
 
@@ -65,7 +56,7 @@ TEST_F(Pjl, FixedDeleteZeroesTheMemoryAndEmptiesTheRow)
 {
     fillFixed();
     EXPECT_EQ(run("FIXEDDELETE", "$UEV", 1, 1), U32(ENOERR));
-    expectRow(3, kEmptyName, 0, 0);
+    expectRow(*pstMCTTable[3], kEmptyName, 0, 0);
     expectZeroOnly(kUserEvents, 1048576);
     expectSilence();
 }
@@ -143,9 +134,9 @@ TEST_F(Pjl, UnknownWordsAreIgnored)
 TEST_F(Pjl, WordThatOnlyBeginsWithACommandActsAsIt)
 {
     EXPECT_EQ(run("FIXEDDELETED", "$FIL"), U32(ENOERR));
-    expectRow(4, kEmptyName, 0, 0);
+    expectRow(*pstMCTTable[4], kEmptyName, 0, 0);
     EXPECT_EQ(run("FIXEDADDITION", "FONT", 4, 8), U32(ENOERR));
-    expectRow(4, "FONT", 4, 8);
+    expectRow(*pstMCTTable[4], "FONT", 4, 8);
     fillFixed();
     EXPECT_EQ(run("CLEARSEGMENTS", "$JCB"), U32(ENOERR));
     expectZeroOnly(kJobControl, 65536);

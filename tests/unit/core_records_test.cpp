@@ -1,7 +1,5 @@
 // Records that cross the boundary, constants, and the vocabulary that every unit shares.
-#include "../support/manager_fixture.h"
-
-#include "../../kernel/mm/mm/MM_Map.h"
+#include "support/manager_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -81,14 +79,6 @@ TEST_F(Records, ScalarsHaveTheirWidthAndSign)
     EXPECT_GT(static_cast<U32>(-1), 0u);
     EXPECT_LT(static_cast<S32>(-1), 0);
     EXPECT_LT(static_cast<BOOL>(-1), 0);
-}
-
-TEST_F(Records, TheSeventhEntryMaskIs70AndNot7F)
-{
-    const U8 entryMasks[8] = {0x01, 0x03, 0x07, 0x0F, 0x1F, 0x3F, 0x70, 0xFF};
-    const U8 bitMasks[8] = {0x01, 0x02, 0x04, 0x08, 0x10, 0x20, 0x40, 0x80};
-    EXPECT_EQ(std::memcmp(aubMapIDMaskTbl, entryMasks, 8), 0);
-    EXPECT_EQ(std::memcmp(aubBitMaskTbl, bitMasks, 8), 0);
 }
 
 TEST_F(Records, BeforeALoadTheTablesAreEmptyAndFloatHandlesBeginAt5)
@@ -424,93 +414,6 @@ TEST_F(Records, HandlesAbove49AreRejected)
         EXPECT_EQ(MM_GetTotBlk(handle), 14u) << handle;
         EXPECT_EQ(log(), rejected);
     }
-}
-
-// Assertion lines -------------------------------------------------------------------------------------
-
-U32 failCondition(U32 value)
-{
-    MM_ASSERT((value > 3) && "Too small: \\ \"%s\"", EASSERT);
-    return ENOERR;
-}
-constexpr int kConditionLine = __LINE__ - 3;
-
-U32 failMessage(U32 value)
-{
-    MM_ASSERT_MESSAGE(value > 3, "value is too small.", MM_FAILED);
-    return ENOERR;
-}
-constexpr int kMessageLine = __LINE__ - 3;
-
-U32 failSilently(U32 value)
-{
-    MM_ASSERT_SILENT(value > 3, MM_FAILED);
-    return ENOERR;
-}
-constexpr int kSilentLine = __LINE__ - 3;
-
-std::string place(const char* function, int line)
-{
-    return std::string(MM_SourcePath(__FILE__)) + "," + function + ",line=" + std::to_string(line) + "\n";
-}
-
-TEST_F(Records, AConditionIsPrintedAsItIsWritten)
-{
-    EXPECT_EQ(failCondition(3), U32(EASSERT));
-    EXPECT_EQ(machine().takeLog(), Lines{"Assertion failed! (value > 3) && \"Too small: \\\\ \\\"%s\\\"\"," +
-                                         place("failCondition", kConditionLine)});
-}
-
-TEST_F(Records, AMessageIsPrintedInPlaceOfTheCondition)
-{
-    EXPECT_EQ(failMessage(0), 0xFFFFFFFFu);
-    EXPECT_EQ(machine().takeLog(),
-              Lines{"Assertion failed! value is too small. " + place("failMessage", kMessageLine)});
-}
-
-TEST_F(Records, ACheckWithoutTextPrintsItsPlace)
-{
-    EXPECT_EQ(failSilently(0), 0xFFFFFFFFu);
-    EXPECT_EQ(machine().takeLog(), Lines{"Assertion failed! " + place("failSilently", kSilentLine)});
-}
-
-TEST_F(Records, AHoldingConditionPrintsNothing)
-{
-    EXPECT_EQ(failCondition(4), U32(ENOERR));
-    EXPECT_EQ(failMessage(4), U32(ENOERR));
-    EXPECT_EQ(failSilently(4), U32(ENOERR));
-    expectSilence();
-}
-
-TEST_F(Records, TheReportsPrintOneLineEach)
-{
-    MM_ReportAssertion("a < b", "kernel/mm/mm/X.cpp", "MM_X", 7);
-    MM_ReportMessage("No.", "kernel/mm/mm/X.cpp", "MM_X", 8);
-    MM_ReportPlace("kernel/mm/mm/X.cpp", "MM_X", 9);
-    EXPECT_EQ(machine().takeLog(), (Lines{"Assertion failed! a < b,kernel/mm/mm/X.cpp,MM_X,line=7\n",
-                                          "Assertion failed! No. kernel/mm/mm/X.cpp,MM_X,line=8\n",
-                                          "Assertion failed! kernel/mm/mm/X.cpp,MM_X,line=9\n"}));
-}
-
-TEST_F(Records, TheManagersChecksNameTheirSourceRelativeToTheRepository)
-{
-    MM_GetBlkBit(0);
-    const Lines messages = machine().takeLog();
-    ASSERT_EQ(messages.size(), 1u);
-    const std::string beginning = "Assertion failed! ulBlkSize > 0,kernel/mm/mm/MM_InitSegment.cpp,MM_GetBlkBit,line=";
-    EXPECT_EQ(messages[0].substr(0, beginning.size()), beginning);
-    const int line = std::stoi(messages[0].substr(beginning.size()));
-    EXPECT_GT(line, 1);
-    EXPECT_EQ(messages[0], beginning + std::to_string(line) + "\n");
-}
-
-TEST_F(Records, ASourcePathBeginsAtTheManagersFolder)
-{
-    EXPECT_STREQ(MM_SourcePath("kernel/mm/mm/MM_Lib.cpp"), "kernel/mm/mm/MM_Lib.cpp");
-    EXPECT_STREQ(MM_SourcePath("/home/a/velmora/kernel/mm/mmi/MM_Interface.cpp"), "kernel/mm/mmi/MM_Interface.cpp");
-    EXPECT_STREQ(MM_SourcePath("../../kernel/mm/mm/MM_MCT.cpp"), "kernel/mm/mm/MM_MCT.cpp");
-    EXPECT_STREQ(MM_SourcePath("/src/kernel/mm/copy/kernel/mm/mm/MM_MST.cpp"), "kernel/mm/mm/MM_MST.cpp");
-    EXPECT_STREQ(MM_SourcePath("other.cpp"), "other.cpp");
 }
 
 } // namespace

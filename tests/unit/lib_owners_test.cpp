@@ -1,5 +1,5 @@
 // Garbage collection by owner and permanent heap blocks.
-#include "../support/allocator_fixture.h"
+#include "support/allocator_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -7,7 +7,7 @@ namespace {
 class Owners : public AllocatorTest
 {
 protected:
-    Owners() { ManagerTest::start(); }
+    Owners() { start(); }
 
     // A heap of one piece: 63 blocks of 64 bytes behind 64 bytes of map.
     static void createMappedHeap(U8 mapBits, U8 semaphore = NO)
@@ -47,7 +47,7 @@ TEST_F(Owners, CollectionOfTheHeapAcceptsBothItsHandles)
     for (const U32 handle : {U32(HEAPHANDLE), U32(HEAPHANDLE_ALIAS)}) {
         SCOPED_TRACE(handle);
         powerOn();
-        ManagerTest::start();
+        start();
         createMappedHeap(8);
         alloc(HEAPHANDLE, 3, 5);
         alloc(HEAPHANDLE, 2, 8);
@@ -313,7 +313,7 @@ TEST_F(Owners, NarrowEntriesAreTestedByTheirMaskShiftedOnceMore)
     for (const auto& c : cases) {
         SCOPED_TRACE(::testing::Message() << int(c.mapBits) << " bits, byte " << int(c.byte) << ", block " << c.block);
         powerOn();
-        ManagerTest::start();
+        start();
         createMappedHeap(c.mapBits);
         heapMap(1) = c.byte;
         EXPECT_EQ(MM_CheckPermanentBlk(fromEnd(c.block), 1), c.expected);
@@ -325,7 +325,7 @@ TEST_F(Owners, NarrowEntryOfNobodyIsReported)
 {
     for (const U8 mapBits : {2, 4}) {
         powerOn();
-        ManagerTest::start();
+        start();
         createMappedHeap(mapBits);
         heapMap(1) = static_cast<U8>(~(1U << mapBits) + 1); // everything but the last block's entry
         EXPECT_EQ(MM_CheckPermanentBlk(fromEnd(1), 1), U32(EASSERT));

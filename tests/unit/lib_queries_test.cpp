@@ -1,6 +1,6 @@
 // Status queries, the MST display and the short trace.
 #include "controller/manager_state.h"
-#include "../support/allocator_fixture.h"
+#include "support/allocator_fixture.h"
 
 namespace velmora::test {
 namespace {
@@ -11,7 +11,7 @@ constexpr U32 kAllOnes = 0xFFFFFFFF;
 class Queries : public AllocatorTest
 {
 protected:
-    Queries() { ManagerTest::start(); }
+    Queries() { start(); }
 
     // 16 blocks of 4096 bytes from kFloatStart, three of them allocated.
     static U32 createUsed(const char* name = "BLKS")
