@@ -17,7 +17,7 @@ case $board_file in
 /*) ;;
 *) board_file=./$board_file ;;
 esac
-# shellcheck source=tests/target/boards/virt.conf
+# shellcheck source=/dev/null
 . "$board_file"
 
 [ "$((AREA_BYTES))" -ge "$((0x02000000))" ] || {

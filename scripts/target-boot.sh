@@ -4,7 +4,7 @@
 # The kernel's own messages come on the console above level "error" only; LOG keeps everything shown.
 #   TARGET_SECONDS   how long it may take; default 240
 #   TARGET_MEMORY    memory in MiB other than the board's
-#   TARGET_APPEND    more for the kernel's command line
+#   TARGET_COMMAND_LINE  more for the kernel's command line
 #   TARGET_INITRD    the initial RAM disk's address, other than the board's
 set -eu
 cd "$(dirname "$0")/.."
@@ -45,18 +45,18 @@ if [ "$DEVICE_TREE" != none ]; then
     device_tree
     set -- "$@" -dtb "$work/$board.dtb"
 fi
-append="console=$CONSOLE loglevel=3 log_buf_len=8M printk.devkmsg=on rcupdate.rcu_cpu_stall_timeout=120 watchdog_thresh=60"
-append="$append panic=1 oops=panic rdinit=/init $APPEND ${TARGET_APPEND:-}"
+line="console=$CONSOLE loglevel=3 log_buf_len=8M printk.devkmsg=on rcupdate.rcu_cpu_stall_timeout=120 watchdog_thresh=60"
+line="$line panic=1 oops=panic rdinit=/init $COMMAND_LINE ${TARGET_COMMAND_LINE:-}"
 initrd=${TARGET_INITRD:-$INITRD_ADDRESS}
 if [ -n "$initrd" ]; then
     set -- "$@" -device "loader,file=$initramfs,addr=$initrd,force-raw=on"
-    append="$append initrd=$initrd,$(stat -c %s "$initramfs")"
+    line="$line initrd=$initrd,$(stat -c %s "$initramfs")"
 else
     set -- "$@" -initrd "$initramfs"
 fi
 
 # shellcheck disable=SC2086
-timeout --kill-after=10 "$seconds" qemu-system-arm $QEMU "$@" -append "$append" </dev/null 2>&1 | tr -d '\r' | tee "$log"
+timeout --kill-after=10 "$seconds" qemu-system-arm $QEMU "$@" -append "$line" </dev/null 2>&1 | tr -d '\r' | tee "$log"
 if grep -E 'Oops|BUG:|WARNING:|Unable to handle|scheduling while atomic|lockdep|Kernel panic' "$log" >&2; then
     echo "target-boot.sh: the kernel reported trouble" >&2
     exit 1

@@ -91,7 +91,7 @@ cd "$root"
 # The headers name each other by the paths of an installed system.
 headers=usr/src/linux-headers-$release
 sed -i "s#/usr/src/#$root/usr/src/#" "$headers/Makefile"
-for link in $(find "$headers" "usr/src/$common" -maxdepth 1 -type l); do
+find "$headers" "usr/src/$common" -maxdepth 1 -type l | while IFS= read -r link; do
     to=$(readlink "$link")
     case $to in
     /*) ln -sfn "$root$to" "$link" ;;

@@ -41,6 +41,7 @@ extra=
 [ "$folder" = kernel/linux ] || extra="KBUILD_EXTRA_SYMBOLS=$place/Module.symvers"
 log=$place/$(basename "$folder").log
 status=0
+# shellcheck disable=SC2086
 ${MAKE:-make} --no-print-directory -C "$kdir" M="$tree/$folder" ARCH="${ARCH:-arm}" \
     CROSS_COMPILE="${CROSS_COMPILE:-arm-linux-gnueabihf-}" $extra modules >"$log" 2>&1 || status=$?
 cat "$log"

@@ -51,8 +51,9 @@ session_lines() {
 }
 {
     echo /bin/target-tests
-    # shellcheck disable=SC2046
-    session_lines $(cd "$image/sessions" && ls -- *.txt | sed 's/\.txt$//')
+    for script in "$image"/sessions/*.txt; do
+        session_lines "$(basename "$script" .txt)"
+    done
 } | run tests
 
 # Once more with the system calls that the oldest kernels have, a log without times, an initial RAM disk that the
@@ -61,7 +62,7 @@ session_lines() {
     board_values | sed 's/^AT_END=.*/AT_END=restart/'
     echo OLD_CALLS=yes
 } >"$image/etc/board"
-export TARGET_APPEND=printk.time=0 TARGET_INITRD="${INITRD_ADDRESS:-$((PHYS_OFFSET + RAM_BYTES - 0x4000000))}"
+export TARGET_COMMAND_LINE=printk.time=0 TARGET_INITRD="${INITRD_ADDRESS:-$((PHYS_OFFSET + RAM_BYTES - 0x4000000))}"
 {
     echo /bin/target-tests load_ unload_ log_ command_ mapping_ stack_
     session_lines mapping-and-memory print-run refusals

@@ -9,11 +9,11 @@ sources="kernel/linux/MM_Linux.c kernel/linux/MM_Export.c kernel/linux/boot/rese
     $(echo tests/target/modules/*/*.c)"
 rm -rf "$headers"
 # shellcheck disable=SC2086
-for header in $(sed -n 's/^#include <\(.*\)>/\1/p' $sources kernel/linux/MM_Compat.h tests/target/modules/compat.h | grep -E '^(linux|asm)/' | sort -u); do
+sed -n 's#^\#include <\(\(linux\|asm\)/.*\)>#\1#p' $sources kernel/linux/MM_Compat.h tests/target/modules/compat.h | sort -u | while read -r header; do
     mkdir -p "$headers/$(dirname "$header")"
     echo '#include "declarations.h"' >"$headers/$header"
 done
 # shellcheck disable=SC2086
 "${CROSS_COMPILE:-arm-linux-gnueabihf-}gcc" -fsyntax-only -std=gnu89 -Wall -Werror -Wstrict-prototypes -Wdeclaration-after-statement \
     -Wundef -Wno-address -ffreestanding -D__KERNEL__ -DMODULE -I"$headers" -Itests/target/old_kernel -Iinclude -Ikernel/mm/mm $sources
-echo "kernel sources: $(echo $sources | wc -w) files compile against the declarations of 2.6.35"
+echo "kernel sources: $(echo "$sources" | wc -w) files compile against the declarations of 2.6.35"
