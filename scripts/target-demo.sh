@@ -14,7 +14,7 @@ scripts/target-image.sh "$image" print-job
 
 # Ghostscript draws the pages; the job on the simulated controller does that on its way.
 echo "The job on the simulated controller, for its drawn pages:"
-build/bin/print-job ${DOC:+--document "$DOC"} --dpi "${DPI:-50}" --copies 1 --output "$demo" >"$work/demo-simulated.log" || {
+build/bin/print-job ${DOC:+--document "$DOC"} --dpi "${DPI:-$DEMO_DPI}" --copies 1 --output "$demo" >"$work/demo-simulated.log" || {
     cat "$work/demo-simulated.log" >&2
     exit 1
 }

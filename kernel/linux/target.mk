@@ -44,4 +44,4 @@ target-demo:
 	@scripts/setup.sh build demo target
 	@$(call preset,x86) --target print-job
 	@$(target-programs) target-init print-job
-	@DOC='$(DOC)' COPIES='$(or $(COPIES),3)' DPI='$(or $(TARGET_DPI),50)' scripts/target-demo.sh
+	@DOC='$(DOC)' COPIES='$(or $(COPIES),3)' DPI='$(TARGET_DPI)' scripts/target-demo.sh
