@@ -56,7 +56,7 @@ else
 fi
 
 # shellcheck disable=SC2086
-timeout --kill-after=10 "$seconds" qemu-system-arm $QEMU "$@" -append "$line" </dev/null 2>&1 | tr -d '\r' | tee "$log"
+QEMU_AUDIO_DRV=none timeout --kill-after=10 "$seconds" qemu-system-arm $QEMU "$@" -append "$line" </dev/null 2>&1 | tr -d '\r' | tee "$log"
 if grep -E 'Oops|BUG:|WARNING:|Unable to handle|scheduling while atomic|lockdep|Kernel panic' "$log" >&2; then
     echo "target-boot.sh: the kernel reported trouble" >&2
     exit 1
