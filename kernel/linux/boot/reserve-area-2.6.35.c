@@ -5,8 +5,7 @@
  * the board names velmora_mm_reserve in its MACHINE_START entry.
  *
  * 144 MiB at physical 16 MiB; with PAGE_OFFSET 0x94000000 and RAM from 0 the module is then loaded with
- * bigphysarea=95000000-9e000000. An initial RAM disk that the boot loader places in the stretch is lost, with a line
- * "INITRD: ... overlaps in-use memory region" at most.
+ * bigphysarea=95000000-9e000000. An initial RAM disk that the boot loader places in the stretch is dropped.
  */
 #include <linux/init.h>
 #include <linux/kernel.h>
