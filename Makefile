@@ -16,7 +16,7 @@ help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
 
 # Configures a preset once and builds it.
-preset = cmake --preset $(1) $(if $(wildcard build/$(1)/build.ninja),>/dev/null) && cmake --build --preset $(1)
+preset = cmake --preset $(1) $(if $(wildcard build/$(1)/build.ninja build/$(1)/programs/build.ninja),>/dev/null) && cmake --build --preset $(1)
 
 ## make build      everything hosted: build/bin/ (32-bit x86), build/arm/bin/ (ARMv7)
 build: build-x86 build-arm

@@ -6,10 +6,32 @@
 #       release     its release name            busybox     a shell for it
 # The packages are those of the machine's own lists, or of the Debian suite that is named; the folder is
 # build/target/kernel or build/target/kernel-SUITE.
+#   KERNEL=image KDIR=tree scripts/target-kernel.sh         the same for another kernel and the tree that it was built in:
+# build/target/kernel-given, with Debian's shell, or BUSYBOX=program.
 set -eu
 cd "$(dirname "$0")/.."
+. scripts/target-board.sh
 
 work=$PWD/build/target
+if [ -n "${KERNEL:-}${KDIR:-}" ]; then
+    if [ ! -f "${KERNEL:-}" ] || [ ! -f "${KDIR:-}/include/config/kernel.release" ]; then
+        echo "target-kernel.sh: KERNEL=${KERNEL:-} must be a kernel's image and KDIR=${KDIR:-} the tree that it was built in" >&2
+        exit 2
+    fi
+    kernel=$work/kernel-given
+    shell=${BUSYBOX:-$(KERNEL='' KDIR='' BOARD=virt scripts/target-kernel.sh)/busybox}
+    mkdir -p "$kernel"
+    ln -sfn "$(realpath "$KERNEL")" "$kernel/vmlinuz"
+    ln -sfn "$(realpath "$KDIR")" "$kernel/headers"
+    ln -sfn "$(realpath "$shell")" "$kernel/busybox"
+    cp "$KDIR/include/config/kernel.release" "$kernel/release"
+    echo "$kernel"
+    exit 0
+fi
+if [ "$KERNEL_IS" = given ]; then
+    echo "target-kernel.sh: the board $board needs KERNEL=image and KDIR=tree: there is no such kernel to be fetched" >&2
+    exit 2
+fi
 suite=${TARGET_SUITE:-}
 kernel=$work/kernel${suite:+-$suite}
 root=$work/root${suite:+-$suite}
@@ -69,7 +91,7 @@ cd "$root"
 # The headers name each other by the paths of an installed system.
 headers=usr/src/linux-headers-$release
 sed -i "s#/usr/src/#$root/usr/src/#" "$headers/Makefile"
-for link in $(find "$headers" "usr/src/$common" -maxdepth 1 -type l); do
+find "$headers" "usr/src/$common" -maxdepth 1 -type l | while IFS= read -r link; do
     to=$(readlink "$link")
     case $to in
     /*) ln -sfn "$root$to" "$link" ;;

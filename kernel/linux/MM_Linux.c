@@ -124,27 +124,27 @@ S32 MMP_RemapPfnRange(const TMMMapRequest* pstRequest, U32 ulPfn, U32 ulBytes, e
 
 /* The manager's entries in the kernel's structures ------------------------------------------------ */
 
-static int mm_open(struct inode* pstInode, struct file* pstFile)
+static int mml_open(struct inode* pstInode, struct file* pstFile)
 {
     return Velmora_MM_open();
 }
 
-static int mm_release(struct inode* pstInode, struct file* pstFile)
+static int mml_release(struct inode* pstInode, struct file* pstFile)
 {
     return Velmora_MM_release();
 }
 
-static ssize_t mm_read(struct file* pstFile, char __user* pcTo, size_t uCount, loff_t* pllOff)
+static ssize_t mml_read(struct file* pstFile, char __user* pcTo, size_t uCount, loff_t* pllOff)
 {
     return Velmora_MM_read();
 }
 
-static ssize_t mm_write(struct file* pstFile, const char __user* pcFrom, size_t uCount, loff_t* pllOff)
+static ssize_t mml_write(struct file* pstFile, const char __user* pcFrom, size_t uCount, loff_t* pllOff)
 {
     return Velmora_MM_write();
 }
 
-static int mm_mmap(struct file* pstFile, struct vm_area_struct* pstVma)
+static int mml_mmap(struct file* pstFile, struct vm_area_struct* pstVma)
 {
     TMMMapRequest stRequest = {
         .ulPgOff = pstVma->vm_pgoff,
@@ -159,16 +159,16 @@ static int mm_mmap(struct file* pstFile, struct vm_area_struct* pstVma)
     return slResult;
 }
 
-MMC_IOCTL_ENTRY(mm_ioctl, Velmora_MM_ioctl)
+MMC_IOCTL_ENTRY(mml_ioctl, Velmora_MM_ioctl)
 
 static const struct file_operations Velmora_MM_fops = {
     .owner = THIS_MODULE,
-    .read = mm_read,
-    .write = mm_write,
-    .MMC_IOCTL_SLOT = mm_ioctl,
-    .mmap = mm_mmap,
-    .open = mm_open,
-    .release = mm_release,
+    .read = mml_read,
+    .write = mml_write,
+    .MMC_IOCTL_SLOT = mml_ioctl,
+    .mmap = mml_mmap,
+    .open = mml_open,
+    .release = mml_release,
 };
 
 /* Device and proc file ---------------------------------------------------------------------------- */
@@ -197,12 +197,12 @@ void MMP_RemoveProc(const char* pcName)
 
 /* Module ------------------------------------------------------------------------------------------ */
 
-static int __init mm_init(void)
+static int __init mml_init(void)
 {
     return printer_mm_init();
 }
 
-static void __exit mm_exit(void)
+static void __exit mml_exit(void)
 {
     printer_mm_exit();
 }
@@ -211,5 +211,5 @@ module_param_string(bigphysarea, bigphysarea_info, BIGPHYSAREA_INFO_SIZE, 0);
 MODULE_PARM_DESC(bigphysarea, "Given BigPhysArea");
 MODULE_LICENSE("");
 
-module_init(mm_init);
-module_exit(mm_exit);
+module_init(mml_init);
+module_exit(mml_exit);

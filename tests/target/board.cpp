@@ -7,18 +7,63 @@
 #include <cstring>
 #include <fcntl.h>
 #include <fstream>
+#include <map>
 #include <sstream>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/sysmacros.h>
+#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "harness.hpp"
 
 namespace target {
+
+namespace {
+
+// The NAME=VALUE lines of the file that the controller was started with.
+std::map<std::string, std::string> boardValues()
+{
+    std::istringstream file(readFile("/etc/board"));
+    std::map<std::string, std::string> values;
+    for (std::string line; std::getline(file, line);)
+        if (const std::size_t sign = line.find('='); sign != line.npos)
+            values[line.substr(0, sign)] = line.substr(sign + 1);
+    return values;
+}
+
+Board readBoard()
+{
+    const std::map<std::string, std::string> values = boardValues();
+    const auto number = [&](const char* name) {
+        const auto value = values.find(name);
+        if (value == values.end())
+            throw Failure(std::string("/etc/board does not say ") + name);
+        return static_cast<std::uint32_t>(std::stoul(value->second, nullptr, 0));
+    };
+    return {number("PAGE_OFFSET"), number("PHYS_OFFSET"), number("RAM_BYTES"),
+            number("AREA_PHYS"),   number("AREA_BYTES"),  values.contains("OLD_CALLS")};
+}
+
+} // namespace
+
+const Board& board()
+{
+    static const Board described = readBoard();
+    return described;
+}
+
+bool kernelIsBefore(unsigned version, unsigned patchLevel)
+{
+    utsname name = {};
+    uname(&name);
+    unsigned thisVersion = 0, thisPatchLevel = 0;
+    std::sscanf(name.release, "%u.%u", &thisVersion, &thisPatchLevel);
+    return thisVersion != version ? thisVersion < version : thisPatchLevel < patchLevel;
+}
 
 std::string areaText(std::uint32_t start, std::uint32_t end)
 {
@@ -27,7 +72,10 @@ std::string areaText(std::uint32_t start, std::uint32_t end)
     return text;
 }
 
-int loadModule(const std::string& file, const std::string& parameters)
+namespace {
+
+// Kernels from 3.8 on take a module as a file.
+int loadFile(const std::string& file, const std::string& parameters)
 {
     const int module = open(file.c_str(), O_RDONLY | O_CLOEXEC);
     if (module < 0)
@@ -36,6 +84,19 @@ int loadModule(const std::string& file, const std::string& parameters)
     const int code = result < 0 ? -errno : 0;
     close(module);
     return code;
+}
+
+int loadImage(const std::string& image, const std::string& parameters)
+{
+    return syscall(SYS_init_module, image.data(), image.size(), parameters.c_str()) < 0 ? -errno : 0;
+}
+
+} // namespace
+
+int loadModule(const std::string& file, const std::string& parameters)
+{
+    const int code = board().oldCalls ? -ENOSYS : loadFile(file, parameters);
+    return code == -ENOSYS ? loadImage(readFile(file), parameters) : code;
 }
 
 int unloadModule(const std::string& name)
@@ -74,7 +135,7 @@ void makeNode()
 void needManager()
 {
     if (!moduleLoaded(kModuleName)) {
-        const int result = loadModule(kModuleFile, std::string("bigphysarea=") + kAreaText);
+        const int result = loadModule(kModuleFile, std::string("bigphysarea=") + board().areaText());
         if (result != 0)
             throw Failure("the module cannot be loaded: " + std::to_string(result));
     }
@@ -191,114 +252,6 @@ std::uint32_t memoryType(const void* address)
 {
     constexpr std::uint32_t kMemoryTypeBits = 0x3C;
     return pageTableEntry(address) & kMemoryTypeBits;
-}
-
-namespace {
-
-// A message without a line end stays open for more text, unseen, until the next one is printed.
-constexpr char kMark[] = "the test has read up to here";
-
-void closeLastMessage()
-{
-    const int file = open("/dev/kmsg", O_WRONLY | O_CLOEXEC);
-    [[maybe_unused]] const ssize_t written = write(file, kMark, sizeof kMark - 1);
-    close(file);
-}
-
-} // namespace
-
-KernelLog::KernelLog(From from) : file_(open("/dev/kmsg", O_RDONLY | O_NONBLOCK | O_CLOEXEC))
-{
-    if (file_ < 0)
-        throw Failure("cannot open /dev/kmsg");
-    closeLastMessage(); // it belongs to what was before
-    lseek(file_, 0, from == From::Now ? SEEK_END : SEEK_SET);
-}
-
-KernelLog::~KernelLog()
-{
-    close(file_);
-}
-
-namespace {
-
-// The kernel writes a byte that is no printable character as \xNN, and a backslash too.
-std::string unescaped(std::string_view text)
-{
-    std::string bytes;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        unsigned value;
-        if (text[i] == '\\' && i + 3 < text.size() && text[i + 1] == 'x' &&
-            std::sscanf(std::string(text.substr(i + 2, 2)).c_str(), "%2x", &value) == 1) {
-            bytes += static_cast<char>(value);
-            i += 3;
-        } else {
-            bytes += text[i];
-        }
-    }
-    return bytes;
-}
-
-// What a kernel says when the emulator was not given the processor for a while.
-bool isAboutTiming(const std::string& message)
-{
-    for (const char* const begin : {"hrtimer: interrupt took", "clocksource: ", "sched: ", "workqueue: ", "perf: "})
-        if (message.starts_with(begin))
-            return true;
-    return false;
-}
-
-} // namespace
-
-std::vector<std::string> KernelLog::take()
-{
-    closeLastMessage();
-    std::vector<std::string> messages;
-    char record[8192];
-    for (;;) {
-        const ssize_t got = read(file_, record, sizeof record);
-        if (got < 0 && errno == EPIPE)
-            throw Failure("the kernel log has lost messages");
-        if (got <= 0)
-            return messages;
-        const std::string_view whole(record, static_cast<std::size_t>(got));
-        const std::size_t begin = whole.find(';') + 1;
-        const std::string message = unescaped(whole.substr(begin, whole.find('\n', begin) - begin));
-        if (message != kMark && !isAboutTiming(message))
-            messages.push_back(message);
-    }
-}
-
-std::vector<std::string> troubles(const std::vector<std::string>& messages)
-{
-    static const char* const signs[] = {"Oops",
-                                        "BUG:",
-                                        "WARNING:",
-                                        "Unable to handle",
-                                        "scheduling while atomic",
-                                        "sleeping function",
-                                        "lockdep:",
-                                        "possible circular locking",
-                                        "inconsistent lock state",
-                                        "Call trace",
-                                        "Backtrace:",
-                                        "INFO: ",
-                                        "Internal error",
-                                        "soft lockup",
-                                        "hard LOCKUP",
-                                        "hung_task",
-                                        "blocked for more than",
-                                        "Bad page",
-                                        "kernel BUG at",
-                                        "Kernel panic"};
-    std::vector<std::string> found;
-    for (const std::string& message : messages)
-        for (const char* const sign : signs)
-            if (message.find(sign) != message.npos) {
-                found.push_back(message);
-                break;
-            }
-    return found;
 }
 
 std::string readFile(const std::string& path)

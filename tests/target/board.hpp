@@ -1,5 +1,4 @@
-// The emulated controller as the tests know it: its kernel's constants, the reserved area, the module, the device,
-// the kernel log.
+// The emulated controller as the tests know it: its kernel's constants, the reserved area, the module, the device.
 #pragma once
 
 #include <cstddef>
@@ -15,22 +14,31 @@
 namespace target {
 
 inline constexpr std::uint32_t kPageBytes = 4096;
-inline constexpr std::uint32_t kPageOffset = 0xC0000000; // of Debian's ARMv7 kernel
-inline constexpr std::uint32_t kPhysOffset = 0x40000000; // RAM of QEMU's virt machine
-inline constexpr std::uint32_t kRamBytes = 0x20000000;
-inline constexpr std::uint32_t kHighMemory = kPageOffset + kRamBytes;
-inline constexpr std::uint32_t kUserLimit = 0xBF000000;
 
-// What kernel/linux/velmora-mm-area.dtso reserves, and the module's parameter for it.
-inline constexpr std::uint32_t kAreaPhys = 0x50000000;
-inline constexpr std::uint32_t kAreaBytes = 0x09000000;
-inline constexpr std::uint32_t kAreaStart = kAreaPhys - kPhysOffset + kPageOffset;
-inline constexpr std::uint32_t kAreaEnd = kAreaStart + kAreaBytes;
-inline constexpr char kAreaText[] = "d0000000-d9000000";
 // The parameter text of an area.
 std::string areaText(std::uint32_t start, std::uint32_t end);
-inline constexpr std::uint32_t kManagedStart = kAreaStart + 0x100000;
-inline constexpr std::uint32_t kManagedEnd = kAreaEnd - 0x100000;
+
+// The board and its kernel, as tests/target/boards/NAME.conf describes them.
+struct Board {
+    std::uint32_t pageOffset; // kernel virtual address of the start of RAM
+    std::uint32_t physOffset; // its physical address
+    std::uint32_t ramBytes;
+    std::uint32_t areaPhys; // what is reserved
+    std::uint32_t areaBytes;
+    bool oldCalls; // use the system calls that the oldest kernels have, whatever this one has
+
+    std::uint32_t highMemory() const { return pageOffset + ramBytes; }
+    std::uint32_t userLimit() const { return pageOffset - 0x1000000; } // the kernel's modules lie between
+    std::uint32_t areaStart() const { return areaPhys - physOffset + pageOffset; }
+    std::uint32_t areaEnd() const { return areaStart() + areaBytes; }
+    std::uint32_t managedStart() const { return areaStart() + 0x100000; }
+    std::uint32_t managedEnd() const { return areaEnd() - 0x100000; }
+    std::string areaText() const { return target::areaText(areaStart(), areaEnd()); } // the module's parameter
+};
+const Board& board();
+
+// Whether the running kernel's version is lower, 3.5 being (3, 5).
+bool kernelIsBefore(unsigned version, unsigned patchLevel);
 
 inline constexpr char kModuleFile[] = "/lib/velmora_mm.ko";
 inline constexpr char kModuleName[] = "velmora_mm";
@@ -107,26 +115,6 @@ std::int64_t mapDevice(const Descriptor& device, std::uint32_t address, std::siz
 std::uint32_t physicalPage(const void* address);
 // The memory type bits of a user address's page table entry, 0 being uncached.
 std::uint32_t memoryType(const void* address);
-
-// Kernel log, by message. Without the newline at the end of a message: the kernel keeps a line end, not the byte.
-class KernelLog
-{
-public:
-    enum class From { Now, Boot };
-    explicit KernelLog(From from = From::Now);
-    KernelLog(const KernelLog&) = delete;
-    KernelLog& operator=(const KernelLog&) = delete;
-    ~KernelLog();
-
-    // Messages since the last call.
-    std::vector<std::string> take();
-
-private:
-    int file_;
-};
-
-// Messages that a healthy kernel never prints, out of the given ones.
-std::vector<std::string> troubles(const std::vector<std::string>& messages);
 
 std::string readFile(const std::string& path);
 

@@ -7,12 +7,11 @@
 
 #include "board.hpp"
 #include "harness.hpp"
+#include "kernel_log.hpp"
 
 using namespace target;
 
 namespace {
-
-using Lines = std::vector<std::string>;
 
 const char kReadRefused[] = "Velmora_MM_ioctl: Read access to user parameter buffer is failed.";
 const char kCopyFailed[] = "Velmora_MM_ioctl: From user buffer to kernel parameter copy is failed.";
@@ -97,7 +96,7 @@ void answersForAll(std::uint32_t (*addressFor)(const Command&), int code, const 
     KernelLog log;
     for (const Command& command : kCommands) {
         CHECK_EQUAL(device.commandAt(command.number, addressFor(command)), code);
-        CHECK_EQUAL(log.take(), Lines{message});
+        CHECK_LOGGED(log.take(), Lines{message});
     }
 }
 
@@ -108,7 +107,7 @@ TARGET_TEST(command_entry_builds_the_table_at_the_managed_start)
     needFreshManager();
     const Descriptor device;
     constexpr std::uint32_t sizes[] = {0x1000, 0x1000, 0x10000, 0x100000, 0x100000};
-    std::uint32_t address = kManagedStart;
+    std::uint32_t address = board().managedStart();
     for (std::uint8_t i = 0; i < 5; ++i) {
         TGetMCTInfo row = {};
         row.cfgid = i;
@@ -206,12 +205,12 @@ TARGET_TEST(command_delete_add_clear_segment_answer_0)
     needFreshManager();
     const auto device = std::make_unique<Descriptor>();
     KernelLog log;
-    TAddSegmentInfo add = {{'$', 'N', 'E', 'W'}, 4096, 0xD1000000, 0x5A, {1, 2, 3}};
+    TAddSegmentInfo add = {{'$', 'N', 'E', 'W'}, 4096, board().areaStart() + 0x1000000, 0x5A, {1, 2, 3}};
     CHECK_EQUAL(device->command(MM_CMD_ADD_SEGMENT, add), 0);
     CHECK_EQUAL(add.status, 0x5A);
-    CHECK_EQUAL(log.take(), Lines());
+    CHECK_LOGGED(log.take(), Lines());
 
-    const View first(*device, kManagedStart + 0x1000, 4096); // "$RJL"
+    const View first(*device, board().managedStart() + 0x1000, 4096); // "$RJL"
     first[17] = 0x77;
     TClearSegmentInfo clear = {{'$', 'R', 'J', 'L'}, 0, 0, 0, {}};
     CHECK_EQUAL(device->command(MM_CMD_CLEAR_SEGMENT, clear), 0);
@@ -295,9 +294,9 @@ TARGET_TEST(command_query_phys_addr_follows_this_kernel)
 {
     needFreshManager();
     const Descriptor device;
-    TQueryPhysAddrInfo info = {0xEE, {}, kAreaStart + 0x123456, 0};
+    TQueryPhysAddrInfo info = {0xEE, {}, board().areaStart() + 0x123456, 0};
     CHECK_EQUAL(device.command(MM_CMD_QUERY_PHYS_ADDR, info), 0);
-    CHECK_EQUAL(info.ulPhysAddr, kAreaPhys + 0x123456);
+    CHECK_EQUAL(info.ulPhysAddr, board().areaPhys + 0x123456);
     info.ulStart = 0;
     CHECK_EQUAL(device.command(MM_CMD_QUERY_PHYS_ADDR, info), EASSERT);
     CHECK_EQUAL(info.ulPhysAddr, 14u);
@@ -322,9 +321,9 @@ TARGET_TEST(unknown_commands_answer_0_and_read_nothing)
     const Descriptor device;
     KernelLog log;
     for (const std::uint32_t number : {0x52FFu, 0x530Fu, 0u, 0xFFFFFFFFu, 0x80045300u})
-        for (const std::uint32_t address : {0u, 8u, kPageOffset, 0xFFFFFFFFu})
+        for (const std::uint32_t address : {0u, 8u, board().pageOffset, 0xFFFFFFFFu})
             CHECK_EQUAL(device.commandAt(number, address), 0);
-    CHECK_EQUAL(log.take(), Lines());
+    CHECK_LOGGED(log.take(), Lines());
 }
 
 TARGET_TEST(records_at_odd_addresses_and_across_mapped_pages_are_taken)
@@ -333,11 +332,11 @@ TARGET_TEST(records_at_odd_addresses_and_across_mapped_pages_are_taken)
     const Descriptor device;
     const UserPages pages;
     for (std::uint32_t offset = kPageBytes - 11; offset < kPageBytes; ++offset) {
-        TQueryPhysAddrInfo info = {0, {}, kAreaStart + offset, 0};
+        TQueryPhysAddrInfo info = {0, {}, board().areaStart() + offset, 0};
         std::memcpy(pages.start + offset, &info, sizeof info);
         CHECK_EQUAL(device.commandAt(MM_CMD_QUERY_PHYS_ADDR, pages.end() - 2 * kPageBytes + offset), 0);
         std::memcpy(&info, pages.start + offset, sizeof info);
-        CHECK_EQUAL(info.ulPhysAddr, kAreaPhys + offset);
+        CHECK_EQUAL(info.ulPhysAddr, board().areaPhys + offset);
     }
 }
 
@@ -355,24 +354,25 @@ TARGET_TEST(pointer_whose_record_runs_into_a_missing_page_is_an_incomplete_copy)
 TARGET_TEST(pointer_to_the_last_bytes_below_the_limit_is_an_incomplete_copy)
 {
     unsigned char present;
-    if (mincore(reinterpret_cast<void*>(kUserLimit - kPageBytes), kPageBytes, &present) == 0)
+    if (mincore(reinterpret_cast<void*>(board().userLimit() - kPageBytes), kPageBytes, &present) == 0)
         return; // the stack lies there in one run out of some thousands
-    answersForAll([](const Command& command) { return kUserLimit - command.bytes; }, -EFAULT, kCopyFailed);
+    answersForAll([](const Command& command) { return board().userLimit() - command.bytes; }, -EFAULT, kCopyFailed);
 }
 
 TARGET_TEST(pointer_that_ends_above_the_limit_is_refused)
 {
-    answersForAll([](const Command& command) { return kUserLimit - command.bytes + 1; }, -EINVAL, kReadRefused);
+    answersForAll([](const Command& command) { return board().userLimit() - command.bytes + 1; }, -EINVAL,
+                  kReadRefused);
 }
 
 TARGET_TEST(pointer_into_the_kernel_is_refused)
 {
-    answersForAll([](const Command&) { return kPageOffset + 0x8000; }, -EINVAL, kReadRefused);
+    answersForAll([](const Command&) { return board().pageOffset + 0x8000; }, -EINVAL, kReadRefused);
 }
 
 TARGET_TEST(pointer_into_the_managed_area_is_refused)
 {
-    answersForAll([](const Command&) { return kManagedStart; }, -EINVAL, kReadRefused);
+    answersForAll([](const Command&) { return board().managedStart(); }, -EINVAL, kReadRefused);
 }
 
 TARGET_TEST(pointer_whose_record_wraps_is_refused)
@@ -396,7 +396,7 @@ TARGET_TEST(read_only_record_fails_at_the_copy_back_and_leaves_the_command_done)
     KernelLog log;
     const TMallocInfo info = {handle, 4096, 7, {}, 0};
     CHECK_EQUAL(run(MM_CMD_MALLOC, &info, sizeof info), -EFAULT);
-    CHECK_EQUAL(log.take(), Lines{kCopyFailed});
+    CHECK_LOGGED(log.take(), Lines{kCopyFailed});
     const TMMSegInfoWire entry = entryOf(device, handle);
     CHECK_EQUAL(entry.ulTotalAllocBlkNum, 1u);
     const TFreeInfo release = {handle, entry.pubEndAddr - 4096, 4096};
@@ -410,7 +410,7 @@ TARGET_TEST(read_only_record_fails_at_the_copy_back_and_leaves_the_command_done)
         log.take();
         CHECK_EQUAL(run(command.number, zeros, command.bytes), -EFAULT);
         const Lines lines = log.take();
-        CHECK(!lines.empty() && lines.back() == kCopyFailed);
+        CHECK(!lines.empty() && lines.back().ends_with(kCopyFailed));
     }
 }
 
@@ -425,7 +425,7 @@ TARGET_TEST(stack_segments_push_and_pop_in_order)
     CHECK_EQUAL(device.command(MM_CMD_MALLOC, first), 0);
     char expected[64];
     std::snprintf(expected, sizeof expected, "\r\n[MM] H(%u) Push Bef (5) after(8)", stack.hulHandle);
-    CHECK_EQUAL(log.take(), Lines{expected});
+    CHECK_LOGGED(log.take(), Lines{expected});
     TMallocInfo second = {stack.hulHandle, 4, 0, {}, 0};
     CHECK_EQUAL(device.command(MM_CMD_MALLOC, second), 0);
     CHECK_EQUAL(second.pubStart, first.pubStart - 4);

@@ -1,5 +1,5 @@
 // The first process of the emulated controller: mounts what a system has, runs the lines of /etc/run one by
-// one, says how that ended and switches off.
+// one, says how that ended and switches off, or restarts where /etc/board says so.
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -9,6 +9,7 @@
 #include <sys/mount.h>
 #include <sys/reboot.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,6 +37,22 @@ int run(const std::string& line)
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
+// Where the kernel does not fill /dev itself.
+void makeNodes()
+{
+    mknod("/dev/null", S_IFCHR | 0666, makedev(1, 3));
+    mknod("/dev/kmsg", S_IFCHR | 0600, makedev(1, 11));
+}
+
+bool endsWithRestart()
+{
+    std::ifstream board("/etc/board");
+    for (std::string line; std::getline(board, line);)
+        if (line == "AT_END=restart")
+            return true;
+    return false;
+}
+
 } // namespace
 
 int main()
@@ -46,6 +63,7 @@ int main()
     mount("sysfs", "/sys", "sysfs", 0, nullptr);
     mount("devtmpfs", "/dev", "devtmpfs", 0, nullptr);
     mount("tmpfs", "/tmp", "tmpfs", 0, nullptr);
+    makeNodes();
 
     setenv("PATH", "/bin", 1);
 
@@ -65,6 +83,6 @@ int main()
     std::fflush(stdout);
     sync();
     usleep(100000); // the last line is on its way through the serial port
-    reboot(RB_POWER_OFF);
+    reboot(endsWithRestart() ? RB_AUTOBOOT : RB_POWER_OFF);
     return 1;
 }

@@ -40,7 +40,7 @@ TARGET_TEST(load_script_loads_and_makes_the_node_for_the_group)
 {
     needNoManager();
     unlink(VELMORA_MM_DEVICE_NODE);
-    CHECK_EQUAL(shell(std::string("velmora-mm-load ") + kAreaText + " " + kModuleFile), 0);
+    CHECK_EQUAL(shell(std::string("velmora-mm-load ") + board().areaText() + " " + kModuleFile), 0);
     checkNode(VELMORA_MM_DEVICE_NODE, 0660, kGroup);
     unlink(VELMORA_MM_DEVICE_NODE);
     CHECK_EQUAL(shell("velmora-mm-load --node"), 0);
@@ -54,7 +54,9 @@ TARGET_TEST(load_script_says_why_it_failed_and_leaves_no_node)
 {
     needNoManager();
     unlink(VELMORA_MM_DEVICE_NODE);
-    CHECK_EQUAL(shell("velmora-mm-load " + areaText(kPageOffset, kAreaStart) + " " + kModuleFile + " 2>/tmp/why"), 1);
+    CHECK_EQUAL(shell("velmora-mm-load " + areaText(board().pageOffset, board().areaStart()) + " " + kModuleFile +
+                      " 2>/tmp/why"),
+                1);
     CHECK(readFile("/tmp/why").find("the module was refused") != std::string::npos);
     CHECK_EQUAL(shell("velmora-mm-load --node 2>/tmp/why"), 1);
     CHECK(readFile("/tmp/why").find("not in /proc/devices") != std::string::npos);

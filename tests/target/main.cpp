@@ -6,6 +6,7 @@
 
 #include "board.hpp"
 #include "harness.hpp"
+#include "kernel_log.hpp"
 
 namespace target {
 
@@ -49,7 +50,7 @@ int main(int count, char** arguments)
             outcome(test.name, test.run);
     outcome("kernel_log_is_free_of_trouble", [] {
         KernelLog log(KernelLog::From::Boot);
-        CHECK_EQUAL(troubles(log.take()), std::vector<std::string>());
+        CHECK_EQUAL(troubles(log.take()), Lines());
     });
     return failed == 0 ? 0 : 1;
 }

@@ -1,4 +1,4 @@
-"""Writes an initial RAM file system: make_initramfs.py OUTPUT PATH=FILE... (a PATH ending in / takes a folder's files).
+"""Writes an initial RAM file system: make_initramfs.py OUTPUT PATH=FILE... (a PATH ending in / takes a whole folder).
 
 The archive is made here because device nodes in it would need a privileged cpio.
 """
@@ -20,8 +20,10 @@ def main():
     for argument in sys.argv[2:]:
         path, source = argument.split("=", 1)
         if path.endswith("/"):
-            for name in sorted(os.listdir(source)):
-                files[path + name] = os.path.join(source, name)
+            for folder, _, names in sorted(os.walk(source)):
+                for name in sorted(names):
+                    file = os.path.join(folder, name)
+                    files[path + os.path.relpath(file, source)] = file
         else:
             files[path] = source
 

@@ -6,6 +6,7 @@ The simulated controller is driven while the script is written, so that most rel
 command of the script is one that stops a controller.
 """
 import random
+import re
 import struct
 import subprocess
 import sys
@@ -18,6 +19,10 @@ kept = []  # lines and their answers
 
 class Dropped(Exception):
     """The command would stop a controller; it is not part of the script."""
+
+
+class Unusable(Dropped):
+    """Nor is this one, and the library has to be started anew before others make sense."""
 
 
 class Machine:
@@ -42,16 +47,21 @@ class Machine:
 machine = Machine()
 
 
-def run(line):
+def restore():
+    """The machine as the kept lines leave it."""
     global machine
+    machine.stop()
+    machine = Machine()
+    for line, _ in kept:
+        machine.run(line)
+
+
+def run(line):
     answer = machine.run(line)
     stopped = answer[-1].startswith(("= hang", "= oops"))
     # A release that is refused leaves a lock held, with interrupts off: no script for a real controller.
     if stopped or "1" in machine.run("locks")[-1]:
-        machine.stop()
-        machine = Machine()
-        for earlier, _ in kept:
-            machine.run(earlier)
+        restore()
         raise Dropped
     kept.append((line, answer))
     return answer[-1][2:].strip()
@@ -69,6 +79,13 @@ class Segment:
 
 
 segments, number_of_names = [], 0
+ranges = []  # start and end of every segment's memory, and of every piece of the heap
+
+
+def read_ranges():
+    global ranges
+    found = [re.search(r"^(?:seg|piece) .* ?start=0x(\w+) end=0x(\w+)", line) for line in machine.run("dump")]
+    ranges = [(int(match[1], 16), int(match[2], 16)) for match in found if match]
 
 
 def create():
@@ -91,6 +108,7 @@ def create():
     if result == 0:
         handle = struct.unpack_from("<I", back, 16)[0]
         segments.append(Segment(handle, map_bits, block, stack, locked))
+        read_ranges()
 
 
 def allocate():
@@ -104,7 +122,13 @@ def allocate():
         handle = rng.choice([50, 77, 0xFFFFFFFF])
     result, back = ioctl(0x5302, struct.pack("<IIB3sI", handle, size, owner, b"\1\2\3", 0xFFFFFFFF))
     if result == 0:
-        segment.held.append((struct.unpack_from("<I", back, 12)[0], size, owner))
+        address = struct.unpack_from("<I", back, 12)[0]
+        # A piece of the heap that is shorter than a block counts its blocks below zero and gives out what is not its own.
+        if not any(start <= address and address + size <= end for start, end in ranges):
+            kept.pop()
+            restore()
+            raise Unusable
+        segment.held.append((address, size, owner))
 
 
 def release():
@@ -181,22 +205,30 @@ def fixed():
         ioctl(0x5305, struct.pack("<4sB", rng.choice([b"NONE", b"XXXX"]), 7))
 
 
-def start_library():
-    ioctl(0x5300, struct.pack("<Ii", rng.choice([0, 1, 2, 3, 0, 0, 4]), -1))
-    segments.clear()
-    create_until_one()
-
-
 def attempt(action):
     try:
         action()
+    except Unusable:
+        start_library((0, 1))
     except Dropped:
         pass
 
 
-def create_until_one():
-    while not segments:
+def start_library(options=(0, 1, 2, 3, 0, 0, 4)):
+    result, _ = ioctl(0x5300, struct.pack("<Ii", rng.choice(options), -1))
+    segments.clear()
+    if result != 0:  # nothing can be created then
         attempt(create)
+        ioctl(0x5300, struct.pack("<Ii", 0, -1))
+    create_one()
+
+
+def create_one():
+    for _ in range(100):
+        attempt(create)
+        if segments:
+            return
+    sys.exit(f"seed {seed}: no segment can be created")
 
 
 run('load "94000000-96000000"')
@@ -204,7 +236,7 @@ run(f'load "{START:x}-{END:x}"')
 ioctl(0x5308, struct.pack("<I", 1))
 ioctl(0x5308, struct.pack("<I", 0))
 ioctl(0x5300, struct.pack("<Ii", 0, -1))
-create_until_one()
+create_one()
 actions = {allocate: 45, release: 35, look: 12, memory: 8, create: 4, collect: 3, fixed: 2, bad_release: 1}
 for _ in range(count):
     attempt(start_library if rng.random() < 0.002 else rng.choices(list(actions), weights=list(actions.values()))[0])

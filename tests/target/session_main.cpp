@@ -21,6 +21,7 @@
 #include "controller/session_text.h"
 #include "board.hpp"
 #include "harness.hpp"
+#include "kernel_log.hpp"
 
 namespace target {
 
@@ -74,6 +75,39 @@ std::vector<std::size_t> addressFields(std::uint32_t command)
     }
 }
 
+std::string escaped(const std::string& text)
+{
+    std::string out;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        switch (c) {
+        case '\n': out += "\\n"; break;
+        case '\r': out += "\\r"; break;
+        case '\t': out += "\\t"; break;
+        case '"': out += "\\\""; break;
+        case '\\': out += "\\\\"; break;
+        default: out += byte < 0x20 || byte > 0x7E ? hex(byte, "\\x%02x") : std::string(1, c);
+        }
+    }
+    return out;
+}
+
+// What one line of a script answers, its messages without their line ends.
+struct Reply {
+    Lines log;
+    std::string answer;
+};
+
+// Both sides in the form that can be compared, as a session script's answers are written.
+Lines shownReply(const Reply& reply)
+{
+    Lines lines;
+    for (const std::string& message : comparable(reply.log))
+        lines.push_back("log \"" + escaped(message) + "\"");
+    lines.push_back(reply.answer);
+    return lines;
+}
+
 class Session
 {
 public:
@@ -85,19 +119,17 @@ public:
             throw Failure("the scratch memory is not to be had");
     }
 
-    // Messages and answer of one line.
-    std::vector<std::string> run(const std::vector<Word>& words)
+    Reply run(const std::vector<Word>& words)
     {
         words_ = words;
         next_ = 1;
         log_.take();
-        const std::string answer = "= " + runCommand(words.at(0).text);
-        std::vector<std::string> lines;
+        Reply reply;
+        reply.answer = "= " + runCommand(words.at(0).text);
         for (const std::string& message : log_.take())
             if (message.find("taint") == message.npos && message.find("module verification failed") == message.npos)
-                lines.push_back("log \"" + escaped(home(message)) + "\"");
-        lines.push_back(answer);
-        return lines;
+                reply.log.push_back(home(message));
+        return reply;
     }
 
 private:
@@ -105,15 +137,18 @@ private:
     bool more() const { return next_ < words_.size(); }
 
     bool inSimArea(std::uint32_t address) const { return simStart_ != 0 && address >= simStart_ && address <= simEnd_; }
-    bool inArea(std::uint32_t address) const { return simStart_ != 0 && address - kAreaStart <= simEnd_ - simStart_; }
+    bool inArea(std::uint32_t address) const
+    {
+        return simStart_ != 0 && address - board().areaStart() <= simEnd_ - simStart_;
+    }
     // To this controller's address, and home again to the script's.
     std::uint32_t here(std::uint32_t address) const
     {
-        return inSimArea(address) ? address - simStart_ + kAreaStart : address;
+        return inSimArea(address) ? address - simStart_ + board().areaStart() : address;
     }
     std::uint32_t home(std::uint32_t address) const
     {
-        return inArea(address) ? address - kAreaStart + simStart_ : address;
+        return inArea(address) ? address - board().areaStart() + simStart_ : address;
     }
 
     // Addresses in a message are 8 hexadecimal digits on both controllers.
@@ -133,9 +168,11 @@ private:
                 const bool upper =
                     std::any_of(message.begin() + static_cast<long>(i), message.begin() + static_cast<long>(end),
                                 [](char c) { return c >= 'A' && c <= 'F'; });
-                const bool nearPageOffset = simStart_ == 0 && value >= kPageOffset - 0x100000 && value < kHighMemory;
-                const std::uint32_t moved =
-                    value == kPageOffset || nearPageOffset ? value - kPageOffset + kSimPageOffset : home(value);
+                const bool nearPageOffset =
+                    simStart_ == 0 && value >= board().pageOffset - 0x100000 && value < board().highMemory();
+                const std::uint32_t moved = value == board().pageOffset || nearPageOffset
+                                                ? value - board().pageOffset + kSimPageOffset
+                                                : home(value);
                 // A number of digits only does not say which case its format has; the one format with capitals is the load's.
                 const bool capitals = upper || message.find("PAGE_OFFSET") != message.npos;
                 message.replace(i, 8, hex(moved, capitals ? "%08X" : "%08x"));
@@ -143,23 +180,6 @@ private:
             i = end;
         }
         return message;
-    }
-
-    static std::string escaped(const std::string& text)
-    {
-        std::string out;
-        for (const char c : text) {
-            const auto byte = static_cast<unsigned char>(c);
-            switch (c) {
-            case '\n': out += "\\n"; break;
-            case '\r': out += "\\r"; break;
-            case '\t': out += "\\t"; break;
-            case '"': out += "\\\""; break;
-            case '\\': out += "\\\\"; break;
-            default: out += byte < 0x20 || byte > 0x7E ? hex(byte, "\\x%02x") : std::string(1, c);
-            }
-        }
-        return out;
     }
 
     std::string runCommand(const std::string& command)
@@ -192,14 +212,16 @@ private:
         unsigned first = 0, second = 0;
         std::sscanf(text.c_str(), "%8x-%8x", &first, &second);
         const bool fits =
-            second > first && second - first <= kAreaBytes && first > kSimPageOffset && second <= kSimHighMemory;
-        const auto moved = [](std::uint32_t address) { return hex(address - kSimPageOffset + kPageOffset, "%08x"); };
+            second > first && second - first <= board().areaBytes && first > kSimPageOffset && second <= kSimHighMemory;
+        const auto moved = [](std::uint32_t address) {
+            return hex(address - kSimPageOffset + board().pageOffset, "%08x");
+        };
         std::string here = text;
         simStart_ = simEnd_ = 0;
         if (fits) {
             simStart_ = first;
             simEnd_ = second;
-            here = hex(kAreaStart, "%08x") + "-" + hex(kAreaStart + (second - first), "%08x");
+            here = hex(board().areaStart(), "%08x") + "-" + hex(board().areaStart() + (second - first), "%08x");
             clearArea(here);
         } else if (second != 0) {
             here = moved(first) + "-" +
@@ -211,7 +233,7 @@ private:
         if (result == 0) {
             makeNode();
             device_.emplace();
-            area_.emplace(*device_, kAreaStart, kAreaBytes);
+            area_.emplace(*device_, board().areaStart(), board().areaBytes);
         }
         return std::to_string(result);
     }
@@ -224,7 +246,7 @@ private:
         makeNode();
         {
             const Descriptor device;
-            const View view(device, kAreaStart, simEnd_ - simStart_);
+            const View view(device, board().areaStart(), simEnd_ - simStart_);
             std::memset(view.start(), 0, simEnd_ - simStart_);
         }
         CHECK_EQUAL(unloadModule(kModuleName), 0);
@@ -237,7 +259,7 @@ private:
         if (!braced) {
             std::uint32_t address = number();
             if (address >= kSimUserLimit - kPageBytes && address < kSimHighMemory)
-                address = address - kSimUserLimit + kUserLimit;
+                address = address - kSimUserLimit + board().userLimit();
             return std::to_string(device_->commandAt(command, address));
         }
         std::vector<std::uint8_t> record = velmora::sim::parseHex(words_.at(next_++).text);
@@ -253,7 +275,7 @@ private:
                 putWord(record, field, home(wordAt(record, field)));
         if (command == MM_CMD_QUERY_PHYS_ADDR && record.size() >= sizeof(TQueryPhysAddrInfo) &&
             wordAt(record, 8) != EASSERT)
-            putWord(record, 8, home(wordAt(record, 8) - kPhysOffset + kPageOffset) - kSimPageOffset);
+            putWord(record, 8, home(wordAt(record, 8) - board().physOffset + board().pageOffset) - kSimPageOffset);
         if (command == MM_CMD_GET_MST && record.size() >= sizeof(TGetMSTInfo) &&
             record[offsetof(TGetMSTInfo, status)] == 0) {
             // routine addresses are no business of a script's
@@ -275,7 +297,7 @@ private:
         if (inSimArea(address) && address != simEnd_)
             address = here(address);
         else if (address >= kSimHighMemory)
-            address = address - kSimHighMemory + kHighMemory; // as far beyond the RAM here
+            address = address - kSimHighMemory + board().highMemory(); // as far beyond the RAM here
         else
             throw NotForADevice("a mapping outside the area");
         const Descriptor device(more() ? O_SYNC : 0);
@@ -284,7 +306,8 @@ private:
             return std::to_string(start);
         void* const view = reinterpret_cast<void*>(static_cast<std::uintptr_t>(start));
         const std::uint32_t page =
-            (home(physicalPage(view) * kPageBytes - kPhysOffset + kPageOffset) - kSimPageOffset) / kPageBytes;
+            (home(physicalPage(view) * kPageBytes - board().physOffset + board().pageOffset) - kSimPageOffset) /
+            kPageBytes;
         const bool cached = memoryType(view) != 0;
         munmap(view, bytes);
         return "0 pfn=" + hex(page) + " size=" + hex(bytes) + " prot=" + (cached ? "cached" : "uncached");
@@ -349,13 +372,17 @@ private:
     std::size_t next_ = 0;
 };
 
-// The kernel keeps a message's line end as such, not as a byte.
-std::string withoutLineEnd(std::string line)
+// The simulated controller's next reply.
+Reply nextReply(std::istream& answers)
 {
-    constexpr std::string_view end = "\\n\"";
-    if (line.starts_with("log ") && line.ends_with(end) && !line.ends_with("\\\\n\""))
-        line.replace(line.size() - end.size(), end.size(), "\"");
-    return line;
+    Reply reply;
+    while (std::getline(answers, reply.answer) && !reply.answer.starts_with("=")) {
+        std::string message = velmora::sim::splitLine(reply.answer).at(1).text;
+        if (message.ends_with('\n'))
+            message.pop_back();
+        reply.log.push_back(message);
+    }
+    return reply;
 }
 
 int compare(const char* scriptFile, const char* answersFile)
@@ -372,13 +399,8 @@ int compare(const char* scriptFile, const char* answersFile)
         if (words.empty())
             continue;
         ++commands;
-        std::vector<std::string> expected;
-        for (std::string answer; std::getline(answers, answer);) {
-            expected.push_back(withoutLineEnd(answer));
-            if (answer.starts_with("="))
-                break;
-        }
-        const std::vector<std::string> actual = session.run(words);
+        const Lines expected = shownReply(nextReply(answers));
+        const Lines actual = shownReply(session.run(words));
         if (actual != expected) {
             std::printf("FAIL session %s\n    line %u: %s\n    here: %s\n    simulated: %s\n", scriptFile, number,
                         line.c_str(), shown(actual).c_str(), shown(expected).c_str());

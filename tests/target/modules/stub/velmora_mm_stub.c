@@ -5,10 +5,9 @@
  *   function=NAME answer=N     the function, and its answer
  *   major=N                    a character device that a module left behind; its number is given back at unload
  */
-#include <linux/fs.h>
 #include <linux/kprobes.h>
-#include <linux/module.h>
-#include <linux/sched.h>
+
+#include "../compat.h"
 
 static char *function;
 static int answer;
@@ -18,20 +17,27 @@ module_param(answer, int, 0);
 module_param(major, uint, 0);
 
 static pid_t process;
+static struct pt_regs at_entry; /* the process has one thread, and is not interrupted between the two handlers */
 
-/* Called before the function's first instruction: goes back to the caller at once. */
+/* Before the function's first instruction. */
 static int stub_enter(struct kprobe *probe, struct pt_regs *regs)
 {
-	if (current->tgid != process)
-		return 0;
-	regs->ARM_r0 = answer;
-	regs->ARM_pc = regs->ARM_lr;
-	return 1;
+	if (current->tgid == process)
+		at_entry = *regs;
+	return 0;
 }
 
-/* Only a probe with both handlers may change where it goes on. */
+/*
+ * After it: as if it had not been run, back to the caller. A handler that goes elsewhere before the first instruction
+ * has to tidy up after itself in some kernels and must not in others; this one has no part in that.
+ */
 static void stub_entered(struct kprobe *probe, struct pt_regs *regs, unsigned long flags)
 {
+	if (current->tgid != process)
+		return;
+	*regs = at_entry;
+	regs->ARM_r0 = answer;
+	regs->ARM_pc = regs->ARM_lr;
 }
 
 static struct kprobe probe = { .pre_handler = stub_enter, .post_handler = stub_entered };

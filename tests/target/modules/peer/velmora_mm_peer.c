@@ -7,11 +7,8 @@
 #include <linux/delay.h>
 #include <linux/kernel.h>
 #include <linux/kthread.h>
-#include <linux/module.h>
-#include <linux/proc_fs.h>
-#include <linux/timer.h>
-#include <linux/uaccess.h>
 
+#include "../compat.h"
 #include "MM.h"
 
 enum { PARTY_BLOCKS = 150, TIMER_BLOCKS_A_TICK = 5, BLOCK_BYTES = 4096, THREAD_OWNER = 2, TIMER_OWNER = 3 };
@@ -29,7 +26,6 @@ module_param(handle, uint, 0);
 
 static struct party thread_party, timer_party;
 static struct task_struct *thread;
-static struct timer_list timer;
 static bool stopping;
 static bool mapped; /* the segment records owners */
 static atomic_t failed = ATOMIC_INIT(0);
@@ -74,7 +70,10 @@ static int thread_work(void *unused)
 	return 0;
 }
 
-static void timer_work(struct timer_list *unused)
+static void timer_work(void);
+TEST_TIMER(timer, timer_work)
+
+static void timer_work(void)
 {
 	int i;
 
@@ -84,12 +83,12 @@ static void timer_work(struct timer_list *unused)
 		mod_timer(&timer, jiffies + 1);
 }
 
-#define EXPECT(condition)                                                       \
-	do {                                                                    \
-		if (!(condition)) {                                             \
+#define EXPECT(condition)                                                          \
+	do {                                                                       \
+		if (!(condition)) {                                                \
 			pr_err("velmora_mm_peer: %s does not hold\n", #condition); \
-			atomic_inc(&failed);                                    \
-		}                                                               \
+			atomic_inc(&failed);                                       \
+		}                                                                  \
 	} while (0)
 
 /* Every kind of exported call once, on the given segment and on the heap. */
@@ -98,7 +97,7 @@ static void survey(void)
 	TMMSegInfo entry;
 	TMSTInfo *summary = MM_ReadMST(handle);
 	U32 blocks = MM_GetTotBlk(handle), address, total, available, size;
-	U8 name[4] = {'$', 'R', 'J', 'L'};
+	U8 name[4] = { '$', 'R', 'J', 'L' };
 
 	EXPECT(MM_GetMST(handle, &entry) == 0);
 	EXPECT(entry.ulTotalBlkNum == blocks);
@@ -173,14 +172,14 @@ static ssize_t peer_read(struct file *file, char __user *to, size_t count, loff_
 {
 	char text[128];
 	int busy = READ_ONCE(thread_party.work) != IDLE || READ_ONCE(timer_party.work) != IDLE;
-	int length = scnprintf(text, sizeof(text), "busy=%d thread=%u timer=%u failed=%d allocated=%u\n", busy, thread_party.held,
-			       timer_party.held, atomic_read(&failed),
+	int length = scnprintf(text, sizeof(text), "busy=%d thread=%u timer=%u failed=%d allocated=%u\n", busy,
+			       thread_party.held, timer_party.held, atomic_read(&failed),
 			       handle < MAX_SEGTABLE_SIZE ? MM_GetInitTotBlk(handle) - MM_GetTotAvailBlk(handle) : 0);
 
 	return simple_read_from_buffer(to, count, offset, text, length);
 }
 
-static const struct proc_ops peer_ops = { .proc_read = peer_read, .proc_write = peer_write, .proc_lseek = default_llseek };
+TEST_PROC_FILE(velmora_mm_peer, peer_read, peer_write)
 
 static int __init peer_init(void)
 {
@@ -189,14 +188,14 @@ static int __init peer_init(void)
 	if (MM_GetMST(handle, &entry) != 0)
 		return -EINVAL;
 	mapped = entry.stInfoFromApp.ubMap != 0;
-	if (!proc_create("velmora_mm_peer", 0600, NULL, &peer_ops))
+	if (!create_velmora_mm_peer(0600))
 		return -ENOMEM;
 	thread = kthread_run(thread_work, NULL, "velmora_mm_peer");
 	if (IS_ERR(thread)) {
 		remove_proc_entry("velmora_mm_peer", NULL);
 		return PTR_ERR(thread);
 	}
-	timer_setup(&timer, timer_work, 0);
+	test_timer_prepare(timer);
 	mod_timer(&timer, jiffies + 1);
 	return 0;
 }
@@ -205,7 +204,7 @@ static void __exit peer_exit(void)
 {
 	remove_proc_entry("velmora_mm_peer", NULL);
 	WRITE_ONCE(stopping, true);
-	del_timer_sync(&timer);
+	test_timer_stop(timer);
 	kthread_stop(thread);
 }
 

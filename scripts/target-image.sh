@@ -1,0 +1,44 @@
+#!/bin/sh
+# Fills a folder with what every run on the emulated controller has: the first process, a shell, the module, the load
+# script, the group of the device node, the board's values; and the programs that are named, from build/target/bin/.
+#   [BOARD=NAME] scripts/target-image.sh FOLDER PROGRAM...
+set -eu
+cd "$(dirname "$0")/.."
+. scripts/target-board.sh
+work=build/target
+image=$1
+shift
+
+kernel=$(scripts/target-kernel.sh)
+rm -rf "$image"
+mkdir -p "$image/bin" "$image/lib" "$image/etc"
+# A module stripped of what it was debugged with.
+install_module() {
+    "${CROSS_COMPILE:-arm-linux-gnueabihf-}strip" -g -o "$image/lib/$(basename "$1")" "$1"
+}
+# Builds what it is given as target-module.sh does; the path that it printed last.
+build() {
+    KDIR=$kernel/headers STRICT=1 scripts/target-module.sh "$@" >"$work/module.log" || {
+        cat "$work/module.log" >&2
+        exit 1
+    }
+    tail -n 1 "$work/module.log"
+}
+module=$(build)
+install_module "$module"
+case " $* " in
+*" target-tests "*)
+    folder=$(build tests/target/modules)
+    for module in "$folder"/*/*.ko; do
+        install_module "$module"
+    done
+    ;;
+esac
+
+for program in target-init "$@"; do
+    "${CROSS_COMPILE:-arm-linux-gnueabihf-}strip" -o "$image/bin/$program" "$work/bin/$program"
+done
+mv "$image/bin/target-init" "$image/init"
+cp "$kernel/busybox" packaging/velmora-mm-load "$image/bin/"
+printf 'root:x:0:\nvelmora:x:77:\n' >"$image/etc/group"
+board_values >"$image/etc/board"
