@@ -81,9 +81,11 @@ format:
 
 ## make lint       fails on any finding of shellcheck (scripts) or clang-tidy (sources, functions above 60 lines included)
 lint: build-x86
-	@scripts/setup.sh lint
+	@scripts/setup.sh lint bench
 	@git ls-files '*.sh' packaging/velmora-mm-load | xargs shellcheck
-	@scripts/lint.py build/x86
+	@bench/packages.sh
+	@for preset in bench target; do cmake --preset $$preset >/dev/null || exit 1; done
+	@scripts/lint.py build/x86 build/bench build/target/programs
 
 ## make clean      removes build/
 clean:

@@ -19,7 +19,7 @@ namespace {
 
 template <class T> ManagerVariable entry(const char* name, T& variable, bool dumped)
 {
-    return {name, &variable, sizeof variable, dumped};
+    return {name, &variable, sizeof variable, dumped}; // NOLINT(bugprone-sizeof-expression): some are pointers
 }
 
 #define DUMPED(variable) entry(#variable, variable, true)

@@ -44,7 +44,7 @@ inline void prepare(CLI::App& app)
 // What is wrong with a command line, in one line.
 inline std::string mistakeIn(const CLI::App& app, const CLI::ParseError& error)
 {
-    const std::string text = error.what();
+    std::string text = error.what();
     const std::vector<std::string> extras = app.remaining(true);
     if (const std::size_t missing = text.find(": 1 required "); missing != text.npos)
         return text.substr(0, missing) + " lacks its value";

@@ -28,6 +28,7 @@
 #define MM_CONSTANT(name, value) MM_##name = (value)
 #else
 #define MM_TYPE(name) MM_##name, name
+/* NOLINTNEXTLINE(bugprone-macro-parentheses): an enumerator does not stand in any. */
 #define MM_CONSTANT(name, value) MM_##name = (value), name = (value)
 #endif
 

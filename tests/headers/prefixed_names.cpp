@@ -1,5 +1,5 @@
 // The same program in C++, and the client library's header in it.
-#include "prefixed_names.c"
+#include "prefixed_names.c" // NOLINT(bugprone-suspicious-include): the same program, in C++
 
 #include <velmora/device.hpp>
 

@@ -18,7 +18,10 @@ fi
 
 "$nm" "$manager" | awk 'NF == 3 && $2 ~ /[A-Z]/ { print $3 }' | sort -u >"$work/defined"
 "$nm" "$machine" | awk '$1 == "U" { print $2 }' | sort -u >"$work/undefined"
-[ -s "$work/defined" ] && [ -s "$work/undefined" ] || { echo "no symbols found"; exit 1; }
+if ! [ -s "$work/defined" ] || ! [ -s "$work/undefined" ]; then
+    echo "no symbols found"
+    exit 1
+fi
 # What the compiler emits for inline functions of the library may be in both.
 if comm -12 "$work/defined" "$work/undefined" | grep -vE '^_ZN?K?S|^__x86\.'; then
     echo "the machine refers to the manager"

@@ -16,7 +16,10 @@ derived='astRunIndex
 variables=$("$objdump" -tC "$archive" | sed -nE 's/^[0-9a-f]+ .{6}O (\*COM\*|\.t?(data|bss)(\.[^\t]*)?)\t[0-9a-f]+ (\.hidden )?/\1\t/p' |
     sed -nE '/^\.data\.rel\.ro/!s/^[^\t]*\t//p' | sort -u)
 listed=$(sed -nE 's/^    (NOT_)?DUMPED\((.*)\),$/\2/p' "$list" | sort -u)
-[ -n "$variables" ] && [ -n "$listed" ] || { echo "nothing found in $archive or $list"; exit 1; }
+if [ -z "$variables" ] || [ -z "$listed" ]; then
+    echo "nothing found in $archive or $list"
+    exit 1
+fi
 
 status=0
 known=$(printf '%s\n' "$listed" "$derived")

@@ -24,6 +24,7 @@ int run(const std::string& line)
         for (std::string word; words >> word;)
             arguments.push_back(word);
         std::vector<char*> pointers;
+        pointers.reserve(arguments.size() + 1);
         for (std::string& argument : arguments)
             pointers.push_back(argument.data());
         pointers.push_back(nullptr);

@@ -206,7 +206,7 @@ Lines KernelLog::takeLines()
     if (!fromBoot_)
         return linesOf(unreadText());
     fromBoot_ = false;
-    const Lines lines = linesOf(wholeText());
+    Lines lines = linesOf(wholeText());
     unreadText();
     return lines;
 }
