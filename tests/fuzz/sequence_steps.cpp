@@ -133,9 +133,12 @@ bool Sequence::canBeCleaned(U32 handle)
 void Sequence::collect(Segment& segment, const Record& record)
 {
     const U32 handle = segment.handle;
-    if (stSegTable[handle].stInfoFromApp.ubMap == 0 || (ordinary_ && !canBeCleaned(handle)))
+    const U8 mapBits = stSegTable[handle].stInfoFromApp.ubMap;
+    if (mapBits == 0 || (ordinary_ && !canBeCleaned(handle)))
         return;
-    const U8 owner = record.how < 16 ? record.owner : ownerFor(segment, record.owner);
+    // Any ID; one that is wider than the entries goes by their neighbours and releases what nobody allocated.
+    const U8 any = ordinary_ ? record.owner & ((1U << mapBits) - 1) : record.owner;
+    const U8 owner = record.how < 16 ? any : ownerFor(segment, record.owner);
     machine().faults.touchLimit = kCollectTouchLimit;
     perform("MM_CollectGarbage", handle, {handle, owner}, [=] { return MM_CollectGarbage(handle, owner); });
     forgetReleased(segment);
