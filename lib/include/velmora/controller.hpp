@@ -24,8 +24,8 @@
 namespace velmora::sim {
 
 struct ControllerOptions {
-    std::vector<std::string> arguments; // further options of velmora-controller: {"--ram", "64M"}
-    std::string program;                // which one, instead of looking for it
+    std::vector<std::string> arguments = {}; // further options of velmora-controller: {"--ram", "64M"}
+    std::string program = {};                // which one, instead of looking for it
 };
 
 class Controller
