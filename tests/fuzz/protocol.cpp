@@ -27,6 +27,21 @@ struct Packet {
     std::vector<std::byte> bytes;
 };
 
+// The manager trusts the handle of this command and looks wherever it leads: in memory of the kernel's, there as here.
+void keepInTheTable(std::vector<std::byte>& bytes)
+{
+    constexpr std::size_t end = sizeof(Command) + sizeof(U32);
+    if (bytes.size() < end)
+        return;
+    Command command;
+    std::memcpy(&command, bytes.data(), sizeof command);
+    U32 handle;
+    std::memcpy(&handle, bytes.data() + sizeof command, sizeof handle);
+    handle %= MAX_SEGTABLE_SIZE;
+    if (command.number == MM_CMD_CHECK_SEGMENT)
+        std::memcpy(bytes.data() + sizeof command, &handle, sizeof handle);
+}
+
 Packet nextPacket(const std::uint8_t*& data, std::size_t& size)
 {
     const std::uint8_t what = data[0];
@@ -50,6 +65,7 @@ Packet nextPacket(const std::uint8_t*& data, std::size_t& size)
         command.bytes = command.writable = static_cast<std::uint32_t>(packet.bytes.size() - sizeof command);
         std::memcpy(packet.bytes.data(), &command, sizeof command);
     }
+    keepInTheTable(packet.bytes);
     return packet;
 }
 
