@@ -157,7 +157,7 @@ void Machine::fitRam(U32 bytes)
     if (ramFile_ >= 0 && bytes == ramBytes_)
         return;
     Descriptor file(memfd_create("velmora-ram", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    if (file.number < 0 || ftruncate(file.number, bytes) != 0 ||
+    if (file.number < 0 || ftruncate(file.number, static_cast<off_t>(bytes)) != 0 ||
         fcntl(file.number, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0)
         noMemory();
     if (ramFile_ >= 0) {
@@ -182,7 +182,7 @@ void Machine::powerOn(U32 ramBytes)
         throw std::invalid_argument("RAM of the simulated controller is made of whole pages, up to 1 GiB of them");
     fitRam(ramBytes);
     // Punching out the whole file drops its pages: cheaper than writing zeros.
-    if (fallocate(ramFile_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, ramBytes_) != 0)
+    if (fallocate(ramFile_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(ramBytes_)) != 0)
         std::memset(at(kPageOffset), 0, ramBytes_);
     std::memset(at(kScratch), 0, kScratchBytes);
     faults = {};

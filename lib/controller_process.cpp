@@ -47,17 +47,17 @@ std::string findProgram()
             throw std::runtime_error(std::string("VELMORA_CONTROLLER is ") + chosen + ", which cannot be run");
         return chosen;
     }
-    if (const std::string program = besideThisProgram(); runs(program))
+    if (std::string program = besideThisProgram(); runs(program))
         return program;
     const char* const path = std::getenv("PATH");
     for (std::string_view folders = path != nullptr ? path : ""; !folders.empty();) {
         const std::size_t end = folders.find(':');
-        if (const std::string program = std::string(folders.substr(0, end)) + "/" + kProgram; runs(program))
+        if (std::string program = std::string(folders.substr(0, end)) + "/" + kProgram; runs(program))
             return program;
         folders.remove_prefix(end == folders.npos ? folders.size() : end + 1);
     }
 #ifdef VELMORA_CONTROLLER_FOLDER
-    if (const std::string program = std::string(VELMORA_CONTROLLER_FOLDER "/") + kProgram; runs(program))
+    if (std::string program = std::string(VELMORA_CONTROLLER_FOLDER "/") + kProgram; runs(program))
         return program;
 #endif
     throw std::runtime_error(
@@ -71,6 +71,7 @@ pid_t start(const std::string& program, const std::vector<std::string>& further,
     std::vector<std::string> words = {program, "--attach", std::to_string(kAttached), "--clients-may-fault"};
     words.insert(words.end(), further.begin(), further.end());
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);

@@ -211,7 +211,7 @@ std::size_t roomForClients()
     descriptors.rlim_cur = std::min(descriptors.rlim_max, most);
     setrlimit(RLIMIT_NOFILE, &descriptors);
     getrlimit(RLIMIT_NOFILE, &descriptors);
-    return static_cast<std::size_t>(std::min(descriptors.rlim_cur, most) - own);
+    return static_cast<std::size_t>(std::clamp(descriptors.rlim_cur, own + 1, most) - own);
 }
 
 // SIGTERM and SIGINT, as something to read.

@@ -59,6 +59,7 @@ public:
     {
         words.insert(words.begin(), program());
         std::vector<char*> arguments;
+        arguments.reserve(words.size() + 1);
         for (std::string& word : words)
             arguments.push_back(word.data());
         arguments.push_back(nullptr);
@@ -476,9 +477,9 @@ TEST(ControllerCommandLine, OfManyThatStartAtOnceOnADeadControllersSocketOneServ
         waitForSocket(socket);
         first.end(SIGKILL);
     }
-    std::vector<std::unique_ptr<Program>> all;
-    for (int i = 0; i < 8; ++i)
-        all.push_back(std::make_unique<Program>(folder, std::vector<std::string>{"--socket", socket}));
+    std::vector<std::unique_ptr<Program>> all(8);
+    for (auto& one : all)
+        one = std::make_unique<Program>(folder, std::vector<std::string>{"--socket", socket});
     waitForSocket(socket);
     int refused = 0;
     for (int i = 0; i < 7; ++i) { // whoever they are

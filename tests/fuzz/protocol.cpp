@@ -27,7 +27,7 @@ struct Packet {
     std::vector<std::byte> bytes;
 };
 
-// The manager trusts the handle of this command and looks wherever it leads: in memory of the kernel's, there as here.
+// The manager trusts the handle of these commands and looks wherever it leads: in memory of the kernel's, there as here.
 void keepInTheTable(std::vector<std::byte>& bytes)
 {
     constexpr std::size_t end = sizeof(Command) + sizeof(U32);
@@ -37,8 +37,9 @@ void keepInTheTable(std::vector<std::byte>& bytes)
     std::memcpy(&command, bytes.data(), sizeof command);
     U32 handle;
     std::memcpy(&handle, bytes.data() + sizeof command, sizeof handle);
-    handle %= MAX_SEGTABLE_SIZE;
-    if (command.number == MM_CMD_CHECK_SEGMENT)
+    if (command.number != MM_CMD_DISPLAY_MST || handle % 256 != MM_DISPLAY_ALL)
+        handle %= MAX_SEGTABLE_SIZE;
+    if (command.number == MM_CMD_CHECK_SEGMENT || command.number == MM_CMD_DISPLAY_MST)
         std::memcpy(bytes.data() + sizeof command, &handle, sizeof handle);
 }
 

@@ -11,7 +11,6 @@ namespace velmora::test {
 namespace {
 
 using namespace protocol;
-using sim::Machine;
 using sim::Peer;
 using sim::Reply;
 using sim::Service;
