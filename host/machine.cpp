@@ -291,16 +291,18 @@ static U32 userBytes(U32 address, U32 bytes, std::optional<U32> stopsAt)
 U32 Machine::copyFromUser(void* to, U32 from, U32 bytes)
 {
     const U32 copied = userBytes(from, bytes, faults.copyInStopsAt);
-    std::memcpy(to, at(from), copied);
+    if (copied != 0)
+        std::memcpy(to, at(from), copied);
     return bytes - copied;
 }
 
 U32 Machine::copyToUser(U32 to, const void* from, U32 bytes)
 {
     const U32 copied = userBytes(to, bytes, faults.copyOutStopsAt);
-    std::memcpy(at(to), from, copied);
-    if (copied != 0)
+    if (copied != 0) {
+        std::memcpy(at(to), from, copied);
         copiedOut_ = std::max(copiedOut_, to - kScratch + copied);
+    }
     return bytes - copied;
 }
 

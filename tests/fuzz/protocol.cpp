@@ -49,8 +49,8 @@ Packet nextPacket(const std::uint8_t*& data, std::size_t& size)
     const std::size_t wanted = data[1] | std::size_t(data[2]) << 8;
     const std::size_t bytes = std::min(wanted % 256, size - 3);
     Packet packet{what % kPeers, (what & 0x80) == 0, {}};
-    packet.bytes.resize(bytes);
-    std::memcpy(packet.bytes.data(), data + 3, bytes);
+    const auto* const start = reinterpret_cast<const std::byte*>(data) + 3;
+    packet.bytes.assign(start, start + bytes);
     data += 3 + bytes;
     size -= 3 + bytes;
     if ((what & 4) != 0) {
