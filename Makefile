@@ -10,7 +10,7 @@ FUZZ_SEED ?= $(shell date +%s)
 .DEFAULT_GOAL := help
 include kernel/linux/target.mk
 include bench/bench.mk
-.PHONY: help build build-x86 build-arm demo test test-x86 test-arm test-sanitize coverage fuzz format format-check lint clean
+.PHONY: help build build-x86 build-arm demo test test-x86 test-x86_64 test-arm test-sanitize coverage fuzz format format-check lint clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
@@ -34,13 +34,21 @@ demo: build-x86
 	@scripts/setup.sh demo
 	@build/bin/print-job $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo
 
-## make test       the gates (format-check, lint), then every test: x86, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the module on an emulated controller
-test: format-check lint test-x86 test-arm test-sanitize coverage test-target
+## make test       the gates (format-check, lint), then every test: x86, the client library in 64 bits, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the module on an emulated controller
+test: format-check lint test-x86 test-x86_64 test-arm test-sanitize coverage test-target
 	@echo "All tests passed"
 
 test-x86: build-x86
 	@scripts/setup.sh demo
 	ctest --preset x86
+
+# The client library in programs of this machine's word size, on the controller of the 32-bit build; once more with
+# ThreadSanitizer.
+test-x86_64: build-x86
+	@$(call preset,x86_64)
+	ctest --preset x86_64
+	@$(call preset,threads)
+	ctest --preset threads
 
 test-arm: build-arm
 	ctest --preset arm
@@ -60,7 +68,7 @@ coverage:
 	gcovr --root . --filter kernel/ --object-directory build/coverage --gcov-executable gcov-12 --exclude-throw-branches \
 	    --html-details build/coverage/report/index.html --fail-under-line 98 --print-summary --txt
 
-## make fuzz       random sequences with the run index and by walking, then libFuzzer's  [FUZZ_SECONDS=60 each, FUZZ_SEED=time]
+## make fuzz       random sequences with the run index and by walking, then libFuzzer's; the socket protocol  [FUZZ_SECONDS=60 each, FUZZ_SEED=time]
 fuzz: build-x86
 	@scripts/setup.sh fuzz
 	build/bin/fuzz-index --seed $(FUZZ_SEED) --seconds $(FUZZ_SECONDS)
@@ -68,6 +76,10 @@ fuzz: build-x86
 	@mkdir -p build/fuzz/corpus
 	cd build/fuzz && ASAN_OPTIONS=detect_leaks=0 bin/fuzz-index-target -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -rss_limit_mb=0 \
 	    -timeout=60 -print_final_stats=1 corpus
+	build/bin/fuzz-protocol --seed $(FUZZ_SEED) --runs $$(($(FUZZ_SECONDS) * 5000))
+	@mkdir -p build/fuzz/protocol-corpus
+	cd build/fuzz && ASAN_OPTIONS=detect_leaks=0 bin/fuzz-protocol-target -max_total_time=$(FUZZ_SECONDS) -max_len=2000 -rss_limit_mb=0 \
+	    -timeout=60 -print_final_stats=1 protocol-corpus $(CURDIR)/tests/fuzz/protocol-corpus
 
 ## make format-check  fails where a source is not as clang-format writes it;  make format: rewrites it
 formatted := git ls-files '*.c' '*.h' '*.cpp' '*.hpp'

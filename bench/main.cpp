@@ -8,6 +8,7 @@
 
 #include "tools/command_line.hpp"
 #include "measure.hpp"
+#include "socket_work.hpp"
 #include "workloads.hpp"
 
 namespace bench {
@@ -44,6 +45,7 @@ public:
         addCombs();
         addCleanUp();
         addDevice();
+        addSocket();
     }
 
     void run()
@@ -241,6 +243,15 @@ private:
                     [manager, path = path, count] {
                         return std::make_unique<DeviceWork>(manager.search, manager.discipline, path, count);
                     });
+    }
+
+    void addSocket()
+    {
+        const std::size_t count = operations(0) / 64;
+        add({.workload = "socket", .size = 1, .contender = "velmora"}, effort(),
+            [count] { return std::make_unique<SocketWork<SocketCommand>>(count); });
+        add({.workload = "socket", .size = 1, .contender = "socket-pair"}, effort(),
+            [count] { return std::make_unique<SocketWork<SocketPairTrip>>(count); });
     }
 
     Options options_;

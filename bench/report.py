@@ -11,14 +11,15 @@ import pathlib
 import subprocess
 import sys
 
-CONTENDERS = ["velmora", "velmora-walk", "stack", "boost-rbtree", "pmr-pool", "glibc", "mimalloc", "jemalloc"]
-COLOURS = dict(zip(CONTENDERS, ["#c1272d", "#e8888c", "#888888", "#1f4e9c", "#2e8b57", "#8a5a9e", "#d98e04", "#3aa6b9"]))
+CONTENDERS = ["velmora", "velmora-walk", "stack", "boost-rbtree", "pmr-pool", "glibc", "mimalloc", "jemalloc", "socket-pair"]
+COLOURS = dict(zip(CONTENDERS, ["#c1272d", "#e8888c", "#888888", "#1f4e9c", "#2e8b57", "#8a5a9e", "#d98e04", "#3aa6b9", "#888888"]))
 TITLES = {
     "print-job": "Print job: one allocation or release",
     "churn": "Churn: one allocation or release",
     "comb": "Comb: one allocation or release at the far end",
     "cleanup": "Clean-up: all runs of one owner",
     "device": "Device: one allocation or release",
+    "socket": "Controller in another process: one allocation or release",
 }
 
 
@@ -127,6 +128,9 @@ def checks(run):
     own, walk = (run.median(c, workload="cleanup") for c in ("velmora", "velmora-walk"))
     if own and walk:
         check("clean-up of 1,000 runs: time over the walk's", own / walk, 0.1)
+    own, trip = (run.median(c, workload="socket") for c in ("velmora", "socket-pair"))
+    if own and trip:
+        check("socket: command over the round trip of a socket pair", own / trip, 5)
     own = run.median("velmora", workload="print-job")
     others = [r["median_ns"] for r in run.rows(workload="print-job") if not r["contender"].startswith("velmora")]
     if own and others:

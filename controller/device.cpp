@@ -85,15 +85,15 @@ public:
 
 } // namespace
 
-void powerOn()
+void powerOn(std::uint32_t ramBytes)
 {
-    machine().powerOn();
+    machine().powerOn(ramBytes);
     resetManagerState();
 }
 
-void bootController(TAddr start, TAddr end)
+void bootController(TAddr start, TAddr end, std::uint32_t ramBytes)
 {
-    powerOn();
+    powerOn(ramBytes);
     std::snprintf(bigphysarea_info, sizeof bigphysarea_info, "%08x-%08x", start, end);
     if (const int result = runEntry("load", [] { return static_cast<U32>(printer_mm_init()); }))
         throw Error("load", result);

@@ -9,12 +9,12 @@
 namespace velmora::sim {
 
 // Switches the controller on: a cold machine, and the manager's data as its image has them. Nothing is loaded yet.
-// Throws as Machine::powerOn does.
-void powerOn();
+// ramBytes and what is thrown: as for Machine::powerOn.
+void powerOn(std::uint32_t ramBytes = 256U << 20);
 
 // Switches the controller on and loads the manager over [start, end] kernel virtual addresses (one mebibyte at each end
 // is kept out of the managed area). Comes before openDevice(). Throws Error when the load fails, and as powerOn().
-void bootController(TAddr start = 0x95000000, TAddr end = 0x9E000000);
+void bootController(TAddr start = 0x95000000, TAddr end = 0x9E000000, std::uint32_t ramBytes = 256U << 20);
 
 // Opens the device of the controller; bootController() comes first, otherwise this throws std::logic_error, and so does
 // a command on a controller that was switched on anew and not booted. Channels may be used by several threads: commands

@@ -150,32 +150,47 @@ Machine& machine()
     return instance;
 }
 
-void Machine::reserveAddressSpace()
+// The first power-on takes the addresses; a later one with another size exchanges the RAM. A file that cannot change
+// its size keeps the machine safe from whoever else has it.
+void Machine::fitRam(U32 bytes)
 {
-    Descriptor file(memfd_create("velmora-ram", MFD_CLOEXEC));
-    if (file.number < 0 || ftruncate(file.number, kRamBytes) != 0)
+    if (ramFile_ >= 0 && bytes == ramBytes_)
+        return;
+    Descriptor file(memfd_create("velmora-ram", MFD_CLOEXEC | MFD_ALLOW_SEALING));
+    if (file.number < 0 || ftruncate(file.number, static_cast<off_t>(bytes)) != 0 ||
+        fcntl(file.number, F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) != 0)
         noMemory();
-    Reservation ram(kPageOffset, kRamBytes, MAP_SHARED | MAP_NORESERVE, file.number);
-    Reservation scratch(kScratch, kScratchBytes, MAP_PRIVATE | MAP_ANONYMOUS, -1);
+    if (ramFile_ >= 0) {
+        munmap(at(kPageOffset), ramBytes_);
+        close(std::exchange(ramFile_, -1));
+    }
+    Reservation ram(kPageOffset, bytes, MAP_SHARED | MAP_NORESERVE, file.number);
+    if (!scratchReserved_) {
+        Reservation scratch(kScratch, kScratchBytes, MAP_PRIVATE | MAP_ANONYMOUS, -1);
+        scratch.keep();
+        scratchReserved_ = true;
+        catchFaults();
+    }
     ram.keep();
-    scratch.keep();
+    ramBytes_ = bytes;
     ramFile_ = std::exchange(file.number, -1);
-    catchFaults();
 }
 
-void Machine::powerOn()
+void Machine::powerOn(U32 ramBytes)
 {
-    if (ramFile_ < 0)
-        reserveAddressSpace();
+    if (ramBytes == 0 || ramBytes > kMostRamBytes || ramBytes % (1U << MMP_PAGE_SHIFT) != 0)
+        throw std::invalid_argument("RAM of the simulated controller is made of whole pages, up to 1 GiB of them");
+    fitRam(ramBytes);
     // Punching out the whole file drops its pages: cheaper than writing zeros.
-    if (fallocate(ramFile_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, kRamBytes) != 0)
-        std::memset(at(kPageOffset), 0, kRamBytes);
+    if (fallocate(ramFile_, FALLOC_FL_PUNCH_HOLE | FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(ramBytes_)) != 0)
+        std::memset(at(kPageOffset), 0, ramBytes_);
     std::memset(at(kScratch), 0, kScratchBytes);
     faults = {};
     log_.clear();
     locks_.fill(false);
     interruptsOff_ = false;
     lockTakes_ = cacheFlushes_ = touches_ = 0;
+    copiedOut_ = 0;
     devices_.clear();
     procEntries_.clear();
 }
@@ -190,6 +205,7 @@ Outcome Machine::run(const std::function<U32()>& command)
         return currentOutcome;
     }
     currentCommand = &place;
+    copiedOut_ = 0;
     lastTouch_ = faults.touchLimit ? touches_ + *faults.touchLimit : ~0UL;
     const U32 value = command();
     currentCommand = nullptr;
@@ -213,15 +229,15 @@ std::vector<std::string> Machine::takeLog()
 
 bool Machine::exists(U32 address, U32 bytes)
 {
-    return inside(address, bytes, kPageOffset, kRamBytes) || inside(address, bytes, kScratch, kScratchBytes);
+    return inside(address, bytes, kPageOffset, ramBytes_) || inside(address, bytes, kScratch, kScratchBytes);
 }
 
 std::optional<U32> Machine::firstMissing(U32 address, U32 bytes)
 {
     if (bytes == 0 || exists(address, bytes))
         return std::nullopt;
-    if (inside(address, 1, kPageOffset, kRamBytes))
-        return kHighMemory;
+    if (inside(address, 1, kPageOffset, ramBytes_))
+        return highMemory();
     if (inside(address, 1, kScratch, kScratchBytes))
         return kScratch + kScratchBytes;
     return address;
@@ -230,7 +246,7 @@ std::optional<U32> Machine::firstMissing(U32 address, U32 bytes)
 std::vector<Machine::Stretch> Machine::usedRam() const
 {
     std::vector<Stretch> found;
-    for (off_t end = 0; end < static_cast<off_t>(kRamBytes);) {
+    for (off_t end = 0; end < static_cast<off_t>(ramBytes_);) {
         const off_t start = lseek(ramFile_, end, SEEK_DATA);
         if (start < 0)
             break;
@@ -275,14 +291,18 @@ static U32 userBytes(U32 address, U32 bytes, std::optional<U32> stopsAt)
 U32 Machine::copyFromUser(void* to, U32 from, U32 bytes)
 {
     const U32 copied = userBytes(from, bytes, faults.copyInStopsAt);
-    std::memcpy(to, at(from), copied);
+    if (copied != 0)
+        std::memcpy(to, at(from), copied);
     return bytes - copied;
 }
 
 U32 Machine::copyToUser(U32 to, const void* from, U32 bytes)
 {
     const U32 copied = userBytes(to, bytes, faults.copyOutStopsAt);
-    std::memcpy(at(to), from, copied);
+    if (copied != 0) {
+        std::memcpy(at(to), from, copied);
+        copiedOut_ = std::max(copiedOut_, to - kScratch + copied);
+    }
     return bytes - copied;
 }
 

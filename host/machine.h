@@ -33,8 +33,9 @@
 namespace velmora::sim {
 
 inline constexpr U32 kPageOffset = 0x94000000;
-inline constexpr U32 kRamBytes = 0x10000000;
-inline constexpr U32 kHighMemory = kPageOffset + kRamBytes;
+inline constexpr U32 kRamBytes = 0x10000000;                // unless the machine is switched on with another size
+inline constexpr U32 kHighMemory = kPageOffset + kRamBytes; // with that size
+inline constexpr U32 kMostRamBytes = 0x40000000;            // that a 32-bit process has room for beside everything else
 inline constexpr U32 kScratch = 0x10000000;
 inline constexpr U32 kScratchBytes = 0x10000;
 inline constexpr U32 kUserLimit = 0x93000000;
@@ -76,15 +77,23 @@ struct MapTarget {
 class Machine
 {
 public:
-    // Cold start: RAM and scratch zero, log empty, no lock held, no device, no fault. Throws std::runtime_error when this
-    // process has other things at the controller's addresses, std::system_error when there is no memory.
-    void powerOn();
+    // Cold start: RAM and scratch zero, log empty, no lock held, no device, no fault. ramBytes: whole pages, up to
+    // kMostRamBytes, otherwise std::invalid_argument. Throws std::runtime_error when this process has other things at the
+    // controller's addresses, std::system_error when there is no memory. With another size than before, mappings of the
+    // RAM that other processes have stay with the old one.
+    void powerOn(U32 ramBytes = kRamBytes);
 
     // Runs one command of the manager. Nested runs are not supported. std::logic_error before the first power-on.
     Outcome run(const std::function<U32()>& command);
 
     // Messages of the kernel log since the last call, one for each printk, every byte kept.
     std::vector<std::string> takeLog();
+
+    // From power-on to power-on: size of RAM, kernel virtual address of its end, and the memory file that it is, which
+    // nobody can make smaller or larger.
+    static U32 ramBytes() { return ramBytes_; }
+    static U32 highMemory() { return kPageOffset + ramBytes_; }
+    int ramFile() const { return ramFile_; }
 
     // True when all bytes of [address, address + bytes) are RAM or all are scratch memory. bytes above 0.
     static bool exists(U32 address, U32 bytes);
@@ -96,6 +105,8 @@ public:
     bool interruptsOff() const { return interruptsOff_; }
     unsigned long lockTakes() const { return lockTakes_; }
     unsigned long cacheFlushes() const { return cacheFlushes_; }
+    // Bytes from the scratch area's start that copies to user memory reached since the last command began.
+    U32 copiedOut() const { return copiedOut_; }
     // Accesses to managed memory that the manager announced.
     unsigned long touches() const { return touches_; }
 
@@ -126,15 +137,18 @@ public:
     void flushCache() { ++cacheFlushes_; }
 
 private:
-    void reserveAddressSpace();
+    void fitRam(U32 bytes);
     [[noreturn]] void stop(const Outcome& outcome);
 
+    static inline U32 ramBytes_ = kRamBytes;
     int ramFile_ = -1;
+    bool scratchReserved_ = false;
     std::vector<std::string> log_;
     std::array<bool, MM_LOCK_NUM> locks_{};
     bool interruptsOff_ = false;
     unsigned long lockTakes_ = 0;
     unsigned long cacheFlushes_ = 0;
+    U32 copiedOut_ = 0;
     unsigned long touches_ = 0;
     unsigned long lastTouch_ = ~0UL; // of the running command
     std::map<S32, std::string> devices_;

@@ -100,12 +100,12 @@ U32 MMP_PhysOffset(void)
 
 U32 MMP_HighMemory(void)
 {
-    return velmora::sim::kHighMemory;
+    return velmora::sim::Machine::highMemory();
 }
 
 BOOL MMP_PfnValid(U32 ulPfn)
 {
-    return machine().faults.everyPageIsRam || ulPfn < velmora::sim::kRamBytes >> MMP_PAGE_SHIFT;
+    return machine().faults.everyPageIsRam || ulPfn < velmora::sim::Machine::ramBytes() >> MMP_PAGE_SHIFT;
 }
 
 void MMP_FlushCacheAll(void)

@@ -1,14 +1,17 @@
-// The device reached through its node: a real kernel's.
+// The device reached through its node, a real kernel's; and which way to the device a name means.
 #define _FILE_OFFSET_BITS 64 // the mapping offset is an address above 2 GiB
 
 #include <cerrno>
+#include <cstdlib>
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <string_view>
 #include <system_error>
 #include <unistd.h>
 
 #include <velmora/device.hpp>
+#include "lib/socket_channel.hpp"
 
 namespace velmora {
 
@@ -70,6 +73,13 @@ private:
 
 std::unique_ptr<Channel> openNode(const std::string& path)
 {
+    constexpr std::string_view socket = "unix:";
+    if (path.empty()) {
+        const char* const chosen = secure_getenv("VELMORA_MM_DEVICE");
+        return openNode(chosen != nullptr && *chosen != 0 ? chosen : VELMORA_MM_DEVICE_NODE);
+    }
+    if (path.starts_with(socket))
+        return openSocket(path.substr(socket.size()));
     return std::make_unique<NodeChannel>(path);
 }
 

@@ -4,7 +4,7 @@
 set -eu
 cd "$1"
 header=include/velmora_mm/velmora_mm.h
-set -- -Wall -Wextra -Werror -fsyntax-only -Iinclude -Ilib/include
+set -- -Wall -Wextra -Werror -fsyntax-only -I. -Iinclude -Ilib/include
 for names in "" -DVELMORA_MM_PREFIXED_NAMES; do
     for standard in gnu89 c99 c11; do
         gcc-12 "$@" ${names:+"$names"} -std=$standard -x c "$header"
@@ -12,7 +12,7 @@ for names in "" -DVELMORA_MM_PREFIXED_NAMES; do
     for standard in c++11 c++20; do
         g++-12 "$@" ${names:+"$names"} -std=$standard -x c++ "$header"
     done
-    g++-12 "$@" ${names:+"$names"} -std=c++20 lib/device.cpp lib/node.cpp
+    g++-12 "$@" ${names:+"$names"} -std=c++20 lib/*.cpp
 done
 for standard in gnu89 c11; do
     gcc-12 "$@" -std=$standard tests/headers/prefixed_names.c

@@ -1,5 +1,8 @@
 // The simulated machine: that it fails where a real one would, and says what happened.
 
+#include <stdexcept>
+#include <unistd.h>
+
 #include "support/manager_fixture.h"
 
 namespace velmora::test {
@@ -112,6 +115,43 @@ TEST_F(TheMachine, DevicesGetMajorsFrom254Down)
     EXPECT_EQ(machine().devices().size(), 2u);
     MMP_UnregisterChrdev(254, "one");
     EXPECT_EQ(MMP_RegisterChrdev("three"), 254);
+}
+
+TEST_F(TheMachine, RamHasTheSizeThatItIsSwitchedOnWith)
+{
+    machine().powerOn(0x20000000);
+    EXPECT_EQ(MMP_HighMemory(), 0xB4000000u);
+    EXPECT_TRUE(MMP_PfnValid(0x1FFFF));
+    EXPECT_FALSE(MMP_PfnValid(0x20000));
+    *at(0xB3FFFFFF) = 0x77;
+    machine().powerOn(0x1000);
+    EXPECT_EQ(Machine::firstMissing(0x94000000, 0x1001), 0x94001000u);
+    const Outcome end = machine().run([] { return static_cast<U32>(*const_cast<volatile U8*>(at(0x94001000))); });
+    EXPECT_EQ(end.kind, Outcome::Kind::Oops);
+    machine().powerOn();
+    EXPECT_EQ(MMP_HighMemory(), 0xA4000000u);
+    EXPECT_EQ(*at(0xA3FFFFFF), 0);
+}
+
+TEST_F(TheMachine, RamIsMadeOfWholePages)
+{
+    for (const U32 bytes : {0u, 1u, 0x1001u, 0x40001000u})
+        EXPECT_THROW(machine().powerOn(bytes), std::invalid_argument);
+}
+
+TEST_F(TheMachine, NobodyWhoHasTheRamsFileCanChangeItsSize)
+{
+    EXPECT_NE(ftruncate(machine().ramFile(), 0), 0);
+    EXPECT_NE(ftruncate(machine().ramFile(), 0x20000000), 0);
+}
+
+TEST_F(TheMachine, CopiesOutAreCountedForEachCommand)
+{
+    const U32 record = 0;
+    machine().run([&] { return MMP_CopyToUser(sim::kScratch + 4, &record, 4); });
+    EXPECT_EQ(machine().copiedOut(), 8u);
+    machine().run([&] { return MMP_CopyToUser(sim::kScratch + sim::kScratchBytes, &record, 4); });
+    EXPECT_EQ(machine().copiedOut(), 0u);
 }
 
 TEST_F(TheMachine, AStopOutsideACommandEndsTheProcessWithAReport)

@@ -45,8 +45,20 @@ public:
 
     int result() const { return result_; }
 
+protected:
+    Error(int result, const std::string& sentence) : std::runtime_error(sentence), result_(result) {}
+
 private:
     int result_;
+};
+
+// The controller behind a socket is gone, or its answer cannot be understood: what() is its report where it left one.
+// Every further call of the same channel fails so.
+class ConnectionError : public Error
+{
+public:
+    // result: a negative kernel code, -EPIPE.
+    ConnectionError(int result, const std::string& sentence) : Error(result, sentence) {}
 };
 
 enum class Caching { Cached, Uncached };
@@ -140,7 +152,12 @@ private:
     std::shared_ptr<Channel> channel_; // its views hold it as well
 };
 
-// Opens a device node; throws std::system_error when it cannot be opened.
-std::unique_ptr<Channel> openNode(const std::string& path = VELMORA_MM_DEVICE_NODE);
+// Opens the device: a node by its path, or the device of a simulated controller by "unix:SOCKET" ("unix:" alone: where a
+// controller listens unless it is told otherwise). Without a path: what $VELMORA_MM_DEVICE says in the same words, else
+// /dev/Velmora_MM. Throws std::system_error when it cannot be opened; what() says why in a sentence.
+//
+// A channel may be used by several threads; commands run one at a time. It is not for both sides of a fork: the child
+// opens its own.
+std::unique_ptr<Channel> openNode(const std::string& path = {});
 
 } // namespace velmora

@@ -1,0 +1,74 @@
+// A private simulated controller for a program of any word size: the process velmora-controller, on a socket in a temporary
+// folder, started here and gone with this object.
+//
+//   velmora::sim::Controller controller;
+//   velmora::Device device(controller.open());
+//   device.buildTable();
+//
+// The program is looked for, in this order: $VELMORA_CONTROLLER, beside this program, in PATH, and where it was installed.
+// It ends with this process however that ends; a child of this process that was forked and runs no other program holds it
+// as well. What it reports, it reports on this program's standard error.
+//
+// One thread at a time may use a Controller; channels that it opened go their own ways.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+#include <velmora/device.hpp>
+
+namespace velmora::sim {
+
+struct ControllerOptions {
+    std::vector<std::string> arguments = {}; // further options of velmora-controller: {"--ram", "64M"}
+    std::string program = {};                // which one, instead of looking for it
+};
+
+class Controller
+{
+public:
+    // Starts a controller and returns when clients may come. Throws std::runtime_error with a sentence when it cannot be
+    // found or does not start.
+    explicit Controller(const ControllerOptions& options = {});
+    Controller(const Controller&) = delete;
+    Controller& operator=(const Controller&) = delete;
+    ~Controller();
+
+    const std::string& socket() const { return socket_; }
+    std::string device() const { return "unix:" + socket_; } // for openNode() and $VELMORA_MM_DEVICE
+    pid_t process() const { return process_; }
+
+    // Opens its device; throws as openNode() does.
+    std::unique_ptr<Channel> open() const { return openNode(device()); }
+
+    // The nth call of a device command from now on, counted from 1, is given the answer without reaching the manager: a code
+    // of the manager or a negative kernel code. nth 0: every call. The next two: the same for open and mmap.
+    void failNth(std::uint32_t command, std::uint32_t nth, int answer);
+    void failNthOpen(std::uint32_t nth, int answer);
+    void failNthMap(std::uint32_t nth, int answer);
+    void forgetFaults();
+
+    // Messages of the kernel log since the start or the last call, one for each printk; all that commands which have
+    // returned printed is there. Throws std::runtime_error when the log outran this reader.
+    std::vector<std::string> takeLog();
+
+    // Ends the controller now, as the destructor would; its exit status, or minus the signal that ended it. Every later
+    // call of the channels fails with ConnectionError. Once only.
+    int stop();
+
+private:
+    struct Connections;
+
+    void fail(std::uint32_t what, std::uint32_t nth, int answer);
+
+    std::string socket_;
+    pid_t process_ = -1;
+    int lifeline_ = -1;
+    std::unique_ptr<Connections> connections_;
+};
+
+} // namespace velmora::sim
