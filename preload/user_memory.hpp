@@ -1,0 +1,13 @@
+// The program's own memory as a kernel copies it: what is not there ends the copy, and harms nobody.
+#pragma once
+
+#include <cstddef>
+
+namespace velmora::preload {
+
+// Each returns how many bytes from the first on could be copied. Where the kernel does not let a process do this (a seccomp
+// filter), memory is taken to be there. Keep errno.
+std::size_t copyFromUser(void* to, const void* user, std::size_t bytes);
+std::size_t copyToUser(void* user, const void* from, std::size_t bytes);
+
+} // namespace velmora::preload
