@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 using namespace velmora::preload;
@@ -35,6 +36,8 @@ Next<int(const char*, int)> nextAccess("access");
 Next<int(const char*, int)> nextEuidaccess("euidaccess");
 Next<int(int, const char*, int, int)> nextFaccessat("faccessat");
 Next<int(int, const char*, int, unsigned, struct statx*)> nextStatx("statx");
+Next<ssize_t(const char*, const char*, void*, size_t)> nextGetxattr("getxattr");
+Next<ssize_t(const char*, const char*, void*, size_t)> nextLgetxattr("lgetxattr");
 
 bool isEmpty(const char* path)
 {
@@ -158,4 +161,15 @@ VELMORA_HOOK int statx(int folder, const char* path, int flags, unsigned mask, s
         return 0;
     errno = -result;
     return -1;
+}
+
+// ls asks for access control lists.
+VELMORA_HOOK ssize_t getxattr(const char* path, const char* name, void* value, size_t room) noexcept
+{
+    return nextGetxattr(isNode(AT_FDCWD, path) ? controllerSocket() : path, name, value, room);
+}
+
+VELMORA_HOOK ssize_t lgetxattr(const char* path, const char* name, void* value, size_t room) noexcept
+{
+    return nextLgetxattr(isNode(AT_FDCWD, path) ? controllerSocket() : path, name, value, room);
 }

@@ -5,6 +5,7 @@
 #include "controller/session.h"
 #include "area.h"
 #include "command_line.hpp"
+#include "run.hpp"
 
 namespace {
 
@@ -75,22 +76,32 @@ int main(int count, char** arguments)
     areaCommand->set_help_flag();
     areaCommand->prefix_command();
 
+    CLI::App* const runCommand =
+        app.add_subcommand("run", "runs a program that knows only /dev/Velmora_MM on a simulated controller");
+    runCommand->set_help_flag();
+
     std::string topic;
     CLI::App* const helpCommand = app.add_subcommand("help", "this text, or that of a command");
-    helpCommand->add_option("COMMAND", topic, "script or area; default: an overview")->type_name("");
+    helpCommand->add_option("COMMAND", topic, "script, area or run; default: an overview")->type_name("");
 
+    // The words after "run" are that command's, "--" among them.
+    const int words = count > 1 && arguments[1] == runCommand->get_name() ? 2 : count;
     const std::string overview = app.help(); // once a command is parsed, the application's help is that command's
-    return velmora::tools::runProgram(app, count, arguments, [&] {
+    return velmora::tools::runProgram(app, words, arguments, [&] {
         if (scriptCommand->parsed())
             return script(scriptFile);
         if (areaCommand->parsed())
             return area(areaCommand->remaining());
+        if (runCommand->parsed())
+            return velmora::tools::run({arguments + 2, arguments + count}, std::cout, std::cerr);
         if (!helpCommand->parsed())
-            throw UsageError("a command is missing: script, area or help");
+            throw UsageError("a command is missing: script, area, run or help");
         if (topic == "area")
             return area({"--help"});
+        if (topic == "run")
+            return velmora::tools::run({"--help"}, std::cout, std::cerr);
         if (!topic.empty() && topic != "script")
-            throw UsageError("there is no help on '" + topic + "', only on script and area");
+            throw UsageError("there is no help on '" + topic + "', only on script, area and run");
         std::cout << (topic.empty() ? overview : scriptCommand->help(app.get_name()));
         return 0;
     });

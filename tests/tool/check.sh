@@ -50,10 +50,18 @@ for words in 'area --help' 'area -h' 'help area'; do
     prints '--page-offset ADDR'
 done
 
+for words in 'run --help' 'run -h' 'help run'; do
+    # shellcheck disable=SC2086
+    ends 0 "$@" $words
+    prints 'usage: velmora-mm run '
+    prints '--record FILE'
+    prints '^exit status'
+done
+
 ends 2 "$@"
-complains 'a command is missing: script, area or help'
+complains 'a command is missing: script, area, run or help'
 ends 2 "$@" nonsense
-complains "unknown command 'nonsense', not one of script, area, help"
+complains "unknown command 'nonsense', not one of script, area, run, help"
 ends 2 "$@" --nonsense
 complains 'unknown option --nonsense'
 ends 2 "$@" script --nonsense
@@ -61,7 +69,7 @@ complains 'unknown option --nonsense'
 ends 2 "$@" script one two
 complains "unexpected argument 'two'"
 ends 2 "$@" help nonsense
-complains "no help on 'nonsense', only on script and area"
+complains "no help on 'nonsense', only on script, area and run"
 ends 2 "$@" area --nonsense
 complains "velmora-mm area: unknown option --nonsense"
 
