@@ -158,15 +158,16 @@ private:
     int result_ = 0;
 };
 
-// Where the manager sees an argument whose first byte is not there: its address as it is, for the kernel's own and those
-// above the user's are refused, and what a 32-bit manager cannot name is the kernel's or nobody's.
-std::uint32_t addressWithoutBytes(const void* argument)
+// Where the manager sees an argument whose first byte is not there. An address of the controller's kernel is one here too, and
+// what is the kernel's in this program is nobody's there: both are refused. Everything else is a user's that faults.
+std::uint32_t addressWithoutBytes(const socket_client::Connection& controller, const void* argument)
 {
-    constexpr std::uint64_t userEnd = 0x7FFFFFFFF000;
+    constexpr std::uint64_t userEnd = sizeof argument == 4 ? 0xFFFFE000 : 0x7FFFFFFFF000;
     const auto address = static_cast<std::uint64_t>(reinterpret_cast<std::uintptr_t>(argument));
-    if (address <= UINT32_MAX)
-        return static_cast<std::uint32_t>(address);
-    return address < userEnd ? protocol::kUserMemory : protocol::kNoUserMemory;
+    if (address >= userEnd)
+        return protocol::kNoUserMemory;
+    const bool isRam = address >= controller.pageOffset && address - controller.pageOffset < controller.ramBytes;
+    return isRam ? static_cast<std::uint32_t>(address) : protocol::kUserMemory;
 }
 
 } // namespace
@@ -189,7 +190,7 @@ int command(std::uint32_t number, void* argument)
     call.bytes = copyFromUser(record, argument, wanted.bytes);
     // What would be overwritten is written as it is, to see whether it can be.
     call.writable = wanted.comesBack ? copyToUser(argument, record, call.bytes) : 0;
-    call.address = call.bytes != 0 ? protocol::kUserMemory : addressWithoutBytes(argument);
+    call.address = call.bytes != 0 ? protocol::kUserMemory : addressWithoutBytes(turn.connection(), argument);
     const int result = socket_client::command(turn.connection(), call);
     copyToUser(argument, record, call.written);
     return turn.answer(result);

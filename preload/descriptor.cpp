@@ -181,7 +181,7 @@ bool isAlive(int descriptor)
 {
     const KeepErrno keep;
     pollfd state = {descriptor, 0, 0};
-    return poll(&state, 1, 0) == 0;
+    return poll(&state, 1, 0) <= 0; // a signal says nothing about it
 }
 
 void forgetDescriptor(int descriptor)

@@ -50,7 +50,6 @@ examples
   velmora-controller --socket /tmp/mm.sock & velmora-mm run --controller /tmp/mm.sock -- ./application
 )";
 
-constexpr const char* kLibrary = "libvelmora-mm-preload.so";
 constexpr int kForwarded[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2};
 
 struct Options {
@@ -67,20 +66,16 @@ std::string preloadLibrary()
     std::string prefix(self, length > 0 ? static_cast<std::size_t>(length) : 0);
     for (int names = 0; names < 2; ++names)
         prefix.resize(std::min(prefix.rfind('/'), prefix.size()));
-    for (const char* const tree : {"/preload", ""}) { // in a build tree, installed
-        const auto library = [&](const std::string& lib) {
-            return prefix + tree + "/" + lib + "/velmora-mm/" + kLibrary;
-        };
-        for (const char* const lib : {"lib/x86_64-linux-gnu", "lib/i386-linux-gnu"}) {
-            if (access(library(lib).c_str(), R_OK) != 0)
-                continue;
-            if (prefix.find_first_of(" :$") != prefix.npos)
-                throw std::runtime_error("the preload library is in " + prefix +
-                                         ", and the dynamic loader takes no name with a space, a colon or a dollar sign");
-            return library("$LIB");
-        }
+    const std::string folders[] = {prefix + "/preload", prefix + "/lib/velmora-mm/preload"}; // in a build tree, installed
+    for (const std::string& folder : folders) {
+        if (access(folder.c_str(), X_OK) != 0)
+            continue;
+        if (folder.find_first_of(" :$") != folder.npos)
+            throw std::runtime_error("the preload library is in " + folder +
+                                     ", and the dynamic loader takes no name with a space, a colon or a dollar sign");
+        return folder + "/$LIB/libvelmora-mm-preload.so";
     }
-    throw std::runtime_error(std::string(kLibrary) + " is not found: not under " + prefix + "/preload and not under " + prefix);
+    throw std::runtime_error("the preload library is not found: there is neither " + folders[0] + " nor " + folders[1]);
 }
 
 std::string absolute(const std::string& path)
@@ -278,8 +273,11 @@ int run(const std::vector<std::string>& words, std::ostream& out, std::ostream& 
 
     const auto program = programIn(words);
     std::vector<std::string> own(words.begin(), program);
-    if (program != words.end()) // its arguments are not this program's to look at
-        own.insert(own.end(), {"--", *program});
+    if (program != words.end()) { // its arguments are not this program's to look at
+        if (own.empty() || own.back() != "--")
+            own.emplace_back("--");
+        own.push_back(*program);
+    }
     return runWords(app, std::move(own), out, errors, [&] {
         options.program.assign(program, words.end());
         try {

@@ -1,0 +1,218 @@
+#!/bin/sh
+# velmora-mm run as a user meets it: controllers, exit statuses, signals, several programs, records.
+#   check.sh VELMORA-MM VELMORA-CONTROLLER PROGRAM-32 PROGRAM-64
+set -eu
+velmora_mm=$1
+controller_program=$2
+program_32=$3
+program_64=$4
+work=$(mktemp -d)
+controller=
+trap '[ -z "$controller" ] || kill -9 "$controller" 2>/dev/null || :; rm -rf "$work"' EXIT
+
+fail() {
+    echo "$1" >&2
+    cat "$work/errors" >&2
+    exit 1
+}
+ends() { # STATUS COMMAND...
+    wanted=$1
+    shift
+    status=0
+    "$@" >"$work/out" 2>"$work/errors" || status=$?
+    [ "$status" -eq "$wanted" ] || fail "$* ended with $status, not $wanted"
+}
+complains() {
+    grep -q -- "$1" "$work/errors" || fail "missing among the errors: $1"
+    [ "$(wc -l <"$work/errors")" -eq "${2:-1}" ] || fail "not one sentence about: $1"
+}
+eventually() {
+    for _ in $(seq 200); do
+        "$@" && return
+        sleep 0.05
+    done
+    fail "still not so after ten seconds: $*"
+}
+start_controller() { # SOCKET OPTION...
+    socket=$1
+    shift
+    "$controller_program" --socket "$socket" "$@" 2>"$work/controller" &
+    controller=$!
+    eventually [ -S "$socket" ]
+}
+end_controller() {
+    kill "$controller"
+    wait "$controller" || :
+    controller=
+}
+
+# Exit statuses are the program's.
+ends 0 "$velmora_mm" run -- true
+ends 0 "$velmora_mm" run true
+ends 7 "$velmora_mm" run -- sh -c 'exit 7'
+ends 3 "$velmora_mm" run sh -c 'exit 3' --record
+# shellcheck disable=SC2016 # the shell's own number
+ends 137 "$velmora_mm" run -- sh -c 'kill -KILL $$'
+ends 139 "$velmora_mm" run -- sh -c 'ulimit -c 0; kill -SEGV $$'
+ends 127 "$velmora_mm" run -- "$work/nothing"
+complains "velmora-mm run: cannot run '$work/nothing': No such file or directory"
+ends 127 "$velmora_mm" run -- no-such-program-anywhere
+: >"$work/text"
+ends 126 "$velmora_mm" run -- "$work/text"
+complains "cannot run '$work/text': Permission denied"
+ends 126 "$velmora_mm" run -- "$work"
+ends 2 "$velmora_mm" run
+complains 'velmora-mm run: PROGRAM is required' 2
+ends 2 "$velmora_mm" run --
+ends 2 "$velmora_mm" run --nonsense -- true
+complains 'velmora-mm run: unknown option --nonsense' 2
+ends 2 "$velmora_mm" run --record
+complains 'velmora-mm run: --record lacks its value' 2
+
+# Words and streams go through as they are.
+ends 0 "$velmora_mm" run -- printf '<%s>' 'two words' '' '--' '[a,b]' '--help'
+[ "$(cat "$work/out")" = '<two words><><--><[a,b]><--help>' ] || fail 'the words changed'
+[ "$(echo through | "$velmora_mm" run -- cat)" = through ] || fail 'the input did not arrive'
+[ ! -s "$work/errors" ] || fail 'something was printed'
+
+# Programs that nobody thought of.
+ends 0 "$velmora_mm" run -- ls -l /dev/Velmora_MM
+grep -q '^crw-rw---- .*254, *0 .*/dev/Velmora_MM$' "$work/out" || fail 'not a character device'
+[ ! -s "$work/errors" ] || fail 'ls complains'
+ends 0 "$velmora_mm" run -- test -c /dev/Velmora_MM -a -r /dev/Velmora_MM -a ! -x /dev/Velmora_MM
+ends 1 "$velmora_mm" run -- cat /dev/Velmora_MM
+complains 'cat: /dev/Velmora_MM: Function not implemented'
+ends 1 "$velmora_mm" run -- python3 -c 'open("/dev/Velmora_MM", "rb").read(1)'
+complains 'OSError: \[Errno 38\] Function not implemented' 3
+
+# Libraries that others preload stay, behind this one.
+cp "$(dirname "$velmora_mm")/../preload/lib/x86_64-linux-gnu/libvelmora-mm-preload.so" "$work/other.so"
+# shellcheck disable=SC2016
+LD_PRELOAD="$work/other.so" ends 0 "$velmora_mm" run -- sh -c 'echo "$LD_PRELOAD"; grep -c other.so /proc/self/maps'
+grep -q "/libvelmora-mm-preload.so:$work/other.so\$" "$work/out" || fail 'the other library is gone'
+
+# Signals that are sent to it are the program's; the controller goes with it.
+# shellcheck disable=SC2016
+"$velmora_mm" run -- sh -c 'trap "exit 9" TERM; echo "$VELMORA_MM_DEVICE"; while :; do sleep 0.05; done' >"$work/device" &
+run=$!
+eventually [ -s "$work/device" ]
+kill "$run"
+status=0
+wait "$run" || status=$?
+[ "$status" -eq 9 ] || fail "the program was to end with 9, not $status"
+socket=$(sed 's/^unix://' "$work/device")
+[ ! -e "$socket" ] || fail "the controller's socket $socket is left"
+for signal in INT HUP USR1; do
+    "$velmora_mm" run -- sleep 30 &
+    run=$!
+    sleep 0.3
+    kill -s "$signal" "$run"
+    status=0
+    wait "$run" || status=$?
+    case $signal:$status in
+    # A shell's background programs ignore the interrupt.
+    HUP:129 | USR1:138 | INT:130) ;;
+    INT:*) fail "SIGINT: $status" ;;
+    *) fail "SIG$signal: $status" ;;
+    esac
+done
+
+# Controllers that are not there.
+ends 125 "$velmora_mm" run --controller "$work/none.sock" -- true
+complains "velmora-mm run: no controller is running: there is no socket $work/none.sock"
+ends 125 "$velmora_mm" run --controller "$work/text" -- true
+complains "velmora-mm run: $work/text is no socket of a controller"
+VELMORA_CONTROLLER=$work/text ends 125 "$velmora_mm" run -- true
+complains "VELMORA_CONTROLLER is $work/text, which cannot be run"
+VELMORA_CONTROLLER=/bin/true ends 125 "$velmora_mm" run -- true
+complains 'velmora-controller did not start'
+
+# Programs of both kinds on one controller see each other's bytes.
+start_controller "$work/mm.sock"
+ends 0 "$velmora_mm" run --controller "$work/mm.sock" -- "$program_64" share 'from 64 bits'
+address=$(cat "$work/out")
+ends 0 "$velmora_mm" run --controller "$work/mm.sock" -- "$program_32" take "$address" 'from 32 bits'
+[ "$(cat "$work/out")" = 'from 64 bits' ] || fail 'the 32-bit program saw something else'
+(cd "$work" && "$velmora_mm" run --controller mm.sock -- "$program_64" take "$address" 'again' >"$work/out")
+[ "$(cat "$work/out")" = 'from 32 bits' ] || fail 'the 64-bit program saw something else'
+for program in "$program_32" "$program_64" "$program_32" "$program_64"; do
+    "$velmora_mm" run --controller "$work/mm.sock" -- "$program" take "$address" together >/dev/null &
+done
+wait_all=0
+ends 0 "$velmora_mm" run --controller "$work/mm.sock" -- sh -c "'$program_32' take $address one && '$program_64' take $address two"
+[ "$wait_all" -eq 0 ]
+
+# The controller dies under a program: the program hears of it, and so does the user, once.
+"$velmora_mm" run --controller "$work/mm.sock" -- "$program_64" outlives >"$work/ready" 2>"$work/errors" &
+run=$!
+eventually grep -q ready "$work/ready"
+kill -9 "$controller"
+status=0
+wait "$run" || status=$?
+[ "$status" -eq 0 ] || fail "the program ended with $status"
+complains 'velmora-mm run: the controller is gone: the connection to it has ended'
+controller=
+ends 125 "$velmora_mm" run --controller "$work/mm.sock" -- true
+complains "velmora-mm run: no controller is running: nobody listens at $work/mm.sock"
+
+# A command that it does not survive: everybody has the report.
+start_controller "$work/stops.sock"
+ends 0 "$velmora_mm" run --controller "$work/stops.sock" -- "$program_32" stops
+complains 'velmora-mm run: the simulated controller stopped: ioctl MM_CMD_MEMSET'
+controller=
+
+# A kernel that maps nothing.
+start_controller "$work/refuses.sock" --refuse-mappings
+for program in "$program_32" "$program_64"; do
+    ends 0 "$velmora_mm" run --controller "$work/refuses.sock" -- "$program" refused-mappings
+done
+
+# A record asks the same again, and is given the same answers.
+for program in "$program_32" "$program_64"; do
+    ends 0 "$velmora_mm" run --record "$work/record" -- "$program" one-of-each
+    # shellcheck disable=SC2046 # two numbers and an address
+    set -- $(cat "$work/out")
+    ends 0 "$velmora_mm" script "$work/record"
+    cp "$work/out" "$work/answers"
+    [ "$(sed -n '/^load/{p;q}' "$work/record")" = 'load "95000000-9e000000"' ] || fail 'the record does not load'
+    grep -v '^#' "$work/record" | sed 's/ {.*//; s/ 0x9d.*000 / ADDRESS /' >"$work/lines"
+    cat >"$work/wanted" <<'END'
+load "95000000-9e000000"
+ioctl 0x5308
+ioctl 0x5300
+ioctl 0x5301
+ioctl 0x5302
+mmap ADDRESS 0x1000
+mmap ADDRESS 0x1000 sync
+poke 0x1000fff9 11111111111111
+ioctl 0x5303 0x1000fff9
+ioctl 0x5303 0x10010000
+ioctl 0x5399 0x10010000
+ioctl 0x530d
+END
+    diff "$work/wanted" "$work/lines" >&2 || fail 'the record has other lines'
+    [ "$(grep -c '^= -14' "$work/answers")" -eq 2 ] || fail 'the copies do not end at the same bytes'
+    grep -q 'prot=uncached' "$work/answers" || fail 'the mapping is not uncached'
+    # Blocks in all and in use, at their places in the answer to the last command.
+    blocks=$(tail -n 1 "$work/answers" | sed 's/^= 0 //')
+    little_endian() {
+        printf '%08x' "$1" | sed 's/\(..\)\(..\)\(..\)\(..\)/\4\3\2\1/'
+    }
+    [ "$(echo "$blocks" | cut -c113-120)" = "$(little_endian "$2")" ] || fail "not $2 blocks in use: $blocks"
+    grep -q "^= 0 .*$(little_endian "$3")\$" "$work/answers" || fail "no block at $3"
+done
+ends 0 "$velmora_mm" run --controller "$work/refuses.sock" --record "$work/record" -- "$program_64" refused-mappings
+grep -q '^# The controller was running before' "$work/record" || fail 'the record does not say that it begins late'
+ends 0 "$velmora_mm" run --record "$work/record" -- "$program_64" forks
+ends 0 "$velmora_mm" script "$work/record"
+[ "$(grep -c '^ioctl 0x5302' "$work/record")" -eq 1500 ] || fail 'allocations are missing in the record'
+! grep '^= ' "$work/out" | grep -qv '^= 0' || fail 'the same commands were answered otherwise'
+ends 0 "$velmora_mm" run --record "$work/record" -- "$program_32" stops
+ends 3 "$velmora_mm" script "$work/record"
+grep -q '^= oops 0xa4000000' "$work/out" || fail 'the record lacks the last command'
+ends 125 "$velmora_mm" run --record "$work/none/record" -- true
+complains "velmora-mm run: cannot record into $work/none/record: No such file or directory"
+ends 125 "$velmora_mm" run --record /dev/full -- "$program_64" answers
+complains 'velmora-mm run: cannot write the record /dev/full: No space left on device'
+end_controller
+[ -z "$(find "${TMPDIR:-/tmp}" -maxdepth 1 -name 'velmora-mm-*' -newer "$work" 2>/dev/null)" ] || fail 'folders are left'

@@ -133,6 +133,7 @@ static void faults(void)
     FAILS(ioctl(device, MM_CMD_MALLOC, NULL), EFAULT);
     FAILS(ioctl(device, MM_CMD_MALLOC, (void*)-1), EINVAL);
     FAILS(ioctl(device, MM_CMD_MALLOC, (void*)-4096), EINVAL);
+    FAILS(ioctl(device, MM_CMD_MALLOC, (void*)0x95400000), EINVAL);
     CHECK(ioctl(device, 0x530F, NULL) == 0);
 
     /* The command is done, the answer does not come back. */
@@ -212,7 +213,11 @@ static void mappings(void)
     CHECK(mmap(NULL, BLOCK, PROT_READ, 0, device, offset) == MAP_FAILED && errno == EINVAL);
     CHECK(mmap(NULL, BLOCK, PROT_READ, MAP_SHARED, device, 0) == MAP_FAILED && errno == EIO);
     CHECK(mmap64(NULL, BLOCK, PROT_READ, MAP_SHARED, device, 0xA4000000) == MAP_FAILED && errno == EIO);
-    CHECK(mmap64(NULL, 0x70000000, PROT_READ, MAP_SHARED, device, 0xA3FFF000) == MAP_FAILED);
+#if UINTPTR_MAX > 0xFFFFFFFF /* past the 32-bit physical space */
+    CHECK(mmap(NULL, 0xF0002000, PROT_READ, MAP_SHARED, device, 0xA3FFF000) == MAP_FAILED && errno == EINVAL);
+    CHECK(mmap(NULL, 0x100000000, PROT_READ, MAP_SHARED, device, offset) == MAP_FAILED && errno == ENOMEM);
+    CHECK(mmap(NULL, BLOCK, PROT_READ, MAP_SHARED, device, 1L << 44) == MAP_FAILED && errno == EINVAL);
+#endif
 
     close(device);
     strcpy(one, "a mapping outlives its descriptor");
