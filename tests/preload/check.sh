@@ -114,6 +114,17 @@ for signal in HUP:129 USR1:138 QUIT:131; do
     [ "$status" -eq "${signal#*:}" ] || fail "SIG$signal: $status"
 done
 
+# What the terminal sends to all of the group leaves the controller there for a program that goes on.
+# shellcheck disable=SC2016
+setsid "$velmora_mm" run -- sh -c 'trap "exec 3<>/dev/Velmora_MM && exit 9" TERM; echo $PPID; while :; do sleep 0.05; done' \
+    >"$work/group" &
+run=$!
+eventually [ -s "$work/group" ]
+kill -TERM -- "-$(cat "$work/group")"
+status=0
+wait "$run" || status=$?
+[ "$status" -eq 9 ] || fail "the controller was gone after a signal to the group: $status"
+
 # Controllers that are not there.
 ends 125 "$velmora_mm" run --controller "$work/none.sock" -- true
 complains "velmora-mm run: no controller is running: there is no socket $work/none.sock"
