@@ -80,7 +80,12 @@ pid_t start(const std::string& program, const std::vector<std::string>& further,
     posix_spawn_file_actions_init(&files);
     posix_spawn_file_actions_adddup2(&files, descriptor, kAttached);
     pid_t process = -1;
-    const int error = posix_spawn(&process, program.c_str(), &files, nullptr, arguments.data(), environ);
+    // Interrupts from the terminal are for the programs that use the controller; it ends when they have.
+    posix_spawnattr_t attributes;
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
+    const int error = posix_spawn(&process, program.c_str(), &files, &attributes, arguments.data(), environ);
+    posix_spawnattr_destroy(&attributes);
     posix_spawn_file_actions_destroy(&files);
     if (error != 0)
         throw std::runtime_error("cannot start " + program + ": " + std::strerror(error));

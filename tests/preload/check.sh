@@ -120,7 +120,7 @@ setsid "$velmora_mm" run -- sh -c 'trap "exec 3<>/dev/Velmora_MM && exit 9" TERM
     >"$work/group" &
 run=$!
 eventually [ -s "$work/group" ]
-kill -TERM -- "-$(cat "$work/group")"
+kill -s TERM -- "-$(cat "$work/group")"
 status=0
 wait "$run" || status=$?
 [ "$status" -eq 9 ] || fail "the controller was gone after a signal to the group: $status"
