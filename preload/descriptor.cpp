@@ -163,7 +163,8 @@ int openDevice(int flags)
 bool isDevice(int descriptor, Device& device)
 {
     char name[sizeof(sockaddr_un::sun_path)];
-    if (controllerSocket() == nullptr || abstractName(descriptor, name, sizeof name) < kDeviceNameLength + kKindLength ||
+    if (controllerSocket() == nullptr ||
+        abstractName(descriptor, name, sizeof name) < kDeviceNameLength + kKindLength ||
         std::strncmp(name, kDeviceName, kDeviceNameLength) != 0)
         return false;
     const char* const kind = name + kDeviceNameLength;
@@ -205,7 +206,8 @@ void rememberInherited()
     if (controllerSocket() == nullptr)
         return;
     const KeepErrno keep;
-    const int folder = static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const int folder =
+        static_cast<int>(syscall(SYS_openat, AT_FDCWD, "/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (folder < 0)
         return;
     alignas(dirent64) char entries[2048];

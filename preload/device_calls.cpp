@@ -96,13 +96,14 @@ void* mapCall(const Device& device, void* address, std::size_t bytes, int protec
         return notMapped(ENODEV);
     const auto pages = (static_cast<std::uint64_t>(bytes) + kPageBytes - 1) / kPageBytes;
     Granted granted;
-    const int result = map(static_cast<std::uint32_t>(offset / kPageBytes), static_cast<std::uint32_t>(pages * kPageBytes),
-                           device.sync, granted);
+    const int result = map(static_cast<std::uint32_t>(offset / kPageBytes),
+                           static_cast<std::uint32_t>(pages * kPageBytes), device.sync, granted);
     if (result != 0)
         return notMapped(result < 0 ? -result : EIO);
     if (!device.writable)
         granted.descriptor = readOnly(granted.descriptor);
-    void* const mapped = nextMmap(address, bytes, protection, flags, granted.descriptor, static_cast<off64_t>(granted.offset));
+    void* const mapped =
+        nextMmap(address, bytes, protection, flags, granted.descriptor, static_cast<off64_t>(granted.offset));
     const KeepErrno keep;
     syscall(SYS_close, granted.descriptor);
     return mapped;
@@ -166,7 +167,8 @@ std::FILE* streamOn(int descriptor, const char* mode)
         return nullptr;
     }
     const cookie_io_functions_t functions = {readStream, writeStream, seekStream, closeStream};
-    std::FILE* const stream = fopencookie(reinterpret_cast<void*>(static_cast<std::intptr_t>(descriptor)), mode, functions);
+    std::FILE* const stream =
+        fopencookie(reinterpret_cast<void*>(static_cast<std::intptr_t>(descriptor)), mode, functions);
     if (stream != nullptr)
         stream->_fileno = descriptor;
     return stream;

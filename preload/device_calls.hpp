@@ -10,8 +10,8 @@
 
 namespace velmora::preload {
 
-int openNodeCall(int flags);                       // open(2) of the node
-std::FILE* openNodeStream(const char* mode);       // fopen(3) of the node
+int openNodeCall(int flags);                           // open(2) of the node
+std::FILE* openNodeStream(const char* mode);           // fopen(3) of the node
 std::FILE* streamOn(int descriptor, const char* mode); // fdopen(3)
 int ioctlCall(int descriptor, std::uint32_t request, void* argument);
 ssize_t transferCall(bool open); // read(2), write(2); open: the descriptor is open for it

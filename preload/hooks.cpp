@@ -153,7 +153,8 @@ VELMORA_HOOK int faccessat(int folder, const char* path, int mode, int flags) no
 VELMORA_HOOK int statx(int folder, const char* path, int flags, unsigned mask, struct statx* status) noexcept
 {
     Device device;
-    const bool meant = isEmpty(path) && (flags & AT_EMPTY_PATH) != 0 ? isKnownDevice(folder, device) : isNode(folder, path);
+    const bool meant =
+        isEmpty(path) && (flags & AT_EMPTY_PATH) != 0 ? isKnownDevice(folder, device) : isNode(folder, path);
     if (!meant)
         return nextStatx(folder, path, flags, mask, status);
     const int result = nodeStatus(*status);

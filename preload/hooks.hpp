@@ -15,8 +15,7 @@ namespace velmora::preload {
 
 // What the kernel does for every file stays with it; everything else is the driver's. A descriptor that arrived in a message
 // shows itself when a socket does not know the request.
-template <class Following>
-int ioctlThrough(Following& next, int descriptor, unsigned long request, void* argument)
+template <class Following> int ioctlThrough(Following& next, int descriptor, unsigned long request, void* argument)
 {
     const auto number = static_cast<std::uint32_t>(request); // as the kernel has it
     const bool kernels = number == FIOCLEX || number == FIONCLEX || number == FIONBIO || number == FIOASYNC;
@@ -25,7 +24,7 @@ int ioctlThrough(Following& next, int descriptor, unsigned long request, void* a
         return ioctlCall(descriptor, number, argument);
     const int result = next(descriptor, request, argument);
     return result < 0 && errno == ENOTTY && isDevice(descriptor, device) ? ioctlCall(descriptor, number, argument)
-                                                                          : result;
+                                                                         : result;
 }
 
 } // namespace velmora::preload

@@ -111,8 +111,7 @@ VELMORA_HOOK void* mmap(void* address, size_t bytes, int protection, int flags, 
 VELMORA_HOOK ssize_t pread(int descriptor, void* to, size_t bytes, off_t offset)
 {
     Device device;
-    return isKnownDevice(descriptor, device) ? transferCall(device.readable)
-                                             : nextPread(descriptor, to, bytes, offset);
+    return isKnownDevice(descriptor, device) ? transferCall(device.readable) : nextPread(descriptor, to, bytes, offset);
 }
 
 VELMORA_HOOK ssize_t VELMORA_READ_CHECKED(int descriptor, void* to, size_t bytes, off_t offset, size_t room)

@@ -144,7 +144,7 @@ Next<int(int, const char*, Status*)> nextOldLstat("__lx" VELMORA_TEXT(stat));
 Next<int(int, int, Status*)> nextOldFstat("__fx" VELMORA_TEXT(stat));
 Next<int(int, int, const char*, Status*, int)> nextOldFstatat("__fx" VELMORA_TEXT(statat));
 
-}
+} // namespace
 
 VELMORA_HOOK int VELMORA_SIZED(__xstat)(int layout, const char* path, Status* status)
 {

@@ -21,7 +21,8 @@ using Copy = decltype(process_vm_readv);
 std::size_t copy(Copy* call, void* user, void* own, std::size_t bytes)
 {
     const KeepErrno keep;
-    const std::size_t first = std::min<std::size_t>(bytes, kPageBytes - reinterpret_cast<std::uintptr_t>(user) % kPageBytes);
+    const std::size_t first =
+        std::min<std::size_t>(bytes, kPageBytes - reinterpret_cast<std::uintptr_t>(user) % kPageBytes);
     const iovec local = {own, bytes};
     const iovec remote[] = {{user, first}, {static_cast<char*>(user) + first, bytes - first}};
     const ssize_t copied = call(getpid(), &local, 1, remote, first == bytes ? 1 : 2, 0);

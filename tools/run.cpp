@@ -66,7 +66,8 @@ std::string preloadLibrary()
     std::string prefix(self, length > 0 ? static_cast<std::size_t>(length) : 0);
     for (int names = 0; names < 2; ++names)
         prefix.resize(std::min(prefix.rfind('/'), prefix.size()));
-    const std::string folders[] = {prefix + "/preload", prefix + "/lib/velmora-mm/preload"}; // in a build tree, installed
+    const std::string folders[] = {prefix + "/preload",
+                                   prefix + "/lib/velmora-mm/preload"}; // in a build tree, installed
     for (const std::string& folder : folders) {
         if (access(folder.c_str(), X_OK) != 0)
             continue;
@@ -124,7 +125,8 @@ private:
 std::string recordBeginning(const protocol::StatusAnswer& status, bool ownController)
 {
     constexpr std::uint32_t margin = 0x100000, scriptRam = 256U << 20;
-    std::string text = "# What the programs of velmora-mm run asked of the device, in the order in which it was done.\n";
+    std::string text =
+        "# What the programs of velmora-mm run asked of the device, in the order in which it was done.\n";
     if (!ownController)
         text += "# The controller was running before; what it had been asked until then is not here.\n";
     if (status.ramBytes != scriptRam)
@@ -175,7 +177,8 @@ void setEnvironment(const std::string& library, const std::string& socket)
 {
     const char* const others = std::getenv("LD_PRELOAD");
     const std::string preload = others != nullptr && *others != 0 ? library + ":" + others : library;
-    if (setenv("LD_PRELOAD", preload.c_str(), 1) != 0 || setenv("VELMORA_MM_DEVICE", ("unix:" + socket).c_str(), 1) != 0)
+    if (setenv("LD_PRELOAD", preload.c_str(), 1) != 0 ||
+        setenv("VELMORA_MM_DEVICE", ("unix:" + socket).c_str(), 1) != 0)
         throw std::bad_alloc();
 }
 

@@ -7,13 +7,13 @@
 #include <stdlib.h>
 #include <string.h>
 
-#define CHECK(condition)                                                                                               \
-    do {                                                                                                               \
-        errno = 0;                                                                                                     \
-        if (!(condition)) {                                                                                            \
-            fprintf(stderr, "%s:%d: not so: %s (%s)\n", __FILE__, __LINE__, #condition, strerror(errno));              \
-            exit(1);                                                                                                   \
-        }                                                                                                              \
+#define CHECK(condition)                                                                                  \
+    do {                                                                                                  \
+        errno = 0;                                                                                        \
+        if (!(condition)) {                                                                               \
+            fprintf(stderr, "%s:%d: not so: %s (%s)\n", __FILE__, __LINE__, #condition, strerror(errno)); \
+            exit(1);                                                                                      \
+        }                                                                                                 \
     } while (0)
 
 #define FAILS(call, error) CHECK((call) == -1 && errno == (error))

@@ -90,6 +90,7 @@ complains 'OSError: \[Errno 38\] Function not implemented' 3
 other="$(dirname "$velmora_mm")/../preload/./\$LIB/libvelmora-mm-preload.so"
 # shellcheck disable=SC2016
 LD_PRELOAD=$other ends 0 "$velmora_mm" run -- sh -c 'echo "$LD_PRELOAD"; ls -l /dev/Velmora_MM'
+# shellcheck disable=SC2016
 grep -q '/libvelmora-mm-preload.so:.*/preload/./\$LIB/libvelmora-mm-preload.so$' "$work/out" || fail 'the other is gone'
 grep -q '^crw-rw' "$work/out" || fail 'two libraries are one too many'
 

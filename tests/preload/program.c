@@ -102,10 +102,10 @@ static void answers(void)
 }
 
 static const size_t record_bytes[MM_CMD_COUNT] = {
-    sizeof(TLibEntryInfo),      sizeof(TSegInfoFromApp), sizeof(TMallocInfo),        sizeof(TFreeInfo),
-    sizeof(TMemsetInfo),        sizeof(TDeleteSegmentInfo), sizeof(TAddSegmentInfo), sizeof(TClearSegmentInfo),
+    sizeof(TLibEntryInfo),      sizeof(TSegInfoFromApp),     sizeof(TMallocInfo),       sizeof(TFreeInfo),
+    sizeof(TMemsetInfo),        sizeof(TDeleteSegmentInfo),  sizeof(TAddSegmentInfo),   sizeof(TClearSegmentInfo),
     sizeof(TMMInitOption),      sizeof(TCollectGarbageInfo), sizeof(TCheckSegmentInfo), sizeof(TDisplayMSTInfo),
-    sizeof(TQueryPhysAddrInfo), sizeof(TGetMSTInfo),     sizeof(TGetMCTInfo),
+    sizeof(TQueryPhysAddrInfo), sizeof(TGetMSTInfo),         sizeof(TGetMCTInfo),
 };
 
 /* A record that ends where memory ends is one; with a byte less there, the command fails, whichever it is. */
@@ -242,7 +242,8 @@ static void ways_to_open(void)
 
     close(lowest);
     CHECK((device = open(VELMORA_MM_DEVICE_NODE, flags)) == lowest);
-    CHECK((fcntl(device, F_GETFL) & (O_ACCMODE | O_SYNC | O_NONBLOCK)) == O_RDWR && fcntl(device, F_GETFD) == FD_CLOEXEC);
+    CHECK((fcntl(device, F_GETFL) & (O_ACCMODE | O_SYNC | O_NONBLOCK)) == O_RDWR &&
+          fcntl(device, F_GETFD) == FD_CLOEXEC);
     CHECK(ioctl(device, MM_CMD_ENTRY, &option) == 0);
     CHECK((device = open64(VELMORA_MM_DEVICE_NODE, O_RDONLY | O_SYNC)) >= 0);
     CHECK((fcntl(device, F_GETFL) & (O_ACCMODE | O_SYNC)) == (O_RDONLY | O_SYNC) && fcntl(device, F_GETFD) == 0);
@@ -287,7 +288,8 @@ static void status_of_node(void)
     struct statx extended;
 
     CHECK(stat(VELMORA_MM_DEVICE_NODE, &status) == 0);
-    CHECK(status.st_mode == (S_IFCHR | 0660) && major(status.st_rdev) != 0 && status.st_size == 0 && status.st_nlink == 1);
+    CHECK(status.st_mode == (S_IFCHR | 0660) && major(status.st_rdev) != 0 && status.st_size == 0 &&
+          status.st_nlink == 1);
     CHECK(fstat(copy, &status) == 0 && status.st_mode == (S_IFCHR | 0660));
     CHECK(lstat("/dev/./" VELMORA_MM_DEVICE_NAME, &status) == 0 && S_ISCHR(status.st_mode));
     CHECK(fstatat(device, "", &status, AT_EMPTY_PATH) == 0 && S_ISCHR(status.st_mode));
@@ -481,10 +483,12 @@ static void messages(void)
         char room[CMSG_SPACE(sizeof(int))];
     } control = {0};
     struct iovec part = {&letter, 1};
-    struct msghdr message = {.msg_iov = &part, .msg_iovlen = 1, .msg_control = &control, .msg_controllen = sizeof control};
+    struct msghdr message = {
+        .msg_iov = &part, .msg_iovlen = 1, .msg_control = &control, .msg_controllen = sizeof control};
 
     CHECK(socketpair(AF_UNIX, SOCK_STREAM, 0, ends) == 0);
-    control.header = (struct cmsghdr){.cmsg_level = SOL_SOCKET, .cmsg_type = SCM_RIGHTS, .cmsg_len = CMSG_LEN(sizeof(int))};
+    control.header =
+        (struct cmsghdr){.cmsg_level = SOL_SOCKET, .cmsg_type = SCM_RIGHTS, .cmsg_len = CMSG_LEN(sizeof(int))};
     memcpy(CMSG_DATA(&control.header), &device, sizeof device);
     CHECK(sendmsg(ends[0], &message, 0) == 1);
     CHECK(recvmsg(ends[1], &message, 0) == 1);
@@ -511,7 +515,8 @@ static void untouched(void)
     FAILS(ioctl(file, MM_CMD_ENTRY, text), ENOTTY);
     CHECK(mmap(NULL, 5, PROT_READ, MAP_SHARED, file, 0) != MAP_FAILED);
     CHECK((stream = fopen(name, "r")) != NULL && fread(text, 1, 5, stream) == 5 && fclose(stream) == 0);
-    CHECK(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) == 0 && fstat(ends[0], &status) == 0 && S_ISSOCK(status.st_mode));
+    CHECK(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) == 0 && fstat(ends[0], &status) == 0 &&
+          S_ISSOCK(status.st_mode));
     CHECK(mmap(NULL, 5, PROT_READ, MAP_SHARED, ends[0], 0) == MAP_FAILED && errno == ENODEV);
     CHECK(unlink(name) == 0 && rmdir(path) == 0);
     FAILS(open("/dev/Velmora_MM2", O_RDWR), ENOENT);
@@ -596,12 +601,25 @@ static const struct {
     const char* name;
     void (*run)(void);
 } cases[] = {
-    {"answers", answers},   {"faults", faults},       {"transfers", transfers},
-    {"mappings", mappings}, {"opening", ways_to_open}, {"streams", streams},
-    {"status", status_of_node}, {"copies", copies},   {"forks", forks},
-    {"programs", programs}, {"threads", threads},     {"signals", signals},
-    {"closing", closes_everything}, {"messages", messages}, {"untouched", untouched},
-    {"refused-mappings", refused_mappings}, {"stops", stops}, {"outlives", outlives}, {"one-of-each", one_of_each},
+    {"answers", answers},
+    {"faults", faults},
+    {"transfers", transfers},
+    {"mappings", mappings},
+    {"opening", ways_to_open},
+    {"streams", streams},
+    {"status", status_of_node},
+    {"copies", copies},
+    {"forks", forks},
+    {"programs", programs},
+    {"threads", threads},
+    {"signals", signals},
+    {"closing", closes_everything},
+    {"messages", messages},
+    {"untouched", untouched},
+    {"refused-mappings", refused_mappings},
+    {"stops", stops},
+    {"outlives", outlives},
+    {"one-of-each", one_of_each},
 };
 
 static const struct {
