@@ -186,6 +186,7 @@ void setEnvironment(const std::string& library, const std::string& socket)
 int start(std::vector<std::string> words, const sigset_t& signals, pid_t& process, std::ostream& errors)
 {
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);
