@@ -129,7 +129,7 @@ typedef struct {
     MM_U8 ubType;        /* FIXED, FLOAT, FLOATALIGN */
     MM_U8 ubSegDSType;   /* STACK, LINKEDLIST */
     MM_U8 ubMap;         /* owner map: 0 (none), 1, 2, 4 or 8 bits for each block; a STACK has none */
-    MM_U8 ubSemaphore;   /* YES: every operation runs under a lock */
+    MM_U8 ubSemaphore;   /* YES: each allocation and release runs under a lock */
     MM_U32 ulSegSize;    /* bytes asked for; 0 with FLOAT asks for the heap; out: bytes placed */
     MM_U32 ulBlkSize;    /* bytes of a block, above 0; acts as the power of two at or below it */
     MM_U32 hulHandle;    /* out: handle of the new segment */

@@ -26,7 +26,7 @@ target-programs = $(call preset,target) --target
 ##                 (another board or kernel: BOARD=product KERNEL=zImage KDIR=tree, see docs/target.md; this one, module and
 ##                 target-demo: the kernel of another Debian suite with TARGET_SUITE=bookworm-backports)
 test-target:
-	@scripts/setup.sh build target
+	@scripts/setup.sh build test target
 	@tests/target/old_kernel/check.sh build/target/old-kernel
 	@$(call preset,x86) --target velmora-mm
 	@$(target-programs) target-init target-session target-tests
@@ -34,7 +34,7 @@ test-target:
 
 ## make target-demo  the print job through the real module, on the emulated controller  [DOC=file.pdf COPIES=3 TARGET_DPI=50]
 target-demo:
-	@scripts/setup.sh build demo target
+	@scripts/setup.sh build test demo target
 	@$(call preset,x86) --target print-job
 	@$(target-programs) target-init print-job
 	@DOC='$(DOC)' COPIES='$(or $(COPIES),3)' DPI='$(TARGET_DPI)' scripts/target-demo.sh

@@ -32,7 +32,7 @@ void MMP_Print(const char* pcFormat, ...) __attribute__((format(printf, 1, 2)));
 void MMP_MemSet(void* pvTo, U8 ubByte, U32 ulBytes);
 
 /* Compares at most ulBytes bytes, stopping at a difference or a NUL; below, equal to or above 0.
- * Sleeps: no. */
+ * Sleeps: no. Callers: names and job-language words. */
 int MMP_StrNCmp(const U8* pubLeft, const U8* pubRight, U32 ulBytes);
 
 /* Announces an access of ulBytes at an address of managed memory. An MMU does this job for a real kernel,
@@ -54,14 +54,15 @@ static inline void MMP_Touch(const void* pvAddr, U32 ulBytes)
 enum TMMLock { search_lock, free_lock, push_lock, pop_lock, MM_LOCK_NUM };
 
 /* Takes a lock and turns local interrupts off until it is released. No lock is taken while another is
- * held. Sleeps: no. Fails: never; waits for ever on a lock that is never released. */
+ * held. Sleeps: no, nor does the release. Fails: never; waits for ever on a lock that is never released. Callers: the
+ * allocators and release routines. */
 void MMP_LockIrq(enum TMMLock enLock);
 void MMP_UnlockIrq(enum TMMLock enLock);
 
 /* Memory of the calling process ------------------------------------------------------------------- */
 
 /* TRUE when [ulUser, ulUser + ulBytes) does not wrap and ends at or below the task's address limit.
- * Says nothing about pages being mapped. Callers: Velmora_MM_ioctl, in process context. */
+ * Says nothing about pages being mapped. Sleeps: no. Caller: Velmora_MM_ioctl, in process context. */
 BOOL MMP_AccessOk(U32 ulUser, U32 ulBytes);
 
 /* Copy between a kernel record and user memory; each returns the bytes that were NOT copied, 0 on
@@ -75,11 +76,13 @@ U32 MMP_CopyToUser(U32 ulUser, const void* pvFrom, U32 ulBytes);
  * mmi/MM_Interface.h, called one command at a time. The major number (above 0), or a negative
  * kernel code. May sleep. Caller: printer_mm_init. */
 S32 MMP_RegisterChrdev(const char* pcName);
+/* Takes it back. May sleep. Fails: never. Caller: printer_mm_exit. */
 void MMP_UnregisterChrdev(S32 slMajor, const char* pcName);
 
 /* Creates a read-only file at the top of the proc tree, permissions ulMode, read through
- * read_velmora_mm. FALSE when the kernel gives no entry. May sleep. */
+ * read_velmora_mm. FALSE when the kernel gives no entry. May sleep. Caller: printer_mm_init. */
 BOOL MMP_CreateProc(const char* pcName, U32 ulMode);
+/* Removes it. May sleep. Fails: never. Caller: printer_mm_exit. */
 void MMP_RemoveProc(const char* pcName);
 
 /* Physical memory and mapping --------------------------------------------------------------------- */
@@ -87,18 +90,19 @@ void MMP_RemoveProc(const char* pcName);
 #define MMP_PAGE_SHIFT 12 /* pages of 4096 bytes */
 
 /* First kernel virtual address of the linear map, and the physical address that it maps.
- * The product's kernel: 0x94000000 and 0. Constant while the module is loaded. */
+ * The product's kernel: 0x94000000 and 0. Constant while the module is loaded. Sleeps: no. Fails: never. Callers: every
+ * unit. */
 U32 MMP_PageOffset(void);
 U32 MMP_PhysOffset(void);
 
-/* Kernel virtual address at which the linear map ends. */
+/* Kernel virtual address at which the linear map ends. Sleeps: no. Fails: never. Callers: the mapping entries. */
 U32 MMP_HighMemory(void);
 
-/* TRUE when the physical page number is a page of RAM. Sleeps: no. */
+/* TRUE when the physical page number is a page of RAM. Sleeps: no. Caller: Velmora_MM_mmap. */
 BOOL MMP_PfnValid(U32 ulPfn);
 
 /* Writes back and invalidates the whole data cache, where the processor needs that for an alias of a
- * mapped page. Caller: Velmora_MM_mmap, in process context. */
+ * mapped page. May sleep. Fails: never. Caller: Velmora_MM_mmap, in process context. */
 void MMP_FlushCacheAll(void);
 
 /* A request to map the device, as the kernel hands it to Velmora_MM_mmap. */

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <random>
@@ -110,7 +111,7 @@ void report(const std::string& name, const Bytes& bytes, const Verdict& verdict,
     std::fflush(stdout);
     const Bytes shortest = shrink(bytes, options.accesses);
     const Verdict again = run(shortest.data(), shortest.size(), options.accesses);
-    const std::string file = "fuzz-index-difference";
+    const std::string file = std::filesystem::temp_directory_path() / "fuzz-index-difference";
     std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(shortest.data()), std::ssize(shortest));
     std::printf("The shortest sequence found has %lu operations and is in %s; the walk plays it so:\n",
                 again.operations, file.c_str());

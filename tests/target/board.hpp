@@ -91,7 +91,7 @@ private:
     int number_;
 };
 
-// A mapping of the device; throws when refused. unmaps itself.
+// A mapping of the device; throws when refused; unmaps itself.
 class View
 {
 public:

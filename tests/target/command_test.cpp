@@ -320,7 +320,7 @@ TARGET_TEST(unknown_commands_answer_0_and_read_nothing)
     needFreshManager();
     const Descriptor device;
     KernelLog log;
-    for (const std::uint32_t number : {0x52FFu, 0x530Fu, 0u, 0xFFFFFFFFu, 0x80045300u})
+    for (const std::uint32_t number : {0x52FFu, 0x53FFu, 0u, 0xFFFFFFFFu, 0x80045300u})
         for (const std::uint32_t address : {0u, 8u, board().pageOffset, 0xFFFFFFFFu})
             CHECK_EQUAL(device.commandAt(number, address), 0);
     CHECK_LOGGED(log.take(), Lines());

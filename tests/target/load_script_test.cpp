@@ -31,7 +31,7 @@ void checkNode(const char* path, unsigned mode, unsigned group)
     CHECK_EQUAL(status.st_gid, group);
     CHECK_EQUAL(static_cast<unsigned>(status.st_rdev >> 8), *deviceMajor());
     const Descriptor device(0, path);
-    CHECK_EQUAL(device.commandAt(0x530F, 0), 0);
+    CHECK_EQUAL(device.commandAt(0x53FF, 0), 0);
 }
 
 } // namespace

@@ -231,7 +231,7 @@ TARGET_TEST(every_minor_opens_the_same_device)
         unlink("/dev/other");
         CHECK_EQUAL(mknod("/dev/other", S_IFCHR | 0600, *major << 8 | minor), 0);
         const Descriptor device(0, "/dev/other");
-        CHECK_EQUAL(device.commandAt(0x530F, 0), 0);
+        CHECK_EQUAL(device.commandAt(0x53FF, 0), 0);
     }
     unlink("/dev/other");
 }

@@ -12,8 +12,8 @@
  * rolled back.
  *
  * Locking: allocation and release may be called from any context, for segments with ubSemaphore YES;
- * they take one spin lock each with interrupts off. Everything else takes no lock and belongs on the
- * control path, one call at a time.
+ * they take one spin lock each with interrupts off, and so does each release that a clean-up makes. Everything else
+ * takes no lock and belongs on the control path, one call at a time.
  */
 #ifndef MM_H
 #define MM_H
@@ -172,7 +172,7 @@ BOOL MM_IsBrokenDramBackUp(void);
 /* Creates the segment that the request in kernel memory describes. On success the request's hulHandle,
  * ulSegSize (bytes placed) and ulRetSegSize (usable bytes) are written; otherwise it is left
  * untouched. A handle taken by a creation that fails is not used again. ENOERR, EASSERT, EERR (a fixed
- * segment's name is missing from the MCT). */
+ * segment's name is missing from the MCT), EOUTOFRANGE (memory that changes between two tests). */
 U32 MM_CreateSegment(TSegInfoFromApp* pstInfoFromApp);
 
 /* Allocation -------------------------------------------------------------------------------------- */
@@ -263,7 +263,8 @@ void MM_RunningMultiJob_Notify(U32 ulValue);
 /* Prints the MST on the kernel log: one entry (0 to 48, not checked), the heap's pieces (HEAPHANDLE), or
  * everything (MM_DISPLAY_ALL). */
 void MM_DisplayMST(U32 ulSelector);
-/* The same rows without header, for HEAPHANDLE and MM_DISPLAY_ALL only; printed when counters disagree. */
+/* The same in the form of the trace, without header, the heap's rows with their maps: for HEAPHANDLE and
+ * MM_DISPLAY_ALL, nothing for other selectors. What the allocators print when counters disagree. */
 void MM_TraceMST(U32 ulSelector);
 
 /* Memory configuration table ---------------------------------------------------------------------- */

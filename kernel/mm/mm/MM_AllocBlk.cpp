@@ -6,6 +6,7 @@
 #include "MM_Lock.h"
 #include "MM_Map.h"
 #include "MM_Memory.h"
+#include "MM_RunIndex.h"
 #include "MM_Stack.h"
 
 namespace {

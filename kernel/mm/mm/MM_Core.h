@@ -1,5 +1,5 @@
 /*
- * MM_Core.h - what the core's units share and nobody else sees: addresses, the global tables, and the entries of
+ * MM_Core.h - what the core's units share, with the device interface and the simulated controller: addresses, the global tables, and the entries of
  * one unit that another one calls.
  */
 #ifndef MM_CORE_H
@@ -139,7 +139,7 @@ void MM_ClearMapAll(U32 hulHandle);
 /* Longest free run in blocks (0 to 49 or the alias); 14 for another handle. Stores nothing. */
 U32 MM_FindNewLargestBlk(U32 hulHandle);
 
-/* MM_AllocBlk: the allocators. The address type is pfnAlloc's. */
+/* MM_AllocBlk: the allocators, as pfnAlloc declares them. */
 U8* MM_AllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID);
 U8* MM_Push(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID);
 /* Marks ulReqBlkNum blocks at pubBlkTmp as the owner's: ORs the ID into entries that must be 0. */

@@ -9,6 +9,7 @@
 #include "MM_Lock.h"
 #include "MM_Map.h"
 #include "MM_Memory.h"
+#include "MM_RunIndex.h"
 #include "MM_Stack.h"
 
 /* INTENDED(mask-table): 0x70 stands in the row; no width reads it. */

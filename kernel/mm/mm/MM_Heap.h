@@ -1,5 +1,5 @@
 /*
- * MM_Heap.h - the heap's pieces. The addresses in the heap's MST entry do not hold memory addresses but
+ * MM_Heap.h - the heap's pieces. The address fields of the heap's MST entry hold no addresses of memory but
  * refer to arrays with one element for each piece; a start of 0xFFFFFFFF, or the fifth piece, ends them.
  */
 #ifndef MM_HEAP_H

@@ -1,6 +1,7 @@
 /*
  * MM_Memory.h - writes to managed memory that go past the free lists. Free memory holds the lists' headers, so whoever
- * writes where a list may lie says so here, and whatever is derived from a list is looked at again.
+ * writes where a list may lie says so here, and whatever is derived from a list is looked at again:
+ * the bodies are MM_RunIndex's.
  */
 #ifndef MM_MEMORY_H
 #define MM_MEMORY_H

@@ -15,17 +15,21 @@
  *   asleep  awake    MM_RunAdded, more than WAKE_RUNS runs
  *   awake   asleep   MM_RunRemoved, fewer than SLEEP_RUNS runs
  *   awake   none     MM_OpenRunIndex, the list's ends were moved by others
- *                    an allocator or release routine asked and the tables did not know: a claim of no possible size,
- *                    a release that overlaps a free run or reaches past its range, a chunk that holds something else
+ *                    an allocator or release routine asked and the tables did not know: a request beyond MAX_REQUEST,
+ *                    a release that overlaps a free run or passes the span's end, a chunk that holds something else
  *                    MM_MemoryWritten, a header was overwritten (fills, clears, owner entries outside the map)
  *                    MM_RecheckRunIndexes, a list that does not agree any more
- *   any     none     waking, falling asleep or refilling, when the list is no ordinary one (MM_RunTables.h)
- *                    MM_DropRunIndex, MM_ResetRunIndexes; another segment laid over this one
+ *   any     none     filling or emptying the tables, when the list is no ordinary one (MM_RunTables.h)
+ *                    MM_BuildRunIndex, first of all, and at last where a segment cannot be indexed: blocks below 16
+ *                    bytes, where the headers of neighbouring runs share bytes; stacks; memory shared with another
+ *                    segment, which then loses its own as well; no room in the pool; MM_UseRunIndex(FALSE)
+ *                    MM_DropRunIndex, MM_ResetRunIndexes
  *
- * Segments of blocks below 16 bytes, where the headers of neighbouring runs share bytes, and stacks stay at none. The
- * tables are a megabyte in all, shared by the segments in the order of their creation.
+ * The tables are a megabyte in all, shared by the segments in the order of their creation.
  *
- * Locking: as the run lists themselves; an index belongs to its segment.
+ * Locking: an index belongs to its segment and is changed under whatever guards that segment's list. Fills, clears,
+ * creation and start-up look at every index without a lock, as they write memory without one: they are the control path's
+ * (MM.h), and where they meet an allocation on another processor, the list is as open to it as the index.
  */
 #ifndef MM_RUNINDEX_H
 #define MM_RUNINDEX_H
@@ -54,7 +58,7 @@ void MM_DropRunIndex(U32 hulHandle);
 BOOL MM_HasRunIndex(U32 hulHandle);
 BOOL MM_IsRunIndexAwake(U32 hulHandle);
 
-/* True when a kept index and the list agree in everything. */
+/* False when an index that is awake and its list disagree in anything. */
 BOOL MM_RunIndexAgrees(U32 hulHandle);
 }
 
@@ -111,7 +115,8 @@ inline TMMRunIndex& MM_OpenRunIndex(U32 hulHandle)
     return stIndex;
 }
 
-/* Size of a list's longest run in blocks, 0 without any. */
+/* Size of a list's longest run in blocks, 0 without any. A query: it walks where the ends were moved, and changes no
+ * state. */
 inline U32 MM_LargestRun(U32 hulHandle)
 {
     const TMMRunIndex& stIndex = astRunIndex[hulHandle];

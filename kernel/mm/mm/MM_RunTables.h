@@ -5,7 +5,7 @@
  * The address range of the list is cut into chunks of a power-of-two number of blocks. For each chunk a table holds the
  * run that starts highest in it and the size of the longest run that starts in it, in a byte; a tree of maxima over the
  * bytes leads to the highest chunk with a run that is long enough. From there on the list itself is read, at most one
- * chunk's worth of it. Sizes that a byte cannot hold stand in a second such tree, of whole words over groups of chunks.
+ * chunk's worth of it, eight for a long run. Sizes that a byte cannot hold stand in a second such tree, of whole words over groups of chunks.
  *
  * The tables are right as long as they hear of every change to the list, once it is made; each kind of change is a verb
  * below. When that may be relied on is MM_RunIndex's business: the tables know no segment, no state and no lock, and
@@ -44,7 +44,7 @@ public:
     /* Empties placed tables, whatever they hold; a write to each of their words. */
     void Clear();
     /* Fills empty tables with a list's runs; counts the runs. False when the list is no ordinary one: inside the span,
-     * ascending, apart, linked both ways, head to tail. Then the tables say nothing. */
+     * ascending, not overlapping, linked both ways, head to tail. Then the tables say nothing. */
     bool Fill(TMMRunList stList, U32* pulRuns);
     /* Empties tables that agree with a list, by that list. False when the list is no ordinary one. */
     bool Empty(TMMRunList stList);

@@ -1,13 +1,13 @@
 /*
- * MM_Stack.h - the stack discipline: free memory is the one stretch between a segment's start and its lowest piece, so
- * there is no list to keep. MM_Push and MM_Pop move the piece's end.
+ * MM_Stack.h - the stack discipline: free memory is the one stretch between a segment's start and what was pushed last, so
+ * there is no list to keep. MM_Push and MM_Pop move the end of the stretch.
  */
 #ifndef MM_STACK_H
 #define MM_STACK_H
 
 #include "MM_RunIndex.h"
 
-/* Bytes that a piece takes: a multiple of 4. */
+/* Bytes that a push takes: a multiple of 4. */
 inline U32 MM_StackBytes(U32 ulBytes)
 {
     return ulBytes % 4 == 0 ? ulBytes : (ulBytes + 4) & ~3u;

@@ -1,6 +1,6 @@
 /*
- * declarations.h - what 2.6.35 declares of what this project's kernel sources use, as far as it was known without its
- * tree, and no more: enough to see that the branches for such a kernel are C and fit those declarations. It stands in
+ * declarations.h - what 2.6.35 declares of what this project's kernel sources use, and no more, not taken from its tree:
+ * enough to see that the branches for such a kernel are C and fit those declarations. It stands in
  * for every kernel header.
  */
 #ifndef OLD_KERNEL_DECLARATIONS_H
