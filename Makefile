@@ -29,10 +29,10 @@ build-arm:
 	@scripts/setup.sh build test
 	@$(call preset,arm)
 
-## make demo       prints a document through the manager  [DOC=file.pdf COPIES=3 DPI=75]
+## make demo       prints a document through the manager, by three processes  [DOC=file.pdf COPIES=3 DPI=75]
 demo: build-x86
 	@scripts/setup.sh demo
-	@build/bin/print-job $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo
+	@build/bin/print-job --processes $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo
 
 ## make test       the gates (format-check, lint), then every test: x86, the client library in 64 bits, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the module on an emulated controller
 test: format-check lint test-x86 test-x86_64 test-arm test-sanitize coverage test-target

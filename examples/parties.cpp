@@ -163,7 +163,8 @@ Band RasterProcessor::allocateBand(const StoredPage& page, std::uint32_t bytes)
     return {*address, bytes, !device_.contains(pageSegment_, *address)};
 }
 
-void RasterProcessor::store(const std::filesystem::path& raster, StoredPage& page)
+void RasterProcessor::store(const std::filesystem::path& raster, StoredPage& page,
+                            const std::function<void(const Band&)>& taken)
 {
     RasterReader reader(raster);
     page.header = reader.header();
@@ -171,6 +172,7 @@ void RasterProcessor::store(const std::filesystem::path& raster, StoredPage& pag
         const auto bytes = static_cast<std::uint32_t>(std::min<std::size_t>(left, layout_.bandBytes));
         const Band band = allocateBand(page, bytes);
         page.bands.push_back(band);
+        taken(band);
         const velmora::Mapping view = device_.map(band.address, band.bytes);
         reader.read(view.bytes().data(), band.bytes);
         left -= bytes;

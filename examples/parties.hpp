@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -70,7 +71,8 @@ public:
     // Bytes that the pages hold in the segment "PAGE" at this moment.
     std::uint64_t pageSegmentUse();
 
-    // Releases everything that the pages hold, and the ticket.
+    // Releases everything that the pages hold, and the ticket. Bands in the segment go by the pages' owners, whether the
+    // pages know of them or not; those in the heap have no owner and go one by one.
     void giveBack(const std::vector<StoredPage>& pages);
 
     // True when every block of "$JCB" and "PAGE" is free.
@@ -100,7 +102,10 @@ public:
     RasterProcessor(std::unique_ptr<velmora::Channel> channel, const Layout& layout, std::uint32_t pageSegment);
 
     // Puts a raster file into memory. What was stored before a failure is in the page, so that it can be given back.
-    void store(const std::filesystem::path& raster, StoredPage& page);
+    // taken: hears of each band before it is filled.
+    void store(
+        const std::filesystem::path& raster, StoredPage& page,
+        const std::function<void(const Band&)>& taken = [](const Band&) {});
 
 private:
     Band allocateBand(const StoredPage& page, std::uint32_t bytes);

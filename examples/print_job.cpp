@@ -1,19 +1,23 @@
 // print-job: prints a document through the memory manager, as a controller does.
-#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <memory>
 #include <optional>
+#include <regex>
 #include <system_error>
 #include <thread>
+
+#include <velmora/controller.hpp>
 
 #include "controller/device.h"
 #include "host/machine.h"
 #include "tools/command_line.hpp"
 #include "document.hpp"
 #include "kernel_log.hpp"
-#include "parties.hpp"
+#include "job.hpp"
+#include "process_job.hpp"
 #include "queue.hpp"
 
 namespace printjob {
@@ -28,6 +32,8 @@ struct Options {
     fs::path output = "build/demo";
     std::optional<fs::path> rasters;
     std::optional<std::string> device;
+    bool processes = false;
+    std::optional<std::string> lose;
 };
 
 void describe(CLI::App& app, Options& options)
@@ -49,9 +55,30 @@ void describe(CLI::App& app, Options& options)
         ->type_name("DIR");
     app.add_option("--rasters", options.rasters, "print the netpbm pages in DIR; no Ghostscript is run")
         ->type_name("DIR");
-    app.add_option("--device", options.device,
-                   "a real manager, through its device node; default: the simulated controller in this process")
+    app.add_option(
+           "--device", options.device,
+           "a real manager, through its device node, or a running velmora-controller: unix:SOCKET; default: the "
+           "simulated controller in this process")
         ->type_name("NODE");
+    CLI::Option* const processes = app.add_flag("--processes", options.processes,
+                                                "job handling, raster processor and collation copy as three processes; "
+                                                "without --device on a velmora-controller "
+                                                "of their own. Default: three threads of this process");
+    app.add_option("--lose", options.lose,
+                   "kill a party in the middle of a page: raster:N or copy:N. Job handling collects what it held and "
+                   "prints the job again")
+        ->type_name("PARTY:N")
+        ->needs(processes);
+}
+
+std::optional<Loss> lossIn(const Options& options)
+{
+    if (!options.lose)
+        return std::nullopt;
+    std::smatch words;
+    if (!std::regex_match(*options.lose, words, std::regex("(raster|copy):([1-9][0-9]{0,5})")))
+        throw velmora::tools::UsageError("--lose: " + *options.lose + " is not raster:N or copy:N");
+    return Loss{words[1] == "copy", static_cast<unsigned>(std::stoul(words[2]))};
 }
 
 double mebibytes(std::uint64_t bytes)
@@ -63,13 +90,18 @@ double mebibytes(std::uint64_t bytes)
 struct Controller {
     std::function<std::unique_ptr<velmora::Channel>()> open;
     std::function<std::vector<std::string>()> kernelLog;
+    std::string device = {}; // as another process names it, where one can
 };
 
 Controller connect(const Options& options)
 {
     if (options.device)
         return {[node = *options.device] { return velmora::openNode(node); },
-                [log = KernelLog()]() mutable { return log.takeMessages(); }};
+                [log = KernelLog()]() mutable { return log.takeMessages(); }, *options.device};
+    if (options.processes) {
+        const auto process = std::make_shared<velmora::sim::Controller>();
+        return {[process] { return process->open(); }, [process] { return process->takeLog(); }, process->device()};
+    }
     velmora::sim::bootController();
     return {velmora::sim::openDevice, [] { return velmora::sim::machine().takeLog(); }};
 }
@@ -86,37 +118,25 @@ void expectManager(const Controller& controller, const Options& options)
     }
 }
 
-fs::path pageFile(const fs::path& output, unsigned copy, const fs::path& raster)
-{
-    return output / ("copy-" + std::to_string(copy)) / raster.filename();
-}
-
-// The job from the first band to the last copy. Pages stay in memory until all copies are out.
-class Job
+// The parties in threads of this process.
+class ThreadJob : public Job
 {
 public:
-    Job(const Controller& controller, const Options& options, std::vector<fs::path> rasters)
-        : options_(options), rasters_(std::move(rasters)), handler_(controller.open(), layout_)
+    ThreadJob(const Controller& controller, const Order& order)
+        : Job(controller.open(), order), processor_(controller.open(), layout_, handler_.pageSegment()),
+          open_(controller.open)
     {
-        handler_.start();
-        handler_.writeTicket(options.copies, static_cast<unsigned>(rasters_.size()));
-        heapRoom_ = handler_.heapRoom();
-        processor_.emplace(controller.open(), layout_, handler_.pageSegment());
-        collation_.emplace(controller.open(), handler_.ticket());
     }
 
     // Runs the raster processor and the collation copy side by side; throws what stopped either.
-    void run()
+    void run() override
     {
-        for (unsigned copy = 1; copy <= options_.copies; ++copy) {
-            fs::remove_all(options_.output / ("copy-" + std::to_string(copy)));
-            fs::create_directories(options_.output / ("copy-" + std::to_string(copy)));
-        }
-        stored_.reserve(rasters_.size());
+        begin();
+        CollationCopy collation(open_(), handler_.ticket());
         std::exception_ptr stopped;
-        std::thread collation([&] {
+        std::thread copying([&] {
             try {
-                writeCopies();
+                writeCopies(collation);
             } catch (...) {
                 stopped = std::current_exception();
             }
@@ -125,83 +145,59 @@ public:
             storePages();
         } catch (...) {
             ready_.close();
-            collation.join();
+            copying.join();
             throw;
         }
         ready_.close();
-        collation.join();
+        copying.join();
         if (stopped)
             std::rethrow_exception(stopped);
     }
 
-    void giveBack() { handler_.giveBack(stored_); }
-    bool allIsFree() { return handler_.segmentsAreFree() && handler_.heapRoom() == heapRoom_; }
-    void display() { handler_.display(); }
-    std::uint64_t peakSegment() const { return peakSegment_; }
-    std::uint64_t peakHeap() const { return peakHeap_; }
-
 private:
     void storePages()
     {
-        for (const fs::path& raster : rasters_) {
-            const auto number = static_cast<unsigned>(stored_.size() + 1);
-            StoredPage& page = stored_.emplace_back(StoredPage{number, ownerOfPage(number), {}, {}});
-            processor_->store(raster, page);
-            notePeak(page);
-            std::printf("  page %3u/%zu  %ux%u  %5.1f MiB in %zu bands, owner 0x%02x%s\n", number, rasters_.size(),
-                        page.header.width, page.header.height, mebibytes(page.header.imageBytes()), page.bands.size(),
-                        page.owner,
-                        page.heapBands() > 0
-                            ? (", " + std::to_string(page.heapBands()) + " of them from the heap").c_str()
-                            : "");
-            std::fflush(stdout);
+        for (const fs::path& raster : order_.rasters) {
+            StoredPage& page = newPage();
+            processor_.store(raster, page);
+            pageIsStored(page);
             ready_.push(&page);
         }
     }
 
-    void notePeak(const StoredPage& page)
-    {
-        for (const Band& band : page.bands)
-            if (band.inHeap)
-                peakHeap_ += (band.bytes + layout_.blockBytes - 1) / layout_.blockBytes * layout_.heapBlockBytes;
-        peakSegment_ = std::max(peakSegment_, handler_.pageSegmentUse());
-    }
-
     // The first copy follows the raster processor page by page; the others come from memory.
-    void writeCopies()
+    void writeCopies(CollationCopy& collation)
     {
-        const unsigned copies = collation_->copies();
+        const unsigned copies = collation.copies();
         std::vector<const StoredPage*> pages;
         while (const auto page = ready_.pop()) {
             pages.push_back(*page);
-            write(1, **page);
+            write(collation, 1, **page);
         }
-        if (pages.size() != rasters_.size())
+        if (pages.size() != order_.rasters.size())
             return; // the raster processor stopped
         for (unsigned copy = 2; copy <= copies; ++copy)
             for (const StoredPage* page : pages)
-                write(copy, *page);
+                write(collation, copy, *page);
     }
 
-    void write(unsigned copy, const StoredPage& page)
+    void write(CollationCopy& collation, unsigned copy, const StoredPage& page)
     {
-        collation_->write(page, pageFile(options_.output, copy, rasters_[page.number - 1]));
-        if (page.number == rasters_.size())
-            std::printf("  copy %u: %zu pages\n", copy, rasters_.size());
+        collation.write(page, order_.file(copy, page.number));
+        pageIsWritten(copy, page.number);
     }
 
-    const Options& options_;
-    std::vector<fs::path> rasters_;
-    Layout layout_;
-    JobHandler handler_;
-    std::optional<RasterProcessor> processor_;
-    std::optional<CollationCopy> collation_;
-    std::vector<StoredPage> stored_; // reserved to its full size: the queue holds pointers into it
-    Queue<const StoredPage*> ready_;
-    std::uint64_t heapRoom_ = 0; // before anything was stored
-    std::uint64_t peakSegment_ = 0;
-    std::uint64_t peakHeap_ = 0;
+    RasterProcessor processor_;
+    std::function<std::unique_ptr<velmora::Channel>()> open_;
+    Queue<const StoredPage*> ready_; // of pages in stored_
 };
+
+std::unique_ptr<Job> newJob(const Controller& controller, const Options& options, const Order& order)
+{
+    if (options.processes)
+        return std::make_unique<ProcessJob>(controller.device, order, lossIn(options));
+    return std::make_unique<ThreadJob>(controller, order);
+}
 
 // Shows the manager's own display. A log that this program may not read is no reason to stop.
 void showDisplay(Job& job, const Controller& controller)
@@ -217,13 +213,13 @@ void showDisplay(Job& job, const Controller& controller)
     }
 }
 
-unsigned countDifferentPages(const Options& options, const std::vector<fs::path>& rasters)
+unsigned countDifferentPages(const Order& order)
 {
     unsigned different = 0;
-    for (unsigned copy = 1; copy <= options.copies; ++copy)
-        for (const fs::path& raster : rasters)
-            if (!sameBytes(raster, pageFile(options.output, copy, raster))) {
-                std::printf("  differs: %s\n", pageFile(options.output, copy, raster).c_str());
+    for (unsigned copy = 1; copy <= order.copies; ++copy)
+        for (unsigned page = 1; page <= order.rasters.size(); ++page)
+            if (!sameBytes(order.rasters[page - 1], order.file(copy, page))) {
+                std::printf("  differs: %s\n", order.file(copy, page).c_str());
                 ++different;
             }
     return different;
@@ -241,34 +237,36 @@ std::vector<fs::path> rastersFor(const Options& options)
 
 int print(const Options& options)
 {
+    lossIn(options); // throws when it cannot be used
     const Controller controller = connect(options);
     expectManager(controller, options);
-    const std::vector<fs::path> rasters = rastersFor(options);
-    std::printf("Printing %zu pages, %u copies\n", rasters.size(), options.copies);
+    const Order order{rastersFor(options), options.copies, options.output};
+    std::printf("Printing %zu pages, %u copies%s\n", order.rasters.size(), order.copies,
+                options.processes ? ": job handling, raster processor and collation copy are three processes" : "");
 
-    Job job(controller, options, rasters);
+    const std::unique_ptr<Job> job = newJob(controller, options, order);
     std::optional<std::string> failure;
     try {
-        job.run();
+        job->run();
     } catch (const std::exception& error) {
         failure = error.what();
     }
-    job.giveBack();
-    const bool allFree = job.allIsFree();
-    showDisplay(job, controller);
+    job->giveBack();
+    const bool allFree = job->allIsFree();
+    showDisplay(*job, controller);
 
-    std::printf("Peak use: %.1f MiB of the page segment, %.1f MiB of the heap\n", mebibytes(job.peakSegment()),
-                mebibytes(job.peakHeap()));
+    std::printf("Peak use: %.1f MiB of the page segment, %.1f MiB of the heap\n", mebibytes(job->peakSegment()),
+                mebibytes(job->peakHeap()));
     std::puts(allFree ? "All blocks of every segment are free again" : "BLOCKS ARE STILL ALLOCATED");
     if (failure) {
         std::fflush(stdout);
         std::cerr << "print-job: " << *failure << "\n";
         return 1;
     }
-    const unsigned different = countDifferentPages(options, rasters);
+    const unsigned different = countDifferentPages(order);
     if (different == 0)
-        std::printf("All %zu pages of all %u copies are identical to what was drawn: %s\n", rasters.size(),
-                    options.copies, options.output.c_str());
+        std::printf("All %zu pages of all %u copies are identical to what was drawn: %s\n", order.rasters.size(),
+                    order.copies, order.output.c_str());
     return different == 0 && allFree ? 0 : 1;
 }
 

@@ -1,5 +1,6 @@
 #!/bin/sh
-# The print job as a user runs it: a two-page document that Ghostscript draws, one that is too large, bad arguments.
+# The print job as a user runs it: a two-page document that Ghostscript draws, one that is too large, bad arguments; the parties
+# as three processes, one of them killed.
 #   check.sh PRINT-JOB
 set -eu
 print_job=$1
@@ -46,6 +47,54 @@ expect 'there is no document'
 printf 'no document at all (' >"$work/bad.ps"
 "$print_job" --document "$work/bad.ps" --output "$work/bad" >"$work/out" 2>&1 && fail "a broken document was printed"
 expect 'print-job: '
+
+# Three processes on a controller of their own, the print compared with what the threads printed.
+processes() { # OUTPUT ARGUMENT...
+    output=$1
+    shift
+    "$print_job" --processes --rasters "$work/pages" --copies 3 --output "$work/$output" "$@" >"$work/out" 2>&1 ||
+        fail "three processes failed: $*"
+    expect 'Printing 4 pages, 3 copies: .* three processes'
+    expect 'Display MST'
+    expect 'All blocks of every segment are free again'
+    expect 'All 4 pages of all 3 copies are identical'
+    for copy in 1 2 3; do
+        diff -r "$work/pages" "$work/$output/copy-$copy" || fail "copy $copy differs: $*"
+    done
+}
+mkdir "$work/pages"
+for page in 1 2 3 4; do
+    cp "$work/job/drawn/page-000$(((page + 1) % 2 + 1)).ppm" "$work/pages/page-$page.ppm"
+done
+processes three
+grep -q 'collected by owner' "$work/out" && fail "a party was lost by itself"
+for page in 1 3; do
+    processes "raster-$page" --lose "raster:$page"
+    expect "The raster processor was ended by signal 9: [0-9.]* MiB of $page pages collected by owner, all blocks are free; printing the job again"
+    processes "copy-$page" --lose "copy:$page"
+    expect 'The collation copy was ended by signal 9: .* collected by owner, all blocks are free; printing the job again'
+done
+"$print_job" --processes --document "$work/two.ps" --dpi 1000 --output "$work/large" >"$work/out" 2>&1 &&
+    fail "three processes printed a document too large"
+expect 'print-job: the document does not fit into the controller.s memory: page 1'
+expect 'All blocks of every segment are free again'
+
+# The same on a controller that runs already, one job after another.
+"$(dirname "$print_job")/velmora-controller" --socket "$work/mm.sock" &
+controller=$!
+trap 'kill "$controller" 2>/dev/null; rm -rf "$work"' EXIT
+for attempt in 1 2 3 4 5 6 7 8 9 10; do
+    [ -S "$work/mm.sock" ] && break
+    [ "$attempt" -lt 10 ] || fail "no controller"
+    sleep 0.5
+done
+for job in first second; do
+    "$print_job" --processes --device "unix:$work/mm.sock" --lose raster:2 --rasters "$work/pages" --copies 1 \
+        --output "$work/$job" >"$work/out" 2>&1 || fail "the $job job on a shared controller failed"
+    expect 'of 2 pages collected by owner, all blocks are free'
+    expect 'All 4 pages of all 1 copies are identical'
+done
+
 refused() { # STATUS TEXT ARGUMENT...
     wanted=$1 text=$2
     shift 2
@@ -60,6 +109,8 @@ refused 2 '--dpi: Value 17 not in range 18 to 1200' --dpi 17
 refused 2 '--document lacks its value' --document
 refused 2 'unknown option --nonsense' --nonsense
 refused 2 "unexpected argument 'file.pdf'" file.pdf
+refused 2 '--lose: collation:1 is not raster:N or copy:N' --processes --lose collation:1
+refused 2 '--lose requires --processes' --lose raster:1
 # A device that is none of the manager's is noticed before anything is drawn.
 refused 1 'print-job: cannot open /dev/nope: No such file or directory' --device /dev/nope --output "$work/nope"
 [ "$(wc -l <"$work/out")" -eq 1 ] || fail "more than one line about a missing device"

@@ -97,6 +97,28 @@ TEST_F(PrintJob, BandsThatOverflowIntoTheHeapAreGivenBackOneByOne)
     expectAllFree();
 }
 
+TEST_F(PrintJob, WhatARasterProcessorTookAndDidNotReportIsCollectedByThePagesOwner)
+{
+    struct Death {
+    };
+    const fs::path raster = drawPage(2, 400, 200); // 240,000 bytes: four bands, 59 blocks
+    const StoredPage kept = store(1, drawPage(1, 100, 70));
+    StoredPage half{2, ownerOfPage(2), {}, {}};
+    unsigned bands = 0;
+    const auto die = [&](const Band&) {
+        if (++bands == 2)
+            throw Death();
+    };
+    EXPECT_THROW(RasterProcessor(sim::openDevice(), layout_, handler_->pageSegment()).store(raster, half, die), Death);
+    EXPECT_EQ(blocksInUse(handler_->pageSegment()), 6u + 32u);
+
+    const StoredPage asItWasNoted{2, ownerOfPage(2), {}, {}};
+    handler_->giveBack({asItWasNoted});
+    EXPECT_EQ(blocksInUse(handler_->pageSegment()), 6u); // another page's stay
+    handler_->giveBack({kept});
+    expectAllFree();
+}
+
 TEST_F(PrintJob, ADocumentTooLargeEndsInAClearMessageWithEverythingGivenBack)
 {
     // The segment holds 255 blocks of 4 KiB, the heap about 17,000 of 8 KiB: 139 MB of page data cannot fit.

@@ -1,0 +1,138 @@
+#include "process_job.hpp"
+
+#include <cerrno>
+#include <cstdio>
+#include <poll.h>
+#include <system_error>
+
+namespace printjob {
+
+namespace {
+
+constexpr unsigned kMostLosses = 3; // a job that loses more is given up
+
+} // namespace
+
+struct ProcessJob::Parties {
+    Party rasters;
+    Party collation;
+    unsigned copies = 0;   // 0: collation copy has not read the ticket yet
+    std::size_t ready = 0; // pages that are in memory
+    std::size_t asked = 0; // pages of copies that collation copy was asked for, in the order of the copies
+    std::size_t written = 0;
+};
+
+ProcessJob::ProcessJob(std::string device, const Order& order, std::optional<Loss> loss)
+    : Job(velmora::openNode(device), order), device_(std::move(device)), loss_(loss)
+{
+}
+
+void ProcessJob::run()
+{
+    for (unsigned losses = 0;; ++losses) {
+        try {
+            return printOnce();
+        } catch (const PartyLost& lost) {
+            if (losses == kMostLosses)
+                throw;
+            collectAfter(lost);
+        }
+    }
+}
+
+void ProcessJob::printOnce()
+{
+    begin();
+    Parties parties{
+        .rasters =
+            Party("raster processor", [this](const Wire& wire) { processRasters(wire, device_, layout_, order_); }),
+        .collation = Party("collation copy", [this](const Wire& wire) { writeCopies(wire, device_, order_); }),
+    };
+    parties.rasters.send({.kind = Kind::Begin, .number = handler_.pageSegment()});
+    parties.collation.send({.kind = Kind::Begin, .address = handler_.ticket()});
+    requestPage(parties);
+    while (parties.copies == 0 || parties.written < parties.copies * order_.rasters.size()) {
+        pollfd wires[] = {{parties.rasters.descriptor(), POLLIN, 0}, {parties.collation.descriptor(), POLLIN, 0}};
+        if (poll(wires, std::size(wires), -1) < 0 && errno != EINTR)
+            throw std::system_error(errno, std::generic_category(), "cannot wait for the parties");
+        if (wires[0].revents != 0)
+            hearRasters(parties);
+        if (wires[1].revents != 0)
+            hearCopies(parties);
+        requestCopies(parties);
+    }
+}
+
+// Both have ended. What the raster processor took and had no time to report is its page's by the owner.
+void ProcessJob::collectAfter(const PartyLost& lost)
+{
+    const double held = static_cast<double>(handler_.pageSegmentUse()) / (1 << 20);
+    const std::size_t pages = stored_.size();
+    giveBack();
+    const bool allFree = allIsFree();
+    std::printf("The %s: %.1f MiB of %zu pages collected by owner, %s; printing the job again\n", lost.what(), held,
+                pages, allFree ? "all blocks are free" : "but a band in the heap has no owner");
+    if (!allFree)
+        handler_.start(); // nobody knows that band: only a fresh start of the library gets it back
+}
+
+void ProcessJob::requestPage(Parties& parties)
+{
+    if (stored_.size() == order_.rasters.size())
+        return;
+    const StoredPage& page = newPage(); // noted first: the owner is known whatever becomes of the raster processor
+    parties.rasters.send({.kind = Kind::Store, .page = page.number, .number = page.owner});
+}
+
+void ProcessJob::hearRasters(Parties& parties)
+{
+    const Message message = parties.rasters.receive();
+    StoredPage& page = stored_.back();
+    if (message.kind == Kind::Band) {
+        page.bands.push_back({message.address, message.bytes, message.inHeap != 0});
+        if (loss_ && !loss_->ofCollation && loss_->page == page.number) {
+            loss_.reset();
+            parties.rasters.kill();
+        }
+    } else if (message.kind == Kind::Stored) {
+        page.header = {parties.rasters.takeText(), message.width, message.height, message.bytes};
+        pageIsStored(page);
+        ++parties.ready;
+        requestPage(parties);
+    }
+}
+
+void ProcessJob::hearCopies(Parties& parties)
+{
+    const Message message = parties.collation.receive();
+    if (message.kind == Kind::Copies) {
+        parties.copies = message.number;
+    } else if (message.kind == Kind::Written) {
+        ++parties.written;
+        pageIsWritten(message.number, message.page);
+    }
+}
+
+// One page at a time: the first copy follows the raster processor, the others come from memory.
+void ProcessJob::requestCopies(Parties& parties)
+{
+    const std::size_t pages = order_.rasters.size();
+    if (parties.asked > parties.written || parties.asked == parties.copies * pages)
+        return;
+    const std::size_t page = parties.asked % pages;
+    const bool first = parties.asked < pages;
+    if (first && page == parties.ready)
+        return;
+    if (first)
+        parties.collation.send(stored_[page]);
+    if (loss_ && loss_->ofCollation && loss_->page == stored_[page].number) {
+        loss_.reset();
+        parties.collation.kill();
+    }
+    parties.collation.send({.kind = Kind::Write,
+                            .page = stored_[page].number,
+                            .number = static_cast<std::uint32_t>(parties.asked / pages + 1)});
+    ++parties.asked;
+}
+
+} // namespace printjob
