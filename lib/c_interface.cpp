@@ -74,6 +74,11 @@ template <class Call> int guarded(Call call) noexcept
     }
 }
 
+std::string textOf(const char* text)
+{
+    return text != nullptr ? text : "";
+}
+
 velmora::SegmentSpec specOf(const velmora_segment_spec& spec)
 {
     if (spec.struct_bytes != sizeof spec)
@@ -82,7 +87,7 @@ velmora::SegmentSpec specOf(const velmora_segment_spec& spec)
         throw velmora::Error("velmora_segment_spec", Errc::BadOwner);
     if (spec.place > VELMORA_HEAP || spec.discipline > VELMORA_BLOCKS)
         throw velmora::Error("velmora_segment_spec", -EINVAL);
-    return {.name = spec.name != nullptr ? spec.name : "",
+    return {.name = textOf(spec.name),
             .bytes = spec.bytes,
             .blockBytes = spec.block_bytes,
             .ownerBits = static_cast<std::uint8_t>(spec.owner_bits),
@@ -127,10 +132,9 @@ void give(const std::vector<From>& list, To* elements, size_t room, size_t* coun
     *count = list.size();
 }
 
-velmora_block_record recordOf(const velmora::Block& block)
+void put(const velmora::BlockRecord& from, velmora_block_record* to)
 {
-    return {static_cast<unsigned>(block.segment()), block.address(), block.size(), static_cast<unsigned>(block.owner()),
-            {}};
+    std::memcpy(to, &from, sizeof *to);
 }
 
 } // namespace
@@ -159,8 +163,7 @@ const char* velmora_last_error(void)
 
 int velmora_open(const char* where, velmora_device** device)
 {
-    return guarded(
-        [&] { *device = new velmora_device{velmora::Device(velmora::openNode(where != nullptr ? where : ""))}; });
+    return guarded([&] { *device = new velmora_device{velmora::Device(velmora::openNode(textOf(where)))}; });
 }
 
 void velmora_close(velmora_device* device)
@@ -178,17 +181,16 @@ int velmora_command(velmora_device* device, unsigned int number, void* record, s
 int velmora_start_up(velmora_device* device, unsigned int option, int forget_everything)
 {
     using velmora::Restart;
-    return guarded([&] {
-        startUp(device->device, option, forget_everything != 0 ? Restart::ForgetEverything : Restart::Refuse);
-    });
+    return guarded(
+        [&] { startUp(device->device, option, forget_everything != 0 ? Restart::ForgetEverything : Restart::Refuse); });
 }
 
 int velmora_segment_find(velmora_device* device, const char* name, velmora_segment** segment)
 {
     return guarded([&] {
-        auto found = velmora::Segment::find(device->device, name);
+        auto found = velmora::Segment::find(device->device, textOf(name));
         if (!found)
-            throw velmora::Error("velmora_segment_find", Errc::NoSuchSegment, "'" + std::string(name) + "'");
+            throw velmora::Error("velmora_segment_find", Errc::NoSuchSegment, "'" + textOf(name) + "'");
         *segment = new velmora_segment{*found};
     });
 }
@@ -237,7 +239,8 @@ int velmora_segment_get_info(velmora_segment* segment, velmora_segment_info* inf
 
 int velmora_segment_overflow_into(velmora_segment* segment, const velmora_segment* heap, unsigned int owner)
 {
-    return guarded([&] { segment->segment.overflowInto(heap->segment, ownerOf("velmora_segment_overflow_into", owner)); });
+    return guarded(
+        [&] { segment->segment.overflowInto(heap->segment, ownerOf("velmora_segment_overflow_into", owner)); });
 }
 
 int velmora_collect(velmora_segment* segment, unsigned int owner)
@@ -268,15 +271,15 @@ int velmora_allocate(velmora_segment* segment, unsigned int bytes, unsigned int 
 int velmora_adopt(velmora_segment* segment, const velmora_block_record* record, velmora_block** block)
 {
     return guarded([&] {
-        velmora::BlockRecord same;
-        std::memcpy(&same, record, sizeof same);
+        velmora::BlockRecord same{record->segment, record->address, record->bytes, record->owner, {}};
+        std::memcpy(same.name, record->name, sizeof same.name);
         *block = new velmora_block{segment->segment.adopt(same)};
     });
 }
 
 void velmora_block_get_record(const velmora_block* block, velmora_block_record* record)
 {
-    *record = recordOf(block->block);
+    put(block->block.record(), record);
 }
 
 int velmora_block_held(const velmora_block* block)
@@ -301,10 +304,7 @@ int velmora_block_release(velmora_block* block)
 
 int velmora_block_detach(velmora_block* block, velmora_block_record* record)
 {
-    return guarded([&] {
-        const velmora::BlockRecord detached = block->block.detach();
-        std::memcpy(record, &detached, sizeof detached);
-    });
+    return guarded([&] { put(block->block.detach(), record); });
 }
 
 void velmora_block_close(velmora_block* block)

@@ -31,6 +31,35 @@ SegmentUsage usageOf(const MM_TMMSegInfoWire& entry)
             .usable = refusalOf(entry)};
 }
 
+// A segment's entry and the owner map's, read together.
+struct Picture {
+    MM_TMMSegInfoWire entry;
+    std::vector<OwnedRun> runs; // of equal entries, 0 included; empty without a map
+};
+
+Picture pictureOf(const char* call, const Segment& segment)
+{
+    if (segment.isHeap())
+        throw Error(call, Errc::NotKnown, "no command shows the heap's entry");
+    auto& state = SegmentAccess::state(segment);
+    const std::lock_guard guard(state.holdings.mutex);
+    Picture picture{state.now(call), {}};
+    for (std::uint32_t block = 0; state.ownerBits() != 0 && block < picture.entry.ulTotalBlkNum; ++block) {
+        const auto owner = static_cast<Owner>(state.ownerOf(block));
+        if (picture.runs.empty() || picture.runs.back().owner != owner)
+            picture.runs.push_back({owner, picture.entry.pubStartAddr + block * state.blockBytes(), 0});
+        ++picture.runs.back().blocks;
+    }
+    return picture;
+}
+
+Picture ownersOf(const char* call, const Segment& segment)
+{
+    if (!segment.isHeap() && segment.ownerBits() == 0)
+        throw Error(call, Errc::NotKnown, "'" + segment.name() + "' has no owner map");
+    return pictureOf(call, segment);
+}
+
 } // namespace
 
 std::vector<SegmentUsage> segments(Device& device)
@@ -44,24 +73,32 @@ std::vector<SegmentUsage> segments(Device& device)
 
 std::vector<OwnerUsage> owners(const Segment& segment)
 {
-    auto& state = SegmentAccess::state(segment);
-    if (segment.isHeap() || segment.ownerBits() == 0)
-        throw Error("owners", Errc::NotKnown, "'" + segment.name() + "' has no owner map that a process can read");
+    const Picture picture = ownersOf("owners", segment);
     std::array<std::uint32_t, 256> blocks{};
-    const std::lock_guard guard(state.holdings.mutex);
-    const MM_TMMSegInfoWire current = state.now("owners");
     std::uint32_t owned = 0;
-    for (std::uint32_t block = 0; block < current.ulTotalBlkNum; ++block)
-        if (const unsigned owner = state.ownerOf(block); owner != 0) {
-            ++blocks[owner];
-            ++owned;
+    for (const OwnedRun& run : picture.runs)
+        if (run.owner != Owner::Nobody) {
+            blocks[static_cast<std::size_t>(run.owner)] += run.blocks;
+            owned += run.blocks;
         }
-    blocks[0] = current.ulTotalAllocBlkNum > owned ? current.ulTotalAllocBlkNum - owned : 0;
+    blocks[0] = picture.entry.ulTotalAllocBlkNum > owned ? picture.entry.ulTotalAllocBlkNum - owned : 0;
     std::vector<OwnerUsage> used;
     for (unsigned owner = 0; owner < blocks.size(); ++owner)
         if (blocks[owner] != 0)
             used.push_back({static_cast<Owner>(owner), blocks[owner]});
     return used;
+}
+
+std::vector<OwnedRun> ownedRuns(const Segment& segment)
+{
+    std::vector<OwnedRun> runs = ownersOf("ownedRuns", segment).runs;
+    std::erase_if(runs, [](const OwnedRun& run) { return run.owner == Owner::Nobody; });
+    return runs;
+}
+
+std::vector<OwnedRun> ownedRuns(const Segment& segment, std::error_code& error)
+{
+    return orElse(error, std::vector<OwnedRun>(), [&] { return ownedRuns(segment); });
 }
 
 std::vector<OwnerUsage> owners(const Segment& segment, std::error_code& error)
@@ -71,29 +108,19 @@ std::vector<OwnerUsage> owners(const Segment& segment, std::error_code& error)
 
 std::vector<FreeRun> freeRuns(const Segment& segment)
 {
-    auto& state = SegmentAccess::state(segment);
-    if (segment.isHeap())
-        throw Error("freeRuns", Errc::NotKnown, "no command shows the heap's entry");
-    const std::lock_guard guard(state.holdings.mutex);
-    const MM_TMMSegInfoWire current = state.now("freeRuns");
-    const std::uint32_t free = current.ulTotalFreeBlkNum;
+    const Picture picture = pictureOf("freeRuns", segment);
+    const std::uint32_t free = picture.entry.ulTotalFreeBlkNum;
     if (free == 0)
         return {};
-    if (state.isStack() || free == current.ulTotalBlkNum)
-        return {{current.pubStartAddr, free}};
+    if (segment.discipline() == Discipline::Stack || free == picture.entry.ulTotalBlkNum)
+        return {{picture.entry.pubStartAddr, free}};
     std::vector<FreeRun> runs;
     std::uint32_t found = 0;
-    bool before = false; // the block before is free
-    for (std::uint32_t block = 0; segment.ownerBits() != 0 && block < current.ulTotalBlkNum; ++block) {
-        const bool now = state.ownerOf(block) == 0;
-        if (now && !before)
-            runs.push_back({current.pubStartAddr + block * segment.blockBytes(), 0});
-        if (now) {
-            ++runs.back().blocks;
-            ++found;
+    for (const OwnedRun& run : picture.runs)
+        if (run.owner == Owner::Nobody) {
+            runs.push_back({run.start, run.blocks});
+            found += run.blocks;
         }
-        before = now;
-    }
     if (found != free)
         throw Error("freeRuns", Errc::NotKnown, "not every allocated block of '" + segment.name() + "' has an owner");
     return runs;

@@ -50,6 +50,8 @@ TEST_F(Usage, OwnersRunsAndFragmentationFollowTheOwnerMap)
     const Block c = segment.allocate(0x1000, Owner{3}).value();  // 0x9531E000
     EXPECT_EQ(owners(segment), (Owners{{Owner{3}, 3}, {Owner{5}, 3}}));
     EXPECT_EQ(freeRuns(segment), (Runs{{0x95313000, 11}}));
+    EXPECT_EQ(ownedRuns(segment),
+              (std::vector<OwnedRun>{{Owner{3}, 0x9531E000, 1}, {Owner{5}, 0x9531F000, 3}, {Owner{3}, 0x95322000, 2}}));
     EXPECT_EQ(fragmentation(segment).ratio, 0);
     b.reset();
     EXPECT_EQ(owners(segment), (Owners{{Owner{3}, 3}}));

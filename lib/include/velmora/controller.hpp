@@ -28,7 +28,7 @@ struct ControllerOptions {
     std::string program = {};                // which one, instead of looking for it
 };
 
-class VELMORA_API Controller
+class Controller
 {
 public:
     // Starts a controller and returns when clients may come. Throws std::runtime_error with a sentence when it cannot be

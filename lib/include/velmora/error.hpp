@@ -14,8 +14,6 @@
 #include <string>
 #include <system_error>
 
-#include <velmora/export.hpp>
-
 namespace velmora {
 
 // Why the safe layer refuses something, before the manager is asked or after what it answered was looked at.
@@ -38,24 +36,24 @@ enum class Errc {
 };
 
 // Codes as <system_error> has them.
-VELMORA_API const std::error_category& managerCategory() noexcept; // the manager's codes, MM_EASSERT for example
-VELMORA_API const std::error_category& libraryCategory() noexcept; // Errc
+const std::error_category& managerCategory() noexcept; // the manager's codes, MM_EASSERT for example
+const std::error_category& libraryCategory() noexcept; // Errc
 // An Errc as a code of libraryCategory().
-VELMORA_API std::error_code make_error_code(Errc code) noexcept;
+std::error_code make_error_code(Errc code) noexcept;
 // The code of a number that a command or a call gave: a code of the manager, or a negative kernel code. 0 is no error.
-VELMORA_API std::error_code codeOf(int result) noexcept;
+std::error_code codeOf(int result) noexcept;
 // The number of a code: the other way round, Errc included.
-VELMORA_API int resultOf(const std::error_code& code) noexcept;
+int resultOf(const std::error_code& code) noexcept;
 
 // Name of a result: a code of the manager ("EASSERT" for 14), of this library ("NoRoom" for 100) or, below 0, of the
 // kernel ("ENOTTY" for -25). The number where there is no name.
-VELMORA_API std::string codeName(int result);
+std::string codeName(int result);
 
 // Name of a device command ("MM_CMD_MALLOC"), or its number.
-VELMORA_API std::string commandName(std::uint32_t number);
+std::string commandName(std::uint32_t number);
 
 // A call that was refused. what() is a sentence: who answered what to which command.
-class VELMORA_API Error : public std::runtime_error
+class Error : public std::runtime_error
 {
 public:
     // A device command or call that the manager (result above 0) or the kernel (-EINVAL for example) refused. Their codes
@@ -82,7 +80,7 @@ private:
 
 // The controller behind a socket is gone, or its answer cannot be understood: what() is its report where it left one.
 // Every further call of the same channel fails so.
-class VELMORA_API ConnectionError : public Error
+class ConnectionError : public Error
 {
 public:
     // result: a negative kernel code, -EPIPE.

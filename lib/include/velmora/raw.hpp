@@ -45,7 +45,7 @@ enum class Caching {
 };
 
 // One open descriptor of the device, however it is reached. Threads: any number at once, except for its end.
-class VELMORA_API Channel
+class Channel
 {
 public:
     virtual ~Channel() = default;
@@ -67,7 +67,7 @@ public:
 // The processor maps whole pages of 4096 bytes: beside bytes() the rest of the first and the last page is mapped too.
 //
 // Threads: one at a time for the object; the bytes are shared memory and need what shared memory needs.
-class VELMORA_API Mapping
+class Mapping
 {
 public:
     // Maps bytes at an address, which need not begin a page. Throws Error when the device refuses.
@@ -107,7 +107,7 @@ struct SegmentRequest {
 
 // The device's commands. Threads: any number may call at once, and the kernel runs one command at a time; assigning to the
 // object is for one thread alone. Copies are the same open device.
-class VELMORA_API Device
+class Device
 {
 public:
     // Takes over an open channel.
@@ -154,8 +154,8 @@ public:
     // MM_CMD_CHECK_SEGMENT: true when the address lies in the segment or is its end, which may be the heap's first block.
     // Handles 0 to 48: for the heap the answer means nothing, and above it the manager reads past its table.
     bool contains(std::uint32_t handle, MM_TAddr address);
-    // MM_CMD_DISPLAY_MST: prints the segment table on the kernel log. A handle, or MM_DISPLAY_ALL. The heap, and everything,
-    // only once the heap exists.
+    // MM_CMD_DISPLAY_MST: prints the segment table on the kernel log. A handle, or MM_DISPLAY_ALL; rows of the heap
+    // only once it exists.
     void display(std::uint8_t selector = MM_DISPLAY_ALL);
     // MM_CMD_QUERY_PHYS_ADDR: the address that a DMA engine takes; computed, not checked.
     std::uint32_t physicalAddress(MM_TAddr address);
@@ -193,8 +193,8 @@ private:
 //
 // A channel may be used by several threads; commands run one at a time. It is not for both sides of a fork: the child
 // opens its own.
-VELMORA_API std::unique_ptr<Channel> openNode(const std::string& path = {});
+std::unique_ptr<Channel> openNode(const std::string& path = {});
 // The same without an exception: null, and why in error.
-VELMORA_API std::unique_ptr<Channel> openNode(const std::string& path, std::error_code& error) noexcept;
+std::unique_ptr<Channel> openNode(const std::string& path, std::error_code& error) noexcept;
 
 } // namespace velmora

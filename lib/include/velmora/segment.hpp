@@ -45,7 +45,7 @@ enum class Handle : std::uint32_t {
 
 // IDs for an owner map of so many bits (1, 2, 4 or 8), as many as there can be (1, 2, 6 or 70) of which none has all the bits
 // of another: a clean-up takes every block whose ID has all bits of the owner's. Empty for other widths.
-VELMORA_API std::vector<Owner> ownerIds(unsigned bits);
+std::vector<Owner> ownerIds(unsigned bits);
 
 // How a segment gives memory.
 enum class Discipline : std::uint8_t {
@@ -97,15 +97,15 @@ enum class Restart : std::uint8_t {
 
 // Lays out the fixed segments and starts the library: for the one process that starts the controller. Afterwards there are
 // no segments.
-VELMORA_API void startUp(Device& device, MM_TStartOption option = MM_SM_BKUP_OK, Restart restart = Restart::Refuse);
+void startUp(Device& device, MM_TStartOption option = MM_SM_BKUP_OK, Restart restart = Restart::Refuse);
 // The same; why not in error.
-VELMORA_API void startUp(Device& device, MM_TStartOption option, Restart restart, std::error_code& error);
+void startUp(Device& device, MM_TStartOption option, Restart restart, std::error_code& error);
 
 class Block;
 
 // A segment that this library can vouch for. Copies are the same segment; it keeps the device open.
 // Threads: any number at once, but for overflowInto() and assigning, which are for one alone.
-class VELMORA_API Segment
+class Segment
 {
 public:
     // The segment of that name; nullopt when there is none. The heap is not found: see heap().
@@ -188,7 +188,7 @@ private:
 // Memory that this process holds: released at the end of the object, unless it was released or detached before. A release
 // that fails at the end of the object is not reported.
 // Threads: one at a time for each block; different blocks go their own ways. A child of a fork holds none of them.
-class VELMORA_API Block
+class Block
 {
 public:
     // The block moves; what was moved from holds nothing.
@@ -206,6 +206,8 @@ public:
     Owner owner() const noexcept { return static_cast<Owner>(record_.owner); }
     // Where it lies: the heap's handle when it overflowed.
     Handle segment() const noexcept { return static_cast<Handle>(record_.segment); }
+    // All of that: names it for others, as detach() does.
+    const BlockRecord& record() const noexcept { return record_; }
     // False after release(), detach(), a move, a clean-up of its owner by this process, and in a child of a fork.
     bool held() const noexcept;
 

@@ -42,6 +42,15 @@ struct OwnerUsage {
     bool operator==(const OwnerUsage&) const = default;
 };
 
+// Blocks of one owner that follow each other.
+struct OwnedRun {
+    Owner owner{};            // whose
+    MM_TAddr start = 0;       // of the first
+    std::uint32_t blocks = 0; // how many
+    // Memberwise.
+    bool operator==(const OwnedRun&) const = default;
+};
+
 // Free blocks that follow each other.
 struct FreeRun {
     MM_TAddr start = 0;       // of the first
@@ -66,28 +75,33 @@ struct HeapPiece {
 };
 
 // Every segment but the heap, in the order of the handles; each of them is one moment.
-VELMORA_API std::vector<SegmentUsage> segments(Device& device);
+std::vector<SegmentUsage> segments(Device& device);
 
 // Blocks of each owner ID, in the order of the IDs; owners without blocks are left out. Read from the owner map through a
 // mapping. Throws Error with NotKnown for a segment without a map and for the heap.
-VELMORA_API std::vector<OwnerUsage> owners(const Segment& segment);
+std::vector<OwnerUsage> owners(const Segment& segment);
 // The same; empty and why in error.
-VELMORA_API std::vector<OwnerUsage> owners(const Segment& segment, std::error_code& error);
+std::vector<OwnerUsage> owners(const Segment& segment, std::error_code& error);
+
+// Where those blocks lie, in the order of their addresses; neighbours of one owner are one run. As owners().
+std::vector<OwnedRun> ownedRuns(const Segment& segment);
+// The same; empty and why in error.
+std::vector<OwnedRun> ownedRuns(const Segment& segment, std::error_code& error);
 
 // The free runs, in the order of their addresses. Known from the owner map where every allocated block has an owner; without
 // it for stacks, and for segments that are wholly free or full. Otherwise, and for the heap, throws Error with NotKnown: the
 // list of free runs itself can only be followed by the manager.
-VELMORA_API std::vector<FreeRun> freeRuns(const Segment& segment);
+std::vector<FreeRun> freeRuns(const Segment& segment);
 // The same; empty and why in error.
-VELMORA_API std::vector<FreeRun> freeRuns(const Segment& segment, std::error_code& error);
+std::vector<FreeRun> freeRuns(const Segment& segment, std::error_code& error);
 
 // One moment. Throws Error with NotKnown for the heap.
-VELMORA_API Fragmentation fragmentation(const Segment& segment);
+Fragmentation fragmentation(const Segment& segment);
 // The same; why not in error.
-VELMORA_API Fragmentation fragmentation(const Segment& segment, std::error_code& error);
+Fragmentation fragmentation(const Segment& segment, std::error_code& error);
 
 // The heap's pieces as the newest display of the heap, or of everything, in these kernel messages has them; empty when there
 // is none. One moment, the display's.
-VELMORA_API std::vector<HeapPiece> heapPieces(std::span<const std::string> kernelLog);
+std::vector<HeapPiece> heapPieces(std::span<const std::string> kernelLog);
 
 } // namespace velmora

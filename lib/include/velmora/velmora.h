@@ -31,22 +31,22 @@ extern "C" {
 
 /* This library's own codes. */
 enum velmora_code {
-    VELMORA_OK = 0,                /* done */
-    VELMORA_NO_ROOM = 100,         /* neither the segment nor what it overflows into has room */
-    VELMORA_NO_SUCH_SEGMENT = 101, /* no segment of that name, or it went with a start of the library */
-    VELMORA_SEGMENT_DIFFERS = 102, /* there is one of that name, and it is not as it was asked for */
-    VELMORA_BAD_NAME = 103,        /* a name has one to four characters */
-    VELMORA_BAD_SIZE = 104,        /* 0, or more than addresses can hold */
-    VELMORA_BAD_BLOCK_SIZE = 105,  /* no power of two, or below 16 (a stack: 4) */
-    VELMORA_BAD_OWNER = 106,       /* does not go with the segment's owner map */
-    VELMORA_BAD_RANGE = 107,       /* past the end of the block */
-    VELMORA_STACK_IS_LOCKED = 108, /* one wrong release would hold its lock for ever */
-    VELMORA_STACK_OVERFLOWS = 109, /* what it took from the heap cannot be released through it */
-    VELMORA_NOT_TOP_OF_STACK = 110,/* later blocks come first */
-    VELMORA_NOT_HELD = 111,        /* this process does not hold the block */
-    VELMORA_NOT_KNOWN = 112,       /* nothing that a process can read tells */
-    VELMORA_ALREADY_STARTED = 113, /* there are segments; a start would take them from everybody */
-    VELMORA_HEAP_UNSAFE = 114      /* the heap would not lie in free memory only */
+    VELMORA_OK = 0,                 /* done */
+    VELMORA_NO_ROOM = 100,          /* neither the segment nor what it overflows into has room */
+    VELMORA_NO_SUCH_SEGMENT = 101,  /* no segment of that name, or it went with a start of the library */
+    VELMORA_SEGMENT_DIFFERS = 102,  /* there is one of that name, and it is not as it was asked for */
+    VELMORA_BAD_NAME = 103,         /* a name has one to four characters */
+    VELMORA_BAD_SIZE = 104,         /* 0, or more than addresses can hold */
+    VELMORA_BAD_BLOCK_SIZE = 105,   /* no power of two, or below 16 (a stack: 4) */
+    VELMORA_BAD_OWNER = 106,        /* does not go with the segment's owner map */
+    VELMORA_BAD_RANGE = 107,        /* past the end of the block */
+    VELMORA_STACK_IS_LOCKED = 108,  /* one wrong release would hold its lock for ever */
+    VELMORA_STACK_OVERFLOWS = 109,  /* what it took from the heap cannot be released through it */
+    VELMORA_NOT_TOP_OF_STACK = 110, /* later blocks come first */
+    VELMORA_NOT_HELD = 111,         /* this process does not hold the block */
+    VELMORA_NOT_KNOWN = 112,        /* nothing that a process can read tells */
+    VELMORA_ALREADY_STARTED = 113,  /* there are segments; a start would take them from everybody */
+    VELMORA_HEAP_UNSAFE = 114       /* the heap would not lie in free memory only */
 };
 
 /* Where a segment lies. */
@@ -85,7 +85,7 @@ typedef struct velmora_mapping velmora_mapping;
  *     spec.name = "PAGE"; */
 typedef struct velmora_segment_spec {
     size_t struct_bytes;            /* sizeof(velmora_segment_spec), by which the library knows the version */
-    const char *name;               /* one to four characters */
+    const char* name;               /* one to four characters */
     unsigned int bytes;             /* usable, at least; 0 for VELMORA_FIXED and VELMORA_HEAP */
     unsigned int block_bytes;       /* a power of two, from 16 on (a stack: 4) */
     unsigned int owner_bits;        /* owner map: 0 (none), 1, 2, 4 or 8 bits for each block */
@@ -95,7 +95,10 @@ typedef struct velmora_segment_spec {
 } velmora_segment_spec;
 
 /* Defaults of a velmora_segment_spec: a float segment of blocks of 4096 bytes. */
-#define VELMORA_SEGMENT_SPEC {sizeof(velmora_segment_spec), "", 0, 4096, 0, VELMORA_FLOAT, VELMORA_BLOCKS, 0}
+#define VELMORA_SEGMENT_SPEC                                                           \
+    {                                                                                  \
+        sizeof(velmora_segment_spec), "", 0, 4096, 0, VELMORA_FLOAT, VELMORA_BLOCKS, 0 \
+    }
 
 /* A segment as the manager's table has it at one moment. */
 typedef struct velmora_segment_info {
@@ -145,87 +148,89 @@ typedef struct velmora_fragmentation_info {
 } velmora_fragmentation_info;
 
 /* Version of the library that runs, "0.9.0". */
-VELMORA_C_API const char *velmora_version(void);
+VELMORA_C_API const char* velmora_version(void);
 /* What a code means, in words; valid until this thread's next call. */
-VELMORA_C_API const char *velmora_strerror(int code);
+VELMORA_C_API const char* velmora_strerror(int code);
 /* Name of a code: "EASSERT", "NoRoom", "EINVAL"; valid until this thread's next call. */
-VELMORA_C_API const char *velmora_code_name(int code);
+VELMORA_C_API const char* velmora_code_name(int code);
 /* The sentence of this thread's last call that failed; "" before there is one. */
-VELMORA_C_API const char *velmora_last_error(void);
+VELMORA_C_API const char* velmora_last_error(void);
 
 /* Opens the device: a node by its path, or "unix:SOCKET"; NULL: $VELMORA_MM_DEVICE, else /dev/Velmora_MM. */
-VELMORA_C_API int velmora_open(const char *where, velmora_device **device);
+VELMORA_C_API int velmora_open(const char* where, velmora_device** device);
 /* Ends the handle. */
-VELMORA_C_API void velmora_close(velmora_device *device);
+VELMORA_C_API void velmora_close(velmora_device* device);
 /* Runs a command of the wire header on a record; what ioctl gives, negative kernel codes included. The raw layer: the
  * manager's traps are the caller's. */
-VELMORA_C_API int velmora_command(velmora_device *device, unsigned int number, void *record, size_t bytes);
+VELMORA_C_API int velmora_command(velmora_device* device, unsigned int number, void* record, size_t bytes);
 /* Lays out the fixed segments and starts the library: for the one process that starts the controller. option: how the
  * memory survived, 0 (MM_SM_BKUP_OK) to 3. With segments there it refuses unless forget_everything is 1. */
-VELMORA_C_API int velmora_start_up(velmora_device *device, unsigned int option, int forget_everything);
+VELMORA_C_API int velmora_start_up(velmora_device* device, unsigned int option, int forget_everything);
 
 /* The segment of that name. */
-VELMORA_C_API int velmora_segment_find(velmora_device *device, const char *name, velmora_segment **segment);
+VELMORA_C_API int velmora_segment_find(velmora_device* device, const char* name, velmora_segment** segment);
 /* Creates one. */
-VELMORA_C_API int velmora_segment_create(velmora_device *device, const velmora_segment_spec *spec,
-                                         velmora_segment **segment);
+VELMORA_C_API int velmora_segment_create(velmora_device* device, const velmora_segment_spec* spec,
+                                         velmora_segment** segment);
 /* The segment of that name if it is as described, created where there is none. Not for the heap. */
-VELMORA_C_API int velmora_segment_open_or_create(velmora_device *device, const velmora_segment_spec *spec,
-                                                 velmora_segment **segment);
+VELMORA_C_API int velmora_segment_open_or_create(velmora_device* device, const velmora_segment_spec* spec,
+                                                 velmora_segment** segment);
 /* The heap, which somebody else created with these: no command shows them, so they are believed. */
-VELMORA_C_API int velmora_segment_heap(velmora_device *device, unsigned int block_bytes, unsigned int owner_bits,
-                                       velmora_segment **segment);
+VELMORA_C_API int velmora_segment_heap(velmora_device* device, unsigned int block_bytes, unsigned int owner_bits,
+                                       velmora_segment** segment);
 /* Ends the handle; the segment and its blocks stay. */
-VELMORA_C_API void velmora_segment_close(velmora_segment *segment);
+VELMORA_C_API void velmora_segment_close(velmora_segment* segment);
 /* What velmora_segments() would say of it; VELMORA_NOT_KNOWN for the heap. */
-VELMORA_C_API int velmora_segment_get_info(velmora_segment *segment, velmora_segment_info *info);
+VELMORA_C_API int velmora_segment_get_info(velmora_segment* segment, velmora_segment_info* info);
 /* From now on what has no room in the segment comes from the heap, with all its bytes, for owner where the heap has a map.
  * One thread alone. */
-VELMORA_C_API int velmora_segment_overflow_into(velmora_segment *segment, const velmora_segment *heap, unsigned int owner);
+VELMORA_C_API int velmora_segment_overflow_into(velmora_segment* segment, const velmora_segment* heap,
+                                                unsigned int owner);
 /* Releases all blocks of an owner and of every owner whose ID has all of its bits, whichever process allocated them. */
-VELMORA_C_API int velmora_collect(velmora_segment *segment, unsigned int owner);
+VELMORA_C_API int velmora_collect(velmora_segment* segment, unsigned int owner);
 /* IDs of which none contains another, for a map of so many bits: writes up to room of them, returns how many there are. */
-VELMORA_C_API size_t velmora_owner_ids(unsigned int bits, unsigned int *ids, size_t room);
+VELMORA_C_API size_t velmora_owner_ids(unsigned int bits, unsigned int* ids, size_t room);
 
 /* Bytes for an owner (0 without a map); VELMORA_NO_ROOM when there is none. */
-VELMORA_C_API int velmora_allocate(velmora_segment *segment, unsigned int bytes, unsigned int owner, velmora_block **block);
+VELMORA_C_API int velmora_allocate(velmora_segment* segment, unsigned int bytes, unsigned int owner,
+                                   velmora_block** block);
 /* Takes over a block that was detached. */
-VELMORA_C_API int velmora_adopt(velmora_segment *segment, const velmora_block_record *record, velmora_block **block);
+VELMORA_C_API int velmora_adopt(velmora_segment* segment, const velmora_block_record* record, velmora_block** block);
 /* Address, bytes and owner, for printing. */
-VELMORA_C_API void velmora_block_get_record(const velmora_block *block, velmora_block_record *record);
+VELMORA_C_API void velmora_block_get_record(const velmora_block* block, velmora_block_record* record);
 /* 1 while this process holds it. */
-VELMORA_C_API int velmora_block_held(const velmora_block *block);
+VELMORA_C_API int velmora_block_held(const velmora_block* block);
 /* Has the kernel fill it. */
-VELMORA_C_API int velmora_block_fill(const velmora_block *block, unsigned int byte);
+VELMORA_C_API int velmora_block_fill(const velmora_block* block, unsigned int byte);
 /* What a DMA engine takes. */
-VELMORA_C_API int velmora_block_physical_address(const velmora_block *block, unsigned int *address);
+VELMORA_C_API int velmora_block_physical_address(const velmora_block* block, unsigned int* address);
 /* Gives the memory back. The handle stays, and is ended by velmora_block_close(). */
-VELMORA_C_API int velmora_block_release(velmora_block *block);
+VELMORA_C_API int velmora_block_release(velmora_block* block);
 /* Stops holding it without releasing; the handle stays. */
-VELMORA_C_API int velmora_block_detach(velmora_block *block, velmora_block_record *record);
+VELMORA_C_API int velmora_block_detach(velmora_block* block, velmora_block_record* record);
 /* Ends the handle, and releases the block if it is held. */
-VELMORA_C_API void velmora_block_close(velmora_block *block);
+VELMORA_C_API void velmora_block_close(velmora_block* block);
 
 /* A view of bytes of a block, from offset on. caching: enum velmora_caching. */
-VELMORA_C_API int velmora_map(const velmora_block *block, unsigned int offset, unsigned int bytes, unsigned int caching,
-                              velmora_mapping **mapping);
+VELMORA_C_API int velmora_map(const velmora_block* block, unsigned int offset, unsigned int bytes, unsigned int caching,
+                              velmora_mapping** mapping);
 /* Its first byte. */
-VELMORA_C_API void *velmora_mapping_data(const velmora_mapping *mapping);
+VELMORA_C_API void* velmora_mapping_data(const velmora_mapping* mapping);
 /* Its bytes. */
-VELMORA_C_API size_t velmora_mapping_size(const velmora_mapping *mapping);
+VELMORA_C_API size_t velmora_mapping_size(const velmora_mapping* mapping);
 /* Ends the view. */
-VELMORA_C_API void velmora_unmap(velmora_mapping *mapping);
+VELMORA_C_API void velmora_unmap(velmora_mapping* mapping);
 
 /* Lists write up to room elements and put into count how many there are. */
 
 /* Every segment but the heap. */
-VELMORA_C_API int velmora_segments(velmora_device *device, velmora_segment_info *infos, size_t room, size_t *count);
+VELMORA_C_API int velmora_segments(velmora_device* device, velmora_segment_info* infos, size_t room, size_t* count);
 /* Blocks of each owner ID; VELMORA_NOT_KNOWN without an owner map. */
-VELMORA_C_API int velmora_owners(velmora_segment *segment, velmora_owner_usage *usages, size_t room, size_t *count);
+VELMORA_C_API int velmora_owners(velmora_segment* segment, velmora_owner_usage* usages, size_t room, size_t* count);
 /* Free runs by address; VELMORA_NOT_KNOWN where no owner map tells. */
-VELMORA_C_API int velmora_free_runs(velmora_segment *segment, velmora_free_run *runs, size_t room, size_t *count);
+VELMORA_C_API int velmora_free_runs(velmora_segment* segment, velmora_free_run* runs, size_t room, size_t* count);
 /* VELMORA_NOT_KNOWN for the heap. */
-VELMORA_C_API int velmora_fragmentation(velmora_segment *segment, velmora_fragmentation_info *info);
+VELMORA_C_API int velmora_fragmentation(velmora_segment* segment, velmora_fragmentation_info* info);
 
 #ifdef __cplusplus
 }
