@@ -20,3 +20,7 @@
 #include <velmora/raw.hpp>
 #include <velmora/segment.hpp>
 #include <velmora/usage.hpp>
+
+// The client library.
+namespace velmora {
+}

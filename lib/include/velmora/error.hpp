@@ -89,6 +89,8 @@ public:
 
 } // namespace velmora
 
+#ifndef DOXYGEN // which looks for a namespace std
 // Lets an Errc be compared with and assigned to a std::error_code.
 template <> struct std::is_error_code_enum<velmora::Errc> : std::true_type {
 };
+#endif

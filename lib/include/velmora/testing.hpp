@@ -28,6 +28,7 @@
 #include <velmora/controller.hpp>
 #include <velmora/device.hpp>
 
+// The test kit.
 namespace velmora::testing {
 
 // Takes a segment's memory away, but for what the test wants to be left, until its end.

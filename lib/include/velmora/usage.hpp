@@ -27,7 +27,8 @@ struct SegmentUsage {
     unsigned ownerBits = 0;        // 0: no owner map
     bool locked = false;           // runs under a lock
     bool managerOverflows = false; // what does not fit is taken from the heap
-    MM_TAddr start = 0, end = 0;   // of its blocks; the owner map lies before them
+    MM_TAddr start = 0;            // of its blocks; the owner map lies before them
+    MM_TAddr end = 0;              // past them
     std::uint32_t blocks = 0;      // all
     std::uint32_t freeBlocks = 0;  // of them
     std::uint32_t longestRun = 0;  // of free blocks that follow each other
@@ -68,7 +69,8 @@ struct Fragmentation {
 
 // A piece of the heap, as the kernel log shows it.
 struct HeapPiece {
-    MM_TAddr start = 0, end = 0;  // of its blocks
+    MM_TAddr start = 0;           // of its blocks
+    MM_TAddr end = 0;             // past them
     std::uint32_t blockBytes = 0; // of the heap
     std::uint32_t blocks = 0;     // all of the piece
     std::uint32_t freeBlocks = 0; // of them

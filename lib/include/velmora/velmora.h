@@ -19,12 +19,6 @@
 
 #include <stddef.h>
 
-#ifdef __GNUC__
-#define VELMORA_C_API __attribute__((visibility("default"))) /* exported by the shared library */
-#else
-#define VELMORA_C_API /* exported by the shared library */
-#endif
-
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -148,89 +142,85 @@ typedef struct velmora_fragmentation_info {
 } velmora_fragmentation_info;
 
 /* Version of the library that runs, "0.9.0". */
-VELMORA_C_API const char* velmora_version(void);
+const char* velmora_version(void);
 /* What a code means, in words; valid until this thread's next call. */
-VELMORA_C_API const char* velmora_strerror(int code);
+const char* velmora_strerror(int code);
 /* Name of a code: "EASSERT", "NoRoom", "EINVAL"; valid until this thread's next call. */
-VELMORA_C_API const char* velmora_code_name(int code);
+const char* velmora_code_name(int code);
 /* The sentence of this thread's last call that failed; "" before there is one. */
-VELMORA_C_API const char* velmora_last_error(void);
+const char* velmora_last_error(void);
 
 /* Opens the device: a node by its path, or "unix:SOCKET"; NULL: $VELMORA_MM_DEVICE, else /dev/Velmora_MM. */
-VELMORA_C_API int velmora_open(const char* where, velmora_device** device);
+int velmora_open(const char* where, velmora_device** device);
 /* Ends the handle. */
-VELMORA_C_API void velmora_close(velmora_device* device);
+void velmora_close(velmora_device* device);
 /* Runs a command of the wire header on a record; what ioctl gives, negative kernel codes included. The raw layer: the
  * manager's traps are the caller's. */
-VELMORA_C_API int velmora_command(velmora_device* device, unsigned int number, void* record, size_t bytes);
+int velmora_command(velmora_device* device, unsigned int number, void* record, size_t bytes);
 /* Lays out the fixed segments and starts the library: for the one process that starts the controller. option: how the
  * memory survived, 0 (MM_SM_BKUP_OK) to 3. With segments there it refuses unless forget_everything is 1. */
-VELMORA_C_API int velmora_start_up(velmora_device* device, unsigned int option, int forget_everything);
+int velmora_start_up(velmora_device* device, unsigned int option, int forget_everything);
 
 /* The segment of that name. */
-VELMORA_C_API int velmora_segment_find(velmora_device* device, const char* name, velmora_segment** segment);
+int velmora_segment_find(velmora_device* device, const char* name, velmora_segment** segment);
 /* Creates one. */
-VELMORA_C_API int velmora_segment_create(velmora_device* device, const velmora_segment_spec* spec,
-                                         velmora_segment** segment);
+int velmora_segment_create(velmora_device* device, const velmora_segment_spec* spec, velmora_segment** segment);
 /* The segment of that name if it is as described, created where there is none. Not for the heap. */
-VELMORA_C_API int velmora_segment_open_or_create(velmora_device* device, const velmora_segment_spec* spec,
-                                                 velmora_segment** segment);
+int velmora_segment_open_or_create(velmora_device* device, const velmora_segment_spec* spec, velmora_segment** segment);
 /* The heap, which somebody else created with these: no command shows them, so they are believed. */
-VELMORA_C_API int velmora_segment_heap(velmora_device* device, unsigned int block_bytes, unsigned int owner_bits,
-                                       velmora_segment** segment);
+int velmora_segment_heap(velmora_device* device, unsigned int block_bytes, unsigned int owner_bits,
+                         velmora_segment** segment);
 /* Ends the handle; the segment and its blocks stay. */
-VELMORA_C_API void velmora_segment_close(velmora_segment* segment);
+void velmora_segment_close(velmora_segment* segment);
 /* What velmora_segments() would say of it; VELMORA_NOT_KNOWN for the heap. */
-VELMORA_C_API int velmora_segment_get_info(velmora_segment* segment, velmora_segment_info* info);
+int velmora_segment_get_info(velmora_segment* segment, velmora_segment_info* info);
 /* From now on what has no room in the segment comes from the heap, with all its bytes, for owner where the heap has a map.
  * One thread alone. */
-VELMORA_C_API int velmora_segment_overflow_into(velmora_segment* segment, const velmora_segment* heap,
-                                                unsigned int owner);
+int velmora_segment_overflow_into(velmora_segment* segment, const velmora_segment* heap, unsigned int owner);
 /* Releases all blocks of an owner and of every owner whose ID has all of its bits, whichever process allocated them. */
-VELMORA_C_API int velmora_collect(velmora_segment* segment, unsigned int owner);
+int velmora_collect(velmora_segment* segment, unsigned int owner);
 /* IDs of which none contains another, for a map of so many bits: writes up to room of them, returns how many there are. */
-VELMORA_C_API size_t velmora_owner_ids(unsigned int bits, unsigned int* ids, size_t room);
+size_t velmora_owner_ids(unsigned int bits, unsigned int* ids, size_t room);
 
 /* Bytes for an owner (0 without a map); VELMORA_NO_ROOM when there is none. */
-VELMORA_C_API int velmora_allocate(velmora_segment* segment, unsigned int bytes, unsigned int owner,
-                                   velmora_block** block);
+int velmora_allocate(velmora_segment* segment, unsigned int bytes, unsigned int owner, velmora_block** block);
 /* Takes over a block that was detached. */
-VELMORA_C_API int velmora_adopt(velmora_segment* segment, const velmora_block_record* record, velmora_block** block);
+int velmora_adopt(velmora_segment* segment, const velmora_block_record* record, velmora_block** block);
 /* Address, bytes and owner, for printing. */
-VELMORA_C_API void velmora_block_get_record(const velmora_block* block, velmora_block_record* record);
+void velmora_block_get_record(const velmora_block* block, velmora_block_record* record);
 /* 1 while this process holds it. */
-VELMORA_C_API int velmora_block_held(const velmora_block* block);
+int velmora_block_held(const velmora_block* block);
 /* Has the kernel fill it. */
-VELMORA_C_API int velmora_block_fill(const velmora_block* block, unsigned int byte);
+int velmora_block_fill(const velmora_block* block, unsigned int byte);
 /* What a DMA engine takes. */
-VELMORA_C_API int velmora_block_physical_address(const velmora_block* block, unsigned int* address);
+int velmora_block_physical_address(const velmora_block* block, unsigned int* address);
 /* Gives the memory back. The handle stays, and is ended by velmora_block_close(). */
-VELMORA_C_API int velmora_block_release(velmora_block* block);
+int velmora_block_release(velmora_block* block);
 /* Stops holding it without releasing; the handle stays. */
-VELMORA_C_API int velmora_block_detach(velmora_block* block, velmora_block_record* record);
+int velmora_block_detach(velmora_block* block, velmora_block_record* record);
 /* Ends the handle, and releases the block if it is held. */
-VELMORA_C_API void velmora_block_close(velmora_block* block);
+void velmora_block_close(velmora_block* block);
 
 /* A view of bytes of a block, from offset on. caching: enum velmora_caching. */
-VELMORA_C_API int velmora_map(const velmora_block* block, unsigned int offset, unsigned int bytes, unsigned int caching,
-                              velmora_mapping** mapping);
+int velmora_map(const velmora_block* block, unsigned int offset, unsigned int bytes, unsigned int caching,
+                velmora_mapping** mapping);
 /* Its first byte. */
-VELMORA_C_API void* velmora_mapping_data(const velmora_mapping* mapping);
+void* velmora_mapping_data(const velmora_mapping* mapping);
 /* Its bytes. */
-VELMORA_C_API size_t velmora_mapping_size(const velmora_mapping* mapping);
+size_t velmora_mapping_size(const velmora_mapping* mapping);
 /* Ends the view. */
-VELMORA_C_API void velmora_unmap(velmora_mapping* mapping);
+void velmora_unmap(velmora_mapping* mapping);
 
 /* Lists write up to room elements and put into count how many there are. */
 
 /* Every segment but the heap. */
-VELMORA_C_API int velmora_segments(velmora_device* device, velmora_segment_info* infos, size_t room, size_t* count);
+int velmora_segments(velmora_device* device, velmora_segment_info* infos, size_t room, size_t* count);
 /* Blocks of each owner ID; VELMORA_NOT_KNOWN without an owner map. */
-VELMORA_C_API int velmora_owners(velmora_segment* segment, velmora_owner_usage* usages, size_t room, size_t* count);
+int velmora_owners(velmora_segment* segment, velmora_owner_usage* usages, size_t room, size_t* count);
 /* Free runs by address; VELMORA_NOT_KNOWN where no owner map tells. */
-VELMORA_C_API int velmora_free_runs(velmora_segment* segment, velmora_free_run* runs, size_t room, size_t* count);
+int velmora_free_runs(velmora_segment* segment, velmora_free_run* runs, size_t room, size_t* count);
 /* VELMORA_NOT_KNOWN for the heap. */
-VELMORA_C_API int velmora_fragmentation(velmora_segment* segment, velmora_fragmentation_info* info);
+int velmora_fragmentation(velmora_segment* segment, velmora_fragmentation_info* info);
 
 #ifdef __cplusplus
 }
