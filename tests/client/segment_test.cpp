@@ -208,6 +208,35 @@ TEST_F(SafeOverflow, WhatTheManagerTookFromTheHeapIsGivenBack)
     EXPECT_EQ(allocatedInHeap(), 0u);
 }
 
+// Shows a segment as it was before somebody else took its last run.
+class LateChannel : public Channel
+{
+public:
+    explicit LateChannel(std::unique_ptr<Channel> channel) : channel_(std::move(channel)) {}
+    int command(std::uint32_t number, void* record, std::size_t bytes) override
+    {
+        const int result = channel_->command(number, record, bytes);
+        if (number == MM_CMD_GET_MST)
+            static_cast<MM_TGetMSTInfo*>(record)->SegTable.ulLargestBlkSize = 1;
+        return result;
+    }
+    void* map(MM_TAddr address, std::size_t bytes, Caching caching) override
+    {
+        return channel_->map(address, bytes, caching);
+    }
+    void unmap(void* start, std::size_t bytes) override { channel_->unmap(start, bytes); }
+
+private:
+    std::unique_ptr<Channel> channel_;
+};
+
+TEST_F(SafeOverflow, SoIsWhatItTookBetweenTheLookAndTheCommand)
+{
+    Device late(std::make_unique<LateChannel>(controller.open()));
+    EXPECT_FALSE(Segment::find(late, "PAGE")->allocate(kBlock, kOwner));
+    EXPECT_EQ(allocatedInHeap(), 0u);
+}
+
 TEST_F(SafeOverflow, WhatOverflowsIntoAHeapThatThisProcessKnowsHasAllItsBytes)
 {
     segment.overflowInto(heap);

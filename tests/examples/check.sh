@@ -32,6 +32,7 @@ pages='printed: 3932160
 owner 0x17 has 64 blocks'
 expect "$pages" 0 pages
 expect "$pages" 0 velmora_guide_pages_shared
+# shellcheck disable=SC2016
 expect '$JCB  0     64 of    64 blocks of 1024 bytes are free, 64 in a row
      owners: nothing that a process can read tells
 PAGE  5    257 of   257 blocks of 4096 bytes are free, 257 in a row' 0 usage
