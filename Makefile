@@ -10,7 +10,7 @@ FUZZ_SEED ?= $(shell date +%s)
 .DEFAULT_GOAL := help
 include kernel/linux/target.mk
 include bench/bench.mk
-.PHONY: help build build-x86 build-arm demo test test-x86 test-x86_64 test-arm test-sanitize coverage fuzz format format-check lint clean
+.PHONY: help build build-x86 build-arm demo test test-x86 test-x86_64 test-arm test-sanitize coverage fuzz format format-check lint docs clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
@@ -98,6 +98,13 @@ lint: build-x86
 	@bench/packages.sh
 	@for preset in bench target; do cmake --preset $$preset >/dev/null || exit 1; done
 	@scripts/lint.py build/x86 build/bench build/target/programs
+
+## make docs       API reference and application guide: build/docs/html/index.html; fails on a public name without a comment
+docs:
+	@scripts/setup.sh docs
+	@mkdir -p build/docs
+	@VELMORA_VERSION=$$(sed -n 's/^project(velmora_mm VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt) doxygen docs/Doxyfile
+	@echo build/docs/html/index.html
 
 ## make clean      removes build/
 clean:

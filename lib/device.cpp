@@ -1,42 +1,16 @@
-#include <velmora/device.hpp>
+#include <velmora/raw.hpp>
 
 #include <algorithm>
-#include <array>
-#include <cstring>
-#include <system_error>
+#include <stdexcept>
 #include <utility>
+
+#include "lib/holdings.hpp"
 
 namespace velmora {
 
 namespace {
 
-constexpr std::array<const char*, 24> kCodeNames = {
-    "ENOERR",      "EINVAOPT",     "EOUTOFRANGE", "EWRONGADDR", "EINVASEGSIZE", "EOUTOFFIXED",
-    "EOUTOFFLOAT", "EINVASEGTYPE", "ENOSEGLIST",  "ENOMCT",     "EERR",         "ENOSEGBLOCK",
-    "ENOSEGBLK",   "ENOSIZE",      "EASSERT",     "EINITSEM",   "EFREESEM",     "EPSEM",
-    "EVSEM",       "EOPEN",        "ECLOSE",      "ENULL",      "ESEGMENT",     "EINVAARG"};
-
-constexpr std::array<const char*, MM_CMD_COUNT> kCommandNames = {
-    "MM_CMD_LIB_ENTRY",       "MM_CMD_CREATE_SEGMENT",  "MM_CMD_MALLOC",        "MM_CMD_FREE",
-    "MM_CMD_MEMSET",          "MM_CMD_DELETE_SEGMENT",  "MM_CMD_ADD_SEGMENT",   "MM_CMD_CLEAR_SEGMENT",
-    "MM_CMD_ENTRY",           "MM_CMD_COLLECT_GARBAGE", "MM_CMD_CHECK_SEGMENT", "MM_CMD_DISPLAY_MST",
-    "MM_CMD_QUERY_PHYS_ADDR", "MM_CMD_GET_MST",         "MM_CMD_GET_MCT"};
-
 constexpr std::size_t kPageBytes = 4096;
-
-std::string describe(const std::string& command, int result)
-{
-    const std::string name = codeName(result);
-    if (result < 0)
-        return command + ": " + name + ": " + std::generic_category().message(-result);
-    const std::string number = std::to_string(result);
-    std::string text = command + ": the manager answered " + (name == number ? number : number + " (" + name + ")");
-    if (result == MM_EASSERT)
-        text += "; the kernel log names the check that failed";
-    if (result == MM_EINVASEGSIZE)
-        text += "; there is no room";
-    return text;
-}
 
 void setName(std::uint8_t (&id)[4], const std::string& name)
 {
@@ -46,26 +20,6 @@ void setName(std::uint8_t (&id)[4], const std::string& name)
 }
 
 } // namespace
-
-std::string codeName(int result)
-{
-    const char* name = nullptr;
-    if (result < 0)
-        name = strerrorname_np(-result);
-    else if (static_cast<std::size_t>(result) < kCodeNames.size())
-        name = kCodeNames[static_cast<std::size_t>(result)];
-    return name != nullptr ? name : std::to_string(result);
-}
-
-std::string commandName(std::uint32_t number)
-{
-    const std::uint32_t index = number - MM_CMD_FIRST;
-    return index < kCommandNames.size() ? kCommandNames[index] : std::to_string(number);
-}
-
-Error::Error(const std::string& command, int result) : std::runtime_error(describe(command, result)), result_(result)
-{
-}
 
 Mapping::Mapping(std::shared_ptr<Channel> channel, MM_TAddr address, std::size_t bytes, Caching caching)
     : channel_(std::move(channel))
@@ -95,6 +49,11 @@ Mapping::~Mapping()
 {
     if (start_ != nullptr)
         channel_->unmap(start_, mappedBytes_);
+}
+
+Device::Device(std::unique_ptr<Channel> channel)
+    : channel_(std::move(channel)), holdings_(std::make_shared<detail::Holdings>())
+{
 }
 
 template <class Record> int Device::run(std::uint32_t number, Record& record)

@@ -83,4 +83,16 @@ std::unique_ptr<Channel> openNode(const std::string& path)
     return std::make_unique<NodeChannel>(path);
 }
 
+std::unique_ptr<Channel> openNode(const std::string& path, std::error_code& error) noexcept
+try {
+    error.clear();
+    return openNode(path);
+} catch (const std::system_error& refusal) {
+    error = refusal.code();
+    return nullptr;
+} catch (...) {
+    error = std::make_error_code(std::errc::not_enough_memory);
+    return nullptr;
+}
+
 } // namespace velmora

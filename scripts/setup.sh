@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages that the named groups need and that are missing. Root, or a user with sudo.
-#   scripts/setup.sh GROUP...     groups: bench build demo fuzz lint target test
+#   scripts/setup.sh GROUP...     groups: bench build demo docs fuzz lint target test
 # A stamp under build/ remembers what was found, so that a second run costs nothing.
 set -eu
 cd "$(dirname "$0")/.."
@@ -9,6 +9,7 @@ packages() {
     case $1 in
     build) echo "g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build libcli11-dev" ;;
     bench) echo "g++-12 g++-12-multilib cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev python3" ;;
+    docs) echo "doxygen" ;;
     demo) echo "ghostscript ghostscript-doc" ;;
     fuzz) echo "clang-14 libclang-rt-14-dev g++-12-multilib cmake ninja-build googletest" ;;
     lint) echo "clang-format clang-tidy g++-12-multilib git python3 shellcheck" ;;

@@ -33,43 +33,46 @@
 #endif
 
 /* Scalar types: the number is the width in bits. */
-typedef __UINT8_TYPE__ MM_TYPE(U8);
-typedef __UINT16_TYPE__ MM_TYPE(U16);
-typedef __UINT32_TYPE__ MM_TYPE(U32);
-typedef __INT32_TYPE__ MM_TYPE(S32);
-typedef int MM_TYPE(BOOL);
-typedef MM_U32 MM_TYPE(TAddr); /* a kernel virtual address */
+typedef __UINT8_TYPE__ MM_TYPE(U8);   /* 8 bits */
+typedef __UINT16_TYPE__ MM_TYPE(U16); /* 16 bits */
+typedef __UINT32_TYPE__ MM_TYPE(U32); /* 32 bits */
+typedef __INT32_TYPE__ MM_TYPE(S32);  /* 32 bits, signed */
+typedef int MM_TYPE(BOOL);            /* 0 or 1 */
+typedef MM_U32 MM_TYPE(TAddr);        /* a kernel virtual address */
 
+/* Name of the character device. */
 #define VELMORA_MM_DEVICE_NAME "Velmora_MM"
+/* Name of the proc file. */
 #define VELMORA_MM_PROC_NAME "velmora_mm"
+/* Where programs look for the device. */
 #define VELMORA_MM_DEVICE_NODE "/dev/Velmora_MM"
 
 /* Result of most operations; through ioctl these arrive as positive results. */
 enum {
-    MM_CONSTANT(ENOERR, 0),
-    MM_CONSTANT(EINVAOPT, 1),
-    MM_CONSTANT(EOUTOFRANGE, 2),
-    MM_CONSTANT(EWRONGADDR, 3),
-    MM_CONSTANT(EINVASEGSIZE, 4),
-    MM_CONSTANT(EOUTOFFIXED, 5),
-    MM_CONSTANT(EOUTOFFLOAT, 6),
-    MM_CONSTANT(EINVASEGTYPE, 7),
-    MM_CONSTANT(ENOSEGLIST, 8),
-    MM_CONSTANT(ENOMCT, 9),
-    MM_CONSTANT(EERR, 10),
-    MM_CONSTANT(ENOSEGBLOCK, 11),
-    MM_CONSTANT(ENOSEGBLK, 12),
-    MM_CONSTANT(ENOSIZE, 13),
-    MM_CONSTANT(EASSERT, 14), /* a check failed; the kernel log says which */
-    MM_CONSTANT(EINITSEM, 15),
-    MM_CONSTANT(EFREESEM, 16),
-    MM_CONSTANT(EPSEM, 17),
-    MM_CONSTANT(EVSEM, 18),
-    MM_CONSTANT(EOPEN, 19),
-    MM_CONSTANT(ECLOSE, 20),
-    MM_CONSTANT(ENULL, 21),
-    MM_CONSTANT(ESEGMENT, 22),
-    MM_CONSTANT(EINVAARG, 23)
+    MM_CONSTANT(ENOERR, 0),       /* done */
+    MM_CONSTANT(EINVAOPT, 1),     /* invalid option */
+    MM_CONSTANT(EOUTOFRANGE, 2),  /* outside managed memory */
+    MM_CONSTANT(EWRONGADDR, 3),   /* the table of fixed segments has no address */
+    MM_CONSTANT(EINVASEGSIZE, 4), /* no room */
+    MM_CONSTANT(EOUTOFFIXED, 5),  /* no fixed segment left */
+    MM_CONSTANT(EOUTOFFLOAT, 6),  /* no float segment left */
+    MM_CONSTANT(EINVASEGTYPE, 7), /* invalid segment type */
+    MM_CONSTANT(ENOSEGLIST, 8),   /* no list of segments */
+    MM_CONSTANT(ENOMCT, 9),       /* no table of fixed segments */
+    MM_CONSTANT(EERR, 10),        /* the table of fixed segments has no such row */
+    MM_CONSTANT(ENOSEGBLOCK, 11), /* no segment block */
+    MM_CONSTANT(ENOSEGBLK, 12),   /* no segment block */
+    MM_CONSTANT(ENOSIZE, 13),     /* no size */
+    MM_CONSTANT(EASSERT, 14),     /* a check failed; the kernel log says which */
+    MM_CONSTANT(EINITSEM, 15),    /* semaphore not initialised */
+    MM_CONSTANT(EFREESEM, 16),    /* semaphore not freed */
+    MM_CONSTANT(EPSEM, 17),       /* semaphore not taken */
+    MM_CONSTANT(EVSEM, 18),       /* semaphore not given back */
+    MM_CONSTANT(EOPEN, 19),       /* not opened */
+    MM_CONSTANT(ECLOSE, 20),      /* not closed */
+    MM_CONSTANT(ENULL, 21),       /* null */
+    MM_CONSTANT(ESEGMENT, 22),    /* wrong segment */
+    MM_CONSTANT(EINVAARG, 23)     /* invalid argument */
 };
 
 /* How the memory survived the last power cycle. Held in 32 bits; 4 and 5 are refused at library start. */
@@ -81,10 +84,10 @@ enum {
     MM_CONSTANT(SM_FM_MBR_OK, 4),
     MM_CONSTANT(SM_FM_MBR_NG, 5)
 };
-typedef MM_U32 MM_TYPE(TStartOption);
+typedef MM_U32 MM_TYPE(TStartOption); /* one of the above */
 
 enum { MM_CONSTRUCT_DEFAULT_MCT = 0 }; /* the only initialisation option */
-typedef MM_U32 MM_TYPE(TMMInitOption);
+typedef MM_U32 MM_TYPE(TMMInitOption); /* the one above */
 
 enum {
     MM_CONSTANT(MAX_SEGTABLE_SIZE, 50),
@@ -135,116 +138,128 @@ typedef struct {
     MM_U32 hulHandle;    /* out: handle of the new segment */
     MM_U32 ulRetSegSize; /* out: usable bytes */
     MM_U8 ubVM;          /* non-zero: what does not fit is taken from the heap */
-    MM_U8 aubPad[3];
+    MM_U8 aubPad[3];     /* padding */
 } MM_TYPE(TSegInfoFromApp);
 
 /* A segment table entry as MM_CMD_GET_MST copies it. */
 typedef struct {
-    MM_TSegInfoFromApp stInfoFromApp;
-    MM_U8 ubBlkBit; /* log2 of the block size, rounded down */
-    MM_U8 aubPad[3];
-    MM_TAddr pubStartAddr;      /* first block */
-    MM_TAddr pubEndAddr;        /* past the last block */
-    MM_TAddr pubMapStartAddr;   /* owner map, 0 when there is none */
-    MM_TAddr pubMapEndAddr;     /* past the owner map */
-    MM_U32 ulSemID;             /* not used */
-    MM_U32 ulTotalBlkNum;       /* blocks */
-    MM_U32 ulTotalAllocBlkNum;  /* blocks */
-    MM_U32 ulTotalFreeBlkNum;   /* blocks */
-    MM_U32 ulLargestBlkSize;    /* longest free run, blocks */
-    MM_U32 ulRealAvailSize;     /* usable bytes */
-    MM_TAddr pfnAlloc, pfnFree; /* non-zero once the segment serves allocations */
+    MM_TSegInfoFromApp stInfoFromApp; /* as the request was accepted */
+    MM_U8 ubBlkBit;                   /* log2 of the block size, rounded down */
+    MM_U8 aubPad[3];                  /* padding */
+    MM_TAddr pubStartAddr;            /* first block */
+    MM_TAddr pubEndAddr;              /* past the last block */
+    MM_TAddr pubMapStartAddr;         /* owner map, 0 when there is none */
+    MM_TAddr pubMapEndAddr;           /* past the owner map */
+    MM_U32 ulSemID;                   /* not used */
+    MM_U32 ulTotalBlkNum;             /* blocks */
+    MM_U32 ulTotalAllocBlkNum;        /* blocks */
+    MM_U32 ulTotalFreeBlkNum;         /* blocks */
+    MM_U32 ulLargestBlkSize;          /* longest free run, blocks */
+    MM_U32 ulRealAvailSize;           /* usable bytes */
+    MM_TAddr pfnAlloc;                /* non-zero once the segment serves allocations */
+    MM_TAddr pfnFree;                 /* the same */
 } MM_TYPE(TMMSegInfoWire);
 
 /* A row of the memory configuration table as MM_CMD_GET_MCT copies it. */
 typedef struct {
-    MM_U8 aubCFGID[4]; /* name, not terminated */
-    MM_U32 ulSize;     /* bytes */
-    MM_TAddr pubStartAddr;
+    MM_U8 aubCFGID[4];     /* name, not terminated */
+    MM_U32 ulSize;         /* bytes */
+    MM_TAddr pubStartAddr; /* 0 until it is placed */
 } MM_TYPE(TMCTInfoWire);
 
+/* Record of MM_CMD_LIB_ENTRY. */
 typedef struct {
-    MM_TStartOption enStartOption;
-    MM_S32 status; /* out */
+    MM_TStartOption enStartOption; /* how the memory survived */
+    MM_S32 status;                 /* out */
 } MM_TYPE(TLibEntryInfo);
 
+/* Record of MM_CMD_MALLOC. */
 typedef struct {
-    MM_U32 hulHandle;
-    MM_U32 ulReqBytes;
-    MM_U8 ubMapID; /* owner; must fit the segment's map */
-    MM_U8 aubPad[3];
+    MM_U32 hulHandle;  /* of the segment */
+    MM_U32 ulReqBytes; /* rounded up to whole blocks */
+    MM_U8 ubMapID;     /* owner; must fit the segment's map */
+    MM_U8 aubPad[3];   /* padding */
     MM_TAddr pubStart; /* out: 0 no room, 0xFFFFFFFF refused */
 } MM_TYPE(TMallocInfo);
 
+/* Record of MM_CMD_FREE. */
 typedef struct {
-    MM_U32 hulHandle;
-    MM_TAddr pubRlsAddr;
-    MM_U32 ulBytesNo;
+    MM_U32 hulHandle;    /* of the segment */
+    MM_TAddr pubRlsAddr; /* as it was allocated */
+    MM_U32 ulBytesNo;    /* as they were asked for */
 } MM_TYPE(TFreeInfo);
 
+/* Record of MM_CMD_MEMSET. */
 typedef struct {
-    MM_TAddr s;
-    MM_S32 c; /* the low byte is stored */
-    MM_U32 n; /* bytes */
+    MM_TAddr s; /* from here on */
+    MM_S32 c;   /* the low byte is stored */
+    MM_U32 n;   /* bytes */
 } MM_TYPE(TMemsetInfo);
 
+/* Record of MM_CMD_DELETE_SEGMENT. */
 typedef struct {
-    MM_U8 aubCFGID[4];
-    MM_U8 status; /* never written */
+    MM_U8 aubCFGID[4]; /* name of the row */
+    MM_U8 status;      /* never written */
 } MM_TYPE(TDeleteSegmentInfo);
 
+/* Record of MM_CMD_ADD_SEGMENT and MM_CMD_CLEAR_SEGMENT. */
 typedef struct {
-    MM_U8 aubCFGID[4];
-    MM_U32 ulSize;
-    MM_TAddr pubAddr;
-    MM_U8 status;
-    MM_U8 aubPad[3];
+    MM_U8 aubCFGID[4]; /* name of the row */
+    MM_U32 ulSize;     /* bytes */
+    MM_TAddr pubAddr;  /* where the segment would lie */
+    MM_U8 status;      /* never written */
+    MM_U8 aubPad[3];   /* padding */
 } MM_TYPE(TAddSegmentInfo);
 
-typedef MM_TAddSegmentInfo MM_TYPE(TClearSegmentInfo);
+typedef MM_TAddSegmentInfo MM_TYPE(TClearSegmentInfo); /* the same record */
 
 /* A block goes when its entry in the owner map has all bits of the ID, whatever other bits it has: an owner's own blocks
  * and those of every owner whose ID contains it. 1 also takes the blocks of 3, 5 and 0x81. */
 typedef struct {
-    MM_U32 hulHandle;
-    MM_U8 ubMapID;
-    MM_U8 aubPad[3];
+    MM_U32 hulHandle; /* of the segment */
+    MM_U8 ubMapID;    /* owner */
+    MM_U8 aubPad[3];  /* padding */
 } MM_TYPE(TCollectGarbageInfo);
 
+/* Record of MM_CMD_CHECK_SEGMENT. */
 typedef struct {
-    MM_U32 hulHandle;
-    MM_U32 ulAddr;
-    MM_U8 status; /* out: 1 inside, 0 outside */
-    MM_U8 aubPad[3];
+    MM_U32 hulHandle; /* of the segment */
+    MM_U32 ulAddr;    /* the address in question */
+    MM_U8 status;     /* out: 1 inside, 0 outside */
+    MM_U8 aubPad[3];  /* padding */
 } MM_TYPE(TCheckSegmentInfo);
 
+/* Record of MM_CMD_DISPLAY_MST. */
 typedef struct {
     MM_U32 hulHandle; /* the low byte selects: a handle, HEAPHANDLE, MM_DISPLAY_ALL */
     MM_U8 status;     /* out: 0 */
-    MM_U8 aubPad[3];
+    MM_U8 aubPad[3];  /* padding */
 } MM_TYPE(TDisplayMSTInfo);
 
+/* Record of MM_CMD_QUERY_PHYS_ADDR. */
 typedef struct {
-    MM_U8 hubHandle; /* ignored */
-    MM_U8 aubPad[3];
-    MM_U32 ulStart;
+    MM_U8 hubHandle;   /* ignored */
+    MM_U8 aubPad[3];   /* padding */
+    MM_U32 ulStart;    /* a kernel virtual address */
     MM_U32 ulPhysAddr; /* out: 14 when ulStart is 0 */
 } MM_TYPE(TQueryPhysAddrInfo);
 
+/* Record of MM_CMD_GET_MST. */
 typedef struct {
-    MM_U8 hubHandle; /* 0 to 48 */
-    MM_U8 aubPad[3];
+    MM_U8 hubHandle;            /* 0 to 48 */
+    MM_U8 aubPad[3];            /* padding */
     MM_TMMSegInfoWire SegTable; /* out */
     MM_U8 status;               /* out: 0, or 255 for a bad index */
-    MM_U8 aubPad2[3];
+    MM_U8 aubPad2[3];           /* padding */
 } MM_TYPE(TGetMSTInfo);
 
+/* Record of MM_CMD_GET_MCT. */
 typedef struct {
-    MM_U8 cfgid; /* 0 to 4 */
-    MM_U8 aubPad[3];
+    MM_U8 cfgid;              /* 0 to 4 */
+    MM_U8 aubPad[3];          /* padding */
     MM_TMCTInfoWire SegTable; /* out */
     MM_U8 status;             /* out: 0, or 255 for a bad index */
-    MM_U8 aubPad2[3];
+    MM_U8 aubPad2[3];         /* padding */
 } MM_TYPE(TGetMCTInfo);
 
 #ifdef __cplusplus

@@ -12,8 +12,10 @@ for names in "" -DVELMORA_MM_PREFIXED_NAMES; do
     for standard in c++11 c++20; do
         g++-12 "$@" ${names:+"$names"} -std=$standard -x c++ "$header"
     done
-    g++-12 "$@" ${names:+"$names"} -std=c++20 lib/*.cpp
+    g++-12 "$@" ${names:+"$names"} -std=c++20 -DVELMORA_MM_VERSION='"0"' lib/*.cpp
 done
+gcc-12 "$@" -std=c89 -pedantic -x c lib/include/velmora/velmora.h
+g++-12 "$@" -std=c++11 -pedantic -x c++ lib/include/velmora/velmora.h
 for standard in gnu89 c11; do
     gcc-12 "$@" -std=$standard tests/headers/prefixed_names.c
 done

@@ -21,13 +21,16 @@
 
 #include <velmora/device.hpp>
 
+// A simulated controller.
 namespace velmora::sim {
 
+// How a controller is started.
 struct ControllerOptions {
     std::vector<std::string> arguments = {}; // further options of velmora-controller: {"--ram", "64M"}
     std::string program = {};                // which one, instead of looking for it
 };
 
+// A controller that is this object's own.
 class Controller
 {
 public:
@@ -38,18 +41,23 @@ public:
     Controller& operator=(const Controller&) = delete;
     ~Controller();
 
+    // Path of its socket.
     const std::string& socket() const { return socket_; }
     std::string device() const { return "unix:" + socket_; } // for openNode() and $VELMORA_MM_DEVICE
+    // Its process; -1 after stop().
     pid_t process() const { return process_; }
 
     // Opens its device; throws as openNode() does.
     std::unique_ptr<Channel> open() const { return openNode(device()); }
 
     // The nth call of a device command from now on, counted from 1, is given the answer without reaching the manager: a code
-    // of the manager or a negative kernel code. nth 0: every call. The next two: the same for open and mmap.
+    // of the manager or a negative kernel code. nth 0: every call.
     void failNth(std::uint32_t command, std::uint32_t nth, int answer);
+    // The same for an open of the device.
     void failNthOpen(std::uint32_t nth, int answer);
+    // The same for a mapping.
     void failNthMap(std::uint32_t nth, int answer);
+    // What has not failed yet will not.
     void forgetFaults();
 
     // Messages of the kernel log since the start or the last call, one for each printk; all that commands which have
