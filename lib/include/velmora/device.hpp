@@ -17,6 +17,10 @@
 // that defines VELMORA_MM_PREFIXED_NAMES and one that does not link the same library.
 #pragma once
 
+#if __cplusplus < 202002L
+#error "<velmora/device.hpp> is C++20: compile with -std=c++20"
+#endif
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
