@@ -11,6 +11,8 @@ FUZZ_SEED ?= $(shell date +%s)
 include kernel/linux/target.mk
 include bench/bench.mk
 .PHONY: help build build-x86 build-arm demo test test-x86 test-x86_64 test-arm test-sanitize coverage fuzz format format-check lint clean
+.PHONY: install uninstall package test-packages
+.PHONY: help build build-x86 build-arm demo test test-x86 test-arm test-sanitize coverage fuzz format format-check lint clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
@@ -98,6 +100,26 @@ lint: build-x86
 	@bench/packages.sh
 	@for preset in bench target; do cmake --preset $$preset >/dev/null || exit 1; done
 	@scripts/lint.py build/x86 build/bench build/target/programs
+
+## make install    libraries (both word sizes), headers, CMake and pkg-config packages, programs, manual pages  [PREFIX=/usr/local DESTDIR=]
+## make uninstall  removes what make install put there  [PREFIX=/usr/local DESTDIR=]
+PREFIX ?= /usr/local
+DESTDIR ?=
+install:
+	@PREFIX='$(PREFIX)' DESTDIR='$(DESTDIR)' scripts/install.sh
+
+uninstall:
+	@PREFIX='$(PREFIX)' DESTDIR='$(DESTDIR)' scripts/install.sh --remove
+
+## make package    Debian packages in build/packages/: velmora-mm, libvelmora0, libvelmora-dev, velmora-mm-dkms
+package:
+	@scripts/setup.sh package
+	@scripts/package.sh
+
+## make test-packages  an installed copy and the packages in a clean Debian: programs outside this tree use them; nothing is left behind
+test-packages: package
+	@scripts/setup.sh build test-packages
+	@tests/packages/check.sh
 
 ## make clean      removes build/
 clean:

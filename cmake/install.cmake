@@ -53,7 +53,21 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/velmoraConfig.cmake ${CMAKE_CURRENT_BI
         DESTINATION ${velmora_package_folder})
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/velmora.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 install(DIRECTORY include/ lib/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
-install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 FILES_MATCHING PATTERN "*.1")
-install(DIRECTORY docs/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man3 FILES_MATCHING PATTERN "*.3")
+install(FILES packaging/man/libvelmora.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
+if(NOT TARGET velmora-mm OR CMAKE_CROSSCOMPILING)
+    return()
+endif()
+
+# With the programs: their manual pages, made from what they say of themselves, and completion.
+find_package(Python3 COMPONENTS Interpreter)
+if(Python3_FOUND)
+    add_custom_command(OUTPUT ${CMAKE_CURRENT_BINARY_DIR}/man/velmora-mm.1
+                       COMMAND Python3::Interpreter ${PROJECT_SOURCE_DIR}/scripts/manual.py ${CMAKE_CURRENT_BINARY_DIR}/man
+                               $<TARGET_FILE:velmora-mm> $<TARGET_FILE:velmora-controller>
+                       DEPENDS velmora-mm velmora-controller ${PROJECT_SOURCE_DIR}/scripts/manual.py)
+    add_custom_target(velmora_manual DEPENDS ${CMAKE_CURRENT_BINARY_DIR}/man/velmora-mm.1)
+    add_dependencies(velmora velmora_manual)
+    install(DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}/man/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+endif()
 install(FILES packaging/velmora-mm.bash-completion DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         RENAME velmora-mm)

@@ -13,6 +13,13 @@ fail() {
     exit 1
 }
 
+# Programs find a new library by the dynamic linker's list, where that covers its folder.
+tell_linker() {
+    if [ -z "$destination" ] && [ "$(id -u)" -eq 0 ]; then
+        /sbin/ldconfig
+    fi
+}
+
 prefix=${PREFIX:-/usr/local}
 case $prefix in
 /*) prefix=$(realpath -ms "$prefix") ;;
@@ -38,6 +45,7 @@ case ${1:-} in
     echo "$folders" | while IFS= read -r name; do
         rmdir "$destination$name" 2>/dev/null || true
     done
+    tell_linker
     exit 0
     ;;
 "") ;;
@@ -64,24 +72,41 @@ i386) word_sizes=x86 ;;
 esac
 
 # Libraries of the machine's own word size lie where its programs look for them, those of the other one in Debian's folder.
+mkdir -p build/install
 for word_size in $word_sizes; do
     folder=build/install/$word_size
     set -- -DCMAKE_INSTALL_LIBDIR=lib/i386-linux-gnu
     if [ "$word_size" = "${word_sizes%% *}" ]; then
         set -- -UCMAKE_INSTALL_LIBDIR
     fi
-    cmake -S . -B "$folder" -G Ninja --toolchain "cmake/$word_size.cmake" -DCMAKE_BUILD_TYPE=Release \
-        -DVELMORA_BUILD_TESTS=OFF -DCMAKE_INSTALL_PREFIX="$prefix" "$@" >"$folder.log" 2>&1 || {
+    cmake -S . -B "$folder" -G Ninja --toolchain "cmake/$word_size.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+        -DVELMORA_BUILD_TESTS=OFF -DVELMORA_STRICT=OFF -DCMAKE_INSTALL_PREFIX="$prefix" "$@" >"$folder.log" 2>&1 || {
         cat "$folder.log" >&2
         fail "cannot configure $folder"
     }
     cmake --build "$folder" --target velmora
 done
 
-mkdir -p build/install
-new=$(mktemp)
-trap 'rm -f "$new"' EXIT
-[ ! -e "$list" ] || cat "$list" >"$new"
+# The list comes first, so that an installation that breaks off can be removed. It keeps what an earlier one has put there.
+umask 022
+staging=$PWD/build/install/staging
+rm -rf "$staging"
 for word_size in $word_sizes; do
-    DESTDIR=$destination cmake --install "build/install/$word_size" --strip >/dev/null
+    DESTDIR=$staging cmake --install "build/install/$word_size" --strip >/dev/null
 done
+folder=$(dirname "$list")
+new=$(cd "$staging" && find . ! -type d | sed 's/^.//'
+    cd "$staging" && { find . -type d; echo ".${folder#"$destination"}"; } | sed 's/^.//' | while IFS= read -r name; do
+        [ -d "$destination$name" ] || echo "$name/"
+    done)
+mkdir -p "$folder" || fail "cannot make the folder $folder"
+[ ! -e "$list" ] || new=$(cat "$list" && echo "$new")
+echo "$new" | sort -u >"$list" || fail "cannot write $list"
+for word_size in $word_sizes; do
+    DESTDIR=$destination cmake --install "build/install/$word_size" --strip >"build/install/$word_size.log" 2>&1 || {
+        cat "build/install/$word_size.log" >&2
+        fail "cannot install in $root"
+    }
+done
+tell_linker
+echo "Installed in $root"
