@@ -10,9 +10,7 @@ FUZZ_SEED ?= $(shell date +%s)
 .DEFAULT_GOAL := help
 include kernel/linux/target.mk
 include bench/bench.mk
-.PHONY: help build build-x86 build-arm demo test test-x86 test-x86_64 test-arm test-sanitize coverage fuzz format format-check lint clean
-.PHONY: install uninstall package test-packages
-.PHONY: help build build-x86 build-arm demo test test-x86 test-arm test-sanitize coverage fuzz format format-check lint clean
+.PHONY: help build build-x86 build-arm demo test test-x86 test-x86_64 test-arm test-sanitize coverage fuzz format format-check lint install uninstall package test-packages clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
@@ -36,8 +34,8 @@ demo: build-x86
 	@scripts/setup.sh demo
 	@build/bin/print-job $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo
 
-## make test       the gates (format-check, lint), then every test: x86, the client library in 64 bits, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the module on an emulated controller
-test: format-check lint test-x86 test-x86_64 test-arm test-sanitize coverage test-target
+## make test       the gates (format-check, lint), then every test: x86, the client library in 64 bits, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the packages in a clean Debian, the module on an emulated controller
+test: format-check lint test-x86 test-x86_64 test-arm test-sanitize coverage test-packages test-target
 	@echo "All tests passed"
 
 test-x86: build-x86
@@ -119,7 +117,9 @@ package:
 ## make test-packages  an installed copy and the packages in a clean Debian: programs outside this tree use them; nothing is left behind
 test-packages: package
 	@scripts/setup.sh build test-packages
-	@tests/packages/check.sh
+	@tests/packages/installed_copy.sh
+	@tests/packages/clean_root.sh
+	@tests/packages/module_source.sh
 
 ## make clean      removes build/
 clean:

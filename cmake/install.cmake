@@ -3,49 +3,41 @@
 include(CMakePackageConfigHelpers)
 set(velmora_package_folder ${CMAKE_INSTALL_LIBDIR}/cmake/velmora)
 
-# A library, and the name velmora::EXPORTED that other projects know it by. The package's file velmora[SET]Targets.cmake has it.
-function(velmora_install_library target exported set)
+# A library, and the name velmora::EXPORTED that other projects know it by.
+function(velmora_install_library target exported)
     if(TARGET ${target})
         add_dependencies(velmora ${target})
         set_target_properties(${target} PROPERTIES EXPORT_NAME ${exported})
-        install(TARGETS ${target} EXPORT velmora${set}
+        install(TARGETS ${target} EXPORT velmora
                 LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
                 INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
     endif()
 endfunction()
 
-function(velmora_install_program target)
+velmora_install_library(velmora_wire wire)
+velmora_install_library(velmora_shared client)
+velmora_install_library(velmora_client client-static)
+velmora_install_library(velmora_testing testing)
+if(TARGET velmora_testing)
+    # Installed, tests have the library that the code under test has.
+    set_target_properties(velmora_testing PROPERTIES INTERFACE_LINK_LIBRARIES
+                          "$<BUILD_INTERFACE:velmora_client>;$<INSTALL_INTERFACE:velmora_shared>")
+endif()
+install(EXPORT velmora NAMESPACE velmora:: FILE velmoraTargets.cmake DESTINATION ${velmora_package_folder})
+
+# The programs, and what preload/ has: that has rules of its own.
+foreach(target velmora-mm velmora-controller)
     if(TARGET ${target})
         add_dependencies(velmora ${target})
         install(TARGETS ${target} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
     endif()
-endfunction()
-
-velmora_install_library(velmora_wire wire "")
-velmora_install_library(velmora_shared client "")
-velmora_install_library(velmora_client client-static "")
-velmora_install_library(velmora_testing testing Testing)
-velmora_install_program(velmora-mm)
-velmora_install_program(velmora-controller)
-# What programs are run with: lib/velmora-mm/$LIB/, where a program's own dynamic linker puts its folder's name in place of $LIB.
-# That of 32-bit programs has one of two names.
-if(TARGET velmora_preload)
-    add_dependencies(velmora velmora_preload)
-    set(preload_folder ${CMAKE_INSTALL_PREFIX}/lib/velmora-mm)
-    if(is_32_bit)
-        install(TARGETS velmora_preload LIBRARY DESTINATION ${preload_folder}/lib/i386-linux-gnu)
-        install(CODE "file(CREATE_LINK lib/i386-linux-gnu \"\$ENV{DESTDIR}${preload_folder}/lib32\" SYMBOLIC)
-                      list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"${preload_folder}/lib32\")")
-    else()
-        install(TARGETS velmora_preload LIBRARY DESTINATION ${preload_folder}/lib/x86_64-linux-gnu)
-    endif()
-endif()
-
-foreach(set "" Testing)
-    if(set STREQUAL "" OR TARGET velmora_testing)
-        install(EXPORT velmora${set} NAMESPACE velmora:: FILE velmora${set}Targets.cmake DESTINATION ${velmora_package_folder})
+endforeach()
+foreach(target velmora_preload_32 velmora_preload_64)
+    if(TARGET ${target})
+        add_dependencies(velmora ${target})
     endif()
 endforeach()
+
 configure_package_config_file(lib/velmoraConfig.cmake.in velmoraConfig.cmake INSTALL_DESTINATION ${velmora_package_folder})
 write_basic_package_version_file(velmoraConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 configure_file(lib/velmora.pc.in velmora.pc @ONLY)

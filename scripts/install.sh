@@ -59,9 +59,10 @@ while [ ! -e "$above" ] && [ ! -L "$above" ]; do
 done
 if [ ! -d "$above" ]; then
     fail "cannot install in $root: $above is no folder"
-elif [ ! -w "$above" ]; then
-    fail "cannot install in $root: no permission to write in $above"
+elif ! probe=$(mktemp -d "$above/.velmora-XXXXXX" 2>/dev/null); then
+    fail "cannot install in $root: nothing can be written in $above"
 fi
+rmdir "$probe"
 scripts/setup.sh build
 
 machine=$(dpkg --print-architecture)
