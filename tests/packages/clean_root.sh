@@ -74,6 +74,12 @@ is_built_with() {
     # shellcheck disable=SC2046
     install $(packages velmora-mm libvelmora-dev libvelmora0 velmora-mm-dkms)
     quietly /packages/use.sh /packages/consumer /tmp/native /usr ""
+    # A 32-bit program needs the wire header only.
+    quietly gcc -m32 -o /tmp/wire /packages/consumer/wire.c
+    if in_root velmora-mm --help | grep -q '^  run '; then
+        quietly velmora-mm run -- /tmp/wire
+        grep -q 'wire: 32-bit, 8192 bytes' "$root.log" || fail "wire says: $(cat "$root.log")"
+    fi
     in_root dkms status | grep -q '^velmora-mm/' || fail "DKMS does not know the module's source: $(in_root dkms status)"
     quietly apt-get purge -y -q velmora-mm libvelmora-dev libvelmora0 velmora-mm-dkms
     unchanged "$root.before"
