@@ -10,7 +10,7 @@ FUZZ_SEED ?= $(shell date +%s)
 .DEFAULT_GOAL := help
 include kernel/linux/target.mk
 include bench/bench.mk
-.PHONY: help build build-x86 build-arm demo test test-x86 test-x86_64 test-arm test-sanitize coverage fuzz format format-check lint docs clean
+.PHONY: help build build-x86 build-arm demo test test-x86 test-x86_64 test-arm test-sanitize coverage fuzz format format-check lint docs install uninstall package test-packages clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
@@ -34,8 +34,8 @@ demo: build-x86
 	@scripts/setup.sh demo
 	@build/bin/print-job --processes $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo
 
-## make test       the gates (format-check, lint), then every test: x86, the client library in 64 bits, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the module on an emulated controller
-test: format-check lint test-x86 test-x86_64 test-arm test-sanitize coverage test-target
+## make test       the gates (format-check, lint), then every test: x86, the client library in 64 bits, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the packages in a clean Debian, the module on an emulated controller
+test: format-check lint test-x86 test-x86_64 test-arm test-sanitize coverage test-packages test-target
 	@echo "All tests passed"
 
 test-x86: build-x86
@@ -105,6 +105,28 @@ docs:
 	@mkdir -p build/docs
 	@VELMORA_VERSION=$$(sed -n 's/^project(velmora_mm VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt) doxygen docs/Doxyfile
 	@echo build/docs/html/index.html
+
+## make install    libraries (both word sizes), headers, CMake and pkg-config packages, programs, manual pages  [PREFIX=/usr/local DESTDIR=]
+## make uninstall  removes what make install put there  [PREFIX=/usr/local DESTDIR=]
+PREFIX ?= /usr/local
+DESTDIR ?=
+install:
+	@PREFIX='$(PREFIX)' DESTDIR='$(DESTDIR)' scripts/install.sh
+
+uninstall:
+	@PREFIX='$(PREFIX)' DESTDIR='$(DESTDIR)' scripts/install.sh --remove
+
+## make package    Debian packages in build/packages/: velmora-mm, libvelmora0, libvelmora-dev, velmora-mm-dkms
+package:
+	@scripts/setup.sh package
+	@scripts/package.sh
+
+## make test-packages  an installed copy and the packages in a clean Debian: programs outside this tree use them; nothing is left behind
+test-packages: package
+	@scripts/setup.sh build test-packages
+	@tests/packages/installed_copy.sh
+	@tests/packages/clean_root.sh
+	@tests/packages/module_source.sh
 
 ## make clean      removes build/
 clean:

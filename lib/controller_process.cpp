@@ -135,7 +135,7 @@ void require(int result, const Connection& connection)
 } // namespace
 
 // For faults and status, and for the log.
-struct Controller::Connections {
+struct [[gnu::visibility("hidden")]] Controller::Connections {
     Connection control, log;
     std::uint64_t nextMessage = 0;
 

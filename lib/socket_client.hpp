@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#pragma GCC visibility push(hidden) // no part of the shared library's ABI
 namespace velmora::socket_client {
 
 // The connection is as good as its descriptor: -1 when there is none. report is a sentence on what went wrong last, where
@@ -71,3 +72,4 @@ int transact(Connection& connection, void* request, std::size_t requestBytes, vo
 int receive(Connection& connection, void* message, std::size_t room, bool wait);
 
 } // namespace velmora::socket_client
+#pragma GCC visibility pop

@@ -1,19 +1,21 @@
 #!/bin/sh
 # Installs the Debian packages that the named groups need and that are missing. Root, or a user with sudo.
-#   scripts/setup.sh GROUP...     groups: bench build demo docs fuzz lint target test
+#   scripts/setup.sh GROUP...     groups: bench build demo docs fuzz lint package target test test-packages
 # A stamp under build/ remembers what was found, so that a second run costs nothing.
 set -eu
 cd "$(dirname "$0")/.."
 
 packages() {
     case $1 in
-    build) echo "g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build libcli11-dev" ;;
+    build) echo "g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build libcli11-dev python3" ;;
     bench) echo "g++-12 g++-12-multilib cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev python3" ;;
     docs) echo "doxygen" ;;
     demo) echo "ghostscript ghostscript-doc" ;;
     fuzz) echo "clang-14 libclang-rt-14-dev g++-12-multilib cmake ninja-build googletest" ;;
     lint) echo "clang-format clang-tidy g++-12-multilib git python3 shellcheck" ;;
+    package) echo "$(packages build) debhelper dh-dkms dpkg-dev fakeroot lintian" ;;
     target) echo "qemu-system-arm device-tree-compiler python3" ;;
+    test-packages) echo "dkms mmdebstrap pkgconf" ;;
     test) echo "googletest qemu-user gcovr python3" ;;
     *) echo "setup.sh: unknown group '$1'" >&2; exit 2 ;;
     esac
@@ -37,7 +39,13 @@ done
 if [ -n "$missing" ]; then
     echo "Installing:$missing"
     root=
-    [ "$(id -u)" -eq 0 ] || root=sudo
+    if [ "$(id -u)" -ne 0 ]; then
+        root=sudo
+        command -v sudo >/dev/null || {
+            echo "setup.sh: these Debian packages are missing, and only root can install them:$missing" >&2
+            exit 1
+        }
+    fi
     # An index that cannot be fetched is no reason to stop: the packages may still resolve.
     $root apt-get update -qq || echo "setup.sh: apt-get update reported a problem; going on" >&2
     # shellcheck disable=SC2086

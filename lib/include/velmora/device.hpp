@@ -16,6 +16,10 @@
 // (for C). docs/application-guide.md says how an application uses them.
 #pragma once
 
+#if __cplusplus < 202002L
+#error "<velmora/device.hpp> is C++20: compile with -std=c++20"
+#endif
+
 #include <velmora/error.hpp>
 #include <velmora/raw.hpp>
 #include <velmora/segment.hpp>
