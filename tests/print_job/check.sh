@@ -118,6 +118,7 @@ refused 2 '--document lacks its value' --document
 refused 2 'unknown option --nonsense' --nonsense
 refused 2 "unexpected argument 'file.pdf'" file.pdf
 refused 2 '--lose: collation:1 is not raster:N or copy:N' --processes --lose collation:1
+refused 2 '--lose: there is no page 5' --processes --lose raster:5 --rasters "$work/pages" --output "$work/none"
 refused 2 '--lose requires --processes' --lose raster:1
 # A device that is none of the manager's is noticed before anything is drawn.
 refused 1 'print-job: cannot open /dev/nope: No such file or directory' --device /dev/nope --output "$work/nope"
