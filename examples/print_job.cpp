@@ -55,18 +55,15 @@ void describe(CLI::App& app, Options& options)
         ->type_name("DIR");
     app.add_option("--rasters", options.rasters, "print the netpbm pages in DIR; no Ghostscript is run")
         ->type_name("DIR");
-    app.add_option(
-           "--device", options.device,
-           "a real manager, through its device node, or a running velmora-controller: unix:SOCKET; default: the "
-           "simulated controller in this process")
+    app.add_option("--device", options.device,
+                   "a manager that runs already: its device node, or unix:SOCKET; default: a simulated controller")
         ->type_name("NODE");
-    CLI::Option* const processes = app.add_flag("--processes", options.processes,
-                                                "job handling, raster processor and collation copy as three processes; "
-                                                "without --device on a velmora-controller "
-                                                "of their own. Default: three threads of this process");
-    app.add_option("--lose", options.lose,
-                   "kill a party in the middle of a page: raster:N or copy:N. Job handling collects what it held and "
-                   "prints the job again")
+    CLI::Option* const processes = app.add_flag(
+        "--processes", options.processes,
+        "the parties as three processes, on a velmora-controller of their own or on --device; default: threads");
+    app.add_option(
+           "--lose", options.lose,
+           "kill a party in the middle of page N (raster:N, copy:N); what it held is collected, the job printed again")
         ->type_name("PARTY:N")
         ->needs(processes);
 }
@@ -241,6 +238,8 @@ int print(const Options& options)
     const Controller controller = connect(options);
     expectManager(controller, options);
     const Order order{rastersFor(options), options.copies, options.output};
+    if (const auto loss = lossIn(options); loss && loss->page > order.rasters.size())
+        throw velmora::tools::UsageError("--lose: there is no page " + std::to_string(loss->page));
     std::printf("Printing %zu pages, %u copies%s\n", order.rasters.size(), order.copies,
                 options.processes ? ": job handling, raster processor and collation copy are three processes" : "");
 

@@ -48,6 +48,27 @@ void ProcessJob::printOnce()
             Party("raster processor", [this](const Wire& wire) { processRasters(wire, device_, layout_, order_); }),
         .collation = Party("collation copy", [this](const Wire& wire) { writeCopies(wire, device_, order_); }),
     };
+    try {
+        work(parties);
+    } catch (...) {
+        noteLastBands(parties);
+        throw;
+    }
+}
+
+// What the raster processor has taken and this side has not read yet, or takes until it ends: bands in the heap are nobody's
+// but for these messages.
+void ProcessJob::noteLastBands(Parties& parties)
+{
+    parties.rasters.hangUp();
+    Message message;
+    while (parties.rasters.receiveLast(message))
+        if (message.kind == Kind::Band)
+            stored_.back().bands.push_back(bandIn(message));
+}
+
+void ProcessJob::work(Parties& parties)
+{
     parties.rasters.send({.kind = Kind::Begin, .number = handler_.pageSegment()});
     parties.collation.send({.kind = Kind::Begin, .address = handler_.ticket()});
     requestPage(parties);
@@ -89,7 +110,7 @@ void ProcessJob::hearRasters(Parties& parties)
     const Message message = parties.rasters.receive();
     StoredPage& page = stored_.back();
     if (message.kind == Kind::Band) {
-        page.bands.push_back({message.address, message.bytes, message.inHeap != 0});
+        page.bands.push_back(bandIn(message));
         if (loss_ && !loss_->ofCollation && loss_->page == page.number) {
             loss_.reset();
             parties.rasters.kill();

@@ -28,6 +28,8 @@ private:
     struct Parties;
 
     void printOnce();
+    void work(Parties& parties);
+    void noteLastBands(Parties& parties);
     void collectAfter(const PartyLost& lost);
     void requestPage(Parties& parties);
     void hearRasters(Parties& parties);

@@ -117,6 +117,11 @@ void Party::lost()
                                                  : " ended with status " + std::to_string(WEXITSTATUS(status))));
 }
 
+void Party::hangUp()
+{
+    shutdown(wire_->descriptor(), SHUT_WR);
+}
+
 void Party::kill()
 {
     ::kill(process_, SIGKILL);
@@ -182,7 +187,7 @@ void writeCopies(const Wire& wire, const std::string& device, const Order& order
         if (request.kind == Kind::Text)
             next.header.text.append(request.text, request.bytes);
         else if (request.kind == Kind::Band)
-            next.bands.push_back({request.address, request.bytes, request.inHeap != 0});
+            next.bands.push_back(bandIn(request));
         if (request.kind != Kind::Write)
             continue;
         if (!next.bands.empty() || !next.header.text.empty())

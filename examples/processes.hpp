@@ -41,6 +41,11 @@ struct Message {
 };
 static_assert(sizeof(Message) == 64);
 
+inline Band bandIn(const Message& message)
+{
+    return {message.address, message.bytes, message.inHeap != 0};
+}
+
 // One end of a conversation.
 class Wire
 {
@@ -82,6 +87,11 @@ public:
     void send(const Message& message);
     Message receive();
     void send(const StoredPage& page); // its text and its bands
+
+    // Ends the conversation from this side: the process does what it was asked for and ends. The next thing that it still
+    // had to say; false after the last one.
+    void hangUp();
+    bool receiveLast(Message& message) { return wire_->receive(message); }
 
     void kill();
     int descriptor() const { return wire_->descriptor(); }

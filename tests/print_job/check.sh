@@ -74,6 +74,14 @@ for page in 1 3; do
     processes "copy-$page" --lose "copy:$page"
     expect 'The collation copy was ended by signal 9: .* collected by owner, all blocks are free; printing the job again'
 done
+# Pages that overflow into the heap, where blocks have no owner: the raster processor is heard out when the other is lost.
+"$print_job" --document "$work/two.ps" --dpi 250 --copies 1 --output "$work/fine" >"$work/out" 2>&1 || fail "fine pages failed"
+for page in 1 2 3 4; do
+    ln -f "$work/fine/drawn/page-000$(((page + 1) % 2 + 1)).ppm" "$work/pages/page-$page.ppm"
+done
+processes heap --lose copy:2
+expect 'of them from the heap'
+expect 'The collation copy was ended by signal 9: .* collected by owner, all blocks are free; printing the job again'
 "$print_job" --processes --document "$work/two.ps" --dpi 1000 --output "$work/large" >"$work/out" 2>&1 &&
     fail "three processes printed a document too large"
 expect 'print-job: the document does not fit into the controller.s memory: page 1'
@@ -110,6 +118,7 @@ refused 2 '--document lacks its value' --document
 refused 2 'unknown option --nonsense' --nonsense
 refused 2 "unexpected argument 'file.pdf'" file.pdf
 refused 2 '--lose: collation:1 is not raster:N or copy:N' --processes --lose collation:1
+refused 2 '--lose: there is no page 5' --processes --lose raster:5 --rasters "$work/pages" --output "$work/none"
 refused 2 '--lose requires --processes' --lose raster:1
 # A device that is none of the manager's is noticed before anything is drawn.
 refused 1 'print-job: cannot open /dev/nope: No such file or directory' --device /dev/nope --output "$work/nope"
