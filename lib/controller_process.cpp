@@ -135,7 +135,8 @@ void require(int result, const Connection& connection)
 } // namespace
 
 // For faults and status, and for the log.
-struct [[gnu::visibility("hidden")]] Controller::Connections {
+struct [[gnu::visibility("hidden")]] Controller::Connections
+{
     Connection control, log;
     std::uint64_t nextMessage = 0;
 
