@@ -132,6 +132,7 @@ TEST_F(Safe, ASegmentThatIsNotAsDescribedIsNotOpened)
 TEST_F(Safe, OfManyThatCreateAtOnceOneDoes)
 {
     std::vector<std::thread> crowd;
+    crowd.reserve(8);
     for (int i = 0; i < 8; ++i)
         crowd.emplace_back([&] {
             Device own(controller.open());
@@ -241,6 +242,7 @@ TEST_F(SafeOverflow, WhatOverflowsIntoAHeapThatThisProcessKnowsHasAllItsBytes)
 {
     segment.overflowInto(heap);
     std::vector<Block> blocks;
+    blocks.reserve(3);
     for (int i = 0; i < 3; ++i)
         blocks.push_back(segment.allocate(kBlock, kOwner).value());
     for (std::size_t i = 0; i < blocks.size(); ++i) {
@@ -573,6 +575,7 @@ TEST_F(SafeBlock, ThreadsShareASegment)
 TEST_F(Safe, ThreadsShareADevice)
 {
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([&] {
             for (int round = 0; round < 50; ++round)
