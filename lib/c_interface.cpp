@@ -79,21 +79,21 @@ std::string textOf(const char* text)
     return text != nullptr ? text : "";
 }
 
-velmora::SegmentSpec specOf(const velmora_segment_spec& spec)
+velmora::SegmentOptions optionsOf(const velmora_segment_options& options)
 {
-    if (spec.struct_bytes != sizeof spec)
-        throw velmora::Error("velmora_segment_spec", -EINVAL);
-    if (spec.owner_bits > 8)
-        throw velmora::Error("velmora_segment_spec", Errc::BadOwner);
-    if (spec.place > VELMORA_HEAP || spec.discipline > VELMORA_BLOCKS)
-        throw velmora::Error("velmora_segment_spec", -EINVAL);
-    return {.name = textOf(spec.name),
-            .bytes = spec.bytes,
-            .blockBytes = spec.block_bytes,
-            .ownerBits = static_cast<std::uint8_t>(spec.owner_bits),
-            .place = static_cast<velmora::Place>(spec.place),
-            .discipline = static_cast<velmora::Discipline>(spec.discipline),
-            .managerOverflows = spec.manager_overflows != 0};
+    if (options.struct_bytes != sizeof options)
+        throw velmora::Error("velmora_segment_options", -EINVAL);
+    if (options.owner_bits > 8)
+        throw velmora::Error("velmora_segment_options", Errc::BadOwner);
+    if (options.place > VELMORA_HEAP || options.discipline > VELMORA_BLOCKS)
+        throw velmora::Error("velmora_segment_options", -EINVAL);
+    return {.name = textOf(options.name),
+            .bytes = options.bytes,
+            .blockBytes = options.block_bytes,
+            .ownerBits = static_cast<std::uint8_t>(options.owner_bits),
+            .place = static_cast<velmora::Place>(options.place),
+            .discipline = static_cast<velmora::Discipline>(options.discipline),
+            .managerOverflows = options.manager_overflows != 0};
 }
 
 velmora::Owner ownerOf(const char* call, unsigned int owner)
@@ -195,15 +195,17 @@ int velmora_segment_find(velmora_device* device, const char* name, velmora_segme
     });
 }
 
-int velmora_segment_create(velmora_device* device, const velmora_segment_spec* spec, velmora_segment** segment)
-{
-    return guarded([&] { *segment = new velmora_segment{velmora::Segment::create(device->device, specOf(*spec))}; });
-}
-
-int velmora_segment_open_or_create(velmora_device* device, const velmora_segment_spec* spec, velmora_segment** segment)
+int velmora_segment_create(velmora_device* device, const velmora_segment_options* options, velmora_segment** segment)
 {
     return guarded(
-        [&] { *segment = new velmora_segment{velmora::Segment::openOrCreate(device->device, specOf(*spec))}; });
+        [&] { *segment = new velmora_segment{velmora::Segment::create(device->device, optionsOf(*options))}; });
+}
+
+int velmora_segment_open_or_create(velmora_device* device, const velmora_segment_options* options,
+                                   velmora_segment** segment)
+{
+    return guarded(
+        [&] { *segment = new velmora_segment{velmora::Segment::openOrCreate(device->device, optionsOf(*options))}; });
 }
 
 int velmora_segment_heap(velmora_device* device, unsigned int block_bytes, unsigned int owner_bits,

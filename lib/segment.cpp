@@ -40,13 +40,13 @@ void requireOwner(const char* call, Owner owner, unsigned bits, bool forCleanUp)
 }
 
 // Bytes to ask for so that this many can be used: blocks, the owner map in whole blocks before them, and one for alignment.
-std::uint32_t placedBytes(const char* call, const SegmentSpec& spec)
+std::uint32_t placedBytes(const char* call, const SegmentOptions& options)
 {
-    const std::uint64_t block = spec.blockBytes;
-    const std::uint64_t wanted = (spec.bytes + block - 1) / block;
+    const std::uint64_t block = options.blockBytes;
+    const std::uint64_t wanted = (options.bytes + block - 1) / block;
     std::uint64_t all = wanted + 1;
-    for (std::uint64_t map = 0; spec.ownerBits != 0;) {
-        const std::uint64_t mapBytes = all * spec.ownerBits / 8 + 2;
+    for (std::uint64_t map = 0; options.ownerBits != 0;) {
+        const std::uint64_t mapBytes = all * options.ownerBits / 8 + 2;
         const std::uint64_t needed = (mapBytes + block - 1) / block;
         if (needed <= map)
             break;
@@ -59,18 +59,18 @@ std::uint32_t placedBytes(const char* call, const SegmentSpec& spec)
     return static_cast<std::uint32_t>(bytes);
 }
 
-void requireSound(const char* call, const SegmentSpec& spec)
+void requireSound(const char* call, const SegmentOptions& options)
 {
-    const bool stack = spec.discipline == Discipline::Stack;
-    const bool sized = spec.place == Place::Float;
-    if (!isBlockSize(spec.blockBytes, stack))
-        throw Error(call, Errc::BadBlockSize, std::to_string(spec.blockBytes));
-    if (spec.ownerBits > 8 || (spec.ownerBits != 0 && !std::has_single_bit(spec.ownerBits)) ||
-        (stack && spec.ownerBits != 0))
-        throw Error(call, Errc::BadOwner, "no map of " + std::to_string(spec.ownerBits) + " bits");
-    if ((spec.bytes != 0) != sized)
+    const bool stack = options.discipline == Discipline::Stack;
+    const bool sized = options.place == Place::Float;
+    if (!isBlockSize(options.blockBytes, stack))
+        throw Error(call, Errc::BadBlockSize, std::to_string(options.blockBytes));
+    if (options.ownerBits > 8 || (options.ownerBits != 0 && !std::has_single_bit(options.ownerBits)) ||
+        (stack && options.ownerBits != 0))
+        throw Error(call, Errc::BadOwner, "no map of " + std::to_string(options.ownerBits) + " bits");
+    if ((options.bytes != 0) != sized)
         throw Error(call, Errc::BadSize);
-    if (stack && (spec.managerOverflows || spec.place == Place::Heap))
+    if (stack && (options.managerOverflows || options.place == Place::Heap))
         throw Error(call, Errc::StackOverflows);
 }
 
@@ -270,25 +270,25 @@ std::optional<Segment> Segment::find(Device& device, std::string_view name, std:
     return found;
 }
 
-Segment Segment::create(Device& device, const SegmentSpec& spec)
+Segment Segment::create(Device& device, const SegmentOptions& options)
 {
     constexpr const char* call = "Segment::create";
-    requireSound(call, spec);
+    requireSound(call, options);
     char id[4] = {};
-    setName(id, call, spec.name);
-    if (spec.place == Place::Heap)
+    setName(id, call, options.name);
+    if (options.place == Place::Heap)
         requireNoGaps(call, device);
-    const bool stack = spec.discipline == Discipline::Stack;
+    const bool stack = options.discipline == Discipline::Stack;
     const MM_TSegInfoFromApp made =
-        device.createSegment({.name = spec.name,
-                              .bytes = spec.place == Place::Float ? placedBytes(call, spec) : 0,
-                              .blockBytes = spec.blockBytes,
-                              .mapBits = spec.ownerBits,
-                              .type = static_cast<std::uint8_t>(spec.place == Place::Fixed ? MM_FIXED : MM_FLOAT),
+        device.createSegment({.name = options.name,
+                              .bytes = options.place == Place::Float ? placedBytes(call, options) : 0,
+                              .blockBytes = options.blockBytes,
+                              .mapBits = options.ownerBits,
+                              .type = static_cast<std::uint8_t>(options.place == Place::Fixed ? MM_FIXED : MM_FLOAT),
                               .discipline = static_cast<std::uint8_t>(stack ? MM_STACK : MM_LINKEDLIST),
                               .locked = !stack,
-                              .overflowsToHeap = spec.managerOverflows});
-    if (spec.place == Place::Heap) {
+                              .overflowsToHeap = options.managerOverflows});
+    if (options.place == Place::Heap) {
         if (made.ulRetSegSize == 0 || made.ulRetSegSize > made.ulSegSize)
             throw Error(call, Errc::HeapUnsafe);
         MM_TMMSegInfoWire entry{};
@@ -299,44 +299,44 @@ Segment Segment::create(Device& device, const SegmentSpec& spec)
     }
     const auto entry = device.segment(static_cast<std::uint8_t>(made.hulHandle));
     if (!entry || !isUsed(*entry) || entry->ulTotalBlkNum == 0 ||
-        std::uint64_t(entry->ulTotalBlkNum) * spec.blockBytes < spec.bytes)
-        throw Error(call, Errc::SegmentDiffers, "'" + spec.name + "' did not get its blocks");
+        std::uint64_t(entry->ulTotalBlkNum) * options.blockBytes < options.bytes)
+        throw Error(call, Errc::SegmentDiffers, "'" + options.name + "' did not get its blocks");
     return Segment(open(device, *entry));
 }
 
-std::optional<Segment> Segment::create(Device& device, const SegmentSpec& spec, std::error_code& error)
+std::optional<Segment> Segment::create(Device& device, const SegmentOptions& options, std::error_code& error)
 {
-    return orElse(error, std::optional<Segment>(), [&] { return std::optional(create(device, spec)); });
+    return orElse(error, std::optional<Segment>(), [&] { return std::optional(create(device, options)); });
 }
 
-Segment Segment::openOrCreate(Device& device, const SegmentSpec& spec)
+Segment Segment::openOrCreate(Device& device, const SegmentOptions& options)
 {
     constexpr const char* call = "Segment::openOrCreate";
-    requireSound(call, spec);
-    if (spec.place == Place::Heap)
+    requireSound(call, options);
+    if (options.place == Place::Heap)
         throw Error(call, Errc::NotKnown, "no command finds the heap");
-    std::optional<Segment> found = find(device, spec.name);
+    std::optional<Segment> found = find(device, options.name);
     if (!found) {
         std::error_code refusal;
-        found = create(device, spec, refusal);
+        found = create(device, options, refusal);
         if (found)
             return *found;
         // Somebody else may have been faster.
-        if (refusal != std::error_code(MM_EASSERT, managerCategory()) || !(found = find(device, spec.name)))
+        if (refusal != std::error_code(MM_EASSERT, managerCategory()) || !(found = find(device, options.name)))
             throw Error(call, resultOf(refusal));
     }
     const State& state = *found->state_;
     const bool fixed = state.entry.stInfoFromApp.ubType == MM_FIXED;
-    if (state.blockBytes() != spec.blockBytes || state.ownerBits() != spec.ownerBits ||
-        found->discipline() != spec.discipline || fixed != (spec.place == Place::Fixed) || *state.bytes < spec.bytes ||
-        (state.entry.stInfoFromApp.ubVM != 0) != spec.managerOverflows)
-        throw Error(call, Errc::SegmentDiffers, "'" + spec.name + "'");
+    if (state.blockBytes() != options.blockBytes || state.ownerBits() != options.ownerBits ||
+        found->discipline() != options.discipline || fixed != (options.place == Place::Fixed) ||
+        *state.bytes < options.bytes || (state.entry.stInfoFromApp.ubVM != 0) != options.managerOverflows)
+        throw Error(call, Errc::SegmentDiffers, "'" + options.name + "'");
     return *found;
 }
 
-std::optional<Segment> Segment::openOrCreate(Device& device, const SegmentSpec& spec, std::error_code& error)
+std::optional<Segment> Segment::openOrCreate(Device& device, const SegmentOptions& options, std::error_code& error)
 {
-    return orElse(error, std::optional<Segment>(), [&] { return std::optional(openOrCreate(device, spec)); });
+    return orElse(error, std::optional<Segment>(), [&] { return std::optional(openOrCreate(device, options)); });
 }
 
 Segment Segment::heap(Device& device, const HeapFacts& facts)

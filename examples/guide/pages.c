@@ -39,16 +39,16 @@ int main(void)
 {
     velmora_device* device = NULL;
     velmora_segment* pages = NULL;
-    velmora_segment_spec spec = VELMORA_SEGMENT_SPEC;
+    velmora_segment_options options = VELMORA_SEGMENT_OPTIONS;
     unsigned int owners[70];
     int status = 1;
 
-    spec.name = "PAGE";
-    spec.bytes = 1 << 20;
-    spec.owner_bits = 8;
+    options.name = "PAGE";
+    options.bytes = 1 << 20;
+    options.owner_bits = 8;
     if (velmora_owner_ids(8, owners, 70) != 70 || velmora_open(NULL, &device) != VELMORA_OK)
         return fail("the device");
-    if (velmora_segment_open_or_create(device, &spec, &pages) == VELMORA_OK)
+    if (velmora_segment_open_or_create(device, &options, &pages) == VELMORA_OK)
         status = store(pages, owners[0]);
     else
         fail("the segment");

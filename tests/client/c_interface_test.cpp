@@ -16,10 +16,10 @@ protected:
     CInterface()
     {
         EXPECT_EQ(velmora_open(controller.device().c_str(), &open), 0);
-        spec.name = "PAGE";
-        spec.bytes = 0x10000;
-        spec.owner_bits = 8;
-        EXPECT_EQ(velmora_segment_create(open, &spec, &segment), 0);
+        options.name = "PAGE";
+        options.bytes = 0x10000;
+        options.owner_bits = 8;
+        EXPECT_EQ(velmora_segment_create(open, &options, &segment), 0);
     }
     ~CInterface() override
     {
@@ -36,7 +36,7 @@ protected:
 
     velmora_device* open = nullptr;
     velmora_segment* segment = nullptr;
-    velmora_segment_spec spec = VELMORA_SEGMENT_SPEC;
+    velmora_segment_options options = VELMORA_SEGMENT_OPTIONS;
 };
 
 TEST_F(CInterface, ABlockFromAllocationToRelease)
@@ -132,11 +132,11 @@ TEST_F(CInterface, OwnersAreCollected)
 
 TEST_F(CInterface, WhatOverflowsIsInTheHeap)
 {
-    velmora_segment_spec heapSpec = VELMORA_SEGMENT_SPEC;
-    heapSpec.name = "HEAP";
-    heapSpec.place = VELMORA_HEAP;
+    velmora_segment_options heapOptions = VELMORA_SEGMENT_OPTIONS;
+    heapOptions.name = "HEAP";
+    heapOptions.place = VELMORA_HEAP;
     velmora_segment *heap = nullptr, *told = nullptr;
-    ASSERT_EQ(velmora_segment_create(open, &heapSpec, &heap), 0);
+    ASSERT_EQ(velmora_segment_create(open, &heapOptions, &heap), 0);
     ASSERT_EQ(velmora_segment_heap(open, 4096, 0, &told), 0);
     EXPECT_EQ(velmora_segment_overflow_into(segment, segment, 0), VELMORA_SEGMENT_DIFFERS);
     EXPECT_EQ(velmora_segment_overflow_into(segment, told, 0), 0);
@@ -164,11 +164,11 @@ TEST_F(CInterface, FailuresAreCodesWithASentence)
     velmora_segment* other = nullptr;
     EXPECT_EQ(velmora_segment_find(open, "NONE", &other), VELMORA_NO_SUCH_SEGMENT);
     EXPECT_EQ(velmora_segment_find(open, nullptr, &other), VELMORA_BAD_NAME);
-    EXPECT_EQ(velmora_segment_create(open, &spec, &other), MM_EASSERT);
-    EXPECT_EQ(velmora_segment_open_or_create(open, &spec, &other), 0);
+    EXPECT_EQ(velmora_segment_create(open, &options, &other), MM_EASSERT);
+    EXPECT_EQ(velmora_segment_open_or_create(open, &options, &other), 0);
     velmora_segment_close(other);
-    spec.struct_bytes = 1;
-    EXPECT_EQ(velmora_segment_create(open, &spec, &other), -EINVAL);
+    options.struct_bytes = 1;
+    EXPECT_EQ(velmora_segment_create(open, &options, &other), -EINVAL);
     velmora_device* device = nullptr;
     EXPECT_EQ(velmora_open("/nonexistent", &device), -ENOENT);
     EXPECT_EQ(device, nullptr);

@@ -16,7 +16,7 @@ namespace {
 
 constexpr Owner kOwner{0x0F}, kOther{0x33};
 
-SegmentSpec pages()
+SegmentOptions pages()
 {
     return {.name = "PAGE", .bytes = 0x10000, .blockBytes = 0x1000, .ownerBits = 8};
 }
@@ -75,7 +75,9 @@ TEST_F(Safe, ABlockSizeThatIsNoPowerOfTwoIsNotCreatedAndNotUsed)
 TEST_F(Safe, SpecificationsThatCannotBeAreRefusedBeforeTheManagerIsAsked)
 {
     controller.takeLog();
-    const auto refused = [&](const SegmentSpec& spec) { return refusal([&] { Segment::create(device, spec); }); };
+    const auto refused = [&](const SegmentOptions& options) {
+        return refusal([&] { Segment::create(device, options); });
+    };
     EXPECT_EQ(refused({.name = "", .bytes = 1}), Errc::BadName);
     EXPECT_EQ(refused({.name = "FIVE5", .bytes = 1}), Errc::BadName);
     EXPECT_EQ(refused({.name = "SIZE"}), Errc::BadSize);
@@ -119,12 +121,13 @@ TEST_F(Safe, WhatOneProcessCreatesTheOthersFindByName)
 TEST_F(Safe, ASegmentThatIsNotAsDescribedIsNotOpened)
 {
     Segment::create(device, pages());
-    for (const auto change :
-         {+[](SegmentSpec& spec) { spec.blockBytes = 0x2000; }, +[](SegmentSpec& spec) { spec.ownerBits = 4; },
-          +[](SegmentSpec& spec) { spec.bytes = 0x11001; }, +[](SegmentSpec& spec) { spec.managerOverflows = true; }}) {
-        SegmentSpec spec = pages();
-        change(spec);
-        EXPECT_EQ(refusal([&] { Segment::openOrCreate(device, spec); }), Errc::SegmentDiffers);
+    for (const auto change : {+[](SegmentOptions& options) { options.blockBytes = 0x2000; },
+                              +[](SegmentOptions& options) { options.ownerBits = 4; },
+                              +[](SegmentOptions& options) { options.bytes = 0x11001; },
+                              +[](SegmentOptions& options) { options.managerOverflows = true; }}) {
+        SegmentOptions options = pages();
+        change(options);
+        EXPECT_EQ(refusal([&] { Segment::openOrCreate(device, options); }), Errc::SegmentDiffers);
     }
     EXPECT_EQ(refusal([&] { Segment::openOrCreate(device, {.name = "HEAP", .place = Place::Heap}); }), Errc::NotKnown);
 }

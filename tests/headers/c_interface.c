@@ -3,6 +3,6 @@
 
 unsigned int velmora_header_check_c(void)
 {
-    velmora_segment_spec spec = VELMORA_SEGMENT_SPEC;
-    return spec.block_bytes + (unsigned int)sizeof(velmora_block_record);
+    velmora_segment_options options = VELMORA_SEGMENT_OPTIONS;
+    return options.block_bytes + (unsigned int)sizeof(velmora_block_record);
 }

@@ -61,7 +61,7 @@ enum class Place : std::uint8_t {
 };
 
 // What a segment should be.
-struct SegmentSpec {
+struct SegmentOptions {
     std::string name;                // one to four characters
     std::uint32_t bytes = 0;         // usable, at least; 0 for Fixed and Heap, which have the size that they have
     std::uint32_t blockBytes = 4096; // a power of two, from 16 on (a stack: 4)
@@ -117,15 +117,15 @@ public:
     // Creates a segment: with as many bytes to use as were asked for (the owner map and alignment come on top), in free memory
     // without gaps, a stack without a lock. A creation that the manager refuses (no memory, no handle, a name that exists)
     // throws its MM_EASSERT; the kernel log says why.
-    static Segment create(Device& device, const SegmentSpec& spec);
+    static Segment create(Device& device, const SegmentOptions& options);
     // The same; nullopt and why in error.
-    static std::optional<Segment> create(Device& device, const SegmentSpec& spec, std::error_code& error);
+    static std::optional<Segment> create(Device& device, const SegmentOptions& options, std::error_code& error);
 
     // The segment of that name if it is as described and has the bytes (else SegmentDiffers), created where there is none. Of
     // several processes that come at once one creates it. Not for the heap.
-    static Segment openOrCreate(Device& device, const SegmentSpec& spec);
+    static Segment openOrCreate(Device& device, const SegmentOptions& options);
     // The same; nullopt and why in error.
-    static std::optional<Segment> openOrCreate(Device& device, const SegmentSpec& spec, std::error_code& error);
+    static std::optional<Segment> openOrCreate(Device& device, const SegmentOptions& options, std::error_code& error);
 
     // The heap, which somebody else created so.
     static Segment heap(Device& device, const HeapFacts& facts);

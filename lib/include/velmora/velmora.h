@@ -74,11 +74,11 @@ typedef struct velmora_block velmora_block;
 /* A view of it. */
 typedef struct velmora_mapping velmora_mapping;
 
-/* What a segment should be. Begin with VELMORA_SEGMENT_SPEC, so that fields which later versions add have their defaults:
- *     velmora_segment_spec spec = VELMORA_SEGMENT_SPEC;
- *     spec.name = "PAGE"; */
-typedef struct velmora_segment_spec {
-    size_t struct_bytes;            /* sizeof(velmora_segment_spec), by which the library knows the version */
+/* What a segment should be. Begin with VELMORA_SEGMENT_OPTIONS, so that fields which later versions add have their defaults:
+ *     velmora_segment_options options = VELMORA_SEGMENT_OPTIONS;
+ *     options.name = "PAGE"; */
+typedef struct velmora_segment_options {
+    size_t struct_bytes;            /* sizeof(velmora_segment_options), by which the library knows the version */
     const char* name;               /* one to four characters */
     unsigned int bytes;             /* usable, at least; 0 for VELMORA_FIXED and VELMORA_HEAP */
     unsigned int block_bytes;       /* a power of two, from 16 on (a stack: 4) */
@@ -86,12 +86,12 @@ typedef struct velmora_segment_spec {
     unsigned int place;             /* enum velmora_place */
     unsigned int discipline;        /* enum velmora_discipline */
     unsigned int manager_overflows; /* for programs on the raw commands: the manager overflows into the heap */
-} velmora_segment_spec;
+} velmora_segment_options;
 
-/* Defaults of a velmora_segment_spec: a float segment of blocks of 4096 bytes. */
-#define VELMORA_SEGMENT_SPEC                                                           \
-    {                                                                                  \
-        sizeof(velmora_segment_spec), "", 0, 4096, 0, VELMORA_FLOAT, VELMORA_BLOCKS, 0 \
+/* Defaults of a velmora_segment_options: a float segment of blocks of 4096 bytes. */
+#define VELMORA_SEGMENT_OPTIONS                                                           \
+    {                                                                                     \
+        sizeof(velmora_segment_options), "", 0, 4096, 0, VELMORA_FLOAT, VELMORA_BLOCKS, 0 \
     }
 
 /* A segment as the manager's table has it at one moment. */
@@ -164,9 +164,10 @@ int velmora_start_up(velmora_device* device, unsigned int option, int forget_eve
 /* The segment of that name. */
 int velmora_segment_find(velmora_device* device, const char* name, velmora_segment** segment);
 /* Creates one. */
-int velmora_segment_create(velmora_device* device, const velmora_segment_spec* spec, velmora_segment** segment);
+int velmora_segment_create(velmora_device* device, const velmora_segment_options* options, velmora_segment** segment);
 /* The segment of that name if it is as described, created where there is none. Not for the heap. */
-int velmora_segment_open_or_create(velmora_device* device, const velmora_segment_spec* spec, velmora_segment** segment);
+int velmora_segment_open_or_create(velmora_device* device, const velmora_segment_options* options,
+                                   velmora_segment** segment);
 /* The heap, which somebody else created with these: no command shows them, so they are believed. */
 int velmora_segment_heap(velmora_device* device, unsigned int block_bytes, unsigned int owner_bits,
                          velmora_segment** segment);
