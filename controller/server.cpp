@@ -14,6 +14,8 @@
 #include <unistd.h>
 #include <fcntl.h>
 
+#include "lib/descriptor_message.hpp"
+
 namespace velmora::sim {
 
 using namespace protocol;
@@ -246,21 +248,8 @@ void Server::deliver(Client& client, Reply reply)
 {
     if (reply.message.empty())
         return;
-    iovec part = {reply.message.data(), reply.message.size()};
-    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-    msghdr message = {};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    if (reply.descriptor >= 0) {
-        message.msg_control = control;
-        message.msg_controllen = sizeof control;
-        cmsghdr* const rights = CMSG_FIRSTHDR(&message);
-        rights->cmsg_level = SOL_SOCKET;
-        rights->cmsg_type = SCM_RIGHTS;
-        rights->cmsg_len = CMSG_LEN(sizeof(int));
-        std::memcpy(CMSG_DATA(rights), &reply.descriptor, sizeof(int));
-    }
-    if (sendmsg(client.socket.number(), &message, MSG_NOSIGNAL | MSG_DONTWAIT) >= 0)
+    if (sendWithDescriptor(client.socket.number(), reply.message.data(), reply.message.size(), reply.descriptor,
+                           MSG_DONTWAIT) >= 0)
         client.gone = client.gone || reply.closes;
     else if (errno == EAGAIN || errno == EINTR || errno == ETOOMANYREFS)
         client.pending = std::move(reply);

@@ -13,6 +13,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include "lib/argument_vector.hpp"
 #include "lib/socket_client.hpp"
 #include "lib/socket_protocol.hpp"
 
@@ -70,11 +71,7 @@ pid_t start(const std::string& program, const std::vector<std::string>& further,
 {
     std::vector<std::string> words = {program, "--attach", std::to_string(kAttached), "--clients-may-fault"};
     words.insert(words.end(), further.begin(), further.end());
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = argumentVector(words);
 
     posix_spawn_file_actions_t files;
     posix_spawn_file_actions_init(&files);

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "lib/command_records.hpp"
+#include "lib/descriptor_message.hpp"
 
 namespace velmora::tools {
 
@@ -108,21 +109,7 @@ struct Packet {
     // Nobody there to take it is no news: that shows when their connection ends.
     void sendTo(int to)
     {
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(int))] = {};
-        iovec part = {room.data(), static_cast<std::size_t>(bytes)};
-        msghdr message = {};
-        message.msg_iov = &part;
-        message.msg_iovlen = 1;
-        if (descriptor >= 0) {
-            message.msg_control = control;
-            message.msg_controllen = sizeof control;
-            cmsghdr* const rights = CMSG_FIRSTHDR(&message);
-            rights->cmsg_level = SOL_SOCKET;
-            rights->cmsg_type = SCM_RIGHTS;
-            rights->cmsg_len = CMSG_LEN(sizeof(int));
-            std::memcpy(CMSG_DATA(rights), &descriptor, sizeof descriptor);
-        }
-        while (sendmsg(to, &message, MSG_NOSIGNAL) < 0 && errno == EINTR) {
+        while (sendWithDescriptor(to, room.data(), static_cast<std::size_t>(bytes), descriptor) < 0 && errno == EINTR) {
         }
     }
 };

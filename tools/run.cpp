@@ -18,6 +18,7 @@
 #include <velmora/controller.hpp>
 
 #include "command_line.hpp"
+#include "lib/argument_vector.hpp"
 #include "lib/socket_client.hpp"
 #include "lib/socket_protocol.hpp"
 #include "recorder.hpp"
@@ -185,11 +186,7 @@ void setEnvironment(const std::string& library, const std::string& socket)
 // 0 and the process, or the exit status.
 int start(std::vector<std::string> words, const sigset_t& signals, pid_t& process, std::ostream& errors)
 {
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
+    const std::vector<char*> arguments = velmora::argumentVector(words);
     posix_spawnattr_t attributes;
     posix_spawnattr_init(&attributes);
     posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);

@@ -20,6 +20,7 @@
 #include <velmora/controller.hpp>
 
 #include "client/raw_client.hpp"
+#include "lib/argument_vector.hpp"
 
 namespace velmora::test {
 namespace {
@@ -58,11 +59,7 @@ public:
     Program(const Folder& folder, std::vector<std::string> words)
     {
         words.insert(words.begin(), program());
-        std::vector<char*> arguments;
-        arguments.reserve(words.size() + 1);
-        for (std::string& word : words)
-            arguments.push_back(word.data());
-        arguments.push_back(nullptr);
+        const std::vector<char*> arguments = argumentVector(words);
         posix_spawn_file_actions_t files;
         posix_spawn_file_actions_init(&files);
         posix_spawn_file_actions_addopen(&files, 1, folder.at("out").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);

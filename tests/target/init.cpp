@@ -13,6 +13,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "lib/argument_vector.hpp"
+
 namespace {
 
 int run(const std::string& line)
@@ -23,11 +25,7 @@ int run(const std::string& line)
         std::vector<std::string> arguments;
         for (std::string word; words >> word;)
             arguments.push_back(word);
-        std::vector<char*> pointers;
-        pointers.reserve(arguments.size() + 1);
-        for (std::string& argument : arguments)
-            pointers.push_back(argument.data());
-        pointers.push_back(nullptr);
+        const std::vector<char*> pointers = velmora::argumentVector(arguments);
         execv(pointers[0], pointers.data());
         std::perror(pointers[0]);
         _exit(127);

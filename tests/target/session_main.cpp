@@ -75,23 +75,6 @@ std::vector<std::size_t> addressFields(std::uint32_t command)
     }
 }
 
-std::string escaped(const std::string& text)
-{
-    std::string out;
-    for (const char c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        switch (c) {
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        default: out += byte < 0x20 || byte > 0x7E ? hex(byte, "\\x%02x") : std::string(1, c);
-        }
-    }
-    return out;
-}
-
 // What one line of a script answers, its messages without their line ends.
 struct Reply {
     Lines log;
@@ -103,7 +86,7 @@ Lines shownReply(const Reply& reply)
 {
     Lines lines;
     for (const std::string& message : comparable(reply.log))
-        lines.push_back("log \"" + escaped(message) + "\"");
+        lines.push_back("log \"" + velmora::sim::escaped(message) + "\"");
     lines.push_back(reply.answer);
     return lines;
 }
@@ -332,7 +315,7 @@ private:
         const ssize_t got = pread(file, text, std::min<std::size_t>(count, sizeof text), static_cast<off_t>(offset));
         close(file);
         return std::to_string(got) + " \"" +
-               escaped(std::string(text, static_cast<std::size_t>(std::max<ssize_t>(got, 0)))) + "\"";
+               velmora::sim::escaped(std::string(text, static_cast<std::size_t>(std::max<ssize_t>(got, 0)))) + "\"";
     }
 
     std::string memory(const std::string& command)
