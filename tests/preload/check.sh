@@ -10,18 +10,9 @@ work=$(mktemp -d)
 controller=
 trap '[ -z "$controller" ] || kill -9 "$controller" 2>/dev/null || :; rm -rf "$work"' EXIT
 
-fail() {
-    echo "$1" >&2
-    cat "$work/errors" >&2
-    exit 1
-}
-ends() { # STATUS COMMAND...
-    wanted=$1
-    shift
-    status=0
-    "$@" >"$work/out" 2>"$work/errors" || status=$?
-    [ "$status" -eq "$wanted" ] || fail "$* ended with $status, not $wanted"
-}
+# shellcheck source=tests/support/program.sh
+. "$(dirname "$0")/../support/program.sh"
+
 complains() {
     grep -q -- "$1" "$work/errors" || fail "missing among the errors: $1"
     [ "$(wc -l <"$work/errors")" -eq "${2:-1}" ] || fail "not one sentence about: $1"

@@ -14,20 +14,14 @@ cat >"$work/two.ps" <<'END'
 0 0.5 0.8 setrgbcolor 100 100 400 300 rectfill showpage
 END
 
-fail() {
-    echo "$1" >&2
-    cat "$work/out" >&2
-    exit 1
-}
-expect() {
-    grep -q -- "$1" "$work/out" || fail "missing in the output: $1"
-}
+# shellcheck source=tests/support/program.sh
+. "$(dirname "$0")/../support/program.sh"
 
 "$print_job" --document "$work/two.ps" --dpi 50 --copies 2 --output "$work/job" >"$work/out" 2>&1 || fail "the job failed"
-expect 'Printing 2 pages, 2 copies'
-expect 'Display MST'
-expect 'All blocks of every segment are free again'
-expect 'All 2 pages of all 2 copies are identical'
+prints 'Printing 2 pages, 2 copies'
+prints 'Display MST'
+prints 'All blocks of every segment are free again'
+prints 'All 2 pages of all 2 copies are identical'
 for copy in 1 2; do
     for page in 0001 0002; do
         cmp "$work/job/drawn/page-$page.ppm" "$work/job/copy-$copy/page-$page.ppm"
@@ -36,17 +30,17 @@ done
 cmp -s "$work/job/copy-1/page-0001.ppm" "$work/job/copy-1/page-0002.ppm" && fail "both pages are the same"
 
 "$print_job" --rasters "$work/job/drawn" --copies 1 --output "$work/again" >"$work/out" 2>&1 || fail "printing rasters failed"
-expect 'All 2 pages of all 1 copies are identical'
+prints 'All 2 pages of all 1 copies are identical'
 
 "$print_job" --document "$work/two.ps" --dpi 1000 --output "$work/large" >"$work/out" 2>&1 && fail "a document too large was printed"
-expect 'does not fit into the controller.s memory: page 1'
-expect 'All blocks of every segment are free again'
+prints 'does not fit into the controller.s memory: page 1'
+prints 'All blocks of every segment are free again'
 
 "$print_job" --document "$work/none.pdf" --output "$work/none" >"$work/out" 2>&1 && fail "a missing document was printed"
-expect 'there is no document'
+prints 'there is no document'
 printf 'no document at all (' >"$work/bad.ps"
 "$print_job" --document "$work/bad.ps" --output "$work/bad" >"$work/out" 2>&1 && fail "a broken document was printed"
-expect 'print-job: '
+prints 'print-job: '
 
 # Three processes on a controller of their own, the print compared with what the threads printed.
 processes() { # OUTPUT ARGUMENT...
@@ -54,10 +48,10 @@ processes() { # OUTPUT ARGUMENT...
     shift
     "$print_job" --processes --rasters "$work/pages" --copies 3 --output "$work/$output" "$@" >"$work/out" 2>&1 ||
         fail "three processes failed: $*"
-    expect 'Printing 4 pages, 3 copies: .* three processes'
-    expect 'Display MST'
-    expect 'All blocks of every segment are free again'
-    expect 'All 4 pages of all 3 copies are identical'
+    prints 'Printing 4 pages, 3 copies: .* three processes'
+    prints 'Display MST'
+    prints 'All blocks of every segment are free again'
+    prints 'All 4 pages of all 3 copies are identical'
     for copy in 1 2 3; do
         diff -r "$work/pages" "$work/$output/copy-$copy" || fail "copy $copy differs: $*"
     done
@@ -70,9 +64,9 @@ processes three
 grep -q 'collected by owner' "$work/out" && fail "a party was lost by itself"
 for page in 1 3; do
     processes "raster-$page" --lose "raster:$page"
-    expect "The raster processor was ended by signal 9: [0-9.]* MiB of $page pages collected by owner, all blocks are free; printing the job again"
+    prints "The raster processor was ended by signal 9: [0-9.]* MiB of $page pages collected by owner, all blocks are free; printing the job again"
     processes "copy-$page" --lose "copy:$page"
-    expect 'The collation copy was ended by signal 9: .* collected by owner, all blocks are free; printing the job again'
+    prints 'The collation copy was ended by signal 9: .* collected by owner, all blocks are free; printing the job again'
 done
 # Pages that overflow into the heap, where blocks have no owner: the raster processor is heard out when the other is lost.
 "$print_job" --document "$work/two.ps" --dpi 250 --copies 1 --output "$work/fine" >"$work/out" 2>&1 || fail "fine pages failed"
@@ -80,12 +74,12 @@ for page in 1 2 3 4; do
     ln -f "$work/fine/drawn/page-000$(((page + 1) % 2 + 1)).ppm" "$work/pages/page-$page.ppm"
 done
 processes heap --lose copy:2
-expect 'of them from the heap'
-expect 'The collation copy was ended by signal 9: .* collected by owner, all blocks are free; printing the job again'
+prints 'of them from the heap'
+prints 'The collation copy was ended by signal 9: .* collected by owner, all blocks are free; printing the job again'
 "$print_job" --processes --document "$work/two.ps" --dpi 1000 --output "$work/large" >"$work/out" 2>&1 &&
     fail "three processes printed a document too large"
-expect 'print-job: the document does not fit into the controller.s memory: page 1'
-expect 'All blocks of every segment are free again'
+prints 'print-job: the document does not fit into the controller.s memory: page 1'
+prints 'All blocks of every segment are free again'
 
 # The same on a controller that runs already, one job after another.
 "$(dirname "$print_job")/velmora-controller" --socket "$work/mm.sock" &
@@ -99,8 +93,8 @@ done
 for job in first second; do
     "$print_job" --processes --device "unix:$work/mm.sock" --lose raster:2 --rasters "$work/pages" --copies 1 \
         --output "$work/$job" >"$work/out" 2>&1 || fail "the $job job on a shared controller failed"
-    expect 'of 2 pages collected by owner, all blocks are free'
-    expect 'All 4 pages of all 1 copies are identical'
+    prints 'of 2 pages collected by owner, all blocks are free'
+    prints 'All 4 pages of all 1 copies are identical'
 done
 
 refused() { # STATUS TEXT ARGUMENT...
@@ -109,10 +103,10 @@ refused() { # STATUS TEXT ARGUMENT...
     status=0
     "$print_job" "$@" >"$work/out" 2>&1 || status=$?
     [ "$status" -eq "$wanted" ] || fail "$* ended with $status"
-    expect "$text"
+    prints "$text"
 }
 refused 2 '--copies: Value many not in range 1 to 999' --copies many
-expect 'print-job --help'
+prints 'print-job --help'
 refused 2 '--dpi: Value 17 not in range 18 to 1200' --dpi 17
 refused 2 '--document lacks its value' --document
 refused 2 'unknown option --nonsense' --nonsense
@@ -130,9 +124,9 @@ refused 1 "/dev/null is not the memory manager's device: MM_CMD_GET_MCT: ENOTTY:
 status=0
 "$print_job" --rasters "$work/job/drawn" --copies 1 --output "$work/again" >/dev/full 2>"$work/out" || status=$?
 [ "$status" -eq 1 ] || fail "output to a full device ended with $status"
-expect 'print-job: cannot write the output: No space left on device'
+prints 'print-job: cannot write the output: No space left on device'
 
 "$print_job" --help >"$work/out"
-expect 'usage: print-job'
+prints 'usage: print-job'
 "$print_job" --version >"$work/out"
-expect '^print-job [0-9]*[.][0-9]*[.][0-9]*$'
+prints '^print-job [0-9]*[.][0-9]*[.][0-9]*$'

@@ -6,25 +6,9 @@ version=$1
 shift
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-: >"$work/out"
+# shellcheck source=tests/support/program.sh
+. "$(dirname "$0")/../support/program.sh"
 
-fail() {
-    echo "$1" >&2
-    cat "$work/out" >&2
-    exit 1
-}
-
-# What "$@" printed on standard output and on standard error, and how it ended.
-ends() { # STATUS COMMAND...
-    wanted=$1
-    shift
-    status=0
-    "$@" >"$work/out" 2>"$work/errors" || status=$?
-    [ "$status" -eq "$wanted" ] || fail "$* ended with $status: $(cat "$work/errors")"
-}
-prints() {
-    grep -q -- "$1" "$work/out" || fail "missing in the output: $1"
-}
 complains() {
     grep -q -- "$1" "$work/errors" || fail "missing among the errors: $1, but: $(cat "$work/errors")"
     [ ! -s "$work/out" ] || fail "there is output besides the error"
