@@ -49,7 +49,8 @@ void MM_ReportPlace(const char* pcFile, const char* pcFunction, S32 slLine);
         }                                                                                  \
     } while (0)
 
-/* The same in the entry itself. */
+/* The same in the entry itself. Not by way of MM_ASSERT_FOR: a condition that is handed on has its own macros expanded,
+ * and would be printed so. */
 #define MM_ASSERT(condition, ...)                                                        \
     do {                                                                                 \
         MM_PRINTED_CONDITION(condition)                                                  \
