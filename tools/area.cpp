@@ -1,4 +1,4 @@
-#include "area.h"
+#include "commands.hpp"
 
 #include <cctype>
 #include <charconv>
@@ -175,7 +175,7 @@ void describe(const Bounds& bounds, const Kernel& kernel, std::ostream& out)
 
 } // namespace
 
-int area(const std::vector<std::string_view>& words, std::ostream& out, std::ostream& errors)
+int area(const Words& words, std::ostream& out, std::ostream& errors)
 {
     Kernel kernel;
     std::vector<std::string> areas;
@@ -199,7 +199,7 @@ int area(const std::vector<std::string_view>& words, std::ostream& out, std::ost
             "kernel virtual address at which the linear map ends; default: not checked");
     app.add_flag("--text", bare, "print the bare parameter text only, for scripts");
 
-    return runWords(app, {words.begin(), words.end()}, out, errors, [&] {
+    return runWords(app, words, out, errors, [&] {
         if (areas.size() > 1)
             throw UsageError("more than one area is given");
         if (areas.empty() != text.has_value())

@@ -22,10 +22,9 @@
 
 #include <CLI/CLI.hpp>
 
-namespace velmora::tools {
+#include "tools/command.hpp"
 
-constexpr int kFailed = 1;            // exit status: the program could not do what it was asked
-constexpr int kUnusableArguments = 2; // exit status: it could not tell what that was
+namespace velmora::tools {
 
 // Arguments that cannot be used, where the program itself has to find out. what() says what was expected.
 struct UsageError : std::runtime_error {
@@ -55,10 +54,7 @@ inline std::string mistakeIn(const CLI::App& app, const CLI::ParseError& error)
     const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
     if (commands.empty() || !app.get_subcommands().empty())
         return "unexpected argument '" + extras.front() + "'";
-    std::string names;
-    for (const CLI::App* const command : commands)
-        names += (names.empty() ? "" : ", ") + command->get_name();
-    return "unknown command '" + extras.front() + "', not one of " + names;
+    return "unknown command '" + extras.front() + "'";
 }
 
 // Parses the words of a command line, the program's name not among them, and runs the program. Exit status: what the
@@ -84,22 +80,30 @@ inline int runWords(CLI::App& app, std::vector<std::string> words, std::ostream&
 }
 
 // The whole of main(). Whatever was to go to standard output and did not arrive there makes the exit status kFailed.
-inline int runProgram(CLI::App& app, int count, char** arguments, const std::function<int()>& program)
+inline int runMain(const std::string& name, const std::function<int()>& program)
 {
     int status = kFailed;
     try {
-        status = runWords(app, {arguments + 1, arguments + count}, std::cout, std::cerr, program);
+        status = program();
     } catch (const std::ios_base::failure&) { // an output that throws; looked at below
     } catch (const std::exception& error) {
         std::fflush(stdout);
-        std::cerr << app.get_name() << ": " << error.what() << "\n";
+        std::cerr << name << ": " << error.what() << "\n";
     }
     std::cout.exceptions(std::ios::goodbit);
     std::cout.flush();
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && std::cout)
         return status;
-    std::cerr << app.get_name() << ": cannot write the output: " << std::strerror(errno) << "\n";
+    std::cerr << name << ": cannot write the output: " << std::strerror(errno) << "\n";
     return kFailed;
+}
+
+// The same for a program without commands.
+inline int runProgram(CLI::App& app, int count, char** arguments, const std::function<int()>& program)
+{
+    return runMain(app.get_name(), [&] {
+        return runWords(app, {arguments + 1, arguments + count}, std::cout, std::cerr, program);
+    });
 }
 
 } // namespace velmora::tools

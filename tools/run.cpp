@@ -1,4 +1,4 @@
-#include "run.hpp"
+#include "commands.hpp"
 
 #include <algorithm>
 #include <cerrno>
@@ -51,6 +51,10 @@ examples
   velmora-controller --socket /tmp/mm.sock & velmora-mm run --controller /tmp/mm.sock -- ./application
 )";
 
+constexpr int kRunFailed = 125;     // exit status: there is no controller, or no record can be made
+constexpr int kCannotRun = 126;     // the program is there and cannot be run
+constexpr int kNotFound = 127;      // there is no such program
+constexpr int kEndedBySignal = 128; // and the signal's number
 constexpr int kForwarded[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2};
 
 struct Options {
@@ -258,7 +262,7 @@ std::vector<std::string>::const_iterator programIn(const std::vector<std::string
 
 } // namespace
 
-int run(const std::vector<std::string>& words, std::ostream& out, std::ostream& errors)
+int run(const Words& words, std::ostream& out, std::ostream& errors)
 {
     Options options;
     CLI::App app(kDescription, "velmora-mm run");

@@ -6,18 +6,18 @@
 #include <string_view>
 #include <vector>
 
-#include "tools/area.h"
+#include "tools/commands.hpp"
 
 namespace velmora::test {
 namespace {
 
-using Words = std::vector<std::string_view>;
+using tools::Words;
 
 // The subcommand ends with this status and says this somewhere, on either stream.
 void expectAnswer(const Words& words, int status, const std::string& says)
 {
     std::string line = "velmora-mm area";
-    for (const std::string_view word : words)
+    for (const std::string& word : words)
         line.append(" ").append(word);
     SCOPED_TRACE(line);
     std::ostringstream out;

@@ -1,0 +1,15 @@
+#include "commands.hpp"
+
+namespace velmora::tools {
+
+std::span<const Command> commands()
+{
+    static constexpr Command kCommands[] = {
+        {"script", "runs a session script on a simulated controller", script},
+        {"run", "runs a program that knows only /dev/Velmora_MM on a simulated controller", run},
+        {"area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory", area},
+    };
+    return kCommands;
+}
+
+} // namespace velmora::tools

@@ -1,0 +1,88 @@
+#include "units.hpp"
+
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <utility>
+
+namespace velmora::tools {
+
+namespace {
+
+std::optional<std::uint64_t> number(std::string_view text)
+{
+    int base = 10;
+    if (text.starts_with("0x") || text.starts_with("0X")) {
+        text.remove_prefix(2);
+        base = 16;
+    }
+    std::uint64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value, base);
+    if (error != std::errc() || end != text.data() + text.size())
+        return std::nullopt;
+    return value;
+}
+
+constexpr std::array<const char*, 4> kUnits = {"B", "KiB", "MiB", "GiB"};
+
+} // namespace
+
+std::optional<std::uint32_t> parseNumber(std::string_view text)
+{
+    const auto value = number(text);
+    return value && *value <= 0xFFFFFFFF ? std::optional(static_cast<std::uint32_t>(*value)) : std::nullopt;
+}
+
+std::optional<std::uint64_t> parseBytes(std::string_view text, std::uint64_t most)
+{
+    const bool hexadecimal = text.starts_with("0x") || text.starts_with("0X"); // B is a digit there
+    std::string_view digits = text;
+    unsigned shift = 0;
+    if (digits.ends_with("iB"))
+        digits.remove_suffix(2);
+    else if (!hexadecimal && digits.ends_with("B"))
+        digits.remove_suffix(1);
+    const bool hasEnding = digits.size() != text.size();
+    for (const auto& [letters, bits] : {std::pair{"kK", 10U}, {"mM", 20U}, {"gG", 30U}})
+        if (!digits.empty() && std::string_view(letters).find(digits.back()) != std::string_view::npos) {
+            shift = bits;
+            digits.remove_suffix(1);
+            break;
+        }
+    if (hasEnding && shift == 0 && text.ends_with("iB"))
+        return std::nullopt;
+    const auto value = number(digits);
+    return value && *value <= most >> shift ? std::optional(*value << shift) : std::nullopt;
+}
+
+std::string bytesText(std::uint64_t bytes)
+{
+    std::size_t unit = 0;
+    while (bytes != 0 && bytes % 1024 == 0 && unit + 1 < kUnits.size()) {
+        bytes /= 1024;
+        ++unit;
+    }
+    return std::to_string(bytes) + " " + kUnits[unit];
+}
+
+std::string roundedBytes(std::uint64_t bytes)
+{
+    std::size_t unit = 0;
+    double value = static_cast<double>(bytes);
+    while (value >= 999.5 && unit + 1 < kUnits.size()) {
+        value /= 1024;
+        ++unit;
+    }
+    std::array<char, 32> text;
+    std::snprintf(text.data(), text.size(), "%.3g %s", value, kUnits[unit]);
+    return text.data();
+}
+
+std::string addressText(std::uint32_t address)
+{
+    std::array<char, 16> text;
+    std::snprintf(text.data(), text.size(), "0x%08x", address);
+    return text.data();
+}
+
+} // namespace velmora::tools

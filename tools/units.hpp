@@ -1,0 +1,25 @@
+// Sizes, addresses and segments as people write them, and back.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace velmora::tools {
+
+// A number of at most 32 bits: decimal, or hexadecimal with 0x. nullopt where it is none.
+std::optional<std::uint32_t> parseNumber(std::string_view text);
+
+// Bytes: a number that may end in K, M or G, with or without B or iB behind it: 4096, 64K, 8MiB. Always powers of 1024.
+// At most most. nullopt where it is none, or is larger.
+std::optional<std::uint64_t> parseBytes(std::string_view text, std::uint64_t most = 0xFFFFFFFF);
+
+// Bytes in the largest unit that divides them: 512 B, 64 KiB, 8 MiB; and rounded to what four characters hold: 1.5 MiB.
+std::string bytesText(std::uint64_t bytes);
+std::string roundedBytes(std::uint64_t bytes);
+
+// 0x%08x.
+std::string addressText(std::uint32_t address);
+
+} // namespace velmora::tools
