@@ -8,26 +8,28 @@ namespace velmora::tools {
 
 namespace {
 
+// The last block of a segment has the lowest bits of the map's last byte.
 class OwnerMap
 {
 public:
     OwnerMap(Device& device, const MM_TMMSegInfoWire& entry)
-        : bits_(entry.stInfoFromApp.ubMap),
-          view_(device.map(entry.pubMapStartAddr, (entry.ulTotalBlkNum * bits_ + 7) / 8))
+        : bits_(entry.stInfoFromApp.ubMap), last_(entry.ulTotalBlkNum - 1),
+          view_(device.map(entry.pubMapStartAddr, entry.pubMapEndAddr - entry.pubMapStartAddr))
     {
     }
 
-    // Of the block that is so many blocks in. The first block has the highest bits of a byte.
+    // Of the block that is so many blocks in.
     Owner owner(std::uint32_t block) const
     {
-        const std::uint32_t perByte = 8 / bits_;
-        const unsigned byte = std::to_integer<unsigned>(view_.bytes()[block / perByte]);
-        const unsigned shift = 8 - bits_ - block % perByte * bits_;
-        return static_cast<Owner>(byte >> shift & ((1U << bits_) - 1));
+        const std::uint32_t perByte = 8 / bits_, fromEnd = last_ - block;
+        const volatile std::byte& byte = view_.bytes()[view_.bytes().size() - 1 - fromEnd / perByte];
+        return static_cast<Owner>(std::to_integer<unsigned>(std::byte(byte)) >> fromEnd % perByte * bits_ &
+                                  ((1U << bits_) - 1));
     }
 
 private:
     unsigned bits_;
+    std::uint32_t last_; // block
     Mapping view_;
 };
 
