@@ -1,21 +1,17 @@
 // print-job: prints a document through the memory manager, as a controller does.
+#include <chrono>
 #include <cstdio>
 #include <exception>
-#include <functional>
 #include <iostream>
 #include <memory>
 #include <optional>
 #include <regex>
-#include <system_error>
+#include <stdexcept>
 #include <thread>
 
-#include <velmora/controller.hpp>
-
-#include "controller/device.h"
-#include "host/machine.h"
 #include "tools/command_line.hpp"
+#include "controllers.hpp"
 #include "document.hpp"
-#include "kernel_log.hpp"
 #include "job.hpp"
 #include "process_job.hpp"
 #include "queue.hpp"
@@ -34,6 +30,7 @@ struct Options {
     std::optional<std::string> device;
     bool processes = false;
     std::optional<std::string> lose;
+    unsigned patience = 60; // seconds
 };
 
 void describe(CLI::App& app, Options& options)
@@ -63,9 +60,16 @@ void describe(CLI::App& app, Options& options)
         "the parties as three processes, on a velmora-controller of their own or on --device; default: threads");
     app.add_option(
            "--lose", options.lose,
-           "kill a party in the middle of page N (raster:N, copy:N); what it held is collected, the job printed again")
+           "kill a party in the middle of page N (raster:N, copy:N; raster:N:stop only stops it); what it held is\n"
+           "collected, the job printed again")
         ->type_name("PARTY:N")
         ->needs(processes);
+    app.add_option(
+           "--patience", options.patience,
+           "how long a party that owes an answer may say nothing before it counts as lost, 1 to 3600 s; default 60")
+        ->type_name("SECONDS")
+        ->needs(processes)
+        ->check(CLI::Range(1, 3600).description(""));
 }
 
 std::optional<Loss> lossIn(const Options& options)
@@ -73,9 +77,10 @@ std::optional<Loss> lossIn(const Options& options)
     if (!options.lose)
         return std::nullopt;
     std::smatch words;
-    if (!std::regex_match(*options.lose, words, std::regex("(raster|copy):([1-9][0-9]{0,5})")))
-        throw velmora::tools::UsageError("--lose: " + *options.lose + " is not raster:N or copy:N");
-    return Loss{words[1] == "copy", static_cast<unsigned>(std::stoul(words[2]))};
+    if (!std::regex_match(*options.lose, words, std::regex("(raster|copy):([1-9][0-9]{0,5})(:stop)?")))
+        throw velmora::tools::UsageError("--lose: " + *options.lose +
+                                         " is not raster:N or copy:N, nor one of them with :stop");
+    return Loss{words[1] == "copy", static_cast<unsigned>(std::stoul(words[2])), words[3].matched};
 }
 
 double mebibytes(std::uint64_t bytes)
@@ -83,24 +88,11 @@ double mebibytes(std::uint64_t bytes)
     return static_cast<double>(bytes) / (1 << 20);
 }
 
-// One controller, simulated or real: how to open its device and how to read its kernel log.
-struct Controller {
-    std::function<std::unique_ptr<velmora::Channel>()> open;
-    std::function<std::vector<std::string>()> kernelLog;
-    std::string device = {}; // as another process names it, where one can
-};
-
 Controller connect(const Options& options)
 {
     if (options.device)
-        return {[node = *options.device] { return velmora::openNode(node); },
-                [log = KernelLog()]() mutable { return log.takeMessages(); }, *options.device};
-    if (options.processes) {
-        const auto process = std::make_shared<velmora::sim::Controller>();
-        return {[process] { return process->open(); }, [process] { return process->takeLog(); }, process->device()};
-    }
-    velmora::sim::bootController();
-    return {velmora::sim::openDevice, [] { return velmora::sim::machine().takeLog(); }};
+        return controllerAt(*options.device);
+    return options.processes ? controllerProcess() : simulatedController();
 }
 
 // A node that cannot be opened, or is another device's, is noticed before pages are drawn: any question will do.
@@ -192,7 +184,8 @@ private:
 std::unique_ptr<Job> newJob(const Controller& controller, const Options& options, const Order& order)
 {
     if (options.processes)
-        return std::make_unique<ProcessJob>(controller.device, order, lossIn(options));
+        return std::make_unique<ProcessJob>(controller.device, order, std::chrono::seconds(options.patience),
+                                            lossIn(options));
     return std::make_unique<ThreadJob>(controller, order);
 }
 
@@ -205,7 +198,7 @@ void showDisplay(Job& job, const Controller& controller)
         std::puts("Segment table (kernel log):");
         for (const std::string& message : controller.kernelLog())
             std::printf("  %s%s", message.c_str(), message.ends_with('\n') ? "" : "\n");
-    } catch (const std::system_error& error) {
+    } catch (const std::runtime_error& error) {
         std::printf("No segment table: %s\n", error.what());
     }
 }

@@ -1,6 +1,7 @@
 #include "process_job.hpp"
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <poll.h>
 #include <system_error>
@@ -22,8 +23,8 @@ struct ProcessJob::Parties {
     std::size_t written = 0;
 };
 
-ProcessJob::ProcessJob(std::string device, const Order& order, std::optional<Loss> loss)
-    : Job(velmora::openNode(device), order), device_(std::move(device)), loss_(loss)
+ProcessJob::ProcessJob(std::string device, const Order& order, std::chrono::seconds patience, std::optional<Loss> loss)
+    : Job(velmora::openNode(device), order), device_(std::move(device)), patience_(patience), loss_(loss)
 {
 }
 
@@ -44,9 +45,10 @@ void ProcessJob::printOnce()
 {
     begin();
     Parties parties{
-        .rasters =
-            Party("raster processor", [this](const Wire& wire) { processRasters(wire, device_, layout_, order_); }),
-        .collation = Party("collation copy", [this](const Wire& wire) { writeCopies(wire, device_, order_); }),
+        .rasters = Party("raster processor", patience_,
+                         [this](const Wire& wire) { processRasters(wire, device_, layout_, order_); }),
+        .collation =
+            Party("collation copy", patience_, [this](const Wire& wire) { writeCopies(wire, device_, order_); }),
     };
     try {
         work(parties);
@@ -74,7 +76,12 @@ void ProcessJob::work(Parties& parties)
     requestPage(parties);
     while (parties.copies == 0 || parties.written < parties.copies * order_.rasters.size()) {
         pollfd wires[] = {{parties.rasters.descriptor(), POLLIN, 0}, {parties.collation.descriptor(), POLLIN, 0}};
-        if (poll(wires, std::size(wires), -1) < 0 && errno != EINTR)
+        const int heard = poll(wires, std::size(wires), static_cast<int>(patience_.count() * 1000));
+        if (heard == 0)
+            endSilence(parties);
+        if (heard < 0 && errno == EINTR)
+            continue;
+        if (heard < 0)
             throw std::system_error(errno, std::generic_category(), "cannot wait for the parties");
         if (wires[0].revents != 0)
             hearRasters(parties);
@@ -82,6 +89,12 @@ void ProcessJob::work(Parties& parties)
             hearCopies(parties);
         requestCopies(parties);
     }
+}
+
+void ProcessJob::endSilence(Parties& parties) const
+{
+    const bool rastersOwe = parties.ready < stored_.size();
+    (rastersOwe ? parties.rasters : parties.collation).giveUp();
 }
 
 // Both have ended. What the raster processor took and had no time to report is its page's by the owner.
@@ -112,8 +125,7 @@ void ProcessJob::hearRasters(Parties& parties)
     if (message.kind == Kind::Band) {
         page.bands.push_back(bandIn(message));
         if (loss_ && !loss_->ofCollation && loss_->page == page.number) {
-            loss_.reset();
-            parties.rasters.kill();
+            lose(parties.rasters);
         }
     } else if (message.kind == Kind::Stored) {
         page.header = {parties.rasters.takeText(), message.width, message.height, message.bytes};
@@ -121,6 +133,12 @@ void ProcessJob::hearRasters(Parties& parties)
         ++parties.ready;
         requestPage(parties);
     }
+}
+
+void ProcessJob::lose(Party& party)
+{
+    party.signal(loss_->stops ? SIGSTOP : SIGKILL);
+    loss_.reset();
 }
 
 void ProcessJob::hearCopies(Parties& parties)
@@ -147,8 +165,7 @@ void ProcessJob::requestCopies(Parties& parties)
     if (first)
         parties.collation.send(stored_[page]);
     if (loss_ && loss_->ofCollation && loss_->page == stored_[page].number) {
-        loss_.reset();
-        parties.collation.kill();
+        lose(parties.collation);
     }
     parties.collation.send({.kind = Kind::Write,
                             .page = stored_[page].number,

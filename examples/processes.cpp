@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <poll.h>
 #include <system_error>
 #include <sys/socket.h>
 #include <sys/wait.h>
@@ -78,12 +79,16 @@ constexpr int kFirstInherited = 3;
 
 } // namespace
 
-Party::Party(std::string name, const std::function<void(const Wire&)>& work) : name_(std::move(name))
+Party::Party(std::string name, std::chrono::seconds patience, const std::function<void(const Wire&)>& work)
+    : name_(std::move(name)), patience_(patience)
 {
     int ends[2];
     if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends) != 0)
         throw std::system_error(errno, std::generic_category(), "cannot start the " + name_);
     wire_ = std::make_unique<Wire>(ends[0]);
+    const timeval limit = {static_cast<time_t>(patience.count()), 0};
+    for (const int direction : {SO_SNDTIMEO, SO_RCVTIMEO})
+        setsockopt(ends[0], SOL_SOCKET, direction, &limit, sizeof limit);
     std::fflush(stdout); // or it would be there twice
     process_ = fork();
     if (process_ == 0)
@@ -94,11 +99,31 @@ Party::Party(std::string name, const std::function<void(const Wire&)>& work) : n
         throw std::system_error(error, std::generic_category(), "cannot start the " + name_);
 }
 
+// Nothing but the process holds the other end of the wire: when it ends, reading does.
 Party::~Party()
 {
-    wire_.reset();
-    if (process_ > 0)
-        waitForEnd();
+    if (process_ <= 0)
+        return;
+    hangUp();
+    Message message;
+    while (receiveLast(message)) {
+    }
+    waitForEnd();
+}
+
+bool Party::receiveLast(Message& message)
+{
+    if (wire_->receive(message))
+        return true;
+    if (!hasEnded())
+        signal(SIGKILL);
+    return false;
+}
+
+bool Party::hasEnded() const
+{
+    pollfd end = {wire_->descriptor(), 0, 0};
+    return poll(&end, 1, 0) > 0 && (end.revents & POLLHUP) != 0;
 }
 
 int Party::waitForEnd()
@@ -110,8 +135,17 @@ int Party::waitForEnd()
     return status;
 }
 
+void Party::giveUp()
+{
+    signal(SIGKILL);
+    waitForEnd();
+    throw PartyLost(name_ + " gave no sign of life for " + std::to_string(patience_.count()) + " s and was ended");
+}
+
 void Party::lost()
 {
+    if (!hasEnded())
+        giveUp();
     const int status = process_ > 0 ? waitForEnd() : 0;
     throw PartyLost(name_ + (WIFSIGNALED(status) ? " was ended by signal " + std::to_string(WTERMSIG(status))
                                                  : " ended with status " + std::to_string(WEXITSTATUS(status))));
@@ -122,9 +156,9 @@ void Party::hangUp()
     shutdown(wire_->descriptor(), SHUT_WR);
 }
 
-void Party::kill()
+void Party::signal(int number)
 {
-    ::kill(process_, SIGKILL);
+    kill(process_, number);
 }
 
 void Party::send(const Message& message)

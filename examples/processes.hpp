@@ -9,9 +9,11 @@
 //           <---------  Stored                      Write  --------->
 //                                                         <---------  Written
 //
-// A party that cannot go on sends Text ... and Failed, and ends. It ends as well when job handling hangs up.
+// A party that cannot go on sends Text ... and Failed, and ends. It ends as well when job handling hangs up. One that owes an
+// answer and says nothing for long (stopped, or caught in an endless loop) is ended by force, and lost.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -77,32 +79,38 @@ class Party
 {
 public:
     // Starts the process; it inherits nothing that is open but standard input, output, error and its end of the wire.
-    Party(std::string name, const std::function<void(const Wire&)>& work);
+    // patience: how long it may keep job handling waiting.
+    Party(std::string name, std::chrono::seconds patience, const std::function<void(const Wire&)>& work);
     Party(const Party&) = delete;
     Party& operator=(const Party&) = delete;
-    // Hangs up and waits until the process has ended.
+    // Hangs up and waits until the process has ended, as long as patience lasts.
     ~Party();
 
-    // Both throw PartyLost when the process is gone, receive() also std::runtime_error with the sentence of one that failed.
+    // Both throw PartyLost when the process is gone or has not moved in time, receive() also std::runtime_error with the
+    // sentence of one that failed.
     void send(const Message& message);
     Message receive();
     void send(const StoredPage& page); // its text and its bands
 
     // Ends the conversation from this side: the process does what it was asked for and ends. The next thing that it still
-    // had to say; false after the last one.
+    // had to say; false after the last one, and when patience ends: then so does the process.
     void hangUp();
-    bool receiveLast(Message& message) { return wire_->receive(message); }
+    bool receiveLast(Message& message);
 
-    void kill();
+    // Ends a process that owes an answer for too long; throws PartyLost.
+    [[noreturn]] void giveUp();
+    void signal(int number);
     int descriptor() const { return wire_->descriptor(); }
 
     std::string takeText() { return std::exchange(text_, {}); }
 
 private:
+    bool hasEnded() const;
     [[noreturn]] void lost();
     int waitForEnd();
 
     std::string name_;
+    std::chrono::seconds patience_;
     pid_t process_ = -1;
     std::unique_ptr<Wire> wire_;
     std::string text_; // pieces that came since takeText()

@@ -36,6 +36,9 @@ inline constexpr std::uint32_t kNoUserMemory = 0xFFFFFFFF; // an address that no
 inline constexpr std::size_t kMostUserBytes = 88;          // the largest record
 static_assert(kMostUserBytes == sizeof(MM_TGetMSTInfo) && kMostUserBytes >= sizeof(MM_TSegInfoFromApp));
 
+// The controller's RAM is a memory file of this name, as a process's list of mappings shows it.
+inline constexpr const char* kRamName = "velmora-ram";
+
 inline constexpr std::size_t kMostText = 2048; // of a message's text, no zero byte at its end
 
 enum class Kind : std::uint16_t {

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include "preload/commands.hpp"
+#include "preload/mappings.hpp"
 #include "preload/next.hpp"
 
 namespace velmora::preload {
@@ -106,6 +107,7 @@ void* mapCall(const Device& device, void* address, std::size_t bytes, int protec
         nextMmap(address, bytes, protection, flags, granted.descriptor, static_cast<off64_t>(granted.offset));
     const KeepErrno keep;
     syscall(SYS_close, granted.descriptor);
+    noteMapping();
     return mapped;
 }
 
@@ -117,9 +119,7 @@ int statusFlags(const Device& device, int flags)
 
 // Streams ---------------------------------------------------------------------------------------------
 
-namespace {
-
-int openFlags(const char* mode)
+int streamFlags(const char* mode)
 {
     const bool both = std::strchr(mode, '+') != nullptr;
     int flags = 0;
@@ -133,6 +133,8 @@ int openFlags(const char* mode)
         flags |= *letter == 'e' ? O_CLOEXEC : *letter == 'x' ? O_EXCL : 0;
     return flags;
 }
+
+namespace {
 
 ssize_t readStream(void*, char*, std::size_t)
 {
@@ -162,21 +164,23 @@ int closeStream(void* cookie)
 // stream knows its descriptor, for fileno().
 std::FILE* streamOn(int descriptor, const char* mode)
 {
-    if (openFlags(mode) < 0) {
+    if (streamFlags(mode) < 0) {
         errno = EINVAL;
         return nullptr;
     }
     const cookie_io_functions_t functions = {readStream, writeStream, seekStream, closeStream};
     std::FILE* const stream =
         fopencookie(reinterpret_cast<void*>(static_cast<std::intptr_t>(descriptor)), mode, functions);
-    if (stream != nullptr)
-        stream->_fileno = descriptor;
+    if (stream == nullptr)
+        return nullptr;
+    stream->_fileno = descriptor;
+    stream->_wide_data = nullptr; // no wide letters: freopen() looks there otherwise
     return stream;
 }
 
 std::FILE* openNodeStream(const char* mode)
 {
-    const int flags = openFlags(mode);
+    const int flags = streamFlags(mode);
     if (flags < 0) {
         errno = EINVAL;
         return nullptr;
@@ -190,6 +194,29 @@ std::FILE* openNodeStream(const char* mode)
         close(descriptor);
     }
     return stream;
+}
+
+// The stream stays the program's, so it cannot have functions of its own: its descriptor becomes the device's, and the C
+// library is told that it can neither be read nor written.
+std::FILE* reopenOnNode(std::FILE* stream, const char* mode,
+                        std::FILE* (*reopen)(const char* path, const char* mode, std::FILE* stream))
+{
+    constexpr int noReads = 4, noWrites = 8; // of the C library's _flags
+    const int flags = streamFlags(mode);
+    const int device = flags < 0 ? failed(EINVAL) : openNodeCall(flags);
+    if (device < 0) {
+        const KeepErrno keep;
+        reopen("/dev/null/", "r", stream); // no folder: closes the stream, as every failure does
+        return nullptr;
+    }
+    std::FILE* const reopened = reopen("/dev/null", "r+", stream);
+    const KeepErrno keep;
+    if (reopened != nullptr) {
+        dup3(device, fileno(reopened), flags & O_CLOEXEC);
+        reopened->_flags |= noReads | noWrites;
+    }
+    close(device);
+    return reopened;
 }
 
 } // namespace velmora::preload

@@ -1,10 +1,13 @@
 // The calls that exist once, whatever the size of a file's offset. Each asks first whether the device is meant, at the cost
 // of a look into a table, and goes on to the next function of its name if not.
 #include "preload/hooks.hpp"
+#include "preload/mappings.hpp"
+#include "preload/user_memory.hpp"
 
 #include <cstdarg>
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/uio.h>
@@ -36,12 +39,25 @@ Next<int(const char*, int)> nextAccess("access");
 Next<int(const char*, int)> nextEuidaccess("euidaccess");
 Next<int(int, const char*, int, int)> nextFaccessat("faccessat");
 Next<int(int, const char*, int, unsigned, struct statx*)> nextStatx("statx");
+Next<void*(void*, size_t, size_t, int, void*)> nextMremap("mremap");
+Next<int(void*, size_t, int)> nextMsync("msync");
 Next<ssize_t(const char*, const char*, void*, size_t)> nextGetxattr("getxattr");
 Next<ssize_t(const char*, const char*, void*, size_t)> nextLgetxattr("lgetxattr");
 
+// Newer kernels take no path for an empty one.
 bool isEmpty(const char* path)
 {
-    return path != nullptr && path[0] == 0;
+    std::size_t length;
+    return path == nullptr || (textLength(path, length) && length == 0);
+}
+
+// A call that asks about a path, and follows links.
+template <class Ask> auto askThrough(int folder, const char* path, Ask ask)
+{
+    if (isNode(folder, path))
+        return ask(controllerSocket());
+    const auto result = ask(path);
+    return missedLink(static_cast<int>(result), folder, path) ? ask(controllerSocket()) : result;
 }
 
 __attribute__((constructor)) void start()
@@ -124,6 +140,30 @@ VELMORA_HOOK int ioctl(int descriptor, unsigned long request, ...) noexcept
     return ioctlThrough(nextIoctl, descriptor, request, argument);
 }
 
+// The kernel neither lets a mapping of a device grow, nor writes it anywhere. The place of the fifth argument counts with
+// MREMAP_FIXED only.
+VELMORA_HOOK void* mremap(void* start, size_t bytes, size_t wanted, int flags, ...) noexcept
+{
+    std::va_list rest;
+    va_start(rest, flags);
+    void* const place = va_arg(rest, void*);
+    va_end(rest);
+    if (wanted > bytes && isMapping(start, bytes, false)) {
+        errno = EFAULT;
+        return MAP_FAILED;
+    }
+    return nextMremap(start, bytes, wanted, flags, place);
+}
+
+VELMORA_HOOK int msync(void* start, size_t bytes, int flags)
+{
+    const int result = nextMsync(start, bytes, flags);
+    if (result != 0 || (flags & MS_SYNC) == 0 || bytes == 0 || !isMapping(start, bytes, true))
+        return result;
+    errno = EINVAL;
+    return -1;
+}
+
 VELMORA_HOOK std::FILE* fdopen(int descriptor, const char* mode) noexcept
 {
     Device device;
@@ -132,32 +172,35 @@ VELMORA_HOOK std::FILE* fdopen(int descriptor, const char* mode) noexcept
 
 VELMORA_HOOK int access(const char* path, int mode) noexcept
 {
-    return nextAccess(isNode(AT_FDCWD, path) ? controllerSocket() : path, mode);
+    return askThrough(AT_FDCWD, path, [=](const char* file) { return nextAccess(file, mode); });
 }
 
 VELMORA_HOOK int euidaccess(const char* path, int mode) noexcept
 {
-    return nextEuidaccess(isNode(AT_FDCWD, path) ? controllerSocket() : path, mode);
+    return askThrough(AT_FDCWD, path, [=](const char* file) { return nextEuidaccess(file, mode); });
 }
 
 VELMORA_HOOK int eaccess(const char* path, int mode) noexcept
 {
-    return nextEuidaccess(isNode(AT_FDCWD, path) ? controllerSocket() : path, mode);
+    return askThrough(AT_FDCWD, path, [=](const char* file) { return nextEuidaccess(file, mode); });
 }
 
 VELMORA_HOOK int faccessat(int folder, const char* path, int mode, int flags) noexcept
 {
-    return nextFaccessat(folder, isNode(folder, path) ? controllerSocket() : path, mode, flags);
+    if ((flags & AT_SYMLINK_NOFOLLOW) != 0 && !isNode(folder, path))
+        return nextFaccessat(folder, path, mode, flags);
+    return askThrough(folder, path, [=](const char* file) { return nextFaccessat(folder, file, mode, flags); });
 }
 
 VELMORA_HOOK int statx(int folder, const char* path, int flags, unsigned mask, struct statx* status) noexcept
 {
     Device device;
     const bool meant =
-        isEmpty(path) && (flags & AT_EMPTY_PATH) != 0 ? isKnownDevice(folder, device) : isNode(folder, path);
-    if (!meant)
-        return nextStatx(folder, path, flags, mask, status);
-    const int result = nodeStatus(*status);
+        (flags & AT_EMPTY_PATH) != 0 && isEmpty(path) ? isKnownDevice(folder, device) : isNode(folder, path);
+    int result = meant ? 0 : nextStatx(folder, path, flags, mask, status);
+    if (!meant && ((flags & AT_SYMLINK_NOFOLLOW) != 0 || !missedLink(result, folder, path)))
+        return result;
+    result = nodeStatus(*status);
     if (result == 0)
         return 0;
     errno = -result;
@@ -167,7 +210,7 @@ VELMORA_HOOK int statx(int folder, const char* path, int flags, unsigned mask, s
 // ls asks for access control lists.
 VELMORA_HOOK ssize_t getxattr(const char* path, const char* name, void* value, size_t room) noexcept
 {
-    return nextGetxattr(isNode(AT_FDCWD, path) ? controllerSocket() : path, name, value, room);
+    return askThrough(AT_FDCWD, path, [=](const char* file) { return nextGetxattr(file, name, value, room); });
 }
 
 VELMORA_HOOK ssize_t lgetxattr(const char* path, const char* name, void* value, size_t room) noexcept

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cerrno>
+#include <fcntl.h>
 #include <sys/ioctl.h>
 
 #include "preload/descriptor.hpp"
@@ -12,6 +13,23 @@
 #define VELMORA_HOOK extern "C" __attribute__((visibility("default")))
 
 namespace velmora::preload {
+
+// After a call that follows links: did it fail because the kernel knows no node behind one?
+inline bool missedLink(int result, int folder, const char* path)
+{
+    return result < 0 && errno == ENOENT && isLinkToNode(folder, path);
+}
+
+// Opens the node, or what else the path leads to. A link to the node leads to nowhere for the kernel, which would make a file
+// there for those that ask for one.
+template <class Otherwise> int openThrough(int folder, const char* path, int flags, Otherwise otherwise)
+{
+    const bool makes = (flags & (O_CREAT | O_NOFOLLOW)) == O_CREAT;
+    if (isNode(folder, path) || (makes && isLinkToNode(folder, path)))
+        return openNodeCall(flags);
+    const int result = otherwise();
+    return missedLink(result, folder, path) ? openNodeCall(flags) : result;
+}
 
 // What the kernel does for every file stays with it; everything else is the driver's. A descriptor that arrived in a message
 // shows itself when a socket does not know the request.

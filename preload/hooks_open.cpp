@@ -32,6 +32,7 @@ Next<int(int, const char*, int, mode_t)> nextOpenat(VELMORA_TEXT(openat));
 Next<int(int, const char*, int)> nextCheckedOpenat(VELMORA_CHECKED_TEXT(openat));
 Next<int(const char*, mode_t)> nextCreat(VELMORA_TEXT(creat));
 Next<std::FILE*(const char*, const char*)> nextFopen(VELMORA_TEXT(fopen));
+Next<std::FILE*(const char*, const char*, std::FILE*)> nextFreopen(VELMORA_TEXT(freopen));
 Next<void*(void*, size_t, int, int, int, off_t)> nextMmap(VELMORA_TEXT(mmap));
 Next<ssize_t(int, void*, size_t, off_t)> nextPread(VELMORA_TEXT(pread));
 Next<ssize_t(int, void*, size_t, off_t, size_t)> nextCheckedPread(VELMORA_READ_CHECKED_TEXT);
@@ -44,6 +45,12 @@ std::int64_t wide(off_t offset)
         return static_cast<std::uint32_t>(offset);
     else
         return offset;
+}
+
+bool makesFileBehindLink(const char* path, const char* mode)
+{
+    const int flags = streamFlags(mode);
+    return flags >= 0 && (flags & O_CREAT) != 0 && isLinkToNode(AT_FDCWD, path);
 }
 
 __attribute__((constructor)) void start()
@@ -62,7 +69,7 @@ VELMORA_HOOK int open(const char* path, int flags, ...)
     va_start(rest, flags);
     const auto mode = static_cast<mode_t>(va_arg(rest, unsigned));
     va_end(rest);
-    return isNode(AT_FDCWD, path) ? openNodeCall(flags) : nextOpen(path, flags, mode);
+    return openThrough(AT_FDCWD, path, flags, [=] { return nextOpen(path, flags, mode); });
 }
 
 VELMORA_HOOK int openat(int folder, const char* path, int flags, ...)
@@ -71,28 +78,44 @@ VELMORA_HOOK int openat(int folder, const char* path, int flags, ...)
     va_start(rest, flags);
     const auto mode = static_cast<mode_t>(va_arg(rest, unsigned));
     va_end(rest);
-    return isNode(folder, path) ? openNodeCall(flags) : nextOpenat(folder, path, flags, mode);
+    return openThrough(folder, path, flags, [=] { return nextOpenat(folder, path, flags, mode); });
 }
 
 // What a call of open() without a mode becomes in a program that the C library protects.
 VELMORA_HOOK int VELMORA_CHECKED(open)(const char* path, int flags)
 {
-    return isNode(AT_FDCWD, path) ? openNodeCall(flags) : nextCheckedOpen(path, flags);
+    return openThrough(AT_FDCWD, path, flags, [=] { return nextCheckedOpen(path, flags); });
 }
 
 VELMORA_HOOK int VELMORA_CHECKED(openat)(int folder, const char* path, int flags)
 {
-    return isNode(folder, path) ? openNodeCall(flags) : nextCheckedOpenat(folder, path, flags);
+    return openThrough(folder, path, flags, [=] { return nextCheckedOpenat(folder, path, flags); });
 }
 
 VELMORA_HOOK int creat(const char* path, mode_t mode)
 {
-    return isNode(AT_FDCWD, path) ? openNodeCall(O_CREAT | O_WRONLY | O_TRUNC) : nextCreat(path, mode);
+    return openThrough(AT_FDCWD, path, O_CREAT | O_WRONLY | O_TRUNC, [=] { return nextCreat(path, mode); });
 }
 
 VELMORA_HOOK std::FILE* fopen(const char* path, const char* mode)
 {
-    return isNode(AT_FDCWD, path) ? openNodeStream(mode) : nextFopen(path, mode);
+    if (isNode(AT_FDCWD, path) || makesFileBehindLink(path, mode))
+        return openNodeStream(mode);
+    std::FILE* const stream = nextFopen(path, mode);
+    return missedLink(stream != nullptr ? 0 : -1, AT_FDCWD, path) ? openNodeStream(mode) : stream;
+}
+
+// Without a path the stream's own file is opened again.
+VELMORA_HOOK std::FILE* freopen(const char* path, const char* mode, std::FILE* stream)
+{
+    Device device;
+    const bool meant = path == nullptr ? isKnownDevice(fileno(stream), device)
+                                       : isNode(AT_FDCWD, path) || isLinkToNode(AT_FDCWD, path);
+    if (meant)
+        return reopenOnNode(stream, mode, [](const char* other, const char* how, std::FILE* file) {
+            return nextFreopen(other, how, file);
+        });
+    return nextFreopen(path, mode, stream);
 }
 
 // A descriptor that arrived in a message shows itself when the kernel does not map a socket.

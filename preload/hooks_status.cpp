@@ -76,7 +76,10 @@ int fillIfDevice(int descriptor, Status* status, int result)
 
 VELMORA_HOOK int stat(const char* path, Status* status) noexcept
 {
-    return isNode(AT_FDCWD, path) ? fill(status) : nextStat(path, status);
+    if (isNode(AT_FDCWD, path))
+        return fill(status);
+    const int result = nextStat(path, status);
+    return missedLink(result, AT_FDCWD, path) ? fill(status) : result;
 }
 
 VELMORA_HOOK int lstat(const char* path, Status* status) noexcept
@@ -94,6 +97,8 @@ VELMORA_HOOK int fstatat(int folder, const char* path, Status* status, int flags
     if (isNode(folder, path))
         return fill(status);
     const int result = nextFstatat(folder, path, status, flags);
+    if ((flags & AT_SYMLINK_NOFOLLOW) == 0 && missedLink(result, folder, path))
+        return fill(status);
     return (flags & AT_EMPTY_PATH) != 0 ? fillIfDevice(folder, status, result) : result;
 }
 
@@ -148,7 +153,10 @@ Next<int(int, int, const char*, Status*, int)> nextOldFstatat("__fx" VELMORA_TEX
 
 VELMORA_HOOK int VELMORA_SIZED(__xstat)(int layout, const char* path, Status* status)
 {
-    return isNode(AT_FDCWD, path) ? fill(status) : nextOldStat(layout, path, status);
+    if (isNode(AT_FDCWD, path))
+        return fill(status);
+    const int result = nextOldStat(layout, path, status);
+    return missedLink(result, AT_FDCWD, path) ? fill(status) : result;
 }
 
 VELMORA_HOOK int VELMORA_SIZED(__lxstat)(int layout, const char* path, Status* status)
@@ -163,7 +171,10 @@ VELMORA_HOOK int VELMORA_SIZED(__fxstat)(int layout, int descriptor, Status* sta
 
 VELMORA_HOOK int VELMORA_SIZED(__fxstatat)(int layout, int folder, const char* path, Status* status, int flags)
 {
-    return isNode(folder, path) ? fill(status) : nextOldFstatat(layout, folder, path, status, flags);
+    if (isNode(folder, path))
+        return fill(status);
+    const int result = nextOldFstatat(layout, folder, path, status, flags);
+    return (flags & AT_SYMLINK_NOFOLLOW) == 0 && missedLink(result, folder, path) ? fill(status) : result;
 }
 
 #endif

@@ -13,12 +13,14 @@
 #include <velmora_mm/velmora_mm.h>
 
 #include "preload/next.hpp"
+#include "preload/user_memory.hpp"
 
 namespace velmora::preload {
 
 namespace {
 
 constexpr char kFolder[] = "/dev";
+constexpr std::size_t kMostPath = 512; // of a roundabout way to the node; signal handlers' stacks are small
 
 char socketPath[sizeof(sockaddr_un::sun_path)];
 
@@ -67,17 +69,15 @@ bool isNode(int folder, const char* path)
 {
     constexpr char name[] = VELMORA_MM_DEVICE_NAME;
     constexpr std::size_t nameLength = sizeof name - 1;
-    if (path == nullptr)
-        return false;
-    const std::size_t length = std::strlen(path);
-    if (length < nameLength || std::memcmp(path + length - nameLength, name, nameLength) != 0 ||
-        controllerSocket() == nullptr)
+    std::size_t length;
+    if (controllerSocket() == nullptr || !textLength(path, length) || length < nameLength ||
+        std::memcmp(path + length - nameLength, name, nameLength) != 0)
         return false;
     if (std::strcmp(path, VELMORA_MM_DEVICE_NODE) == 0)
         return true;
 
     const KeepErrno keep;
-    char parent[512] = ".";
+    char parent[kMostPath] = ".";
     const std::size_t parentLength = length - nameLength;
     if (parentLength != 0) {
         if (path[parentLength - 1] != '/' || parentLength >= sizeof parent)
@@ -87,6 +87,30 @@ bool isNode(int folder, const char* path)
     }
     struct statx there, devices;
     return look(folder, parent, there) == 0 && look(AT_FDCWD, kFolder, devices) == 0 && sameFile(there, devices);
+}
+
+bool isLinkToNode(int folder, const char* path)
+{
+    constexpr int mostLinks = 40; // as the kernel has it
+    char now[kMostPath], target[kMostPath];
+    std::size_t length;
+    if (controllerSocket() == nullptr || !textLength(path, length) || length >= sizeof now)
+        return false;
+    const KeepErrno keep;
+    std::memcpy(now, path, length + 1);
+    for (int link = 0; link < mostLinks; ++link) {
+        const long bytes = syscall(SYS_readlinkat, folder, now, target, sizeof target);
+        if (bytes <= 0)
+            return link != 0 && isNode(folder, now);
+        // A relative one begins where the link lies.
+        const char* const slash = target[0] == '/' ? nullptr : std::strrchr(now, '/');
+        const std::size_t before = slash == nullptr ? 0 : static_cast<std::size_t>(slash - now) + 1;
+        if (before + static_cast<std::size_t>(bytes) >= sizeof now)
+            return false;
+        std::memcpy(now + before, target, static_cast<std::size_t>(bytes));
+        now[before + static_cast<std::size_t>(bytes)] = 0;
+    }
+    return false;
 }
 
 int nodeStatus(struct statx& status)

@@ -13,8 +13,10 @@ namespace velmora::preload {
 const char* controllerSocket();
 
 // Does a path, as openat() takes it, lead to the node? Whatever leads to /dev counts: relative paths, "/dev/./Velmora_MM",
-// a folder's descriptor, a symbolic link to /dev. Keeps errno.
+// a folder's descriptor, a symbolic link to /dev. A path that is not there does not. Keeps errno.
 bool isNode(int folder, const char* path);
+// The same for a path that ends in a symbolic link, for the kernel one to nowhere. Keeps errno.
+bool isLinkToNode(int folder, const char* path);
 
 // The node's number: the first that a kernel gives to a driver that asks for any, and 0.
 inline constexpr unsigned kMajor = 254, kMinor = 0;

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
+#include <climits>
 #include <cstring>
+#include <sys/syscall.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -37,7 +39,31 @@ std::size_t copy(Copy* call, void* user, void* own, std::size_t bytes)
     return bytes;
 }
 
+// The kernel reads a set of signals before it looks at what to do with it, which here is nothing it knows. A set at 0 is none.
+bool canBeRead(const char* address)
+{
+    constexpr std::size_t setBytes = 8;
+    const auto aligned = reinterpret_cast<std::uintptr_t>(address) & ~(setBytes - 1);
+    return aligned != 0 && (syscall(SYS_rt_sigprocmask, ~0, aligned, nullptr, setBytes) == 0 || errno != EFAULT);
+}
+
 } // namespace
+
+bool textLength(const char* text, std::size_t& length)
+{
+    const KeepErrno keep;
+    for (length = 0; length < PATH_MAX;) {
+        const char* const from = text + length;
+        if (!canBeRead(from))
+            return false;
+        const std::size_t there = kPageBytes - reinterpret_cast<std::uintptr_t>(from) % kPageBytes;
+        const std::size_t letters = strnlen(from, there);
+        length += letters;
+        if (letters < there)
+            return true;
+    }
+    return false;
+}
 
 std::size_t copyFromUser(void* to, const void* user, std::size_t bytes)
 {

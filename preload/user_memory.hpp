@@ -10,4 +10,8 @@ namespace velmora::preload {
 std::size_t copyFromUser(void* to, const void* user, std::size_t bytes);
 std::size_t copyToUser(void* user, const void* from, std::size_t bytes);
 
+// The letters of a text of the program's, without its zero byte; false when it is not there, or longer than any path. Cheap: one
+// call of the kernel for each page that it lies on. Keeps errno.
+bool textLength(const char* text, std::size_t& length);
+
 } // namespace velmora::preload

@@ -15,7 +15,7 @@ packages() {
     lint) echo "clang-format clang-tidy g++-12-multilib git python3 shellcheck" ;;
     package) echo "$(packages build) debhelper dh-dkms dpkg-dev fakeroot lintian" ;;
     target) echo "qemu-system-arm device-tree-compiler python3" ;;
-    test-packages) echo "dkms mmdebstrap pkgconf" ;;
+    test-packages) echo "dkms libgtest-dev mmdebstrap pkgconf" ;;
     test) echo "googletest qemu-user gcovr python3" ;;
     *) echo "setup.sh: unknown group '$1'" >&2; exit 2 ;;
     esac

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <map>
 #include <set>
+#include <mutex>
 #include <thread>
 
 #include <sys/wait.h>
@@ -575,14 +576,42 @@ TEST_F(SafeBlock, ThreadsShareASegment)
     EXPECT_EQ(allocated(Handle{5}), 0u);
 }
 
+TEST_F(SafeBlock, GoesFromThreadToThread)
+{
+    std::mutex lock;
+    std::vector<std::pair<Block, Mapping>> ready;
+    std::thread producer([&] {
+        for (int i = 0; i < 10; ++i) {
+            Block block = segment.allocate(0x1000, Owner{15}).value();
+            Mapping view = block.map();
+            std::ranges::fill(view.bytes(), std::byte(i));
+            const std::lock_guard guard(lock);
+            ready.emplace_back(std::move(block), std::move(view));
+        }
+    });
+    for (int taken = 0; taken < 10;) {
+        const std::lock_guard guard(lock);
+        for (const auto& [block, view] : ready)
+            EXPECT_EQ(view.bytes()[0], std::byte(taken++));
+        ready.clear();
+    }
+    producer.join();
+    EXPECT_EQ(allocated(Handle{5}), 0u);
+}
+
 TEST_F(Safe, ThreadsShareADevice)
 {
+    const Segment segment = Segment::create(device, {.name = "PAGE", .bytes = 0x10000, .ownerBits = 8});
     std::vector<std::thread> threads;
     threads.reserve(4);
     for (int i = 0; i < 4; ++i)
         threads.emplace_back([&] {
-            for (int round = 0; round < 50; ++round)
+            for (int round = 0; round < 50; ++round) {
                 EXPECT_EQ(device.tableRow(2).value().ulSize, 65536u);
+                EXPECT_EQ(segments(device).size(), 1u);
+                EXPECT_EQ(freeRuns(segment).size(), 1u);
+                EXPECT_EQ(fragmentation(segment).ratio, 0);
+            }
         });
     for (std::thread& one : threads)
         one.join();

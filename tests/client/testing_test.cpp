@@ -1,7 +1,9 @@
 // The test kit, tested with itself.
 #include <gtest/gtest-spi.h>
 
+#include <atomic>
 #include <cerrno>
+#include <thread>
 
 #include <velmora/testing.hpp>
 
@@ -67,6 +69,40 @@ TEST_F(Kit, CodeThatOpensTheDeviceByItselfMeetsTheController)
     create();
     Device found(openNode());
     EXPECT_TRUE(Segment::find(found, "PAGE"));
+}
+
+TEST_F(Kit, TheCodeUnderTestMayUseThreads)
+{
+    const Segment shared = create();
+    std::atomic<int> done = 0, refused = 0;
+    const auto work = [&](const Segment& segment, Owner owner) {
+        for (int round = 0; round < 100; ++round) {
+            const std::optional<Block> block = segment.allocate(0x1000, owner);
+            refused += !block;
+            if (block)
+                block->map().bytes()[0] = static_cast<std::byte>(owner);
+        }
+        ++done;
+    };
+    std::vector<std::thread> threads;
+    for (const unsigned i : {0u, 1u})
+        threads.emplace_back([&, i] { work(shared, ownerIds(8)[i]); });
+    for (const unsigned i : {2u, 3u})
+        threads.emplace_back([&, i] {
+            Device own(openNode());
+            work(Segment::find(own, "PAGE").value(), ownerIds(8)[i]);
+        });
+    // The test's own thread meanwhile.
+    for (int round = 0; done != 4; ++round) {
+        if (round < 3)
+            failNth(MM_CMD_MALLOC, 1, MM_EINVASEGSIZE);
+        leaks();
+        takeLog();
+    }
+    for (std::thread& one : threads)
+        one.join();
+    EXPECT_GT(refused, 0);
+    EXPECT_LE(refused, 3);
 }
 
 TEST_F(Kit, ALeakIsNamedByOwnerSegmentAndBlocks)

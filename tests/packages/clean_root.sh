@@ -6,7 +6,7 @@ cd "$(dirname "$0")/../.."
 
 # What the packages need beyond Debian's minimum, and what their users build with.
 present="systemd-standalone-sysusers"
-tools="g++ gcc-multilib make cmake pkgconf dkms kmod"
+tools="g++ gcc-multilib make cmake pkgconf dkms kmod libgtest-dev libcli11-dev ghostscript ghostscript-doc"
 
 fail() {
     echo "clean_root.sh: $1" >&2
@@ -74,12 +74,8 @@ is_built_with() {
     # shellcheck disable=SC2046
     install $(packages velmora-mm libvelmora-dev libvelmora0 velmora-mm-dkms)
     quietly /packages/use.sh /packages/consumer /tmp/native /usr ""
-    # A 32-bit program needs the wire header only.
-    quietly gcc -m32 -o /tmp/wire /packages/consumer/wire.c
-    if in_root velmora-mm --help | grep -q '^  run '; then
-        quietly velmora-mm run -- /tmp/wire
-        grep -q 'wire: 32-bit, 8192 bytes' "$root.log" || fail "wire says: $(cat "$root.log")"
-    fi
+    quietly /packages/walk.sh /packages/consumer /tmp/walk
+    tail -n 1 "$root.log"
     in_root dkms status | grep -q '^velmora-mm/' || fail "DKMS does not know the module's source: $(in_root dkms status)"
     quietly apt-get purge -y -q velmora-mm libvelmora-dev libvelmora0 velmora-mm-dkms
     unchanged "$root.before"
@@ -123,6 +119,6 @@ trap 'rm -rf --one-file-system "$root" "$root".*' EXIT
 tar -x -f "$clean" -C "$root"
 cp /etc/resolv.conf "$root/etc/"
 mkdir "$root/packages"
-cp -r build/packages/*.deb tests/sessions tests/packages/use.sh tests/packages/consumer "$root/packages/"
+cp -r build/packages/*.deb tests/sessions tests/packages/use.sh tests/packages/walk.sh tests/packages/consumer "$root/packages/"
 unshare --mount --propagation private "$0" --inside "$root"
 echo "Packages in a clean $suite: passed"

@@ -280,6 +280,125 @@ static void streams(void)
     CHECK(fopen(VELMORA_MM_DEVICE_NODE, "q") == NULL && errno == EINVAL);
 }
 
+/* The stream stays the program's own, and its number the device's. */
+static void reopened_streams(void)
+{
+    TMMInitOption option = MM_CONSTRUCT_DEFAULT_MCT;
+    FILE *stream, *other;
+    int device;
+    char buffer[16];
+
+    CHECK((stream = fopen("/dev/zero", "r")) != NULL && (device = fileno(stream)) >= 0);
+    CHECK(freopen(VELMORA_MM_DEVICE_NODE, "r+", stream) == stream && fileno(stream) == device);
+    CHECK(ioctl(device, MM_CMD_ENTRY, &option) == 0);
+    CHECK(fread(buffer, 1, sizeof buffer, stream) == 0 && ferror(stream));
+    clearerr(stream);
+    CHECK((fputs("text", stream) == EOF || fflush(stream) == EOF) && ferror(stream));
+    CHECK(ioctl(device, MM_CMD_ENTRY, &option) == 0);
+    /* Once more the same, and something else. */
+    CHECK(freopen64(NULL, "re", stream) == stream && fcntl(fileno(stream), F_GETFD) == FD_CLOEXEC);
+    CHECK(ioctl(fileno(stream), MM_CMD_ENTRY, &option) == 0);
+    CHECK(freopen("/dev/zero", "r", stream) == stream && fread(buffer, 1, sizeof buffer, stream) == sizeof buffer);
+    FAILS(ioctl(fileno(stream), MM_CMD_ENTRY, &option), ENOTTY);
+    CHECK(fclose(stream) == 0);
+    CHECK((other = fopen(VELMORA_MM_DEVICE_NODE, "r")) != NULL && freopen("/dev/zero", "r", other) == other);
+    CHECK(fread(buffer, 1, sizeof buffer, other) == sizeof buffer && fclose(other) == 0);
+    CHECK((other = fopen("/dev/zero", "r")) != NULL);
+    CHECK(freopen(VELMORA_MM_DEVICE_NODE, "q", other) == NULL && errno == EINVAL);
+    CHECK((other = fopen("/dev/zero", "r")) != NULL && (device = fileno(other)) >= 0);
+    CHECK(freopen(VELMORA_MM_DEVICE_NODE, "wx", other) == NULL && errno == EEXIST);
+    FAILS(fcntl(device, F_GETFD), EBADF);
+}
+
+static void links(void)
+{
+    char folder[] = "/tmp/velmora-preload-XXXXXX";
+    TMMInitOption option = MM_CONSTRUCT_DEFAULT_MCT;
+    struct stat status;
+    struct statx extended;
+    int device;
+    FILE* stream;
+
+    CHECK(mkdtemp(folder) != NULL && chdir(folder) == 0);
+    CHECK(symlink(VELMORA_MM_DEVICE_NODE, "memory") == 0 && symlink("memory", "second") == 0);
+    CHECK(mkdir("inner", 0700) == 0 && symlink("../second", "inner/third") == 0 && symlink("none", "nowhere") == 0);
+    CHECK((device = open("memory", O_RDWR)) >= 0 && ioctl(device, MM_CMD_ENTRY, &option) == 0);
+    CHECK((device = open("inner/third", O_RDWR | O_CREAT, 0600)) >= 0 && ioctl(device, MM_CMD_ENTRY, &option) == 0);
+    CHECK((stream = fopen("second", "w")) != NULL && ioctl(fileno(stream), MM_CMD_ENTRY, &option) == 0);
+    CHECK((stream = fopen("second", "r")) != NULL && ioctl(fileno(stream), MM_CMD_ENTRY, &option) == 0);
+    CHECK(freopen("inner/third", "r", stream) == stream && ioctl(fileno(stream), MM_CMD_ENTRY, &option) == 0);
+    CHECK(stat("inner/third", &status) == 0 && S_ISCHR(status.st_mode));
+    CHECK(fstatat(AT_FDCWD, "memory", &status, 0) == 0 && S_ISCHR(status.st_mode));
+    CHECK(statx(AT_FDCWD, "memory", 0, STATX_ALL, &extended) == 0 && S_ISCHR(extended.stx_mode));
+    CHECK(access("inner/third", R_OK | W_OK) == 0);
+    CHECK(faccessat(AT_FDCWD, "memory", R_OK, 0) == 0);
+    /* The link itself is a link. */
+    CHECK(lstat("memory", &status) == 0 && S_ISLNK(status.st_mode));
+    CHECK(fstatat(AT_FDCWD, "memory", &status, AT_SYMLINK_NOFOLLOW) == 0 && S_ISLNK(status.st_mode));
+    FAILS(open("memory", O_RDWR | O_NOFOLLOW), ELOOP);
+    FAILS(open("memory", O_RDWR | O_CREAT | O_EXCL, 0600), EEXIST);
+    FAILS(open("nowhere", O_RDWR), ENOENT);
+    FAILS(stat("nowhere", &status), ENOENT);
+    CHECK((device = open("nowhere", O_RDWR | O_CREAT, 0600)) >= 0 && fstat(device, &status) == 0 &&
+          S_ISREG(status.st_mode));
+    CHECK(unlink("inner/third") == 0 && rmdir("inner") == 0 && unlink("second") == 0 && unlink("memory") == 0);
+    CHECK(unlink("none") == 0 && unlink("nowhere") == 0 && rmdir(folder) == 0);
+}
+
+/* Paths that are not there, or end where memory ends. */
+static void paths(void)
+{
+    char* memory = mmap(NULL, 2 * PAGE, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    const char* const bad[] = {NULL, (char*)3, (char*)8, (char*)-4096, memory + PAGE, memory + PAGE - 3};
+    char* end = memory + PAGE - sizeof VELMORA_MM_DEVICE_NODE;
+    struct stat status;
+    struct statx extended;
+    size_t i;
+
+    CHECK(mprotect(memory + PAGE, PAGE, PROT_NONE) == 0);
+    memset(memory, 'x', PAGE);
+    for (i = 0; i < sizeof bad / sizeof bad[0]; ++i) {
+        FAILS(open(bad[i], O_RDWR), EFAULT);
+        FAILS(openat(AT_FDCWD, bad[i], O_RDWR | O_CREAT, 0600), EFAULT);
+        CHECK(fopen(bad[i], "r") == NULL && errno == EFAULT);
+        FAILS(stat(bad[i], &status), EFAULT);
+        FAILS(lstat(bad[i], &status), EFAULT);
+        FAILS(statx(AT_FDCWD, bad[i], 0, STATX_ALL, &extended), EFAULT);
+        FAILS(access(bad[i], R_OK), EFAULT);
+    }
+    FAILS(open(memory, O_RDONLY), ENAMETOOLONG);
+    memcpy(end, VELMORA_MM_DEVICE_NODE, sizeof VELMORA_MM_DEVICE_NODE);
+    CHECK(open(end, O_RDWR) >= 0);
+}
+
+/* What else is done with a mapping is done as with a device's. */
+static void mapped_memory(void)
+{
+    int device = open_device(), file;
+    TAddr block = allocate(device, started_with_segment(device), 4 * BLOCK, 1);
+    char *view = map_at(device, block, 2 * BLOCK),
+         *own = mmap(NULL, PAGE, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0), *moved;
+    char* private_view = mmap64(NULL, BLOCK, PROT_READ, MAP_PRIVATE, device, block);
+
+    FAILS(msync(view, BLOCK, MS_SYNC), EINVAL);
+    FAILS(msync(view + BLOCK, BLOCK, MS_SYNC | MS_INVALIDATE), EINVAL);
+    CHECK(msync(view, BLOCK, MS_ASYNC) == 0 && msync(view, 0, MS_SYNC) == 0);
+    CHECK(private_view != MAP_FAILED && msync(private_view, BLOCK, MS_SYNC) == 0);
+    FAILS(msync(view + 1, BLOCK, MS_SYNC), EINVAL);
+    CHECK(msync(own, PAGE, MS_SYNC) == 0);
+    FAILS(fsync(device), EINVAL);
+
+    CHECK(mremap(view, 2 * BLOCK, 3 * BLOCK, MREMAP_MAYMOVE) == MAP_FAILED && errno == EFAULT);
+    CHECK(mremap(view, BLOCK, 2 * BLOCK, 0) == MAP_FAILED && errno == EFAULT);
+    strcpy(view, "moved");
+    CHECK((moved = mremap(view, 2 * BLOCK, BLOCK, MREMAP_MAYMOVE)) != MAP_FAILED && strcmp(moved, "moved") == 0);
+    CHECK(mremap(moved, BLOCK, BLOCK, MREMAP_MAYMOVE | MREMAP_FIXED, own) == own && strcmp(own, "moved") == 0);
+    FAILS(msync(own, BLOCK, MS_SYNC), EINVAL);
+    CHECK((file = open("/proc/self/exe", O_RDONLY)) >= 0);
+    CHECK((moved = mmap(NULL, PAGE, PROT_READ, MAP_SHARED, file, 0)) != MAP_FAILED && msync(moved, PAGE, MS_SYNC) == 0);
+    CHECK((moved = mremap(moved, PAGE, 2 * PAGE, MREMAP_MAYMOVE)) != MAP_FAILED);
+}
+
 static void status_of_node(void)
 {
     int device = open_device(), copy = dup(device);
@@ -607,6 +726,10 @@ static const struct {
     {"mappings", mappings},
     {"opening", ways_to_open},
     {"streams", streams},
+    {"reopened-streams", reopened_streams},
+    {"links", links},
+    {"paths", paths},
+    {"mapped-memory", mapped_memory},
     {"status", status_of_node},
     {"copies", copies},
     {"forks", forks},
