@@ -1,4 +1,6 @@
-// What lies where in a segment: free runs, and allocated ones by owner, read through a mapping while others go on working.
+// What lies where in a segment: free runs, and allocated ones by owner, read through a mapping while others go on working. The
+// free runs come from the owner map where every allocated block has an owner, else from the list of free runs itself, which
+// has to be found in the segment first: see free_list.hpp for what can stay unknown.
 #pragma once
 
 #include <cstdint>
@@ -29,7 +31,8 @@ struct Picture {
     std::uint32_t stride() const; // bytes from one block to the next
 };
 
-// nullopt for a handle that no segment has, and for the heap.
+// One moment; where the segment changes each time that it is read, runs are unknown. nullopt for a handle that no segment has,
+// and for the heap.
 std::optional<Picture> pictureOf(Device& device, std::uint32_t handle);
 // Every segment but the heap, in the order of the handles.
 std::vector<Picture> pictures(Device& device);
