@@ -21,33 +21,42 @@ struct Header {
 constexpr std::uint32_t kHeaderBytes = 12;
 static_assert(sizeof(Header) == kHeaderBytes);
 
-// Blocks that follow each other: those of a segment, or of a piece of the heap.
+// Blocks that follow each other.
+struct BlockStretch {
+    MM_TAddr start = 0; // of the first
+    std::uint32_t blocks = 0;
+};
+
+// The blocks of a segment, or of the pieces of the heap, counted through in the order of their addresses.
 class BlockMemory
 {
 public:
     // stride is a power of two. Throws Error when the device refuses the mapping.
-    BlockMemory(Device& device, MM_TAddr start, std::uint32_t blocks, std::uint32_t stride);
+    BlockMemory(Device& device, const std::vector<BlockStretch>& stretches, std::uint32_t stride);
 
-    MM_TAddr start() const { return start_; }
     std::uint32_t blocks() const { return blocks_; }
     std::uint32_t stride() const { return std::uint32_t(1) << shift_; }
 
-    // True for the address of a block.
-    bool hasBlockAt(MM_TAddr address) const
-    {
-        const std::uint32_t offset = address - start_;
-        return address >= start_ && offset >> shift_ < blocks_ && (offset & (stride() - 1)) == 0;
-    }
-    std::uint32_t blockAt(MM_TAddr address) const { return (address - start_) >> shift_; }
-    MM_TAddr address(std::uint32_t block) const { return start_ + (block << shift_); }
+    // The block that begins at an address; blocks() where none does.
+    std::uint32_t blockAt(MM_TAddr address) const;
+    MM_TAddr address(std::uint32_t block) const;
+    MM_TAddr endOf(std::uint32_t block, std::uint32_t blocks) const { return address(block) + (blocks << shift_); }
+    // Blocks from this one to the end of its stretch.
+    std::uint32_t room(std::uint32_t block) const;
     // What stands in the first bytes of a block, header or not.
     Header header(std::uint32_t block) const;
 
 private:
-    MM_TAddr start_;
-    std::uint32_t blocks_;
+    struct Part {
+        BlockStretch stretch;
+        std::uint32_t first; // block
+        Mapping view;
+    };
+    const Part& partOf(std::uint32_t block) const;
+
+    std::uint32_t blocks_ = 0;
     unsigned shift_;
-    Mapping view_;
+    std::vector<Part> parts_;
 };
 
 } // namespace velmora::tools

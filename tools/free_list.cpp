@@ -32,10 +32,10 @@ private:
     // A run that may stand in the list, the last one or one below the next.
     bool fits(std::uint32_t block, const Header& header) const
     {
-        if (header.size == 0 || header.size > counts_.largest || header.size > memory_.blocks() - block)
+        if (header.size == 0 || header.size > counts_.largest || header.size > memory_.room(block))
             return false;
         return header.next == 0 ||
-               (memory_.hasBlockAt(header.next) && memory_.blockAt(header.next) > block + header.size);
+               (header.next > memory_.endOf(block, header.size) && memory_.blockAt(header.next) != memory_.blocks());
     }
 
     bool isNobodys(std::uint32_t block, std::uint32_t blocks) const

@@ -85,7 +85,7 @@ std::vector<Run> joined(const std::vector<Run>& listed, const std::vector<Run>& 
 std::vector<Run> followedRuns(Device& device, Picture& picture, const OwnerMap* map)
 {
     const MM_TMMSegInfoWire& entry = picture.entry;
-    const BlockMemory memory(device, entry.pubStartAddr, entry.ulTotalBlkNum, picture.stride());
+    const BlockMemory memory(device, {{entry.pubStartAddr, entry.ulTotalBlkNum}}, picture.stride());
     const auto lists = freeLists(memory, {entry.ulTotalFreeBlkNum, entry.ulLargestBlkSize}, map);
     if (lists.size() == 1)
         return listedRuns(entry, lists.front());

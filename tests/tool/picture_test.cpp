@@ -131,6 +131,24 @@ TEST_F(PictureTest, HeadersOfThePastThatLookLikeThePresentAreNotBelieved)
     EXPECT_EQ(picture(handle).unknown, "");
 }
 
+// The lower run of two is taken, and what replaces it in the list has its size: the old header still leads to the upper one.
+TEST_F(PictureTest, AHeaderOfThePastThatLeadsToThePresentListIsNoneOfIt)
+{
+    const std::uint32_t handle = create({.name = "LEAD", .bytes = 0x8000, .blockBytes = 0x1000});
+    const MM_TAddr last = allocateAndWrite(handle, 0x1000); // 0x95319000
+    allocateAndWrite(handle, 0x1000);
+    const MM_TAddr upper = allocateAndWrite(handle, 0x2000); // 0x95316000
+    allocateAndWrite(handle, 0x1000);
+    const MM_TAddr lower = allocateAndWrite(handle, 0x2000); // 0x95313000
+    allocateAndWrite(handle, 0x1000);
+    device.release(handle, last, 0x1000);
+    device.release(handle, lower, 0x2000);
+    ASSERT_EQ(device.allocate(handle, 0x2000), lower);
+    device.release(handle, upper, 0x2000);
+    EXPECT_EQ(picture(handle).runs,
+              (Runs{taken(0x95312000, 4), unused(0x95316000, 2), taken(0x95318000, 1), unused(0x95319000, 1)}));
+}
+
 TEST_F(PictureTest, AListThatIsNotWholeIsSaidNotToBe)
 {
     const std::uint32_t handle = create({.name = "BAND", .bytes = 0x8000, .blockBytes = 0x1000});
