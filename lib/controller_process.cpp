@@ -14,15 +14,13 @@
 #include <utility>
 
 #include "lib/argument_vector.hpp"
-#include "lib/socket_client.hpp"
-#include "lib/socket_protocol.hpp"
+#include "lib/log_connections.hpp"
 
 namespace velmora::sim {
 
 namespace {
 
 using namespace protocol;
-using socket_client::Connection;
 
 constexpr const char* kProgram = "velmora-controller";
 constexpr int kAttached = 3; // the lifeline's number in the controller
@@ -123,36 +121,7 @@ int waitFor(pid_t process, int lifeline)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
 }
 
-void require(int result, const Connection& connection)
-{
-    if (result < 0)
-        throw std::runtime_error(connection.report);
-}
-
 } // namespace
-
-// For faults and status, and for the log.
-struct [[gnu::visibility("hidden")]] Controller::Connections
-{
-    Connection control, log;
-    std::uint64_t nextMessage = 0;
-
-    explicit Connections(const std::string& socket)
-    {
-        require(socket_client::connectTo(control, socket.c_str()), control);
-        require(socket_client::connectTo(log, socket.c_str()), log);
-        FollowLog request{};
-        request.header.kind = Kind::FollowLog;
-        request.flags = kFromStart;
-        Plain answer;
-        require(socket_client::transact(log, &request, sizeof request, &answer, sizeof answer), log);
-    }
-    ~Connections()
-    {
-        socket_client::disconnect(control);
-        socket_client::disconnect(log);
-    }
-};
 
 Controller::Controller(const ControllerOptions& options)
 {
@@ -176,7 +145,7 @@ Controller::Controller(const ControllerOptions& options)
                                      : "velmora-controller did not start: " + socket_.substr(1));
     }
     try {
-        connections_ = std::make_unique<Connections>(socket_);
+        log_ = std::make_unique<Log>(device());
     } catch (...) {
         stop();
         throw;
@@ -191,8 +160,20 @@ Controller::~Controller()
 
 int Controller::stop()
 {
-    connections_.reset();
+    log_.reset();
     return waitFor(std::exchange(process_, -1), std::exchange(lifeline_, -1));
+}
+
+Log& Controller::log()
+{
+    if (!log_)
+        throw std::runtime_error("the controller was ended");
+    return *log_;
+}
+
+std::vector<std::string> Controller::takeLog()
+{
+    return log().take();
 }
 
 void Controller::fail(std::uint32_t what, std::uint32_t nth, int answer)
@@ -203,8 +184,7 @@ void Controller::fail(std::uint32_t what, std::uint32_t nth, int answer)
     request.nth = nth;
     request.answer = answer;
     Plain done{};
-    Connection& control = connections_->control;
-    require(socket_client::transact(control, &request, sizeof request, &done, sizeof done), control);
+    log().connections_->ask(request, done);
     if (done.header.result != 0)
         throw std::runtime_error(std::string("the controller takes no further fault: ") +
                                  std::strerror(-done.header.result));
@@ -228,33 +208,6 @@ void Controller::failNthMap(std::uint32_t nth, int answer)
 void Controller::forgetFaults()
 {
     fail(kFailNothing, 0, 0);
-}
-
-std::vector<std::string> Controller::takeLog()
-{
-    Status request{};
-    request.header.kind = Kind::Status;
-    StatusAnswer status{};
-    Connection& control = connections_->control;
-    require(socket_client::transact(control, &request, sizeof request, &status, sizeof status), control);
-
-    std::vector<std::string> messages;
-    struct {
-        LogMessage head;
-        char text[kMostText];
-    } message;
-    while (connections_->nextMessage < status.logMessages) {
-        const int bytes = socket_client::receive(connections_->log, &message, sizeof message, true);
-        require(bytes, connections_->log);
-        if (static_cast<std::size_t>(bytes) < sizeof message.head)
-            throw std::runtime_error("the controller's log cannot be understood");
-        if (message.head.lost != 0)
-            throw std::runtime_error("the controller's log has lost " + std::to_string(message.head.lost) +
-                                     " messages");
-        messages.emplace_back(message.text, static_cast<std::size_t>(bytes) - sizeof message.head);
-        connections_->nextMessage = message.head.number + 1;
-    }
-    return messages;
 }
 
 } // namespace velmora::sim

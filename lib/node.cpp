@@ -71,16 +71,26 @@ private:
 
 } // namespace
 
-std::unique_ptr<Channel> openNode(const std::string& path)
+std::string deviceName(const std::string& path)
+{
+    if (!path.empty())
+        return path;
+    const char* const chosen = secure_getenv("VELMORA_MM_DEVICE");
+    return chosen != nullptr && *chosen != 0 ? chosen : VELMORA_MM_DEVICE_NODE;
+}
+
+std::optional<std::string> socketIn(const std::string& device)
 {
     constexpr std::string_view socket = "unix:";
-    if (path.empty()) {
-        const char* const chosen = secure_getenv("VELMORA_MM_DEVICE");
-        return openNode(chosen != nullptr && *chosen != 0 ? chosen : VELMORA_MM_DEVICE_NODE);
-    }
-    if (path.starts_with(socket))
-        return openSocket(path.substr(socket.size()));
-    return std::make_unique<NodeChannel>(path);
+    return device.starts_with(socket) ? std::optional(device.substr(socket.size())) : std::nullopt;
+}
+
+std::unique_ptr<Channel> openNode(const std::string& path)
+{
+    const std::string device = deviceName(path);
+    if (const auto socket = socketIn(device))
+        return openSocket(*socket);
+    return std::make_unique<NodeChannel>(device);
 }
 
 std::unique_ptr<Channel> openNode(const std::string& path, std::error_code& error) noexcept

@@ -84,14 +84,19 @@ private:
 
 } // namespace
 
-std::unique_ptr<Channel> openSocket(const std::string& path)
+std::string socketOrDefault(const std::string& path)
 {
     if (!path.empty())
-        return std::make_unique<SocketChannel>(path);
+        return path;
     char standard[128];
     if (!socket_client::defaultSocket(standard, sizeof standard))
         throw std::system_error(ENAMETOOLONG, std::generic_category(), "the name of the default socket is too long");
-    return std::make_unique<SocketChannel>(standard);
+    return standard;
+}
+
+std::unique_ptr<Channel> openSocket(const std::string& path)
+{
+    return std::make_unique<SocketChannel>(socketOrDefault(path));
 }
 
 } // namespace velmora

@@ -20,8 +20,6 @@ using namespace protocol;
 
 namespace {
 
-constexpr int kWelcomeSeconds = 10; // for a controller that is busy; something else may never answer
-
 __attribute__((format(printf, 2, 3))) void say(Connection& connection, const char* format, ...)
 {
     std::va_list arguments;
@@ -193,7 +191,7 @@ int explainConnect(Connection& connection, const char* path, int error)
     return notConnected(connection, -error);
 }
 
-int greet(Connection& connection, const char* path)
+int greet(Connection& connection, const char* path, int patienceSeconds)
 {
     Hello hello = {};
     hello.header = headerOf(Kind::Hello, ++connection.ticket);
@@ -203,7 +201,7 @@ int greet(Connection& connection, const char* path)
     pollfd welcome = {connection.descriptor, POLLIN, 0};
     int ready;
     do
-        ready = poll(&welcome, 1, kWelcomeSeconds * 1000);
+        ready = poll(&welcome, 1, patienceSeconds * 1000);
     while (ready < 0 && errno == EINTR);
     char message[kMostMessageBytes];
     Header header;
@@ -241,7 +239,7 @@ bool defaultSocket(char* path, std::size_t bytes)
     return length > 0 && static_cast<std::size_t>(length) < bytes;
 }
 
-int connectTo(Connection& connection, const char* path)
+int connectTo(Connection& connection, const char* path, int patienceSeconds)
 {
     connection = {};
     sockaddr_un address = {};
@@ -257,7 +255,7 @@ int connectTo(Connection& connection, const char* path)
     if (connection.descriptor < 0)
         return explainConnect(connection, path, errno);
 
-    const timeval patience = {kWelcomeSeconds, 0};
+    const timeval patience = {patienceSeconds, 0};
     setsockopt(connection.descriptor, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
     int result;
     do
@@ -267,7 +265,7 @@ int connectTo(Connection& connection, const char* path)
         return explainConnect(connection, path, errno);
     const timeval none = {};
     setsockopt(connection.descriptor, SOL_SOCKET, SO_SNDTIMEO, &none, sizeof none);
-    return greet(connection, path);
+    return greet(connection, path, patienceSeconds);
 }
 
 void disconnect(Connection& connection)

@@ -28,10 +28,13 @@ inline constexpr int kNoAnswer = -32; // -EPIPE
 // variable /run/velmora-mm/controller.sock. False when it does not fit.
 bool defaultSocket(char* path, std::size_t bytes);
 
+// How long a controller may be busy before it greets; something else that listens may never answer.
+inline constexpr int kWelcomeSeconds = 10;
+
 // Connects to the socket at path and exchanges hellos: 0, or a negative code with a sentence in report: -ENOENT (nothing
 // there), -EACCES (no permission), -ECONNREFUSED (nobody listens), -EPROTO (no controller), -EPROTONOSUPPORT (a controller of
 // another version), -EUSERS (it has too many clients) and what else connect() gives. The descriptor is closed at exec.
-int connectTo(Connection& connection, const char* path);
+int connectTo(Connection& connection, const char* path, int patienceSeconds = kWelcomeSeconds);
 void disconnect(Connection& connection);
 
 // The device's open entry: its answer, or kNoAnswer. Its release entry runs when the last descriptor of this connection,

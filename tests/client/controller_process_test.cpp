@@ -14,6 +14,7 @@
 #include <thread>
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -149,6 +150,51 @@ TEST(PrivateController, TheLogHasAllThatFinishedCommandsPrinted)
         device.display(5);
     EXPECT_EQ(controller.takeLog().size(), 1000u);
     EXPECT_TRUE(controller.takeLog().empty());
+}
+
+TEST(Log, AnyClientFollowsWhatAControllerPrints)
+{
+    sim::Controller controller;
+    sim::Log early(controller.device());
+    EXPECT_EQ(early.take().size(), 2u);
+    Device device(controller.open());
+    startManager(device);
+    early.take();
+    device.createSegment({.name = "BLK0", .bytes = 0x10000});
+    device.display(5);
+    const std::vector<std::string> messages = early.take();
+    EXPECT_EQ(messages.size(), 5u);
+    setenv("VELMORA_MM_DEVICE", controller.device().c_str(), 1);
+    sim::Log late; // what was printed before it came is there
+    unsetenv("VELMORA_MM_DEVICE");
+    const std::vector<std::string> all = late.take();
+    ASSERT_GE(all.size(), 7u);
+    EXPECT_TRUE(std::equal(messages.rbegin(), messages.rend(), all.rbegin()));
+    EXPECT_TRUE(late.take().empty());
+    EXPECT_EQ(controller.takeLog(), all);
+}
+
+TEST(Log, ACodeOrASentenceSaysWhyThereIsNone)
+{
+    try {
+        sim::Log log("/dev/Velmora_MM");
+        FAIL() << "no exception";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::not_supported);
+        EXPECT_STREQ(error.what(), "the log of /dev/Velmora_MM is its kernel's: Operation not supported");
+    }
+    try {
+        sim::Log log("unix:/nonexistent/mm.sock");
+        FAIL() << "no exception";
+    } catch (const std::system_error& error) {
+        EXPECT_EQ(error.code(), std::errc::no_such_file_or_directory);
+    }
+    sim::Controller controller;
+    sim::Log log(controller.device());
+    controller.stop();
+    EXPECT_THROW(log.take(), std::runtime_error);
+    EXPECT_THROW(controller.takeLog(), std::runtime_error);
+    EXPECT_THROW(controller.failNthMap(1, -11), std::runtime_error);
 }
 
 TEST(PrivateController, NothingOfItIsLeft)
@@ -335,13 +381,60 @@ TEST(OpenNode, AFileThatIsNoSocket)
     EXPECT_EQ(code, ENOTSOCK);
 }
 
+// The same for a user to whom something can be forbidden; run by root, another process asks as nobody.
+std::pair<std::string, int> refusalOfNobody(const std::string& name)
+{
+    if (getuid() != 0)
+        return refusalOf(name);
+    int news[2];
+    EXPECT_EQ(pipe(news), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+        constexpr gid_t nobody = 65534;
+        if (setgroups(0, nullptr) != 0 || setgid(nobody) != 0 || setuid(nobody) != 0)
+            _exit(1);
+        const auto [text, code] = refusalOf(name);
+        static_cast<void>(!write(news[1], text.data(), text.size()));
+        _exit(code);
+    }
+    close(news[1]);
+    char text[1024];
+    const ssize_t bytes = read(news[0], text, sizeof text);
+    close(news[0]);
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    return {std::string(text, bytes > 0 ? static_cast<std::size_t>(bytes) : 0), WEXITSTATUS(status)};
+}
+
 TEST(OpenNode, ASocketWithoutPermission)
 {
-    if (getuid() == 0)
-        GTEST_SKIP() << "nothing is forbidden to root";
-    Impostor impostor;
+    const Impostor impostor;
+    chmod(folderOf(impostor.path()).c_str(), 0711);
     chmod(impostor.path().c_str(), 0);
-    EXPECT_EQ(refusalOf("unix:" + impostor.path()).second, EACCES);
+    const auto [text, code] = refusalOfNobody("unix:" + impostor.path());
+    EXPECT_EQ(text, "no permission to use the controller's socket " + impostor.path() + ": Permission denied");
+    EXPECT_EQ(code, EACCES);
+}
+
+TEST(OpenNode, ANodeWithoutPermission)
+{
+    const Impostor impostor; // for its folder
+    const std::string node = folderOf(impostor.path()) + "/node";
+    chmod(folderOf(node).c_str(), 0711);
+    close(open(node.c_str(), O_CREAT | O_WRONLY, 0));
+    const auto [text, code] = refusalOfNobody(node);
+    EXPECT_EQ(text, "cannot open " + node + ": Permission denied");
+    EXPECT_EQ(code, EACCES);
+    unlink(node.c_str());
+}
+
+TEST(SocketClient, WhatAcceptsAndNeverAnswersIsWaitedForOnlySoLong)
+{
+    const Impostor impostor;
+    socket_client::Connection connection;
+    EXPECT_EQ(socket_client::connectTo(connection, impostor.path().c_str(), 1), -EPROTO);
+    EXPECT_EQ(connection.descriptor, -1);
+    EXPECT_EQ(connection.report, "what listens at " + impostor.path() + " does not answer as a controller does");
 }
 
 TEST(OpenNode, ASocketOfAnotherKind)

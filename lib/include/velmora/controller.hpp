@@ -30,6 +30,27 @@ struct ControllerOptions {
     std::string program = {};                // which one, instead of looking for it
 };
 
+// The kernel log of a controller, whoever started it. One thread at a time may use it.
+class Log
+{
+public:
+    // Follows the log of a simulated controller; device: its name as openNode() takes it. What the controller still has of
+    // its log comes first. Throws std::system_error as openNode() does, ENOTSUP for a node, whose log is its kernel's.
+    explicit Log(const std::string& device = {});
+    Log(const Log&) = delete;
+    Log& operator=(const Log&) = delete;
+    ~Log();
+
+    // Messages since the last call, one for each printk; all that commands which have returned printed is there. Throws
+    // std::runtime_error when the log outran this reader, or the controller is gone.
+    std::vector<std::string> take();
+
+private:
+    friend class Controller;
+    struct Connections;
+    std::unique_ptr<Connections> connections_;
+};
+
 // A controller that is this object's own.
 class Controller
 {
@@ -60,23 +81,21 @@ public:
     // What has not failed yet will not.
     void forgetFaults();
 
-    // Messages of the kernel log since the start or the last call, one for each printk; all that commands which have
-    // returned printed is there. Throws std::runtime_error when the log outran this reader.
+    // Messages of the kernel log since the start or the last call, as Log::take() has them.
     std::vector<std::string> takeLog();
 
     // Ends the controller now, as the destructor would; its exit status, or minus the signal that ended it. Every later
-    // call of the channels fails with ConnectionError. Once only.
+    // call of the channels fails with ConnectionError, those above throw std::runtime_error. Once only.
     int stop();
 
 private:
-    struct Connections;
-
+    Log& log();
     void fail(std::uint32_t what, std::uint32_t nth, int answer);
 
     std::string socket_;
     pid_t process_ = -1;
     int lifeline_ = -1;
-    std::unique_ptr<Connections> connections_;
+    std::unique_ptr<Log> log_;
 };
 
 } // namespace velmora::sim
