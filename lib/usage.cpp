@@ -159,7 +159,7 @@ std::vector<HeapPiece> heapPieces(std::span<const std::string> kernelLog)
                    std::sscanf(line.c_str() + 5, "%4u-%x-%x-%x-%x-%x-%x-%x-%x-%x", &handle, &bytes, &block, &all,
                                &taken, &free, &longest, &overflows, &start, &end) == 10 &&
                    handle == MM_HEAPHANDLE) {
-            display.push_back({start, end, block, all, free});
+            display.push_back({start, end, block, all, free, longest});
             pieces = display;
         }
     }

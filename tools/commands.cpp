@@ -5,6 +5,8 @@ namespace velmora::tools {
 std::span<const Command> commands()
 {
     static constexpr Command kCommands[] = {
+        {"status", "segments and how much of them is used", status},
+        {"owners", "who holds how much of a segment", owners},
         {"script", "runs a session script on a simulated controller", script},
         {"run", "runs a program that knows only /dev/Velmora_MM on a simulated controller", run},
         {"area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory", area},

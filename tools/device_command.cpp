@@ -1,7 +1,12 @@
 #include "device_command.hpp"
 
 #include <algorithm>
+#include <cerrno>
+#include <ranges>
+#include <sys/stat.h>
+#include <system_error>
 
+#include "kernel_log.hpp"
 #include "units.hpp"
 
 namespace velmora::tools {
@@ -18,9 +23,47 @@ std::string segmentsThereAre(Device& device)
 {
     std::string text;
     for (const SegmentUsage& segment : segments(device))
-        text += (text.empty() ? "" : ", ") + segment.name + " (" +
+        text += (text.empty() ? "" : ", ") + shownName(segment.name) + " (" +
                 std::to_string(static_cast<std::uint32_t>(segment.handle)) + ")";
     return text.empty() ? "there are none: the library was not started" : "there are " + text;
+}
+
+// Opens what --device says. Nothing is asked of what is no device of the manager: another driver has commands with the same
+// numbers, and may heed them.
+std::unique_ptr<Channel> openDevice(const std::string& name)
+{
+    const std::string path = deviceName(name);
+    struct stat file;
+    const bool isSocket = path.starts_with("unix:");
+    if (!isSocket && stat(path.c_str(), &file) == 0 && !S_ISCHR(file.st_mode))
+        throw std::runtime_error(path + " is no device node" +
+                                 (S_ISSOCK(file.st_mode) ? "; a controller's socket is named unix:" + path : ""));
+    std::unique_ptr<Channel> channel;
+    try {
+        channel = openNode(path);
+    } catch (const std::system_error& error) {
+        const std::string sentence = isSocket ? error.what() : "cannot open " + path + ": " + error.code().message();
+        throw std::runtime_error(sentence +
+                                 (name.empty() ? " (--device and $VELMORA_MM_DEVICE name another device)" : ""));
+    }
+    MM_TGetMSTInfo entry{};
+    if (channel->command(MM_CMD_GET_MST, &entry, sizeof entry) == -ENOTTY)
+        throw std::runtime_error(path + " is no device of the memory manager");
+    return channel;
+}
+
+// A failed check is one line on the kernel log: the last one, where the log can be read.
+std::string saidOnTheLog(const Error& error, const std::string& device)
+{
+    if (error.result() != MM_EASSERT)
+        return "";
+    try {
+        for (const std::string& line : KernelLog(device).take() | std::views::reverse)
+            if (constexpr std::string_view kFailed = "Assertion failed! "; line.starts_with(kFailed))
+                return ": " + line.substr(kFailed.size());
+    } catch (const std::exception&) { // it says where to look all the same
+    }
+    return "";
 }
 
 } // namespace
@@ -46,20 +89,38 @@ int DeviceCommand::run(const Words& words, std::ostream& out, std::ostream& erro
     return runWords(app_, words, out, errors, [&] {
         std::optional<Device> device;
         try {
-            device.emplace(openNode(device_));
+            device.emplace(openDevice(device_));
         } catch (const std::exception& error) {
             return sentence(error.what(), kNoDevice);
         }
         try {
             return work(*device);
+        } catch (const UsageError&) {
+            throw;
+        } catch (const std::ios_base::failure&) {
+            throw;
         } catch (const ConnectionError& error) {
             return sentence(error.what(), kNoDevice);
         } catch (const Error& error) {
-            return sentence(error.what(), kFailed);
-        } catch (const Refusal& error) {
+            return sentence(error.what() + saidOnTheLog(error, device_), kFailed);
+        } catch (const std::runtime_error& error) {
             return sentence(error.what(), kFailed);
         }
     });
+}
+
+std::string deviceNotes(const std::string& notes, const std::string& examples)
+{
+    return notes + (notes.empty() ? "" : "\n") +
+           "exit status: 0 done, 1 refused, or something is wrong, 2 unusable arguments, 3 there is no device, or it "
+           "went\n"
+           "away\n\nexamples\n" +
+           examples;
+}
+
+CLI::Option* addJson(CLI::App& app, bool& json)
+{
+    return app.add_flag("--json", json, "print it for programs; docs/json.md describes the fields");
 }
 
 SegmentEntry findSegment(Device& device, const std::string& text)
@@ -77,12 +138,22 @@ SegmentEntry findSegment(Device& device, const std::string& text)
             if (entry && entry->pfnAlloc != 0 && (number || nameOf(entry->stInfoFromApp.aubSegID) == name))
                 return {handle, entry};
         }
-    throw Refusal("there is no segment '" + text + "'; " + segmentsThereAre(device));
+    throw Refusal("there is no segment '" + shownName(text) + "'; " + segmentsThereAre(device));
 }
 
 std::string nameOf(const MM_U8 (&id)[4])
 {
     return {id, std::find(std::begin(id), std::end(id), 0)};
+}
+
+std::string segmentWord(const SegmentEntry& segment)
+{
+    if (!segment.entry)
+        return heapName();
+    const std::string name = nameOf(segment.entry->stInfoFromApp.aubSegID);
+    const bool isWord = !name.empty() && std::ranges::all_of(name, [](char byte) { return byte > ' ' && byte <= '~'; });
+    const bool isClear = !parseNumber(name) && name != heapName() && !name.starts_with('-');
+    return isWord && isClear ? name : std::to_string(segment.handle);
 }
 
 std::uint8_t parseOwner(const std::string& text)
@@ -112,6 +183,11 @@ std::uint32_t parseAddress(const std::string& text)
 Json listing(const std::string& command, int version)
 {
     return {{"schema", "velmora-mm " + command}, {"version", version}};
+}
+
+void printListing(std::ostream& out, const Json& listing)
+{
+    out << listing.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
 }
 
 } // namespace velmora::tools

@@ -48,6 +48,19 @@ private:
     std::string device_;
 };
 
+// The end of a help text: what else there is to say (may be empty), the exit statuses of every command that asks a device,
+// and examples, one a line.
+std::string deviceNotes(const std::string& notes, const std::string& examples);
+
+// Options whose words are read as they are parsed, so that a mistake is found before the device is asked. Target: the number,
+// or std::optional of it.
+template <class Target> CLI::Option* addSize(CLI::App& app, const std::string& name, Target& target, const char* help);
+template <class Target>
+CLI::Option* addAddress(CLI::App& app, const std::string& name, Target& target, const char* help);
+template <class Target> CLI::Option* addOwner(CLI::App& app, const std::string& name, Target& target, const char* help);
+// --json.
+CLI::Option* addJson(CLI::App& app, bool& json);
+
 // A segment as the command line names it: a name, or a handle as a number. NAME means the segment of that name even where
 // it looks like a number when it stands behind "name=".
 struct SegmentEntry {
@@ -61,6 +74,8 @@ SegmentEntry findSegment(Device& device, const std::string& text);
 
 // The name in a table's entry, without what fills it up.
 std::string nameOf(const MM_U8 (&id)[4]);
+// The word by which findSegment() finds an entry again: its name, or its handle where that would be taken for something else.
+std::string segmentWord(const SegmentEntry& segment);
 
 // An owner's ID, 0 to 255; UsageError when text is none.
 std::uint8_t parseOwner(const std::string& text);
@@ -71,7 +86,37 @@ std::uint32_t parseAddress(const std::string& text);
 
 // A listing for programs: {"schema": "velmora-mm status", "version": 1, ...fields}. docs/json.md describes each; the version
 // changes when a field goes or changes its meaning, not when one is added.
+// Sizes are numbers, in bytes unless the name says blocks; addresses are strings, "0x95312000", which commands take as they
+// are; what is not known is null.
 using Json = nlohmann::ordered_json;
 Json listing(const std::string& command, int version);
+// Prints it on lines of its own, whatever bytes a name has.
+void printListing(std::ostream& out, const Json& listing);
+
+template <class Target> CLI::Option* addSize(CLI::App& app, const std::string& name, Target& target, const char* help)
+{
+    const std::string what = name.substr(name.find_last_of('-') + 1);
+    return app
+        .add_option_function<std::string>(
+            name, [&target, what](const std::string& text) { target = parseSize(text, what.c_str()); }, help)
+        ->type_name("SIZE");
+}
+
+template <class Target>
+CLI::Option* addAddress(CLI::App& app, const std::string& name, Target& target, const char* help)
+{
+    return app
+        .add_option_function<std::string>(
+            name, [&target](const std::string& text) { target = parseAddress(text); }, help)
+        ->type_name("ADDRESS");
+}
+
+template <class Target> CLI::Option* addOwner(CLI::App& app, const std::string& name, Target& target, const char* help)
+{
+    return app
+        .add_option_function<std::string>(
+            name, [&target](const std::string& text) { target = parseOwner(text); }, help)
+        ->type_name("ID");
+}
 
 } // namespace velmora::tools

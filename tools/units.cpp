@@ -1,9 +1,12 @@
 #include "units.hpp"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
 #include <cstdio>
 #include <utility>
+
+#include <velmora_mm/velmora_mm.h>
 
 namespace velmora::tools {
 
@@ -83,6 +86,33 @@ std::string addressText(std::uint32_t address)
     std::array<char, 16> text;
     std::snprintf(text.data(), text.size(), "0x%08x", address);
     return text.data();
+}
+
+std::string shownName(std::string_view name)
+{
+    std::string text(name);
+    std::ranges::replace_if(
+        text, [](char byte) { return byte < ' ' || byte > '~'; }, '?');
+    return text;
+}
+
+std::string typeName(unsigned type)
+{
+    switch (type) {
+    case MM_FIXED: return "fixed";
+    case MM_FLOAT: return "float";
+    case MM_FLOATALIGN: return "align";
+    default: return std::to_string(type);
+    }
+}
+
+std::string disciplineName(unsigned discipline)
+{
+    switch (discipline) {
+    case MM_STACK: return "stack";
+    case MM_LINKEDLIST: return "list";
+    default: return std::to_string(discipline);
+    }
 }
 
 } // namespace velmora::tools

@@ -22,4 +22,12 @@ std::string roundedBytes(std::uint64_t bytes);
 // 0x%08x.
 std::string addressText(std::uint32_t address);
 
+// A name of the manager's as it can be shown: its bytes are anybody's choice, and those that a terminal would heed or cannot
+// show become '?'.
+std::string shownName(std::string_view name);
+
+// What a request's numbers mean, as options and listings say it: "fixed", "float", "align"; "stack", "list".
+std::string typeName(unsigned type);
+std::string disciplineName(unsigned discipline);
+
 } // namespace velmora::tools

@@ -74,6 +74,7 @@ struct HeapPiece {
     std::uint32_t blockBytes = 0; // of the heap
     std::uint32_t blocks = 0;     // all of the piece
     std::uint32_t freeBlocks = 0; // of them
+    std::uint32_t longestRun = 0; // of free blocks that follow each other, anywhere in the heap
 };
 
 // Every segment but the heap, in the order of the handles; each of them is one moment.
