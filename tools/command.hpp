@@ -5,6 +5,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -17,6 +18,11 @@ constexpr int kDone = 0;
 constexpr int kFailed = 1;            // refused by the manager or the kernel, or something was found to be wrong
 constexpr int kUnusableArguments = 2; // it could not be told what was asked for
 constexpr int kNoDevice = 3;          // there is no device, or it went away
+
+// Arguments that cannot be used, where the program itself has to find out. what() says what was expected.
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
 
 struct Command {
     std::string_view name;    // the word that calls it

@@ -26,11 +26,6 @@
 
 namespace velmora::tools {
 
-// Arguments that cannot be used, where the program itself has to find out. what() says what was expected.
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 // To be called before options and subcommands are added: they inherit the habits.
 inline void prepare(CLI::App& app)
 {

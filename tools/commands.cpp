@@ -5,8 +5,22 @@ namespace velmora::tools {
 std::span<const Command> commands()
 {
     static constexpr Command kCommands[] = {
+        {"start", "lays out the fixed segments and starts the library", start},
+        {"create", "creates a segment", create},
+        {"alloc", "allocates blocks of a segment", alloc},
+        {"free", "releases blocks", freeBlocks},
+        {"fill", "has the kernel fill memory with a byte", fill},
+        {"collect", "releases all blocks of an owner", collect},
+        {"clear", "fills the memory of a fixed segment with zeros", clearRow},
+        {"delete", "takes a row out of the table of fixed segments", deleteRow},
+        {"phys", "the physical address that a DMA engine takes", phys},
+        {"read", "shows memory", readMemory},
+        {"write", "writes memory", writeMemory},
         {"status", "segments and how much of them is used", status},
         {"owners", "who holds how much of a segment", owners},
+        {"mst", "the table of segments", mst},
+        {"mct", "the table of fixed segments", mct},
+        {"log", "follows the kernel log", followLog},
         {"script", "runs a session script on a simulated controller", script},
         {"run", "runs a program that knows only /dev/Velmora_MM on a simulated controller", run},
         {"area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory", area},

@@ -6,6 +6,9 @@
 #include <sys/stat.h>
 #include <system_error>
 
+#include <nlohmann/json.hpp>
+
+#include "command_line.hpp"
 #include "kernel_log.hpp"
 #include "units.hpp"
 
@@ -69,24 +72,63 @@ std::string saidOnTheLog(const Error& error, const std::string& device)
 } // namespace
 
 DeviceCommand::DeviceCommand(const std::string& name, const std::string& description, const std::string& notes)
-    : app_(description, "velmora-mm " + name)
+    : app_(std::make_unique<CLI::App>(description, "velmora-mm " + name))
 {
-    prepare(app_);
-    app_.footer(notes);
-    app_.add_option("--device", device_,
-                    "the device: a node's path, or unix:SOCKET of a controller; default: $VELMORA_MM_DEVICE, then "
-                    "/dev/Velmora_MM")
-        ->type_name("PATH");
+    prepare(*app_);
+    app_->footer(notes);
+    option("--device", "PATH", into(device_),
+           "the device: a node's path, or unix:SOCKET of a controller; default: $VELMORA_MM_DEVICE, then "
+           "/dev/Velmora_MM");
+}
+
+DeviceCommand::~DeviceCommand() = default;
+
+void DeviceCommand::argument(const std::string& name, const Reader& reader, const std::string& help)
+{
+    app_->add_option_function<std::string>(name, reader, help)->type_name("")->required();
+}
+
+void DeviceCommand::optionalArgument(const std::string& name, const Reader& reader, const std::string& help)
+{
+    app_->add_option_function<std::string>(name, reader, help)->type_name("");
+}
+
+void DeviceCommand::arguments(const std::string& name, Words& words, const std::string& help)
+{
+    app_->add_option(name, words, help)->type_name("")->required();
+}
+
+void DeviceCommand::option(const std::string& name, const std::string& value, const Reader& reader,
+                           const std::string& help)
+{
+    app_->add_option_function<std::string>(name, reader, help)->type_name(value);
+}
+
+void DeviceCommand::flag(const std::string& name, bool& target, const std::string& help)
+{
+    CLI::Option* const added = app_->add_flag(name, target, help);
+    if (help.empty())
+        added->group("");
+}
+
+void DeviceCommand::jsonFlag(bool& json)
+{
+    flag("--json", json, "print it for programs; docs/json.md describes the fields");
+}
+
+void DeviceCommand::forceFlag(bool& force)
+{
+    flag("--force", force, "do it all the same, whatever speaks against it");
 }
 
 int DeviceCommand::run(const Words& words, std::ostream& out, std::ostream& errors,
                        const std::function<int(Device&)>& work)
 {
     const auto sentence = [&](const std::string& what, int status) {
-        errors << app_.get_name() << ": " << what << "\n";
+        errors << app_->get_name() << ": " << what << "\n";
         return status;
     };
-    return runWords(app_, words, out, errors, [&] {
+    return runWords(*app_, words, out, errors, [&] {
         std::optional<Device> device;
         try {
             device.emplace(openDevice(device_));
@@ -116,11 +158,6 @@ std::string deviceNotes(const std::string& notes, const std::string& examples)
            "went\n"
            "away\n\nexamples\n" +
            examples;
-}
-
-CLI::Option* addJson(CLI::App& app, bool& json)
-{
-    return app.add_flag("--json", json, "print it for programs; docs/json.md describes the fields");
 }
 
 SegmentEntry findSegment(Device& device, const std::string& text)
@@ -177,6 +214,14 @@ std::uint32_t parseAddress(const std::string& text)
     const auto value = parseNumber(text);
     if (!value)
         throw UsageError("'" + text + "' is no address: a number of at most 32 bits, hexadecimal with 0x");
+    return *value;
+}
+
+std::uint32_t parseCount(const std::string& text)
+{
+    const auto value = parseNumber(text);
+    if (!value)
+        throw UsageError("'" + text + "' is no number");
     return *value;
 }
 

@@ -1,27 +1,36 @@
 // What the commands that ask a device have in common: --device, segments by name or handle, and how a refusal reads.
 //
-//   int free(const Words& words, std::ostream& out, std::ostream& errors)
+//   int phys(const Words& words, std::ostream& out, std::ostream& errors)
 //   {
-//       DeviceCommand command("free", kDescription, kNotes);
+//       DeviceCommand command("phys", kDescription, deviceNotes(kNotes, kExamples));
 //       std::string segment;
-//       command.app().add_option("SEGMENT", segment, kSegmentHelp)->required();
+//       command.argument("SEGMENT", into(segment), kSegmentHelp);
 //       return command.run(words, out, errors, [&](velmora::Device& device) {
-//           const SegmentEntry entry = entryOf(device, segment);
+//           const SegmentEntry entry = findSegment(device, segment);
 //           ...
 //           return kDone;
 //       });
 //   }
+//
+// A command that asks more of its command line than is offered here includes tools/command_line.hpp and takes app(); one that
+// prints a listing includes <nlohmann/json.hpp>. Both take a compiler long, so they are not here.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
 #include <velmora/device.hpp>
 
-#include "tools/command_line.hpp"
+#include "tools/command.hpp"
+
+namespace CLI {
+class App;
+}
 
 namespace velmora::tools {
 
@@ -30,12 +39,28 @@ struct Refusal : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
+// What becomes of an option's word: it is read as it is parsed, so that a mistake is found before the device is asked. Throws
+// UsageError when it cannot be read.
+using Reader = std::function<void(const std::string& word)>;
+
 class DeviceCommand
 {
 public:
     DeviceCommand(const std::string& name, const std::string& description, const std::string& notes);
+    ~DeviceCommand();
 
-    CLI::App& app() { return app_; }
+    // Words by their place, in the order of these calls; one that must be there, one that need not, and all that are left.
+    void argument(const std::string& name, const Reader& reader, const std::string& help);
+    void optionalArgument(const std::string& name, const Reader& reader, const std::string& help);
+    void arguments(const std::string& name, Words& words, const std::string& help);
+    // An option with a value, which the help calls `value`; and one without. Flags without a help text are not shown.
+    void option(const std::string& name, const std::string& value, const Reader& reader, const std::string& help);
+    void flag(const std::string& name, bool& target, const std::string& help);
+    // --json, --force.
+    void jsonFlag(bool& json);
+    void forceFlag(bool& force);
+
+    CLI::App& app() { return *app_; }
     // What --device says; empty: what openNode() finds without it.
     const std::string& device() const { return device_; }
 
@@ -44,22 +69,13 @@ public:
     int run(const Words& words, std::ostream& out, std::ostream& errors, const std::function<int(Device&)>& work);
 
 private:
-    CLI::App app_;
+    std::unique_ptr<CLI::App> app_;
     std::string device_;
 };
 
 // The end of a help text: what else there is to say (may be empty), the exit statuses of every command that asks a device,
 // and examples, one a line.
 std::string deviceNotes(const std::string& notes, const std::string& examples);
-
-// Options whose words are read as they are parsed, so that a mistake is found before the device is asked. Target: the number,
-// or std::optional of it.
-template <class Target> CLI::Option* addSize(CLI::App& app, const std::string& name, Target& target, const char* help);
-template <class Target>
-CLI::Option* addAddress(CLI::App& app, const std::string& name, Target& target, const char* help);
-template <class Target> CLI::Option* addOwner(CLI::App& app, const std::string& name, Target& target, const char* help);
-// --json.
-CLI::Option* addJson(CLI::App& app, bool& json);
 
 // A segment as the command line names it: a name, or a handle as a number. NAME means the segment of that name even where
 // it looks like a number when it stands behind "name=".
@@ -83,6 +99,8 @@ std::uint8_t parseOwner(const std::string& text);
 std::uint32_t parseSize(const std::string& text, const char* what);
 // An address; UsageError when text is none.
 std::uint32_t parseAddress(const std::string& text);
+// How many, 0 among them; UsageError when text is no such number.
+std::uint32_t parseCount(const std::string& text);
 
 // A listing for programs: {"schema": "velmora-mm status", "version": 1, ...fields}. docs/json.md describes each; the version
 // changes when a field goes or changes its meaning, not when one is added.
@@ -93,30 +111,22 @@ Json listing(const std::string& command, int version);
 // Prints it on lines of its own, whatever bytes a name has.
 void printListing(std::ostream& out, const Json& listing);
 
-template <class Target> CLI::Option* addSize(CLI::App& app, const std::string& name, Target& target, const char* help)
+// Readers. Target: what the function of the same purpose above gives, or std::optional of it.
+inline Reader into(std::string& target)
 {
-    const std::string what = name.substr(name.find_last_of('-') + 1);
-    return app
-        .add_option_function<std::string>(
-            name, [&target, what](const std::string& text) { target = parseSize(text, what.c_str()); }, help)
-        ->type_name("SIZE");
+    return [&target](const std::string& word) { target = word; };
 }
-
-template <class Target>
-CLI::Option* addAddress(CLI::App& app, const std::string& name, Target& target, const char* help)
+template <class Target> Reader sizeInto(Target& target, const char* what = "number of bytes")
 {
-    return app
-        .add_option_function<std::string>(
-            name, [&target](const std::string& text) { target = parseAddress(text); }, help)
-        ->type_name("ADDRESS");
+    return [&target, what](const std::string& word) { target = parseSize(word, what); };
 }
-
-template <class Target> CLI::Option* addOwner(CLI::App& app, const std::string& name, Target& target, const char* help)
+template <class Target> Reader ownerInto(Target& target)
 {
-    return app
-        .add_option_function<std::string>(
-            name, [&target](const std::string& text) { target = parseOwner(text); }, help)
-        ->type_name("ID");
+    return [&target](const std::string& word) { target = parseOwner(word); };
+}
+template <class Target> Reader countInto(Target& target)
+{
+    return [&target](const std::string& word) { target = parseCount(word); };
 }
 
 } // namespace velmora::tools

@@ -3,6 +3,8 @@
 #include <map>
 #include <optional>
 
+#include <nlohmann/json.hpp>
+
 #include "device_command.hpp"
 #include "picture.hpp"
 #include "table.hpp"
@@ -117,10 +119,10 @@ int owners(const Words& words, std::ostream& out, std::ostream& errors)
     std::string segment;
     std::optional<std::uint8_t> only;
     bool json = false, listRuns = false;
-    command.app().add_option("SEGMENT", segment, kSegmentHelp)->type_name("")->required();
-    addOwner(command.app(), "--owner", only, "this one only");
-    command.app().add_flag("--runs", listRuns, "where the blocks lie");
-    addJson(command.app(), json);
+    command.argument("SEGMENT", into(segment), kSegmentHelp);
+    command.option("--owner", "ID", ownerInto(only), "this one only");
+    command.flag("--runs", listRuns, "where the blocks lie");
+    command.jsonFlag(json);
     return command.run(words, out, errors, [&](Device& device) {
         Picture picture = ownedPicture(device, findSegment(device, segment));
         std::erase_if(picture.runs,

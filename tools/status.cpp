@@ -3,6 +3,8 @@
 #include <numeric>
 #include <optional>
 
+#include <nlohmann/json.hpp>
+
 #include "device_command.hpp"
 #include "kernel_log.hpp"
 #include "picture.hpp"
@@ -182,10 +184,10 @@ int status(const Words& words, std::ostream& out, std::ostream& errors)
     DeviceCommand command("status", kDescription, deviceNotes(kNotes, kExamples));
     std::string segment;
     bool json = false, noHeap = false, names = false;
-    command.app().add_option("SEGMENT", segment, std::string(kSegmentHelp) + "; default: all")->type_name("");
-    addJson(command.app(), json);
-    command.app().add_flag("--no-heap", noHeap, "leave the heap out, and the kernel log alone");
-    command.app().add_flag("--names", names)->group(""); // hidden
+    command.optionalArgument("SEGMENT", into(segment), std::string(kSegmentHelp) + "; default: all");
+    command.jsonFlag(json);
+    command.flag("--no-heap", noHeap, "leave the heap out, and the kernel log alone");
+    command.flag("--names", names, "");
     return command.run(words, out, errors, [&](Device& device) {
         if (names) {
             printNames(out, device);
