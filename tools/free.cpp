@@ -61,8 +61,10 @@ void release(Device& device, const std::vector<Record>& records, std::optional<s
     } catch (const Refusal& refusal) {
         if (records.size() == 1)
             throw;
-        throw Refusal(std::string(refusal.what()) + "; the last " + std::to_string(done) + " of " +
-                      std::to_string(records.size()) + " blocks were released");
+        throw Refusal(std::string(refusal.what()) + "; " +
+                      (done == 0 ? "nothing was released"
+                                 : "of " + std::to_string(records.size()) + " blocks the last " + std::to_string(done) +
+                                       " were released"));
     }
 }
 

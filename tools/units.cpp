@@ -72,12 +72,12 @@ std::string roundedBytes(std::uint64_t bytes)
 {
     std::size_t unit = 0;
     double value = static_cast<double>(bytes);
-    while (value >= 999.5 && unit + 1 < kUnits.size()) {
+    while (value >= 1023.5 && unit + 1 < kUnits.size()) {
         value /= 1024;
         ++unit;
     }
     std::array<char, 32> text;
-    std::snprintf(text.data(), text.size(), "%.3g %s", value, kUnits[unit]);
+    std::snprintf(text.data(), text.size(), value < 999.5 ? "%.3g %s" : "%.0f %s", value, kUnits[unit]);
     return text.data();
 }
 
