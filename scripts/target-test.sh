@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 work=build/target
 image=$work/image
 
-scripts/target-image.sh "$image" target-tests target-session
+scripts/target-image.sh "$image" target-tests target-session velmora-mm
 
 # What an installed system has beside it: the module for modprobe with its configuration.
 release=$(cat "$(scripts/target-kernel.sh)/release")
@@ -34,6 +34,11 @@ for seed in ${SEEDS:-1 2 3 4 5 6 7 8 11:3000 14:4000}; do
         "$image/sessions/random-$seed.txt" "$image/sessions/random-$seed.answers"
 done
 
+# The tool's commands as a user meets them: the same check as on the simulated controller.
+mkdir -p "$image/check/tool" "$image/check/support"
+cp tests/tool/check_commands.sh "$image/check/tool/"
+cp tests/support/program.sh "$image/check/support/"
+
 # Boots with the lines that stand on standard input and runs them; shows the console and keeps it in build/target/NAME.log.
 run() {
     {
@@ -54,6 +59,9 @@ session_lines() {
     for script in "$image"/sessions/*.txt; do
         session_lines "$(basename "$script" .txt)"
     done
+    echo "/bin/velmora-mm-load $AREA_TEXT /lib/velmora_mm.ko"
+    echo "/bin/sh /check/tool/check_commands.sh /dev/Velmora_MM /bin/velmora-mm"
+    echo "/bin/velmora-mm-load --unload"
 } | run tests
 
 # Once more with the system calls that the oldest kernels have, a log without times, an initial RAM disk that the

@@ -29,7 +29,7 @@ test-target:
 	@scripts/setup.sh build test target
 	@tests/target/old_kernel/check.sh build/target/old-kernel
 	@$(call preset,x86) --target velmora-mm
-	@$(target-programs) target-init target-session target-tests
+	@$(target-programs) target-init target-session target-tests velmora-mm
 	@scripts/target-test.sh
 
 ## make target-demo  the print job through the real module, on the emulated controller  [DOC=file.pdf COPIES=3 TARGET_DPI=50]

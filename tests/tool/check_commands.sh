@@ -2,6 +2,7 @@
 # The commands that ask a device, on a device whose manager is loaded: a simulated controller's or a real one's. Whatever it
 # has of segments goes. Stands on what a small system has.
 #   check_commands.sh DEVICE COMMAND...    as --device takes it; the command that starts velmora-mm
+# shellcheck disable=SC2016 # names of fixed segments begin with $
 set -eu
 device=$1
 shift
