@@ -154,9 +154,8 @@ int DeviceCommand::run(const Words& words, std::ostream& out, std::ostream& erro
 std::string deviceNotes(const std::string& notes, const std::string& examples)
 {
     return notes + (notes.empty() ? "" : "\n") +
-           "exit status: 0 done, 1 refused, or something is wrong, 2 unusable arguments, 3 there is no device, or it "
-           "went\n"
-           "away\n\nexamples\n" +
+           "exit status: 0 done, 1 refused, or found wrong, 2 unusable arguments, 3 no device, or it went away\n\n"
+           "examples\n" +
            examples;
 }
 
