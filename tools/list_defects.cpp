@@ -152,9 +152,9 @@ private:
         const std::uint32_t next = chains_.nextOf(block), back = chains_.backOf(block);
         if (below == counts_.free && header.next == 0)
             tiers_[WholeList].push_back(oddRuns(block));
-        else if (below == counts_.free)
+        else if (below == counts_.free && (next == none_ || !chains_.linked(block, next)))
             suspect(BrokenLink, nextDefect(memory_, at, header.next, 0));
-        if (above == counts_.free && header.back != 0)
+        if (above == counts_.free && header.back != 0 && (back == none_ || !chains_.linked(back, block)))
             suspect(BrokenLink, backDefect(memory_, at, header.back, 0));
         if (below != 0 && next != none_ && header.next != 0 && chains_.fitsBelow(block, next) &&
             below + chains_.above(next) == counts_.free && !chains_.linked(block, next) && chains_.above(next) != 0)
