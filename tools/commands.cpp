@@ -24,6 +24,7 @@ std::span<const Command> commands()
         {"script", "runs a session script on a simulated controller", script},
         {"run", "runs a program that knows only /dev/Velmora_MM on a simulated controller", run},
         {"area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory", area},
+        {"verify", "checks what the manager keeps in managed memory", verify},
     };
     return kCommands;
 }

@@ -32,7 +32,8 @@ private:
     // A run that may stand in the list, the last one or one below the next.
     bool fits(std::uint32_t block, const Header& header) const
     {
-        if (header.size == 0 || header.size > counts_.largest || header.size > memory_.room(block))
+        if (header.size == 0 || header.size > counts_.largest.value_or(counts_.free) ||
+            header.size > memory_.room(block))
             return false;
         return header.next == 0 ||
                (header.next > memory_.endOf(block, header.size) && memory_.blockAt(header.next) != memory_.blocks());
@@ -60,7 +61,7 @@ private:
             if (header.back != runs.back().start || !fits(block, header))
                 return;
         }
-        if (free == counts_.free && largest == counts_.largest)
+        if (free == counts_.free && largest == counts_.largest.value_or(largest))
             lists_.push_back(std::move(runs));
     }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 #include <velmora/device.hpp>
@@ -13,8 +14,8 @@ namespace velmora::tools {
 
 // What the table knows of a segment's free memory.
 struct FreeCounts {
-    std::uint32_t free = 0;    // blocks
-    std::uint32_t largest = 0; // run, in blocks
+    std::uint32_t free = 0;               // blocks
+    std::optional<std::uint32_t> largest; // run, in blocks; none: not known
 };
 
 // Every list that could be the segment's: it begins at a block whose header has none before it, is linked both ways in the
