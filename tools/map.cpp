@@ -1,10 +1,10 @@
 #include "commands.hpp"
 
 #include <algorithm>
-#include <cstdlib>
 #include <ctime>
 
 #include "device_command.hpp"
+#include "kernel_log.hpp"
 #include "map_page.hpp"
 #include "map_text.hpp"
 #include "memory_map.hpp"
@@ -24,16 +24,15 @@ one owner, a small one where others' or free ones are among them, a dot for free
 )";
 
 constexpr const char* kNotes =
-    R"(What lies in the heap, and which memory nobody has, no table shows. Where allocated blocks cannot be told from free ones
-(no owner map, no stack) a segment's counters are shown, and why. Others go on working meanwhile: each segment is one
-moment, the whole is not.
+    R"(Others go on working meanwhile: each segment is one moment, the whole is not. Where allocated blocks cannot be told
+from free ones, a segment's counters are shown, and why. No command shows the heap: the manager is asked to print it on
+the kernel log and the log is read, where it can be (--no-heap leaves both alone). Its pieces and how much of each is
+free are known, its owners are not.
+)";
 
-exit status: 0 done, 1 refused, or the page could not be written, 2 unusable arguments, 3 no device
-
-examples
-  velmora-mm map
-  velmora-mm map --device unix:/tmp/mm.sock --html map.html
-  velmora-mm map --device /dev/Velmora_MM --area d0000000-d9000000 --color always | less -R
+constexpr const char* kExamples = R"(  velmora-mm map
+  velmora-mm map --html map.html --device unix:/tmp/mm.sock
+  velmora-mm map --area d0000000-d9000000 --color always | less -R
 )";
 
 struct Options {
@@ -42,7 +41,7 @@ struct Options {
     std::string colour = "auto";
     std::optional<unsigned> width;
     unsigned rows = 4;
-    bool json = false;
+    bool json = false, noHeap = false;
 };
 
 unsigned numberWithin(const std::string& text, unsigned least, unsigned most, const char* option)
@@ -61,7 +60,8 @@ void describe(CLI::App& app, Options& options)
     };
     app.add_option("--html", options.page, "writes a page to zoom and point at, instead of the picture")
         ->type_name("FILE");
-    app.add_flag("--json", options.json, "the same for programs, see docs/json.md")->excludes("--html");
+    addJson(app, options.json)->excludes("--html");
+    app.add_flag("--no-heap", options.noHeap, "leave the heap out, and the kernel log alone");
     option("--area", "START-END", "the module's parameter bigphysarea; default: what a simulated controller says",
            [&](const std::string& text) { options.area = areaOfParameter(text); });
     app.add_option("--color", options.colour, "auto, always or never; auto: on a terminal, without $NO_COLOR")
@@ -87,15 +87,6 @@ MapStyle styleOf(const Options& options, const std::ostream& out)
     return style;
 }
 
-// As openNode() finds it.
-std::string nameOfDevice(const std::string& option)
-{
-    const char* const chosen = std::getenv("VELMORA_MM_DEVICE");
-    if (!option.empty())
-        return option;
-    return chosen != nullptr && *chosen != 0 ? chosen : "/dev/Velmora_MM";
-}
-
 // This moment, as a page says when it was made.
 std::string now()
 {
@@ -109,15 +100,16 @@ std::string now()
 int map(const Words& words, std::ostream& out, std::ostream& errors)
 {
     Options options;
-    DeviceCommand command("map", kDescription, kNotes);
+    DeviceCommand command("map", kDescription, deviceNotes(kNotes, kExamples));
     describe(command.app(), options);
     return command.run(words, out, errors, [&](Device& device) {
-        const std::string name = nameOfDevice(command.device());
-        const MemoryMap map = readMap(device, name, options.area ? options.area : areaOf(name));
+        const std::string name = deviceName(command.device());
+        const Heap heap = options.noHeap ? Heap{{}, "it was not asked for"} : readHeap(device, name);
+        const MemoryMap map = readMap(device, name, options.area ? options.area : areaOf(name), heap);
         if (!options.page.empty())
             writeWholeFile(options.page, mapPage(map, now()));
         else if (options.json)
-            out << mapListing(map).dump() << "\n";
+            printListing(out, mapListing(map));
         else
             out << mapText(map, styleOf(options, out));
         return kDone;

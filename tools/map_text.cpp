@@ -137,6 +137,7 @@ private:
     void drawArea();
     std::vector<Cell> areaCells(std::uint64_t bytesOfCell) const;
     void sayStretch(const Stretch& stretch);
+    std::string meaningOf(const Stretch& stretch) const;
     void drawSegment(const Picture& segment);
     void sayFree(const Picture& segment);
     void drawUse(const Picture& segment);
@@ -164,6 +165,8 @@ void Drawing::drawArea()
     drawRows(areaCells(scale), map_.area.start, scale);
     for (const Stretch& stretch : map_.stretches)
         sayStretch(stretch);
+    if (!map_.heapUnknown.empty())
+        say("The heap is not shown: " + map_.heapUnknown);
     if (!map_.areaIsKnown)
         say("The device does not say where the area ends: --area names the module's parameter.");
 }
@@ -193,15 +196,21 @@ std::vector<Cell> Drawing::areaCells(std::uint64_t bytesOfCell) const
 
 void Drawing::sayStretch(const Stretch& stretch)
 {
-    std::string what = "not shown by any table: the heap's, or nobody's";
-    if (stretch.kind == Stretch::Kind::Segment)
-        what = "segment " + std::to_string(stretch.handle);
-    else if (stretch.kind == Stretch::Kind::Row)
-        what = "kept for a fixed segment that nobody created";
     std::string name = shownName(stretch.name), bytes = roundedBytes(stretch.end - stretch.start);
     name.resize(std::max<std::size_t>(name.size(), 4), ' ');
     bytes.insert(0, bytes.size() < 8 ? 8 - bytes.size() : 0, ' ');
-    say(addressText(stretch.start) + "  " + name + "  " + bytes + "  " + what);
+    say(addressText(stretch.start) + "  " + name + "  " + bytes + "  " + meaningOf(stretch));
+}
+
+std::string Drawing::meaningOf(const Stretch& stretch) const
+{
+    switch (stretch.kind) {
+    case Stretch::Kind::Segment: return "segment " + std::to_string(stretch.handle);
+    case Stretch::Kind::Row: return "kept for a fixed segment that nobody created";
+    case Stretch::Kind::Heap: return "a piece of the heap, " + roundedBytes(stretch.free) + " free";
+    case Stretch::Kind::Unknown: break;
+    }
+    return map_.heapUnknown.empty() ? "no segment's" : "not shown by any table: the heap's, or nobody's";
 }
 
 void Drawing::drawSegment(const Picture& segment)

@@ -53,6 +53,16 @@ void addRows(Device& device, std::vector<Stretch>& stretches)
     }
 }
 
+void addHeap(const Heap& heap, std::vector<Stretch>& stretches)
+{
+    for (const HeapPiece& piece : heap.pieces)
+        stretches.push_back({.kind = Stretch::Kind::Heap,
+                             .start = piece.start,
+                             .end = piece.end,
+                             .name = "heap",
+                             .free = std::uint64_t(piece.freeBlocks) * piece.blockBytes});
+}
+
 // What the tables show, and between it what they do not. The parts of a damaged table that overlap show the lower one.
 std::vector<Stretch> wholeArea(std::vector<Stretch> shown, const Area& area)
 {
@@ -99,6 +109,7 @@ const char* nameOfKind(Stretch::Kind kind)
     switch (kind) {
     case Stretch::Kind::Segment: return "segment";
     case Stretch::Kind::Row: return "row";
+    case Stretch::Kind::Heap: return "heap";
     case Stretch::Kind::Unknown: break;
     }
     return "unknown";
@@ -112,6 +123,8 @@ Json stretchFields(const Stretch& stretch)
         fields["name"] = shownName(stretch.name);
     if (stretch.kind == Stretch::Kind::Segment)
         fields["handle"] = stretch.handle;
+    if (stretch.kind == Stretch::Kind::Heap)
+        fields["freeBytes"] = stretch.free;
     return fields;
 }
 
@@ -125,13 +138,12 @@ Json segmentFields(const Picture& segment)
     Json fields = {{"handle", segment.handle},
                    {"name", shownName(segment.name())},
                    {"start", addressText(segment.entry.pubStartAddr)},
-                   {"bytes_of_block", segment.stride()},
+                   {"strideBytes", segment.stride()},
                    {"blocks", segment.entry.ulTotalBlkNum},
-                   {"free", segment.entry.ulTotalFreeBlkNum},
-                   {"longest", segment.entry.ulLargestBlkSize},
+                   {"freeBlocks", segment.entry.ulTotalFreeBlkNum},
+                   {"longestRun", segment.entry.ulLargestBlkSize},
                    {"runs", std::move(runs)}};
-    if (!segment.unknown.empty())
-        fields["unknown"] = segment.unknown;
+    fields["unknown"] = segment.unknown.empty() ? Json() : Json(segment.unknown);
     return fields;
 }
 
@@ -171,13 +183,15 @@ std::optional<Area> areaOf(const std::string& device)
     return bytes == sizeof status ? std::optional(Area{status.areaStart, status.areaEnd}) : std::nullopt;
 }
 
-MemoryMap readMap(Device& device, const std::string& name, std::optional<Area> area)
+MemoryMap readMap(Device& device, const std::string& name, std::optional<Area> area, const Heap& heap)
 {
     MemoryMap map;
     map.device = name;
     map.segments = pictures(device);
     std::vector<Stretch> shown = segmentStretches(map.segments);
     addRows(device, shown);
+    addHeap(heap, shown);
+    map.heapUnknown = heap.unknown;
     map.areaIsKnown = area.has_value();
     map.area = area ? *area : reachOf(shown);
     map.stretches = wholeArea(std::move(shown), map.area);
@@ -191,6 +205,7 @@ Json mapListing(const MemoryMap& map)
     fields["device"] = shownName(map.device);
     fields["area"] = {
         {"start", addressText(map.area.start)}, {"end", addressText(map.area.end)}, {"known", map.areaIsKnown}};
+    fields["heapUnknown"] = map.heapUnknown.empty() ? Json() : Json(map.heapUnknown);
     fields["stretches"] = Json::array();
     for (const Stretch& stretch : map.stretches)
         fields["stretches"].push_back(stretchFields(stretch));

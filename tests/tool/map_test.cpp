@@ -46,6 +46,7 @@ TEST(MapText, ASmallAreaIsDrawnBlockByBlockIn80Columns)
               "0x95101000           5 KiB  not shown by any table: the heap's, or nobody's\n"
               "0x95102400  PAGE    64 KiB  segment 5\n"
               "0x95112400          55 KiB  not shown by any table: the heap's, or nobody's\n"
+              "The heap is not shown: it was not asked for\n"
               "\n"
               "PAGE, segment 5: 63 KiB in 126 blocks of 512 B\n"
               " 62 free (31 KiB) in 2 runs, the longest 60 (30 KiB)\n"
@@ -138,6 +139,17 @@ TEST(MapText, WhatIsNotStartedIsSaid)
     EXPECT_EQ(mapText(map, {}), "unix:/x: no table shows anything: the library was not started\n");
 }
 
+TEST(MapText, OfTheHeapItHasThePiecesOrWhyNot)
+{
+    tools::MemoryMap map = smallMap();
+    map.heapUnknown.clear();
+    map.stretches[3] = {.kind = Kind::Heap, .start = 0x95112400, .end = 0x95120000, .name = "heap", .free = 0x4000};
+    const std::string text = mapText(map, {.columns = 80});
+    EXPECT_NE(text.find("----*heap-----------------------|\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("0x95101000           5 KiB  no segment's\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("0x95112400  heap    55 KiB  a piece of the heap, 16 KiB free\n"), std::string::npos) << text;
+}
+
 TEST(MapText, NamesDoNotReachTheTerminalAsTheyAre)
 {
     tools::MemoryMap map = smallMap();
@@ -197,7 +209,7 @@ protected:
         device_.emplace(sim::openDevice());
     }
     Device& device() { return *device_; }
-    tools::MemoryMap map() { return tools::readMap(device(), "here", tools::Area{0x95100000, 0x9DF00000}); }
+    tools::MemoryMap map() { return tools::readMap(device(), "here", tools::Area{0x95100000, 0x9DF00000}, {}); }
 
 private:
     std::optional<Device> device_;
@@ -208,7 +220,7 @@ TEST_F(MapOfDevice, BeforeTheStartNothingIsShown)
     const tools::MemoryMap map = this->map();
     ASSERT_EQ(map.stretches.size(), 1U);
     EXPECT_EQ(map.stretches[0].kind, Kind::Unknown);
-    EXPECT_EQ(tools::readMap(device(), "here", std::nullopt).stretches.size(), 0U);
+    EXPECT_EQ(tools::readMap(device(), "here", std::nullopt, {}).stretches.size(), 0U);
 }
 
 TEST_F(MapOfDevice, StretchesCoverTheAreaAndSayWhoHasThem)

@@ -43,7 +43,8 @@ inline tools::MemoryMap smallMap()
                           {Kind::Segment, 0x95102400, 0x95112400, "PAGE", 5},
                           {Kind::Unknown, 0x95112400, 0x95120000}},
             .segments = {smallSegment()},
-            .holdings = {{kNobody, 2048}, {Owner{3}, 5120}, {Owner{5}, 25600}}};
+            .holdings = {{kNobody, 2048}, {Owner{3}, 5120}, {Owner{5}, 25600}},
+            .heapUnknown = "it was not asked for"};
 }
 
 // 128 MiB in blocks of 256 bytes: single blocks of the owners 1 to 60, free ones between them, and one long free run.
