@@ -23,6 +23,7 @@ std::span<const Command> commands()
         {"log", "follows the kernel log", followLog},
         {"script", "runs a session script on a simulated controller", script},
         {"run", "runs a program that knows only /dev/Velmora_MM on a simulated controller", run},
+        {"map", "memory as it is now: segments to scale, free runs, owners; a page to zoom", map},
         {"area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory", area},
         {"verify", "checks what the manager keeps in managed memory", verify},
     };

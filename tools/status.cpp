@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "device_command.hpp"
+#include "heap.hpp"
 #include "kernel_log.hpp"
 #include "picture.hpp"
 #include "table.hpp"
@@ -56,37 +57,17 @@ Use useOf(const Picture& picture)
     return use;
 }
 
-// The heap as far as the log shows it.
-struct Heap {
-    std::vector<HeapPiece> pieces; // none: it was not created
-    std::string unknown;           // why nothing is known; empty where it is
-
-    Use use() const
-    {
-        Use sum;
-        for (const HeapPiece& piece : pieces) {
-            const std::uint64_t block = piece.blockBytes;
-            sum.total += piece.blocks * block;
-            sum.free += piece.freeBlocks * block;
-            sum.largest = piece.longestRun * block;
-        }
-        sum.used = sum.total - sum.free;
-        return sum;
-    }
-};
-
-Heap readHeap(Device& device, const std::string& name)
+Use useOf(const Heap& heap)
 {
-    try {
-        KernelLog log(name);
-        log.take();
-        device.display(MM_HEAPHANDLE);
-        return {heapPieces(log.take()), ""};
-    } catch (const ConnectionError&) {
-        throw;
-    } catch (const std::runtime_error& error) {
-        return {{}, error.what()};
+    Use sum;
+    for (const HeapPiece& piece : heap.pieces) {
+        const std::uint64_t block = piece.blockBytes;
+        sum.total += piece.blocks * block;
+        sum.free += piece.freeBlocks * block;
+        sum.largest = piece.longestRun * block;
     }
+    sum.used = sum.total - sum.free;
+    return sum;
 }
 
 void addRow(Table& table, const std::string& name, std::uint32_t handle, const Use& use)
@@ -103,7 +84,7 @@ void printTable(std::ostream& out, const std::vector<Picture>& segments, const s
     for (const Picture& picture : segments)
         addRow(table, shownName(picture.name()), picture.handle, useOf(picture));
     if (heap && !heap->pieces.empty())
-        addRow(table, "heap", MM_HEAPHANDLE, heap->use());
+        addRow(table, "heap", MM_HEAPHANDLE, useOf(*heap));
     if (table.empty())
         out << "There are no segments: the library was not started, or none was created.\n";
     else
@@ -145,7 +126,7 @@ Json heapJson(const Heap& heap)
     if (heap.pieces.empty())
         return nullptr;
     Json json{{"blockBytes", heap.pieces.front().blockBytes}};
-    json.update(useJson(heap.use()));
+    json.update(useJson(useOf(heap)));
     json["pieces"] = Json::array();
     for (const HeapPiece& piece : heap.pieces)
         json["pieces"].push_back({{"start", addressText(piece.start)},
