@@ -10,6 +10,7 @@ std::span<const Command> commands()
         {"script", "runs a session script on a simulated controller", script},
         {"run", "runs a program that knows only /dev/Velmora_MM on a simulated controller", run},
         {"area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory", area},
+        {"explain", "what the manager's messages in a kernel log mean", explain},
     };
     return kCommands;
 }

@@ -12,6 +12,7 @@ int owners(const Words& words, std::ostream& out, std::ostream& errors);
 int script(const Words& words, std::ostream& out, std::ostream& errors);
 int run(const Words& words, std::ostream& out, std::ostream& errors);
 int area(const Words& words, std::ostream& out, std::ostream& errors);
+int explain(const Words& words, std::ostream& out, std::ostream& errors);
 
 // All of them, in the order of the overview.
 std::span<const Command> commands();
