@@ -26,6 +26,7 @@ std::span<const Command> commands()
         {"map", "memory as it is now: segments to scale, free runs, owners; a page to zoom", map},
         {"area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory", area},
         {"verify", "checks what the manager keeps in managed memory", verify},
+        {"explain", "what the manager's messages in a kernel log mean", explain},
     };
     return kCommands;
 }

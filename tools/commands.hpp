@@ -28,6 +28,7 @@ int run(const Words& words, std::ostream& out, std::ostream& errors);
 int area(const Words& words, std::ostream& out, std::ostream& errors);
 int verify(const Words& words, std::ostream& out, std::ostream& errors);
 int map(const Words& words, std::ostream& out, std::ostream& errors);
+int explain(const Words& words, std::ostream& out, std::ostream& errors);
 
 // All of them, in the order of the overview.
 std::span<const Command> commands();

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
-extern const char* const kMapPageTemplate; // tools/map_page.html
+#include "embedded_pages.hpp"
 
 namespace velmora::tools {
 
@@ -40,7 +40,7 @@ void fillIn(std::string& page, std::string_view place, const std::string& text)
 
 std::string mapPage(const MemoryMap& map, const std::string& when)
 {
-    std::string page = kMapPageTemplate;
+    std::string page(kMapPage);
     fillIn(page, "{{when}}", forPage(when));
     fillIn(page, "{{listing}}", forScript(mapListing(map).dump()));
     return page;
