@@ -9,7 +9,7 @@
 
 namespace velmora::tools {
 
-class ControllerWatch
+class [[gnu::visibility("hidden")]] ControllerWatch // as the connection is
 {
 public:
     // Throws std::runtime_error with a sentence when there is no controller.
@@ -20,9 +20,15 @@ public:
     }
     ControllerWatch(const ControllerWatch&) = delete;
     ControllerWatch& operator=(const ControllerWatch&) = delete;
-    ~ControllerWatch() { socket_client::disconnect(connection_); }
+    ~ControllerWatch()
+    {
+        socket_client::disconnect(connection_);
+    }
 
-    int descriptor() const { return connection_.descriptor; } // -1 once the controller is gone
+    int descriptor() const
+    {
+        return connection_.descriptor;
+    } // -1 once the controller is gone
     // After the descriptor can be read: why the controller is gone; empty while it is not.
     std::string report()
     {

@@ -370,24 +370,34 @@ const Form* formOf(std::string_view name)
     return form == std::end(kForms) ? nullptr : form;
 }
 
-// Where a word of a line belongs.
-void takeWord(NamedLine& line, const std::string& word)
+// Where a word of a line belongs: the flag of that name, the field of its key, or the address.
+std::optional<std::size_t> placeOf(const Form& form, const std::string& word)
 {
     const std::size_t sign = word.find('=');
     const std::string key = sign == word.npos ? "" : word.substr(0, sign);
-    for (std::size_t at = 0; at < line.values.size(); ++at) {
-        const Field& field = line.form->fields[at];
-        const bool flag = field.kind == Kind::Flag && word == field.key;
-        if (!flag && (field.key != key || field.kind == Kind::Flag))
-            continue;
-        if (!line.values[at].empty())
-            throw SyntaxError("'" + word + "' is said a second time");
-        line.values[at] = field.key.empty() || flag ? word : word.substr(sign + 1);
-        if (line.values[at].empty())
-            throw SyntaxError("'" + word + "' says nothing");
-        return;
+    std::optional<std::size_t> place;
+    for (std::size_t at = 0; at < form.fields.size(); ++at) {
+        const Field& field = form.fields[at];
+        if (field.kind == Kind::Flag && field.key == word)
+            return at;
+        if (field.kind != Kind::Flag && field.key == key && !place)
+            place = at;
     }
-    throw SyntaxError("'" + word + "' is not understood: " + wordsTaken(*line.form));
+    return place;
+}
+
+void takeWord(NamedLine& line, const std::string& word)
+{
+    const auto place = placeOf(*line.form, word);
+    if (!place)
+        throw SyntaxError("'" + word + "' is not understood: " + wordsTaken(*line.form));
+    const Field& field = line.form->fields[*place];
+    const bool bare = field.key.empty() || field.kind == Kind::Flag;
+    if (!line.values[*place].empty())
+        throw SyntaxError("'" + word + "' is said a second time");
+    line.values[*place] = bare ? word : word.substr(field.key.size() + 1);
+    if (line.values[*place].empty())
+        throw SyntaxError("'" + word + "' says nothing");
 }
 
 } // namespace
