@@ -290,7 +290,7 @@ const std::map<std::string, Answer (*)(Arguments&), std::less<>> commands = {
     {"fill", fill},         {"crc", checksum},  {"locks", locks},        {"dump", dump},
 };
 
-Answer runLine(std::vector<Word> words)
+Answer runWords(std::vector<Word> words)
 {
     const Word first = words.front();
     const auto command = first.kind == Word::Kind::Plain ? commands.find(first.text) : commands.end();
@@ -303,25 +303,36 @@ Answer runLine(std::vector<Word> words)
 
 } // namespace
 
+SessionReply runSessionLine(std::vector<Word> words)
+{
+    Answer answer = runWords(std::move(words));
+    return {machine().takeLog(), std::move(answer.text), answer.closes};
+}
+
+void writeReply(std::ostream& out, const SessionReply& reply)
+{
+    for (const std::string& message : reply.log)
+        out << "log \"" << escaped(message) << "\"\n";
+    out << reply.text << std::endl;
+}
+
 SessionEnd runSession(std::istream& script, std::ostream& answers)
 {
     powerOn();
     std::string line;
     for (unsigned number = 1; std::getline(script, line); ++number) {
-        Answer answer;
+        SessionReply reply;
         try {
             std::vector<Word> words = splitLine(line);
             if (words.empty())
                 continue;
-            answer = runLine(std::move(words));
+            reply = runSessionLine(std::move(words));
         } catch (const SyntaxError& error) {
             answers << "! line " << number << ": " << error.what() << std::endl;
             return SessionEnd::NotUnderstood;
         }
-        for (const std::string& message : machine().takeLog())
-            answers << "log \"" << escaped(message) << "\"\n";
-        answers << answer.text << std::endl;
-        if (answer.closes)
+        writeReply(answers, reply);
+        if (reply.closes)
             return SessionEnd::Closed;
     }
     return SessionEnd::Understood;

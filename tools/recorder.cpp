@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
+#include <fstream>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/socket.h>
@@ -14,8 +15,8 @@
 #include <utility>
 #include <vector>
 
-#include "lib/command_records.hpp"
 #include "lib/descriptor_message.hpp"
+#include "lib/socket_client.hpp"
 
 namespace velmora::tools {
 
@@ -23,42 +24,14 @@ using namespace protocol;
 
 namespace {
 
-constexpr std::uint32_t kScratchEnd = kUserMemory + 0x10000;
+constexpr std::uint32_t kPageBytes = 4096;
+constexpr std::uint32_t kScriptRam = 256U << 20;
 constexpr int kPatienceSeconds = 10; // for a program that does not read
 
-std::string number(std::uint32_t value)
+std::vector<std::uint8_t> bytesOf(std::span<const std::byte> bytes)
 {
-    std::array<char, 16> text;
-    std::snprintf(text.data(), text.size(), "0x%x", value);
-    return text.data();
-}
-
-std::string hex(std::span<const std::byte> bytes)
-{
-    std::string text;
-    for (const std::byte byte : bytes) {
-        std::array<char, 3> digits;
-        std::snprintf(digits.data(), digits.size(), "%02x", std::to_integer<unsigned>(byte));
-        text += digits.data();
-    }
-    return text;
-}
-
-std::string commandLines(const Command& request, std::span<const std::byte> user)
-{
-    const CommandRecord record = recordOf(request.number);
-    const std::string command = "ioctl " + number(request.number) + " ";
-    if (user.size() >= record.bytes && record.bytes != 0) {
-        const bool lost = record.comesBack && request.writable < record.bytes;
-        return (lost ? "# the caller had no write permission for this record:\n" : "") + command + "{" +
-               hex(user.first(record.bytes)) + "}\n";
-    }
-    if (!user.empty() && record.bytes != 0) {
-        const std::string address = number(kScratchEnd - static_cast<std::uint32_t>(user.size()));
-        return "poke " + address + " " + hex(user) + "\n" + command + address + "\n";
-    }
-    const bool exists = request.address >= kUserMemory && request.address < kScratchEnd;
-    return command + number(exists ? kScratchEnd : request.address) + "\n";
+    const auto* const first = reinterpret_cast<const std::uint8_t*>(bytes.data());
+    return {first, first + bytes.size()};
 }
 
 [[noreturn]] void fail(const std::string& what)
@@ -70,8 +43,24 @@ sockaddr_un addressOf(const std::string& path)
 {
     sockaddr_un address = {};
     address.sun_family = AF_UNIX;
-    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (path.size() >= sizeof address.sun_path)
+        throw std::runtime_error("the socket's name '" + path + "' must have at most " +
+                                 std::to_string(sizeof address.sun_path - 1) + " characters");
+    path.copy(address.sun_path, path.size());
     return address;
+}
+
+StatusAnswer statusOf(const std::string& controller)
+{
+    socket_client::Connection connection;
+    Status request{};
+    request.header.kind = Kind::Status;
+    StatusAnswer answer{};
+    if (socket_client::connectTo(connection, controller.c_str()) != 0 ||
+        socket_client::transact(connection, &request, sizeof request, &answer, sizeof answer) < 0)
+        throw std::runtime_error(connection.report);
+    socket_client::disconnect(connection);
+    return answer;
 }
 
 // A packet with at most one descriptor, for passing it on. bytes as of recvmsg().
@@ -116,50 +105,96 @@ struct Packet {
 
 } // namespace
 
-std::string scriptLines(std::span<const std::byte> request)
+std::optional<Asked> askedIn(std::span<const std::byte> packet)
 {
     const auto is = [&](Kind kind, std::size_t bytes) {
         Header header;
-        if (request.size() < bytes)
+        if (packet.size() < bytes)
             return false;
-        std::memcpy(&header, request.data(), sizeof header);
+        std::memcpy(&header, packet.data(), sizeof header);
         return header.magic == kMagic && header.version == kVersion && header.kind == kind;
     };
     if (is(Kind::Command, sizeof(Command))) {
         Command command;
-        std::memcpy(&command, request.data(), sizeof command);
-        const auto user = request.subspan(sizeof command);
-        return user.size() == command.bytes && user.size() <= kMostUserBytes ? commandLines(command, user) : "";
+        std::memcpy(&command, packet.data(), sizeof command);
+        const auto user = packet.subspan(sizeof command);
+        if (user.size() != command.bytes || user.size() > kMostUserBytes)
+            return std::nullopt;
+        return Asked{{command.number, bytesOf(user)}, command.address, command.writable};
     }
     if (is(Kind::Map, sizeof(Map))) {
         Map map;
-        std::memcpy(&map, request.data(), sizeof map);
-        if (map.bytes == 0)
-            return "";
-        return "mmap " + number(map.pageOffset << 12) + " " + number(map.bytes) +
-               ((map.flags & kSync) != 0 ? " sync\n" : "\n");
+        std::memcpy(&map, packet.data(), sizeof map);
+        if (map.bytes == 0 || map.bytes % kPageBytes != 0) // the kernel does not hand it on
+            return std::nullopt;
+        const MappingRecord record = {map.pageOffset * kPageBytes, map.bytes, std::uint8_t((map.flags & kSync) != 0)};
+        return Asked{{kMapping, bytesOf(std::as_bytes(std::span(&record, 1)))}, 0, 0};
     }
-    return "";
+    return std::nullopt;
 }
 
-Recorder::Recorder(const std::string& file, const std::string& controller, const std::string& beginning)
-    : name_(file), controller_(controller)
+std::optional<Answer> answerIn(std::span<const std::byte> packet)
 {
+    Header header;
+    if (packet.size() < sizeof header)
+        return std::nullopt;
+    std::memcpy(&header, packet.data(), sizeof header);
+    if (header.kind == Kind::Map)
+        return Answer{header.result, {}};
+    if (header.kind != Kind::Command || packet.size() < sizeof(CommandAnswer))
+        return std::nullopt;
+    return Answer{header.result, bytesOf(packet.subspan(sizeof(CommandAnswer)))};
+}
+
+Recorder::Recorder(const std::string& file, const std::string& controller, const std::string& socket)
+    : name_(file), controller_(controller), socket_(socket)
+{
+    const std::string beginning = this->beginning();
     file_ = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (file_ < 0)
         fail("cannot record into " + file);
+    if (socket_.empty())
+        makeFolder();
+    const sockaddr_un address = addressOf(socket_);
+    listening_ = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    bound_ = listening_ >= 0 && bind(listening_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    if (!bound_ || listen(listening_, SOMAXCONN) != 0 || pipe2(end_, O_CLOEXEC) != 0) {
+        const int error = errno;
+        unmakeFolder();
+        errno = error;
+        fail("cannot listen at " + socket_);
+    }
+    write(beginning);
+    thread_ = std::thread([this] { serve(); });
+}
+
+// What stands in front of the first request.
+std::string Recorder::beginning()
+{
+    const StatusAnswer status = statusOf(controller_);
+    std::string text = RecordingWriter::beginning(status.areaStart, status.areaEnd);
+    if (status.ramBytes != kScriptRam)
+        text += "# The controller had " + std::to_string(status.ramBytes >> 10) + " KiB of RAM, a script's has " +
+                std::to_string(kScriptRam >> 10) + ".\n";
+    Device device(openNode("unix:" + controller_));
+    return text + writer_.state(device);
+}
+
+void Recorder::makeFolder()
+{
     const char* const parent = std::getenv("TMPDIR");
     folder_ = std::string(parent != nullptr && *parent == '/' ? parent : "/tmp") + "/velmora-mm-XXXXXX";
     if (mkdtemp(folder_.data()) == nullptr)
         fail("cannot make the folder " + folder_);
     socket_ = folder_ + "/recorder.sock";
-    const sockaddr_un address = addressOf(socket_);
-    listening_ = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (listening_ < 0 || bind(listening_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-        listen(listening_, SOMAXCONN) != 0 || pipe2(end_, O_CLOEXEC) != 0)
-        fail("cannot listen at " + socket_);
-    write(beginning);
-    thread_ = std::thread([this] { serve(); });
+}
+
+void Recorder::unmakeFolder()
+{
+    if (bound_)
+        unlink(socket_.c_str());
+    if (!folder_.empty())
+        rmdir(folder_.c_str());
 }
 
 Recorder::~Recorder()
@@ -171,14 +206,14 @@ Recorder::~Recorder()
     for (const int descriptor : {file_, listening_, end_[0], end_[1]})
         if (descriptor >= 0)
             close(descriptor);
-    unlink(socket_.c_str());
-    rmdir(folder_.c_str());
+    unmakeFolder();
 }
 
 void Recorder::finish()
 {
     close(std::exchange(end_[1], -1));
     thread_.join();
+    write(RecordingWriter::end());
     if (close(std::exchange(file_, -1)) != 0 && writeError_ == 0)
         writeError_ = errno;
     errno = writeError_;
@@ -202,7 +237,7 @@ void Recorder::serve()
             if ((at++)->revents != 0)
                 ask(connection);
             if ((at++)->revents != 0 && !connection.gone)
-                answer(connection);
+                answer(connection, false);
         }
         if (waiting[1].revents != 0)
             accept();
@@ -235,6 +270,21 @@ void Recorder::accept()
     connections_.push_back({program, controller, !connected});
 }
 
+// Which process asks, where it is another one than before.
+void Recorder::writeAsker(const Connection& connection)
+{
+    ucred peer = {};
+    socklen_t bytes = sizeof peer;
+    getsockopt(connection.program, SOL_SOCKET, SO_PEERCRED, &peer, &bytes);
+    if (peer.pid == asker_)
+        return;
+    asker_ = peer.pid;
+    std::ifstream comm("/proc/" + std::to_string(peer.pid) + "/comm");
+    std::string name;
+    std::getline(comm, name);
+    write(RecordingWriter::asker(name, peer.pid));
+}
+
 // A request, and its answer before anybody else's turn comes.
 void Recorder::ask(Connection& connection)
 {
@@ -243,18 +293,27 @@ void Recorder::ask(Connection& connection)
         connection.gone = true;
         return;
     }
-    write(scriptLines(request.content()));
+    const auto asked = askedIn(request.content());
+    if (asked) {
+        writeAsker(connection);
+        write(writer_.asked(*asked));
+    }
     request.sendTo(connection.controller);
-    answer(connection);
+    answer(connection, asked.has_value());
 }
 
-void Recorder::answer(Connection& connection)
+void Recorder::answer(Connection& connection, bool recorded)
 {
     Packet answer(connection.controller);
-    if (answer.bytes <= 0)
+    if (answer.bytes <= 0) {
         connection.gone = true;
-    else
-        answer.sendTo(connection.program);
+        return;
+    }
+    if (recorded) {
+        const auto known = answerIn(answer.content());
+        write(known ? writer_.answered(*known) : "# The controller stopped.\n");
+    }
+    answer.sendTo(connection.program);
 }
 
 void Recorder::write(const std::string& text)

@@ -1,4 +1,4 @@
-// Stands between programs and a controller and writes down what they ask, as a session script that asks it again.
+// Stands between programs and a controller and writes down what they ask and are answered, as a recording (recording.hpp).
 //
 // Programs connect to the recorder's socket; each of their connections has one to the controller, and every message goes on
 // as it is. One request at a time goes to the controller, so the lines stand in the order in which it ran them, whoever
@@ -7,26 +7,29 @@
 
 #include <atomic>
 #include <list>
+#include <optional>
 #include <span>
 #include <string>
 #include <thread>
 
+#include <sys/types.h>
+
 #include "lib/socket_protocol.hpp"
+#include "recording.hpp"
 
 namespace velmora::tools {
 
-// A request as lines of a session script, each with its end; empty for requests that say nothing to the manager.
-//
-// A script has 64 KiB of user memory at 0x10000000: a record of which the caller had only the first bytes is put at the end
-// of it, so that its copy stops at the same byte.
-std::string scriptLines(std::span<const std::byte> request);
+// What a packet to a controller asks of the device; nullopt where it says nothing to the manager.
+std::optional<Asked> askedIn(std::span<const std::byte> packet);
+// The device's answer in a packet from the controller; nullopt where it is none.
+std::optional<Answer> answerIn(std::span<const std::byte> packet);
 
 class Recorder
 {
 public:
-    // controller: its socket. beginning: what stands in front of the first request. Throws std::runtime_error when the file or
-    // the socket cannot be made.
-    Recorder(const std::string& file, const std::string& controller, const std::string& beginning);
+    // controller: its socket. socket: where programs find the recorder; empty: in a folder of its own. What the controller
+    // has already comes first in the file. Throws std::runtime_error when the file or the socket cannot be made.
+    Recorder(const std::string& file, const std::string& controller, const std::string& socket = {});
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
     ~Recorder();
@@ -41,16 +44,23 @@ private:
         bool gone = false;
     };
 
+    void makeFolder();
+    void unmakeFolder();
+    std::string beginning();
     void serve();
     void accept();
     void ask(Connection& connection);
-    void answer(Connection& connection);
+    void answer(Connection& connection, bool recorded);
+    void writeAsker(const Connection& connection);
     void write(const std::string& text);
 
     std::string name_, controller_, folder_, socket_;
     int file_ = -1, listening_ = -1;
     int end_[2] = {-1, -1}; // a pipe
+    bool bound_ = false;
+    RecordingWriter writer_;
     std::list<Connection> connections_;
+    pid_t asker_ = -1; // the process that asked last
     std::atomic<int> writeError_ = 0;
     std::thread thread_;
 };

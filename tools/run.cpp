@@ -18,9 +18,8 @@
 #include <velmora/controller.hpp>
 
 #include "command_line.hpp"
+#include "controller_watch.hpp"
 #include "lib/argument_vector.hpp"
-#include "lib/socket_client.hpp"
-#include "lib/socket_protocol.hpp"
 #include "recorder.hpp"
 
 namespace velmora::tools {
@@ -36,7 +35,8 @@ velmora-controller is looked for beside velmora-mm, in PATH, and where it was in
 have the device as well. Programs that are linked statically or make system calls of their own are not reached;
 docs/unchanged-programs.md says what is.
 
---record FILE writes what the programs ask of the device, one line a command; 'velmora-mm script FILE' asks it again.
+--record FILE writes what the programs ask of the device and what they are answered, one line each; 'velmora-mm script
+FILE' asks it again and says which answers differ.
 
 exit status
   that of PROGRAM, or 128 and the number of the signal that ended it
@@ -90,56 +90,6 @@ std::string absolute(const std::string& path)
         return path;
     std::unique_ptr<char, decltype(&std::free)> folder(getcwd(nullptr, 0), std::free);
     return (folder ? std::string(folder.get()) : ".") + "/" + path;
-}
-
-// Watches the controller on a connection of its own: the end of it comes with a report.
-class Watch
-{
-public:
-    explicit Watch(const std::string& socket)
-    {
-        if (socket_client::connectTo(connection_, socket.c_str()) != 0)
-            throw std::runtime_error(connection_.report);
-    }
-    Watch(const Watch&) = delete;
-    Watch& operator=(const Watch&) = delete;
-    ~Watch() { socket_client::disconnect(connection_); }
-
-    protocol::StatusAnswer status()
-    {
-        protocol::Status request{};
-        request.header.kind = protocol::Kind::Status;
-        protocol::StatusAnswer answer{};
-        if (socket_client::transact(connection_, &request, sizeof request, &answer, sizeof answer) < 0)
-            throw std::runtime_error(connection_.report);
-        return answer;
-    }
-    int descriptor() const { return connection_.descriptor; } // -1 once the controller is gone
-    // After the descriptor can be read: why the controller is gone; empty while it is not.
-    std::string report()
-    {
-        char message[protocol::kMostMessageBytes];
-        return socket_client::receive(connection_, message, sizeof message, false) < 0 ? connection_.report : "";
-    }
-
-private:
-    socket_client::Connection connection_;
-};
-
-// What a record begins with: the same controller, as far as a script can have it.
-std::string recordBeginning(const protocol::StatusAnswer& status, bool ownController)
-{
-    constexpr std::uint32_t margin = 0x100000, scriptRam = 256U << 20;
-    std::string text =
-        "# What the programs of velmora-mm run asked of the device, in the order in which it was done.\n";
-    if (!ownController)
-        text += "# The controller was running before; what it had been asked until then is not here.\n";
-    if (status.ramBytes != scriptRam)
-        text += "# The controller had " + std::to_string(status.ramBytes >> 10) + " KiB of RAM, a script's has " +
-                std::to_string(scriptRam >> 10) + ".\n";
-    char load[64];
-    std::snprintf(load, sizeof load, "load \"%08x-%08x\"\n", status.areaStart - margin, status.areaEnd + margin);
-    return text + load;
 }
 
 // The signals that are passed on and the program's end, as something to read. From here on they no longer end this program.
@@ -204,7 +154,7 @@ int start(std::vector<std::string> words, const sigset_t& signals, pid_t& proces
 }
 
 // Waits for the program, passes signals on, and says when the controller is gone. Exit status of the program.
-int attend(pid_t program, const Signals& signals, Watch& watch, bool ownController, std::ostream& errors)
+int attend(pid_t program, const Signals& signals, ControllerWatch& watch, bool ownController, std::ostream& errors)
 {
     for (;;) {
         int status = 0;
@@ -231,11 +181,11 @@ int runWith(const Options& options, std::ostream& errors)
     if (ownController)
         controller.emplace();
     const std::string socket = ownController ? controller->socket() : absolute(options.controller);
-    Watch watch(socket);
+    ControllerWatch watch(socket);
     const Signals signals; // before the recorder's thread, which has none of them
     std::optional<Recorder> recorder;
     if (!options.record.empty())
-        recorder.emplace(options.record, socket, recordBeginning(watch.status(), ownController));
+        recorder.emplace(options.record, socket);
 
     setEnvironment(library, recorder ? recorder->socket() : socket);
     pid_t program = -1;
