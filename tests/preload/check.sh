@@ -7,6 +7,8 @@ controller_program=$2
 program_32=$3
 program_64=$4
 work=$(mktemp -d)
+mkdir "$work/temporary"
+export TMPDIR="$work/temporary" # where private controllers have their folders
 controller=
 trap '[ -z "$controller" ] || kill -9 "$controller" 2>/dev/null || :; rm -rf "$work"' EXIT
 
@@ -213,4 +215,4 @@ complains "velmora-mm run: cannot record into $work/none/record: No such file or
 ends 125 "$velmora_mm" run --record /dev/full -- "$program_64" answers
 complains 'velmora-mm run: cannot write the record /dev/full: No space left on device'
 end_controller
-[ -z "$(find "${TMPDIR:-/tmp}" -maxdepth 1 -name 'velmora-mm-*' -newer "$work" 2>/dev/null)" ] || fail 'folders are left'
+[ -z "$(ls "$TMPDIR")" ] || fail 'folders are left'
