@@ -12,8 +12,9 @@ for names in "" -DVELMORA_MM_PREFIXED_NAMES; do
     for standard in c++11 c++20; do
         g++-12 "$@" ${names:+"$names"} -std=$standard -x c++ "$header"
     done
-    g++-12 "$@" ${names:+"$names"} -std=c++20 -DVELMORA_MM_VERSION='"0"' lib/*.cpp
 done
+# The library needs the prefixed names only; with the others it is built for 64-bit programs anyway.
+g++-12 "$@" -DVELMORA_MM_PREFIXED_NAMES -std=c++20 -DVELMORA_MM_VERSION='"0"' lib/*.cpp
 gcc-12 "$@" -std=c89 -pedantic -x c lib/include/velmora/velmora.h
 g++-12 "$@" -std=c++11 -pedantic -x c++ lib/include/velmora/velmora.h
 for standard in gnu89 c11; do

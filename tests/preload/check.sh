@@ -7,6 +7,8 @@ controller_program=$2
 program_32=$3
 program_64=$4
 work=$(mktemp -d)
+mkdir "$work/temporary"
+export TMPDIR="$work/temporary" # where private controllers have their folders
 controller=
 trap '[ -z "$controller" ] || kill -9 "$controller" 2>/dev/null || :; rm -rf "$work"' EXIT
 
@@ -127,6 +129,22 @@ complains "VELMORA_CONTROLLER is $work/text, which cannot be run"
 VELMORA_CONTROLLER=/bin/true ends 125 "$velmora_mm" run -- true
 complains 'velmora-controller did not start'
 
+# A socket that is for others: of mode 0660, its owner's and his group's; for root, somebody else asks.
+start_controller "$work/others.sock"
+nobody=65534
+if [ "$(id -u)" -eq 0 ]; then
+    chmod 0711 "$work" # with copies, as he may not get to the programs here
+    mkdir "$work/bin"
+    cp "$velmora_mm" "$work/bin/"
+    cp -r "$(dirname "$velmora_mm")/../preload" "$work/"
+    ends 125 setpriv --reuid=$nobody --regid=$nobody --clear-groups "$work/bin/velmora-mm" run --controller "$work/others.sock" -- true
+else
+    chmod 0 "$work/others.sock"
+    ends 125 "$velmora_mm" run --controller "$work/others.sock" -- true
+fi
+complains "velmora-mm run: no permission to use the controller's socket $work/others.sock"
+end_controller
+
 # Programs of both kinds on one controller see each other's bytes.
 start_controller "$work/mm.sock"
 ends 0 "$velmora_mm" run --controller "$work/mm.sock" -- "$program_64" share 'from 64 bits'
@@ -209,4 +227,4 @@ complains "velmora-mm run: cannot record into $work/none/record: No such file or
 ends 125 "$velmora_mm" run --record /dev/full -- "$program_64" answers
 complains 'velmora-mm run: cannot write the record /dev/full: No space left on device'
 end_controller
-[ -z "$(find "${TMPDIR:-/tmp}" -maxdepth 1 -name 'velmora-mm-*' -newer "$work" 2>/dev/null)" ] || fail 'folders are left'
+[ -z "$(ls "$TMPDIR")" ] || fail 'folders are left'
