@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <optional>
 
+#include <nlohmann/json.hpp>
+
 #include "command_line.hpp"
 #include "device_command.hpp"
 #include "log_line.hpp"

@@ -1,6 +1,7 @@
 #include "commands.hpp"
 
 #include <iterator>
+#include <map>
 #include <ranges>
 #include <sstream>
 
@@ -22,8 +23,8 @@ wants it.
 
 constexpr const char* kNotes =
     R"(The manager believes what it is told, and a wrong release leaves a lock held, with which the controller stands
-still. So what the table, the owner map and the free runs say is compared first, and a release that they contradict
-is refused. In the heap, and where free runs cannot be told, there is less to compare.
+still. So what the table, the owner map and the free runs say is compared first, and where they contradict a release
+nothing is released. In the heap, and where free runs cannot be told, there is less to compare.
 )";
 
 constexpr const char* kExamples = R"(  velmora-mm free PAGE 0x95b00000 64K
@@ -48,24 +49,18 @@ std::vector<Record> parseRecords(const Words& words)
     return records;
 }
 
-void release(Device& device, const std::vector<Record>& records, std::optional<std::uint8_t> owner, bool force)
+// The last one first.
+std::vector<Release> releasesOf(Device& device, const std::vector<Record>& records)
 {
-    std::size_t done = 0;
-    try {
-        for (const Record& record : records | std::views::reverse) {
-            const SegmentEntry segment = findSegment(device, record.segment);
-            requireNone(objectionToRelease(device, segment, record.address, record.bytes, owner), force);
-            device.release(segment.handle, record.address, record.bytes);
-            ++done;
-        }
-    } catch (const Refusal& refusal) {
-        if (records.size() == 1)
-            throw;
-        throw Refusal(std::string(refusal.what()) + "; " +
-                      (done == 0 ? "nothing was released"
-                                 : "of " + std::to_string(records.size()) + " blocks the last " + std::to_string(done) +
-                                       " were released"));
+    std::map<std::string, SegmentEntry> found;
+    std::vector<Release> releases;
+    for (const Record& record : records | std::views::reverse) {
+        auto segment = found.find(record.segment);
+        if (segment == found.end())
+            segment = found.emplace(record.segment, findSegment(device, record.segment)).first;
+        releases.push_back({segment->second, record.address, record.bytes});
     }
+    return releases;
 }
 
 } // namespace
@@ -86,7 +81,10 @@ int freeBlocks(const Words& words, std::ostream& out, std::ostream& errors)
             if (blocks.empty())
                 return kDone;
         }
-        release(device, parseRecords(blocks), owner, force);
+        const std::vector<Release> releases = releasesOf(device, parseRecords(blocks));
+        requireNone(force ? "" : objectionToReleases(device, releases, owner), force);
+        for (const Release& release : releases)
+            device.release(release.segment.handle, release.start, release.bytes);
         return kDone;
     });
 }

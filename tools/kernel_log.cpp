@@ -28,11 +28,24 @@ constexpr std::size_t kRecordBytes = 8192; // the longest record of /dev/kmsg
                             std::string("the kernel log cannot be read: ") + std::strerror(error));
 }
 
-// Takes `open`, then bytes of `inside`, then `close` off the front of a line, if that is how it begins.
-std::string_view withoutFront(std::string_view line, char open, std::string_view inside, std::string_view close)
+// Takes `open`, then bytes of `inside`, a digit among them, then `close` off the front of a line, if that is how it begins.
+std::string_view withoutFront(std::string_view line, char open, std::string_view inside, char close)
 {
     const std::size_t end = line.starts_with(open) ? line.find_first_not_of(inside, 1) : line.npos;
-    return end != line.npos && end > 1 && line.substr(end).starts_with(close) ? line.substr(end + close.size()) : line;
+    const bool isFront =
+        end != line.npos && line[end] == close && line.substr(0, end).find_first_of("0123456789") != line.npos;
+    return isFront ? line.substr(end + 1) : line;
+}
+
+// A line without its level "<4>", its time "[   12.345678]" and its caller "[  T12]".
+std::string_view withoutFronts(std::string_view line)
+{
+    line = withoutFront(line, '<', "0123456789", '>');
+    std::string_view bare = withoutFront(line, '[', " .0123456789", ']');
+    if (bare.size() == line.size())
+        return line;
+    bare = withoutFront(bare, '[', "TC 0123456789", ']');
+    return bare.starts_with(' ') ? bare.substr(1) : bare;
 }
 
 // The kernel writes a byte that is no printable character as \xNN.
@@ -180,11 +193,7 @@ std::vector<std::string> logLines(const std::string& text)
     std::string_view rest = text;
     while (!rest.empty()) {
         const std::size_t end = rest.find('\n');
-        const std::string_view line = withoutFront(rest.substr(0, end), '<', "0123456789", ">");
-        std::string_view bare = withoutFront(line, '[', " .0123456789", "] ");
-        if (bare.size() != line.size())
-            bare = withoutFront(bare, '[', "TC 0123456789", "] ");
-        lines.emplace_back(bare);
+        lines.emplace_back(withoutFronts(rest.substr(0, end)));
         rest.remove_prefix(end == rest.npos ? rest.size() : end + 1);
     }
     return lines;

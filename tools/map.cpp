@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <ctime>
 
+#include <nlohmann/json.hpp>
+
 #include "device_command.hpp"
 #include "kernel_log.hpp"
 #include "map_page.hpp"
@@ -53,25 +55,29 @@ unsigned numberWithin(const std::string& text, unsigned least, unsigned most, co
     return *value;
 }
 
-void describe(CLI::App& app, Options& options)
+void describe(DeviceCommand& command, Options& options)
 {
-    const auto option = [&](const char* name, const char* type, const char* help, auto read) {
-        app.add_option_function<std::string>(name, read, help)->type_name(type);
-    };
-    app.add_option("--html", options.page, "writes a page to zoom and point at, instead of the picture")
-        ->type_name("FILE");
-    addJson(app, options.json)->excludes("--html");
-    app.add_flag("--no-heap", options.noHeap, "leave the heap out, and the kernel log alone");
-    option("--area", "START-END", "the module's parameter bigphysarea; default: what a simulated controller says",
-           [&](const std::string& text) { options.area = areaOfParameter(text); });
-    app.add_option("--color", options.colour, "auto, always or never; auto: on a terminal, without $NO_COLOR")
-        ->type_name("WHEN")
-        ->check([](const std::string& word) { return colourMistake(word); });
-    option("--width", "N", "columns; default: the terminal's, else 80", [&](const std::string& text) {
-        options.width = numberWithin(text, kLeastColumns, kMostColumns, "--width");
-    });
-    option("--rows", "N", "of a segment, at most; default 4",
-           [&](const std::string& text) { options.rows = numberWithin(text, 1, kMostRows, "--rows"); });
+    command.option("--html", "FILE", into(options.page), "writes a page to zoom and point at, instead of the picture");
+    command.jsonFlag(options.json);
+    command.flag("--no-heap", options.noHeap, "leave the heap out, and the kernel log alone");
+    command.option(
+        "--area", "START-END", [&](const std::string& text) { options.area = areaOfParameter(text); },
+        "the module's parameter bigphysarea; default: what a simulated controller says");
+    command.option(
+        "--color", "WHEN",
+        [&](const std::string& text) {
+            if (const std::string mistake = colourMistake(text); !mistake.empty())
+                throw UsageError(mistake);
+            options.colour = text;
+        },
+        "auto, always or never; auto: on a terminal, without $NO_COLOR");
+    command.option(
+        "--width", "N",
+        [&](const std::string& text) { options.width = numberWithin(text, kLeastColumns, kMostColumns, "--width"); },
+        "columns; default: the terminal's, else 80");
+    command.option(
+        "--rows", "N", [&](const std::string& text) { options.rows = numberWithin(text, 1, kMostRows, "--rows"); },
+        "of a segment, at most; default 4");
 }
 
 MapStyle styleOf(const Options& options, const std::ostream& out)
@@ -101,8 +107,10 @@ int map(const Words& words, std::ostream& out, std::ostream& errors)
 {
     Options options;
     DeviceCommand command("map", kDescription, deviceNotes(kNotes, kExamples));
-    describe(command.app(), options);
+    describe(command, options);
     return command.run(words, out, errors, [&](Device& device) {
+        if (options.json && !options.page.empty())
+            throw UsageError("either --json or --html, not both");
         const std::string name = deviceName(command.device());
         const Heap heap = options.noHeap ? Heap{{}, "it was not asked for"} : readHeap(device, name);
         const MemoryMap map = readMap(device, name, options.area ? options.area : areaOf(name), heap);

@@ -1,6 +1,7 @@
 #include "memory.hpp"
 
 #include <algorithm>
+#include <map>
 
 #include "picture.hpp"
 #include "rows.hpp"
@@ -31,12 +32,11 @@ bool contains(const Picture& picture, std::uint64_t address)
            address < entry.pubEndAddr;
 }
 
-std::optional<Picture> pictureAt(Device& device, MM_TAddr address)
+const Picture* pictureAt(const std::vector<Picture>& segments, MM_TAddr address)
 {
-    for (Picture& picture : pictures(device))
-        if (contains(picture, address))
-            return std::move(picture);
-    return std::nullopt;
+    const auto found =
+        std::ranges::find_if(segments, [&](const Picture& picture) { return contains(picture, address); });
+    return found == segments.end() ? nullptr : &*found;
 }
 
 // The run that holds an address; null when it is not known.
@@ -59,20 +59,6 @@ const Run* freeRunIn(const Picture& picture, std::uint64_t start, std::uint64_t 
     return nullptr;
 }
 
-std::string objectionToStackRelease(const Picture& picture, MM_TAddr start, std::uint64_t blocks)
-{
-    const MM_TMMSegInfoWire& entry = picture.entry;
-    if (picture.stride() % kWordBytes != 0)
-        return ""; // its top does not lie where the count of blocks says
-    const std::uint32_t top = entry.pubStartAddr + entry.ulTotalFreeBlkNum * picture.stride();
-    if (blocks > entry.ulTotalAllocBlkNum)
-        return "the stack " + quoted(picture) + " has only " + std::to_string(entry.ulTotalAllocBlkNum) +
-               " allocated blocks";
-    return start == top ? ""
-                        : "the stack " + quoted(picture) + " takes back what it gave last, which lies at " +
-                              addressText(top) + ", not " + addressText(start);
-}
-
 std::string objectionToOwners(const Picture& picture, MM_TAddr start, std::uint64_t end,
                               std::optional<std::uint8_t> owner)
 {
@@ -87,6 +73,72 @@ std::string objectionToOwners(const Picture& picture, MM_TAddr start, std::uint6
                    std::to_string(static_cast<unsigned>(wanted)) + "'s";
     return "";
 }
+
+// Releases one after the other, as they will be asked for, against what the segments were before the first of them.
+class ReleaseChecks
+{
+public:
+    ReleaseChecks(Device& device, std::optional<std::uint8_t> owner) : segments_(pictures(device)), owner_(owner) {}
+
+    std::string objectionToNext(const Release& release)
+    {
+        const Picture* const around = pictureAt(segments_, release.start);
+        if (!release.segment.entry)
+            return around ? addressText(release.start) + " lies in " + quoted(*around) + ", not in the heap" : "";
+        const auto picture = std::ranges::find(segments_, release.segment.handle, &Picture::handle);
+        if (picture == segments_.end())
+            return "the segment is gone";
+        const MM_TSegInfoFromApp& request = picture->entry.stInfoFromApp;
+        const bool isStack = request.ubSegDSType == MM_STACK;
+        if (!around && request.ubVM != 0 && !isStack)
+            return ""; // it may have overflowed into the heap
+        const std::uint64_t blocks = (std::uint64_t(release.bytes) - 1) / request.ulBlkSize + 1;
+        const std::uint64_t end = release.start + blocks * picture->stride();
+        if (release.start < picture->entry.pubStartAddr || end > picture->entry.pubEndAddr)
+            return stretchText(release.start, release.bytes) + " do not lie among the blocks of " + quoted(*picture) +
+                   ", " + addressText(picture->entry.pubStartAddr) + " to " + addressText(picture->entry.pubEndAddr);
+        return isStack ? objectionToPop(*picture, release.start, static_cast<std::uint32_t>(blocks))
+                       : objectionToBlocks(*picture, release.start, end);
+    }
+
+private:
+    // A stack takes back what it gave last. Its free blocks, and with them its top, go on counting here.
+    std::string objectionToPop(Picture& picture, MM_TAddr start, std::uint32_t blocks) const
+    {
+        MM_TMMSegInfoWire& entry = picture.entry;
+        if (picture.stride() % kWordBytes != 0)
+            return ""; // its top does not lie where the count of blocks says
+        const std::uint32_t top = entry.pubStartAddr + entry.ulTotalFreeBlkNum * picture.stride();
+        if (start != top)
+            return "the stack " + quoted(picture) + " takes back what it gave last, which lies at " + addressText(top) +
+                   ", not " + addressText(start);
+        if (blocks > entry.ulTotalAllocBlkNum)
+            return "the stack " + quoted(picture) + " has only " + std::to_string(entry.ulTotalAllocBlkNum) +
+                   " allocated blocks";
+        entry.ulTotalFreeBlkNum += blocks;
+        entry.ulTotalAllocBlkNum -= blocks;
+        return "";
+    }
+
+    std::string objectionToBlocks(const Picture& picture, MM_TAddr start, std::uint64_t end)
+    {
+        if ((start - picture.entry.pubStartAddr) % picture.stride() != 0)
+            return "no block of " + quoted(picture) + " begins at " + addressText(start) + ": they lie " +
+                   bytesText(picture.stride()) + " apart";
+        if (const Run* free = freeRunIn(picture, start, end))
+            return "the block at " + addressText(std::max(free->start, start)) + " is free";
+        const auto after = released_.lower_bound(start);
+        if ((after != released_.end() && after->first < end) ||
+            (after != released_.begin() && std::prev(after)->second > start))
+            return "the block at " + addressText(start) + " is to be released twice";
+        released_.emplace(start, end);
+        return objectionToOwners(picture, start, end, owner_);
+    }
+
+    std::vector<Picture> segments_;
+    std::optional<std::uint8_t> owner_;
+    std::map<std::uint64_t, std::uint64_t> released_; // before: start and end
+};
 
 } // namespace
 
@@ -126,7 +178,8 @@ std::string objectionToWriting(Device& device, MM_TAddr start, std::uint32_t byt
 {
     const std::uint64_t end = std::uint64_t(start) + bytes;
     const std::string what = stretchText(start, bytes);
-    if (const auto picture = pictureAt(device, start)) {
+    const std::vector<Picture> segments = pictures(device);
+    if (const Picture* const picture = pictureAt(segments, start)) {
         if (start < picture->entry.pubStartAddr)
             return what + " reach into the owner map of " + quoted(*picture);
         if (end > picture->entry.pubEndAddr)
@@ -142,32 +195,13 @@ std::string objectionToWriting(Device& device, MM_TAddr start, std::uint32_t byt
     return what + " lie in no segment (the heap's memory cannot be told from other memory)";
 }
 
-std::string objectionToRelease(Device& device, const SegmentEntry& segment, MM_TAddr start, std::uint32_t bytes,
-                               std::optional<std::uint8_t> owner)
+std::string objectionToReleases(Device& device, const std::vector<Release>& releases, std::optional<std::uint8_t> owner)
 {
-    const auto around = pictureAt(device, start);
-    const std::uint64_t asked = bytes;
-    if (!segment.entry)
-        return around ? addressText(start) + " lies in " + quoted(*around) + ", not in the heap" : "";
-    const auto picture = pictureOf(device, segment.handle);
-    if (!picture)
-        return "the segment is gone";
-    const MM_TMMSegInfoWire& entry = picture->entry;
-    const std::uint64_t blocks = (asked - 1) / entry.stInfoFromApp.ulBlkSize + 1;
-    const std::uint64_t end = start + blocks * picture->stride();
-    if (!around && entry.stInfoFromApp.ubVM != 0 && entry.stInfoFromApp.ubSegDSType != MM_STACK)
-        return ""; // it may have overflowed into the heap
-    if (start < entry.pubStartAddr || end > entry.pubEndAddr)
-        return stretchText(start, bytes) + " do not lie among the blocks of " + quoted(*picture) + ", " +
-               addressText(entry.pubStartAddr) + " to " + addressText(entry.pubEndAddr);
-    if (entry.stInfoFromApp.ubSegDSType == MM_STACK)
-        return objectionToStackRelease(*picture, start, blocks);
-    if ((start - entry.pubStartAddr) % picture->stride() != 0)
-        return "no block of " + quoted(*picture) + " begins at " + addressText(start) + ": they lie " +
-               bytesText(picture->stride()) + " apart";
-    if (const Run* free = freeRunIn(*picture, start, end))
-        return "the block at " + addressText(std::max(free->start, start)) + " is free";
-    return objectionToOwners(*picture, start, end, owner);
+    ReleaseChecks checks(device, owner);
+    for (const Release& release : releases)
+        if (const std::string objection = checks.objectionToNext(release); !objection.empty())
+            return objection;
+    return "";
 }
 
 std::string objectionToOwner(const SegmentEntry& segment, std::uint8_t owner)

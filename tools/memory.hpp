@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "device_command.hpp"
 
@@ -23,10 +24,17 @@ void requireMemory(Device& device, MM_TAddr start, std::uint32_t bytes);
 // a segment may be written unless they are known to be free, and rows of the fixed table in which no segment was created.
 std::string objectionToWriting(Device& device, MM_TAddr start, std::uint32_t bytes);
 
-// Why a release had better not be asked for: a sentence, as above. owner: whose the blocks have to be. Not all mistakes can be
-// seen: the heap's blocks cannot, nor who holds them in a segment without an owner map.
-std::string objectionToRelease(Device& device, const SegmentEntry& segment, MM_TAddr start, std::uint32_t bytes,
-                               std::optional<std::uint8_t> owner);
+// A release that is to be asked for.
+struct Release {
+    SegmentEntry segment;
+    MM_TAddr start;
+    std::uint32_t bytes;
+};
+
+// Why these releases had better not be asked for, in this order: a sentence, as above. owner: whose the blocks have to be. Not
+// all mistakes can be seen: the heap's blocks cannot, nor who holds them in a segment without an owner map.
+std::string objectionToReleases(Device& device, const std::vector<Release>& releases,
+                                std::optional<std::uint8_t> owner);
 
 // Why an owner's ID does not go with a segment's owner map: a sentence, as above.
 std::string objectionToOwner(const SegmentEntry& segment, std::uint8_t owner);

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <charconv>
 
+#include <nlohmann/json.hpp>
+
 #include "lib/socket_client.hpp"
 #include "lib/socket_protocol.hpp"
 #include "units.hpp"

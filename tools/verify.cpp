@@ -5,6 +5,8 @@
 #include <iterator>
 #include <ostream>
 
+#include <nlohmann/json.hpp>
+
 #include "device_command.hpp"
 #include "units.hpp"
 #include "verify_area.hpp"
@@ -94,17 +96,12 @@ void printJson(std::ostream& out, const Report& report)
         entry["why"] = unchecked.why;
         json["unchecked"].push_back(entry);
     }
-    out << json.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+    printListing(out, json);
 }
 
-// Names are anybody's bytes.
 std::string shown(const Subject& subject)
 {
-    std::string text = subject.handle ? subject.segment : "area";
-    for (char& c : text)
-        if (c < ' ' || c > '~')
-            c = '?';
-    return text;
+    return subject.handle ? shownName(subject.segment) : "area";
 }
 
 std::string counted(std::size_t number, const char* what)
@@ -131,11 +128,9 @@ int verify(const Words& words, std::ostream& out, std::ostream& errors)
     DeviceCommand command("verify", kDescription, notes());
     std::string segment, log;
     bool json = false;
-    command.app().add_option("SEGMENT", segment, kSegmentHelp)->type_name("");
-    command.app().add_flag("--json", json, "print it for programs; docs/json.md describes the fields");
-    command.app()
-        .add_option("--log", log, "the kernel log, for what only it says; - is standard input")
-        ->type_name("FILE");
+    command.optionalArgument("SEGMENT", into(segment), kSegmentHelp);
+    command.jsonFlag(json);
+    command.option("--log", "FILE", into(log), "the kernel log, for what only it says; - is standard input");
     return command.run(words, out, errors, [&](Device& device) {
         Report report;
         if (!segment.empty()) {

@@ -99,7 +99,12 @@ refuses 2 'is no address' free PAGE nowhere 4K
 ends 0 mm free PAGE "$address" 64K
 row_has PAGE '5  *1020 KiB  *132 KiB  *888 KiB  *824 KiB  *2  0\.07'
 refuses 1 "the block at $address is free" free PAGE "$address" 64K
+ends 1 mm free - <"$work/held" # of three, one is free
+row_has PAGE '5  *1020 KiB  *132 KiB  .*'
 sed 2d "$work/held" >"$work/rest"
+cat "$work/rest" "$work/rest" >"$work/twice"
+ends 1 mm free - <"$work/twice"
+grep -q 'is to be released twice' "$work/errors" || fail "not said that a block is there twice"
 ends 0 mm free - <"$work/rest"
 row_has PAGE '5  *1020 KiB  *4 KiB  *1016 KiB  .*'
 
