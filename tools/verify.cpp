@@ -3,11 +3,14 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <optional>
 #include <ostream>
+#include <system_error>
 
 #include <nlohmann/json.hpp>
 
 #include "device_command.hpp"
+#include "kernel_log.hpp"
 #include "units.hpp"
 #include "verify_area.hpp"
 #include "verify_segment.hpp"
@@ -29,42 +32,102 @@ std::string notes()
     for (const RuleText& rule : rules())
         text += "  " + std::string(rule.name) + std::string(15 - rule.name.size(), ' ') + std::string(rule.text) + "\n";
     return text + R"(
-What no reader can know: where the list of free runs begins is in no command's answer, so without an owner for every block it
-is looked for in the segment. Headers of earlier free runs that nobody wrote over may look like a list; then the list is
-reported as not checked. In an owner map one owner's ID in place of another is as good as the right one, and in a map of one
-bit so is 0 for an allocated block. Blocks that kernel code claimed at an address of its choice have no owner, and are found as
-map-owner. With SEGMENT only that segment's own rules are checked.
+Where the list of free runs begins is in no command's answer, so without an owner for every block it is looked for in the
+segment. Headers of earlier free runs that nobody wrote over may look like another list; then the list is reported as not
+checked. In an owner map one owner in place of another is as good as the right one, and in a map of one bit so is 0 for an
+allocated block. Blocks that kernel code claimed at an address of its choice have no owner, and are found as map-owner.
 
-The heap's pieces and the end of managed memory are only on the kernel log.
-
-exit status: 0 nothing is broken, 1 something is, or the manager or the kernel refused, 2 unusable arguments, 3 no device, or
-it went away
-
-examples
-  velmora-mm verify
-  velmora-mm verify BAND --json
-  dmesg | velmora-mm verify --log -
+The heap's pieces and the end of managed memory are only on the kernel log. With --heap the manager prints the pieces first,
+and counts their free blocks: a controller whose heap is broken may not survive that.
 )";
 }
 
+constexpr const char* kExamples = R"(  velmora-mm verify
+  velmora-mm verify BAND --json
+  dmesg | velmora-mm verify --log -
+)";
+
 std::vector<std::string> linesOf(std::istream& in)
 {
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(in, line);)
-        lines.push_back(line);
-    return lines;
+    return logLines({std::istreambuf_iterator<char>(in), {}});
 }
 
-std::vector<std::string> logFrom(const std::string& file)
+// The kernel log of a device, or what was saved of one.
+class LogSource
 {
-    if (file.empty())
-        return {};
-    if (file == "-")
-        return linesOf(std::cin);
-    std::ifstream in(file);
-    if (!in)
-        throw Refusal("cannot read '" + file + "': a file with the kernel log, or - for standard input");
-    return linesOf(in);
+public:
+    // file: where --log says so.
+    LogSource(const std::string& device, const std::string& file)
+    {
+        if (file.empty())
+            log_.emplace(device);
+        else if (file == "-")
+            lines_ = linesOf(std::cin);
+        else if (std::ifstream in(file); in)
+            lines_ = linesOf(in);
+        else
+            throw Refusal("cannot read '" + file + "': a file with the kernel log, or - for standard input");
+    }
+
+    // All that was printed up to now.
+    const std::vector<std::string>& lines()
+    {
+        if (log_)
+            for (std::string& line : taken())
+                lines_.push_back(std::move(line));
+        return lines_;
+    }
+
+private:
+    // Messages that came too fast are missed, no more.
+    std::vector<std::string> taken()
+    {
+        try {
+            return log_->take();
+        } catch (const std::runtime_error&) {
+            return log_->take();
+        }
+    }
+
+    std::optional<KernelLog> log_;
+    std::vector<std::string> lines_;
+};
+
+// The whole area. Findings count when they are there twice, as the manager works on.
+Report checkPlaces(Device& device, LogSource& log, HeapDisplay display)
+{
+    constexpr int kAttempts = 5;
+    Report earlier;
+    for (int attempt = 0; attempt < kAttempts; ++attempt) {
+        if (display == HeapDisplay::Present)
+            device.display(MM_HEAPHANDLE);
+        Report report = checkArea(device, log.lines(), display);
+        if (report.findings.empty() || report == earlier)
+            return report;
+        earlier = std::move(report);
+    }
+    Report report;
+    report.unchecked.push_back({{}, "places and free memory", "they changed each time that they were read"});
+    return report;
+}
+
+Report checkAll(Device& device, const std::string& node, const std::string& file, HeapDisplay display)
+{
+    Report report;
+    for (std::uint32_t handle = 0; handle < MM_HEAPHANDLE; ++handle)
+        report.add(checkSegment(device, handle));
+    std::optional<LogSource> log;
+    try {
+        log.emplace(node, file);
+    } catch (const std::system_error& error) { // the device's own
+        if (display == HeapDisplay::Present)
+            throw;
+        report.add(checkArea(device, {}));
+        report.unchecked.push_back({{}, "kernel log", error.what()});
+        return report;
+    }
+    report.add(checkPlaces(device, *log, display));
+    return report;
 }
 
 Json subjectOf(const Subject& subject)
@@ -125,25 +188,23 @@ void printText(std::ostream& out, const Report& report)
 
 int verify(const Words& words, std::ostream& out, std::ostream& errors)
 {
-    DeviceCommand command("verify", kDescription, notes());
+    DeviceCommand command("verify", kDescription, deviceNotes(notes(), kExamples));
     std::string segment, log;
-    bool json = false;
-    command.optionalArgument("SEGMENT", into(segment), kSegmentHelp);
+    bool json = false, heap = false;
+    command.optionalArgument("SEGMENT", into(segment), std::string(kSegmentHelp) + "; its own rules only");
     command.jsonFlag(json);
-    command.option("--log", "FILE", into(log), "the kernel log, for what only it says; - is standard input");
+    command.option("--log", "FILE", into(log), "a saved kernel log instead of the device's; - is standard input");
+    command.flag("--heap", heap, "has the manager print the heap's pieces first");
     return command.run(words, out, errors, [&](Device& device) {
+        if (heap && !(log.empty() && segment.empty()))
+            throw UsageError("--heap is for the whole area and the device's own log: without SEGMENT and --log");
         Report report;
-        if (!segment.empty()) {
-            const SegmentEntry entry = findSegment(device, segment);
-            if (!entry.entry)
-                throw Refusal("the heap is checked with the whole area, which takes no SEGMENT");
+        if (segment.empty())
+            report = checkAll(device, command.device(), log, heap ? HeapDisplay::Present : HeapDisplay::Past);
+        else if (const SegmentEntry entry = findSegment(device, segment); entry.entry)
             report = checkSegment(device, entry.handle);
-        } else {
-            const std::vector<std::string> lines = logFrom(log);
-            for (std::uint32_t handle = 0; handle < MM_HEAPHANDLE; ++handle)
-                report.add(checkSegment(device, handle));
-            report.add(checkArea(device, lines));
-        }
+        else
+            throw Refusal("the heap is checked with the whole area only: leave out SEGMENT");
         json ? printJson(out, report) : printText(out, report);
         return report.findings.empty() ? kDone : kFailed;
     });

@@ -7,6 +7,7 @@
 #include "area_memory.hpp"
 #include "device_command.hpp"
 #include "free_list.hpp"
+#include "list_defects.hpp"
 #include "segment_entry.hpp"
 #include "units.hpp"
 
@@ -135,7 +136,7 @@ private:
         }
         if (!layout_.areaEnd)
             skip({}, "end of managed memory",
-                 "no command says where it is, and the kernel log that was read does not have the module's load");
+                 "no command says where it is, and the module's load is not on the kernel log");
     }
 
     void fixed()
@@ -270,15 +271,17 @@ private:
 class HeapCheck
 {
 public:
-    HeapCheck(Device& device, const Layout& layout) : device_(device), layout_(layout) {}
+    HeapCheck(Device& device, const Layout& layout, HeapDisplay display)
+        : device_(device), layout_(layout), display_(display)
+    {
+    }
 
     Report run(const std::vector<HeapPiece>& pieces)
     {
         if (!layout_.hasHeap)
             return {};
         if (pieces.empty()) {
-            skip("everything",
-                 "no command shows the heap's pieces, and the kernel log that was read has no display of them");
+            skip("everything", "no command shows its pieces, and no display of them is on the kernel log: see --heap");
             return std::move(report_);
         }
         skip("owner map", "no command says where it lies and how many bits it has");
@@ -304,6 +307,10 @@ private:
                     what = "'" + place.subject.segment + "' has memory up to " + addressText(place.end);
             if (layout_.areaEnd && piece.end > *layout_.areaEnd)
                 what = "managed memory ends at " + addressText(*layout_.areaEnd);
+            if (!what.empty() && display_ == HeapDisplay::Past) {
+                skip("everything", "the newest display of its pieces is older than the last start of the library");
+                return false;
+            }
             if (!what.empty())
                 report_.findings.push_back({kHeap, piece.start, Rule::HeapPieces, what});
         }
@@ -323,29 +330,42 @@ private:
             free += piece.freeBlocks;
         }
         const BlockMemory memory(device_, stretches, stride);
-        const auto lists = freeLists(memory, {free, std::nullopt}, nullptr);
+        const FreeCounts counts{free, pieces.front().longestRun};
+        const auto lists = freeLists(memory, counts, nullptr);
         if (lists.size() == 1)
             report_.runs = static_cast<std::uint32_t>(lists.front().size());
-        else if (lists.empty())
-            skip(kList, "no whole list has the " + std::to_string(free) +
-                            " free blocks of the newest display: the heap was used since then, or the list is broken");
-        else
+        else if (!lists.empty())
             skip(kList, "headers of earlier free runs, which nobody wrote over, look like another whole list");
+        else if (display_ == HeapDisplay::Past)
+            skip(kList, "no whole list has the " + std::to_string(free) +
+                            " free blocks of the newest display: the heap was used since then, or its list is broken");
+        else
+            broken(likelyDefects(memory, counts), pieces.front().start, free);
+    }
+
+    void broken(std::vector<ListDefect> defects, MM_TAddr start, std::uint32_t free)
+    {
+        if (defects.empty())
+            defects.push_back(
+                {start, Rule::RunList, "no whole list of " + std::to_string(free) + " free blocks is in the heap"});
+        for (ListDefect& defect : defects)
+            report_.findings.push_back({kHeap, defect.address, defect.rule, std::move(defect.what)});
     }
 
     const Subject kHeap{"heap", MM_HEAPHANDLE};
     Device& device_;
     const Layout& layout_;
+    HeapDisplay display_;
     Report report_;
 };
 
 } // namespace
 
-Report checkArea(Device& device, const std::vector<std::string>& kernelLog)
+Report checkArea(Device& device, const std::vector<std::string>& kernelLog, HeapDisplay display)
 {
     const Layout layout = layoutOf(device, kernelLog);
     Report report = AreaCheck(device, layout).run();
-    report.add(HeapCheck(device, layout).run(heapPieces(kernelLog)));
+    report.add(HeapCheck(device, layout, display).run(heapPieces(kernelLog)));
     return report;
 }
 

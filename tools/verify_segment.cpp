@@ -239,7 +239,7 @@ Report checkSegment(Device& device, std::uint32_t handle)
     auto entry = usedEntry(device, handle);
     std::optional<Report> earlier;
     for (int attempt = 0; entry && attempt < kAttempts; ++attempt) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(attempt));
+        std::this_thread::sleep_for(std::chrono::milliseconds(attempt > 1 ? attempt : 0));
         Report report = Look(device, handle, *entry).run();
         const auto after = usedEntry(device, handle);
         if (after && !isSame(*entry, *after))

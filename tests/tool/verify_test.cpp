@@ -227,7 +227,6 @@ TEST_F(VerifyTest, TheHeapIsCheckedAsFarAsItsDisplayGoesAndElseSaidNotToBe)
 
 TEST_F(VerifyTest, TheCommandsStatusSaysWhetherSomethingIsBroken)
 {
-    // Without arguments there is no device: the command reads its own --device.
     std::ostringstream out, errors;
     EXPECT_EQ(verify({"--device", "unix:/nowhere/mm.sock"}, out, errors), 3);
     EXPECT_EQ(verify({"--unknown"}, out, errors), 2);
