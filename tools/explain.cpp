@@ -4,6 +4,8 @@
 #include <cctype>
 #include <optional>
 
+#include <nlohmann/json.hpp>
+
 #include "command_line.hpp"
 #include "device_command.hpp"
 #include "log_line.hpp"
@@ -304,8 +306,7 @@ void printJson(std::ostream& out, const Findings& findings, bool all)
     json["unknown"] = Json::array();
     for (const Line& line : findings.unknown)
         json["unknown"].push_back({{"line", line.number}, {"text", line.text}});
-    // A log may hold any bytes.
-    out << json.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+    printListing(out, json);
 }
 
 std::string counted(std::size_t count, const std::string& what)
