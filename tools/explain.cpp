@@ -1,6 +1,7 @@
 #include "commands.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <optional>
 
 #include <nlohmann/json.hpp>
@@ -267,11 +268,22 @@ void printUnknown(std::ostream& out, const Findings& findings)
         out << "  line " << line.number << ": " << line.text << "\n";
 }
 
+// "longest run" as programs write it: longestRun.
+std::string fieldName(const std::string& words)
+{
+    std::string name;
+    for (std::size_t at = 0; at < words.size(); ++at)
+        if (words[at] != ' ')
+            name += at > 0 && words[at - 1] == ' ' ? static_cast<char>(std::toupper(words[at])) : words[at];
+    return name;
+}
+
 Json jsonOf(const Row& row)
 {
     Json json = Json::object();
     for (const MessageValue& value : row)
-        json[value.name] = isWord(value) ? Json(value.text) : Json(numberOf(value));
+        json[fieldName(value.name)] =
+            isWord(value) || isAddress(value) ? Json(shown(value)) : Json(static_cast<std::int32_t>(numberOf(value)));
     return json;
 }
 
@@ -294,8 +306,7 @@ void printJson(std::ostream& out, const Findings& findings, bool all)
     json["unknown"] = Json::array();
     for (const Line& line : findings.unknown)
         json["unknown"].push_back({{"line", line.number}, {"text", line.text}});
-    // A log may hold any bytes.
-    out << json.dump(2, ' ', false, Json::error_handler_t::replace) << "\n";
+    printListing(out, json);
 }
 
 std::string counted(std::size_t count, const std::string& what)

@@ -184,7 +184,8 @@ TEST(Explain, ATraceIsATableWithDecimalCounts)
     EXPECT_EQ(row["name"], "HP\\x00\\x00");
     EXPECT_EQ(row["bytes"], 0xbec000);
     EXPECT_EQ(row["blocks"], 1526);
-    EXPECT_EQ(row["map start"], 0x95312000);
+    EXPECT_EQ(row["longestRun"], 1525);
+    EXPECT_EQ(row["mapStart"], "0x95312000");
     EXPECT_EQ(json["messages"][1]["line"], 2);
 }
 
@@ -203,7 +204,7 @@ TEST(Explain, TheListingForProgramsHasEverything)
     EXPECT_EQ(json["messages"][0]["text"], kNoRoom);
     EXPECT_EQ(json["messages"][0]["from"], "MM_InstallSegment");
     EXPECT_EQ(json["messages"][0]["state"], "A float handle is used up. Free memory is as it was.");
-    EXPECT_EQ(json["messages"][1]["values"]["start"], 0x95100000u);
+    EXPECT_EQ(json["messages"][1]["values"]["start"], "0x95100000");
     const Answer none = explain("nothing\n", {"--json"});
     EXPECT_EQ(none.status, tools::kFailed);
     EXPECT_TRUE(nlohmann::json::parse(none.out)["messages"].empty());
