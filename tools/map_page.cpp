@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <string_view>
 
+#include <nlohmann/json.hpp>
+
 #include "embedded_pages.hpp"
 
 namespace velmora::tools {
