@@ -199,7 +199,7 @@ std::string objectionToReleases(Device& device, const std::vector<Release>& rele
 {
     ReleaseChecks checks(device, owner);
     for (const Release& release : releases)
-        if (const std::string objection = checks.objectionToNext(release); !objection.empty())
+        if (std::string objection = checks.objectionToNext(release); !objection.empty())
             return objection;
     return "";
 }
