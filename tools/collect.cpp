@@ -19,9 +19,9 @@ is named: of 3 and 5 as well where 1 is collected. What was released is printed.
 )";
 
 constexpr const char* kNotes =
-    R"(Refused without --force: a clean-up that would take other owners' blocks as well, and owner 0, whose clean-up takes
-everything. The manager does not release the run of blocks at a segment's start; what is left is printed. In the heap
-nothing can be compared or counted.
+    R"(Refused without --force: a clean-up that would take other owners' blocks as well; owner 0, whose clean-up takes
+everything; and in the heap even IDs, whose clean-up takes what kernel code made permanent. The manager does not
+release the run of blocks at a segment's start; what is left is printed. In the heap nothing can be counted.
 )";
 
 constexpr const char* kExamples = R"(  velmora-mm collect PAGE 7
@@ -55,10 +55,14 @@ std::uint64_t sum(const Blocks& blocks)
     return all;
 }
 
-std::string objectionTo(const Blocks& blocks, unsigned id)
+std::string objectionTo(const SegmentEntry& segment, const Blocks& blocks, unsigned id)
 {
+    constexpr unsigned kPermanent = 254;
     if (id == 0)
         return "a clean-up of owner 0 takes every block, whoever holds it";
+    if (!segment.entry && (id & kPermanent) == id)
+        return "in the heap a clean-up of owner " + std::to_string(id) +
+               " takes what was made permanent, which is owner " + std::to_string(kPermanent) + "'s";
     Blocks others = blocks;
     others.erase(id);
     return others.empty() ? ""
@@ -84,7 +88,7 @@ int collectOwner(Device& device, const SegmentEntry& segment, std::uint8_t id, b
     requireOwner(segment, id);
     const auto before = pictureOf(device, segment.handle);
     const Blocks wanted = before ? blocksFor(*before, id) : Blocks();
-    requireNone(objectionTo(wanted, id), force);
+    requireNone(objectionTo(segment, wanted, id), force);
     device.collectGarbage(segment.handle, id);
     const auto after = before ? pictureOf(device, segment.handle) : std::nullopt;
     if (!after || !before->unknown.empty() || !after->unknown.empty()) {

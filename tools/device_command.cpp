@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <ranges>
+#include <string_view>
 #include <sys/stat.h>
 #include <system_error>
 
@@ -60,10 +60,12 @@ std::string saidOnTheLog(const Error& error, const std::string& device)
 {
     if (error.result() != MM_EASSERT)
         return "";
+    constexpr std::string_view kFailed = "Assertion failed! ";
     try {
-        for (const std::string& line : KernelLog(device).take() | std::views::reverse)
-            if (constexpr std::string_view kFailed = "Assertion failed! "; line.starts_with(kFailed))
-                return ": " + line.substr(kFailed.size());
+        const std::vector<std::string> lines = KernelLog(device).take();
+        for (auto line = lines.rbegin(); line != lines.rend(); ++line)
+            if (line->starts_with(kFailed))
+                return ": " + line->substr(kFailed.size());
     } catch (const std::exception&) { // it says where to look all the same
     }
     return "";

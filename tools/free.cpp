@@ -2,7 +2,6 @@
 
 #include <iterator>
 #include <map>
-#include <ranges>
 #include <sstream>
 
 #include "device_command.hpp"
@@ -54,11 +53,11 @@ std::vector<Release> releasesOf(Device& device, const std::vector<Record>& recor
 {
     std::map<std::string, SegmentEntry> found;
     std::vector<Release> releases;
-    for (const Record& record : records | std::views::reverse) {
-        auto segment = found.find(record.segment);
+    for (auto record = records.rbegin(); record != records.rend(); ++record) {
+        auto segment = found.find(record->segment);
         if (segment == found.end())
-            segment = found.emplace(record.segment, findSegment(device, record.segment)).first;
-        releases.push_back({segment->second, record.address, record.bytes});
+            segment = found.emplace(record->segment, findSegment(device, record->segment)).first;
+        releases.push_back({segment->second, record->address, record->bytes});
     }
     return releases;
 }

@@ -169,8 +169,9 @@ void requireMemory(Device& device, MM_TAddr start, std::uint32_t bytes)
         } catch (const ConnectionError&) {
             throw;
         } catch (const Error& error) {
-            throw Refusal("there is no memory at " + addressText(static_cast<std::uint32_t>(address)) + " (" +
-                          error.what() + ")");
+            const bool isMissing = error.code() == std::errc::io_error || error.code() == std::errc::invalid_argument;
+            throw Refusal((isMissing ? "there is no memory at " : "memory cannot be mapped at ") +
+                          addressText(static_cast<std::uint32_t>(address)) + " (" + error.what() + ")");
         }
 }
 
@@ -199,7 +200,7 @@ std::string objectionToReleases(Device& device, const std::vector<Release>& rele
 {
     ReleaseChecks checks(device, owner);
     for (const Release& release : releases)
-        if (const std::string objection = checks.objectionToNext(release); !objection.empty())
+        if (std::string objection = checks.objectionToNext(release); !objection.empty())
             return objection;
     return "";
 }

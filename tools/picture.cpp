@@ -102,8 +102,9 @@ std::vector<Run> lowestFree(const MM_TMMSegInfoWire& entry, std::uint32_t free)
     return listedRuns(entry, std::vector<FreeRun>(free == 0 ? 0 : 1, {entry.pubStartAddr, free}));
 }
 
+// What the device does not map stays unknown.
 void readRuns(Device& device, Picture& picture)
-{
+try {
     const MM_TMMSegInfoWire& entry = picture.entry;
     const std::uint32_t free = entry.ulTotalFreeBlkNum;
     picture.runs.clear();
@@ -129,6 +130,11 @@ void readRuns(Device& device, Picture& picture)
         else if (const auto listed = followedRuns(device, picture, &map); !listed.empty())
             picture.runs = joined(listed, mapped, picture.stride());
     }
+} catch (const ConnectionError&) {
+    throw;
+} catch (const Error& error) {
+    picture.runs.clear();
+    picture.unknown = std::string("its memory cannot be mapped: ") + error.what();
 }
 
 } // namespace

@@ -131,6 +131,8 @@ refuses 1 'takes the blocks of owners whose IDs contain it: 1 of owner 15' colle
 says '^released 12 KiB in 3 blocks: 2 of owner 3, 1 of owner 15$' collect PAGE 3 --force
 says '^released 0 B in 0 blocks$' collect PAGE 3
 refuses 1 'owner 0 takes every block' collect PAGE 0
+refuses 1 'takes what was made permanent' collect heap 2
+says 'cannot be told' collect heap 1
 refuses 1 "'STCK' has no owner map" collect STCK 1
 refuses 1 "2 is no owner in 'ONE', whose IDs end at 1" collect ONE 2
 

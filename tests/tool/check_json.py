@@ -5,8 +5,10 @@ that is printed has its row and its type, every row a field somewhere.
 check_json.py DEVICE PAGE COMMAND...    the device has a manager that is loaded; the command that starts velmora-mm
 """
 import json
+import os
 import pathlib
 import re
+import shlex
 import subprocess
 import sys
 
@@ -22,7 +24,7 @@ def sections(page):
         heading = re.match(r"velmora-mm ([a-z-]+), version (\d+)\n", text)
         if not heading:
             continue
-        command = re.search(r"^`velmora-mm ([^`]+)`$", text, re.MULTILINE)
+        command = re.search(r"^`(velmora-mm [^`]+)`$", text, re.MULTILINE)
         rows = dict(re.findall(r"^\| `([^`]+)` \| ([a-z ]+) \|", text, re.MULTILINE))
         yield heading[1], int(heading[2]), command and command[1], rows
 
@@ -37,8 +39,20 @@ def fields(value, path=""):
             yield from fields(below, where)
     elif isinstance(value, list):
         for below in value:
-            yield f"{path}[]", below
+            if not isinstance(below, list):
+                yield f"{path}[]", below
             yield from fields(below, f"{path}[]")
+
+
+def lists(value, path=""):
+    """Every list below a value: its path, and whether it has elements."""
+    if isinstance(value, dict):
+        for name, below in value.items():
+            yield from lists(below, f"{path}.{name}" if path else name)
+    elif isinstance(value, list):
+        yield path, bool(value)
+        for below in value:
+            yield from lists(below, f"{path}[]")
 
 
 def mismatches(name, version, rows, listings):
@@ -56,18 +70,25 @@ def mismatches(name, version, rows, listings):
             is_number_where_boolean = isinstance(value, bool) and "boolean" not in words
             if not any(isinstance(value, kind) for kind in allowed) or is_number_where_boolean:
                 yield f"{path} is {json.dumps(value)}, not {words}"
-    yield from (f"{path} has a row and is not printed" for path in rows if path not in seen)
+    found = [pair for listing in listings for pair in lists(listing)]
+    empty = {path for path, _ in found} - {path for path, filled in found if filled}
+    for path in rows:
+        if path not in seen and not any(path.startswith(f"{list_path}[]") for list_path in empty):
+            yield f"{path} has a row and is not printed"
 
 
 def main(device, page, *tool):
-    def run(words):
-        done = subprocess.run([*tool, *words.split(), "--device", device], capture_output=True, text=True, check=False)
+    environment = os.environ | {"VELMORA_MM_DEVICE": device}
+
+    def run(command):
+        words = command.replace("velmora-mm", shlex.join(tool))
+        done = subprocess.run(words, shell=True, env=environment, capture_output=True, text=True, check=False)
         if done.returncode != 0:
-            sys.exit(f"velmora-mm {words} ended with {done.returncode}: {done.stderr}")
+            sys.exit(f"{command} ended with {done.returncode}: {done.stderr}")
         return done.stdout
 
     for words in SETUP:
-        run(words)
+        run(f"velmora-mm {words}")
     wrong = []
     for name, version, command, rows in sections(pathlib.Path(page).read_text()):
         if command is None or not rows:

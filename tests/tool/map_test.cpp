@@ -4,6 +4,8 @@
 #include <regex>
 #include <sstream>
 
+#include <nlohmann/json.hpp>
+
 #include "controller/device.h"
 #include "small_map.hpp"
 #include "tools/map_page.hpp"
