@@ -180,7 +180,8 @@ void printText(std::ostream& out, const Report& report)
     for (const Unchecked& unchecked : report.unchecked)
         out << "not checked: " << shown(unchecked.subject) << ", " << unchecked.part << ": " << unchecked.why << "\n";
     out << counted(report.segments, "segment") << " with " << counted(report.runs, "free run") << " and "
-        << counted(report.maps, "owner map") << ", " << counted(report.memory, "stretch of free memory") << ": "
+        << counted(report.maps, "owner map") << ", " << report.memory
+        << (report.memory == 1 ? " stretch" : " stretches") << " of free memory: "
         << (report.findings.empty() ? "nothing is broken" : counted(report.findings.size(), "broken rule")) << "\n";
 }
 

@@ -12,8 +12,10 @@ import shlex
 import subprocess
 import sys
 
-SETUP = ["start --again", "create PAGE --bytes 1M --owner-bits 8", "create STCK --bytes 64K --discipline stack",
+SETUP = ["start --again", "create LIST --bytes 64K", "create PAGE --bytes 1M --owner-bits 8", "create STCK --bytes 64K --discipline stack",
          "create UEV --type fixed", "create HEAP --type heap", "alloc PAGE 4K --owner 3"]
+# What comes before a section's command, and the status with which that ends.
+BEFORE = {"verify": (["fill LIST 12 0xff --force"], 1)} # a free run's header
 # What JSON has for each word of the page.
 TYPES = {"string": str, "number": (int, float), "boolean": bool, "object": dict, "null": type(None)}
 
@@ -80,10 +82,10 @@ def mismatches(name, version, rows, listings):
 def main(device, page, *tool):
     environment = os.environ | {"VELMORA_MM_DEVICE": device}
 
-    def run(command):
+    def run(command, status=0):
         words = command.replace("velmora-mm", shlex.join(tool))
         done = subprocess.run(words, shell=True, env=environment, capture_output=True, text=True, check=False)
-        if done.returncode != 0:
+        if done.returncode != status:
             sys.exit(f"{command} ended with {done.returncode}: {done.stderr}")
         return done.stdout
 
@@ -94,7 +96,10 @@ def main(device, page, *tool):
         if command is None or not rows:
             wrong.append(f"{name}: the section has no command, or no table")
             continue
-        output = run(command)
+        before, status = BEFORE.get(name, ([], 0))
+        for words in before:
+            run(f"velmora-mm {words}")
+        output = run(command, status)
         is_one_object = output.startswith("{\n") # else an object on each line
         listings = [json.loads(text) for text in ([output] if is_one_object else output.splitlines())]
         wrong += [f"{name}: {line}" for line in sorted(set(mismatches(name, version, rows, listings)))]
