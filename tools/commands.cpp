@@ -10,6 +10,7 @@ std::span<const Command> commands()
         {"script", "runs a session script on a simulated controller", script},
         {"run", "runs a program that knows only /dev/Velmora_MM on a simulated controller", run},
         {"map", "memory as it is now: segments to scale, free runs, owners; a page to zoom", map},
+        {"watch", "segments as they fill and empty, on a terminal", watch},
         {"area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory", area},
     };
     return kCommands;

@@ -13,6 +13,7 @@ int script(const Words& words, std::ostream& out, std::ostream& errors);
 int run(const Words& words, std::ostream& out, std::ostream& errors);
 int area(const Words& words, std::ostream& out, std::ostream& errors);
 int map(const Words& words, std::ostream& out, std::ostream& errors);
+int watch(const Words& words, std::ostream& out, std::ostream& errors);
 
 // All of them, in the order of the overview.
 std::span<const Command> commands();
