@@ -106,7 +106,7 @@ private:
         const bool goesOn = open_ && findings_.occurrences.back().entry == message.entry;
         switch (message.part) {
         case MessagePart::Beginning: return;
-        case MessagePart::Frame: open_ = open_ && findings_.occurrences.back().rows.empty(); return;
+        case MessagePart::Frame: open_ = false; return; // a table's first one, before it is open, or its last
         case MessagePart::Text:
             open_ = false;
             findings_.occurrences.push_back(

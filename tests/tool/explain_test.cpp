@@ -180,6 +180,13 @@ TEST(Explain, ATableIsOneMessageWithItsRows)
         << answer.out; // 1 + 0x5f0, not 0x5f6
 }
 
+TEST(Explain, TablesWithoutRowsAreTablesOfTheirOwn)
+{
+    const std::string frame(74, '=');
+    const std::string empty = kTable.substr(0, kTable.find(" RIP0")) + frame + "\n";
+    EXPECT_TRUE(explain(empty + empty).says("  2 times, first in lines 2 to 3\n"));
+}
+
 TEST(Explain, ATraceIsATableWithDecimalCounts)
 {
     const Answer answer = explain("4,1,2,-;\\x0d\\x0a HP\\x00\\x00      49   0x  bec000       8192     1526           "
