@@ -1,13 +1,13 @@
 #include "commands.hpp"
 
 #include <algorithm>
-#include <cctype>
 #include <optional>
 
 #include <nlohmann/json.hpp>
 
 #include "command_line.hpp"
 #include "device_command.hpp"
+#include "kernel_log.hpp"
 #include "log_line.hpp"
 #include "messages.hpp"
 #include "units.hpp"
@@ -27,17 +27,19 @@ the answers of a session script. Lines of other programs are passed over.
 )";
 
 constexpr const char* kNotes =
-    R"(docs/messages.md has all messages. No device is asked.
+    R"(docs/messages.md has all messages.
 
 exit status
   0  at least one message was explained
   1  there is none of the manager's in the log, or the log cannot be read
   2  unusable arguments
+  3  there is no such device, or its log cannot be read
 
 examples
   dmesg | velmora-mm explain
   journalctl -k | velmora-mm explain --all
   velmora-mm explain --json /var/log/kern.log
+  velmora-mm explain --device unix:/tmp/mm.sock
 )";
 
 constexpr std::size_t kWidth = 80;
@@ -104,7 +106,7 @@ private:
         const bool goesOn = open_ && findings_.occurrences.back().entry == message.entry;
         switch (message.part) {
         case MessagePart::Beginning: return;
-        case MessagePart::Frame: open_ = open_ && findings_.occurrences.back().rows.empty(); return;
+        case MessagePart::Frame: open_ = false; return; // a table's first one, before it is open, or its last
         case MessagePart::Text:
             open_ = false;
             findings_.occurrences.push_back(
@@ -268,23 +270,16 @@ void printUnknown(std::ostream& out, const Findings& findings)
         out << "  line " << line.number << ": " << line.text << "\n";
 }
 
-// "longest run" as programs write it: longestRun.
-std::string fieldName(const std::string& words)
-{
-    std::string name;
-    for (std::size_t at = 0; at < words.size(); ++at)
-        if (words[at] != ' ')
-            name += at > 0 && words[at - 1] == ' ' ? static_cast<char>(std::toupper(words[at])) : words[at];
-    return name;
-}
-
+// A list, since each message has values of its own.
 Json jsonOf(const Row& row)
 {
-    Json json = Json::object();
+    Json values = Json::array();
     for (const MessageValue& value : row)
-        json[fieldName(value.name)] =
-            isWord(value) || isAddress(value) ? Json(shown(value)) : Json(static_cast<std::int32_t>(numberOf(value)));
-    return json;
+        values.push_back(
+            {{"name", value.name},
+             {"value", isWord(value) || isAddress(value) ? Json(shown(value))
+                                                         : Json(static_cast<std::int32_t>(numberOf(value)))}});
+    return values;
 }
 
 void printJson(std::ostream& out, const Findings& findings, bool all)
@@ -300,7 +295,7 @@ void printJson(std::ostream& out, const Findings& findings, bool all)
         message["values"] = jsonOf(occurrence.values);
         message["rows"] = Json::array();
         for (const Row& row : occurrence.rows)
-            message["rows"].push_back(jsonOf(row));
+            message["rows"].push_back({{"values", jsonOf(row)}});
         json["messages"].push_back(std::move(message));
     }
     json["unknown"] = Json::array();
@@ -314,41 +309,73 @@ std::string counted(std::size_t count, const std::string& what)
     return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
 }
 
+struct Request {
+    std::string file, device; // one of them, or neither: standard input
+    bool all = false, json = false;
+
+    std::string name() const
+    {
+        if (!device.empty())
+            return "the kernel log of " + device;
+        return file.empty() || file == "-" ? "standard input" : file;
+    }
+};
+
+std::string logOf(const std::string& device)
+{
+    std::string log;
+    for (const std::string& message : KernelLog(device).take())
+        log += message + "\n";
+    return log;
+}
+
+int explainLog(const Request& request, const std::string& log, std::ostream& out, std::ostream& errors)
+{
+    const Findings findings = LogReader().read(log);
+    if (request.json) {
+        printJson(out, findings, request.all);
+    } else {
+        (request.all ? printAll : printSummary)(out, findings);
+        printUnknown(out, findings);
+    }
+    if (!findings.occurrences.empty())
+        return kDone;
+    errors << "velmora-mm explain: none of the manager's messages is in " << request.name() << " ("
+           << counted(findings.lines, "line") << ")\n";
+    return kFailed;
+}
+
 } // namespace
 
 int explain(const Words& words, std::ostream& out, std::ostream& errors)
 {
-    std::string file = "-";
-    bool all = false, json = false;
+    Request request;
     CLI::App app(kDescription, "velmora-mm explain");
     prepare(app);
     app.footer(kNotes);
-    app.add_option("FILE", file, "a log, or - for standard input, which is what is read without FILE")->type_name("");
-    app.add_flag("--all", all, "each line of the manager's, not each message once");
-    app.add_flag("--json", json, "for programs: docs/json.md");
+    app.add_option("FILE", request.file, "a log, or - for standard input, which is what is read without FILE")
+        ->type_name("");
+    app.add_option("--device", request.device,
+                   "explains the kernel log of a device instead: a node's path, or unix:SOCKET of a controller")
+        ->type_name("PATH");
+    app.add_flag("--all", request.all, "each line of the manager's, not each message once");
+    app.add_flag("--json", request.json, "print it for programs; docs/json.md describes the fields");
 
     return runWords(app, words, out, errors, [&] {
+        if (!request.file.empty() && !request.device.empty())
+            throw UsageError("either a log or --device, not both");
+        const auto sentence = [&](const std::exception& error, int status) {
+            errors << "velmora-mm explain: " << error.what() << "\n";
+            return status;
+        };
         std::string log;
         try {
-            log = readWholeFile(file);
+            log = request.device.empty() ? readWholeFile(request.file.empty() ? "-" : request.file)
+                                         : logOf(request.device);
         } catch (const std::runtime_error& error) {
-            errors << "velmora-mm explain: " << error.what() << "\n";
-            return kFailed;
+            return sentence(error, request.device.empty() ? kFailed : kNoDevice);
         }
-        const Findings findings = LogReader().read(log);
-        if (json)
-            printJson(out, findings, all);
-        else if (all)
-            printAll(out, findings);
-        else
-            printSummary(out, findings);
-        if (!json)
-            printUnknown(out, findings);
-        if (!findings.occurrences.empty())
-            return kDone;
-        errors << "velmora-mm explain: none of the manager's messages is in " << (file == "-" ? "standard input" : file)
-               << " (" << counted(findings.lines, "line") << ")\n";
-        return kFailed;
+        return explainLog(request, log, out, errors);
     });
 }
 

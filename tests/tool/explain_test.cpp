@@ -52,6 +52,15 @@ std::string filled(std::string text)
     return text;
 }
 
+// A value of a message or of a row.
+nlohmann::json valueOf(const nlohmann::json& message, const std::string& name)
+{
+    for (const auto& value : message["values"])
+        if (value["name"] == name)
+            return value["value"];
+    return nullptr;
+}
+
 const std::string kFreedTwice = "Assertion failed! (U32)stTemp.pstBlk != stBlkPtr.ulyisl && \"Already Freed Block is "
                                 "requested!!\",kernel/mm/mm/MM_FreeBlk.cpp,MM_FreeBlk,line=76";
 const std::string kFreedTwiceTitle = "A block is released that is free already\n";
@@ -171,6 +180,13 @@ TEST(Explain, ATableIsOneMessageWithItsRows)
         << answer.out; // 1 + 0x5f0, not 0x5f6
 }
 
+TEST(Explain, TablesWithoutRowsAreTablesOfTheirOwn)
+{
+    const std::string frame(74, '=');
+    const std::string empty = kTable.substr(0, kTable.find(" RIP0")) + frame + "\n";
+    EXPECT_TRUE(explain(empty + empty).says("  2 times, first in lines 2 to 3\n"));
+}
+
 TEST(Explain, ATraceIsATableWithDecimalCounts)
 {
     const Answer answer = explain("4,1,2,-;\\x0d\\x0a HP\\x00\\x00      49   0x  bec000       8192     1526           "
@@ -181,11 +197,11 @@ TEST(Explain, ATraceIsATableWithDecimalCounts)
     const auto json = nlohmann::json::parse(answer.out);
     EXPECT_EQ(json["messages"][0]["title"], "The segment table was traced");
     const auto& row = json["messages"][0]["rows"][0];
-    EXPECT_EQ(row["name"], "HP\\x00\\x00");
-    EXPECT_EQ(row["bytes"], 0xbec000);
-    EXPECT_EQ(row["blocks"], 1526);
-    EXPECT_EQ(row["longestRun"], 1525);
-    EXPECT_EQ(row["mapStart"], "0x95312000");
+    EXPECT_EQ(valueOf(row, "name"), "HP\\x00\\x00");
+    EXPECT_EQ(valueOf(row, "bytes"), 0xbec000);
+    EXPECT_EQ(valueOf(row, "blocks"), 1526);
+    EXPECT_EQ(valueOf(row, "longest run"), 1525);
+    EXPECT_EQ(valueOf(row, "map start"), "0x95312000");
     EXPECT_EQ(json["messages"][1]["line"], 2);
 }
 
@@ -204,7 +220,7 @@ TEST(Explain, TheListingForProgramsHasEverything)
     EXPECT_EQ(json["messages"][0]["text"], kNoRoom);
     EXPECT_EQ(json["messages"][0]["from"], "MM_InstallSegment");
     EXPECT_EQ(json["messages"][0]["state"], "A float handle is used up. Free memory is as it was.");
-    EXPECT_EQ(json["messages"][1]["values"]["start"], "0x95100000");
+    EXPECT_EQ(valueOf(json["messages"][1], "start"), "0x95100000");
     const Answer none = explain("nothing\n", {"--json"});
     EXPECT_EQ(none.status, tools::kFailed);
     EXPECT_TRUE(nlohmann::json::parse(none.out)["messages"].empty());
@@ -233,6 +249,8 @@ TEST(Explain, AFileThatCannotBeReadIsOneLine)
     EXPECT_EQ(tools::explain({"/nonexistent/log"}, out, errors), tools::kFailed);
     EXPECT_EQ(errors.str(), "velmora-mm explain: cannot read /nonexistent/log: No such file or directory\n");
     EXPECT_EQ(tools::explain({"one", "two"}, out, errors), tools::kUnusableArguments);
+    EXPECT_EQ(tools::explain({"one", "--device", "unix:/one"}, out, errors), tools::kUnusableArguments);
+    EXPECT_EQ(tools::explain({"--device", "unix:/nonexistent/socket"}, out, errors), tools::kNoDevice);
 }
 
 TEST(Explain, APageThatIsNotAsItSaysIsRefusedWithItsLine)
