@@ -9,6 +9,7 @@ std::span<const Command> commands()
         {"owners", "who holds how much of a segment", owners},
         {"script", "runs a session script, or replays a recording, on a simulated controller or a device", script},
         {"record", "writes down what programs ask of a controller", record},
+        {"plan", "what a recording needs of the memory, and whether another layout would do", plan},
         {"run", "runs a program that knows only /dev/Velmora_MM on a simulated controller", run},
         {"area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory", area},
     };

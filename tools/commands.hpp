@@ -11,6 +11,7 @@ int status(const Words& words, std::ostream& out, std::ostream& errors);
 int owners(const Words& words, std::ostream& out, std::ostream& errors);
 int script(const Words& words, std::ostream& out, std::ostream& errors);
 int record(const Words& words, std::ostream& out, std::ostream& errors);
+int plan(const Words& words, std::ostream& out, std::ostream& errors);
 int run(const Words& words, std::ostream& out, std::ostream& errors);
 int area(const Words& words, std::ostream& out, std::ostream& errors);
 
