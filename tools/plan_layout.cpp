@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <bit>
+#include <cctype>
+#include <cstdio>
 #include <optional>
 #include <sstream>
 
@@ -15,8 +17,9 @@ namespace velmora::tools {
 namespace {
 
 constexpr std::uint32_t kPageBytes = 4096;
-constexpr std::uint32_t kMostArea = 960U << 20; // that a simulated controller has room for
-constexpr std::uint32_t kLeastBlock = 16;       // what the manager writes into a free block fits
+constexpr std::uint32_t kMostArea = 960U << 20;                           // that a simulated controller has room for
+constexpr std::uint32_t kAreaStart = 0x95000000, kAreaMargins = 2U << 20; // of a simulated controller
+constexpr std::uint32_t kLeastBlock = 16; // what the manager writes into a free block fits
 
 // A file's nodes, and where they stand.
 class File
@@ -166,7 +169,8 @@ std::string layoutText(const PlanLayout& layout, const PlanRecording& recording)
     };
     std::ostringstream text;
     text << "# A layout for velmora-mm plan.\narea = " << size(layout.area)
-         << "  # managed memory; the module's area has 1 MiB more at each end\n";
+         << "  # managed memory; the module's area has 1 MiB more at each end, as 95000000-" << std::hex
+         << kAreaStart + kAreaMargins + layout.area << std::dec << "\n";
     for (std::size_t at = 0; at < layout.segments.size(); ++at) {
         const PlanSegment& segment = layout.segments[at];
         const std::string& name = recording.segments[at].name;
@@ -189,7 +193,7 @@ std::string unfit(const PlanLayout& layout, const PlanRecording& recording)
         const auto& recorded = recording.segments[operation.segment];
         const PlanSegment& segment = layout.segments[operation.segment];
         if (segment.map != recorded.request.ubMap && !fits(segment.map, operation.owner))
-            return "an owner map of " + std::to_string(segment.map) + " bits in " + recorded.name +
+            return "an owner map of width " + std::to_string(segment.map) + " in " + recorded.name +
                    " cannot hold owner " + ownerHex(operation.owner) + " (line " + std::to_string(operation.line) + ")";
     }
     return "";

@@ -80,6 +80,24 @@ public:
     std::vector<bool> used; // of each allocation: did somebody map or fill it, or ask where it lies?
 
 private:
+    struct Known {
+        Allocation allocation;
+        std::uint32_t number;
+        std::uint32_t recordedAt; // 0: the recording does not say
+    };
+    struct Stretch {
+        std::uint32_t start, bytes;
+        bool operator==(const Stretch&) const = default;
+        bool meets(const Stretch& other) const
+        {
+            return other.start - start < bytes || start - other.start < other.bytes;
+        }
+    };
+    struct Placed {
+        std::uint32_t number;
+        Stretch lies;
+    };
+
     std::uint32_t handleOf(const std::string& name) override
     {
         for (std::uint32_t index = 0; index < recording_.segments.size(); ++index)
@@ -110,7 +128,8 @@ private:
         NamedLine line;
         Request request;
         bool refused = false;
-        std::optional<std::uint32_t> handle; // that a creation was given
+        std::optional<std::uint32_t> handle;  // that a creation was given
+        std::optional<std::uint32_t> address; // that an allocation was given
     };
 
     void ask(const std::string& asker)
@@ -127,6 +146,7 @@ private:
         if (!pending_ || words.size() < 2)
             return;
         pending_->refused = pending_->refused || words[1].text == "refused" || words[1].text == "no";
+        pending_->address = parseNumber(words.back().text);
         constexpr std::string_view kHandle = "handle=";
         for (const sim::Word& word : words)
             if (word.text.starts_with(kHandle))
@@ -140,12 +160,51 @@ private:
             return;
         Request request = requestOf(line, *this);
         if (number == kMapping || number == MM_CMD_MEMSET || number == MM_CMD_QUERY_PHYS_ADDR) {
-            if (const auto known = allocations_.find(variableOf(line.values.at(0))); known != allocations_.end())
-                used[known->second.number] = true;
+            noteUse(line, request);
             return;
         }
-        pending_ = Pending{std::move(line), std::move(request), false, std::nullopt};
+        pending_ = Pending{std::move(line), std::move(request), false, std::nullopt, std::nullopt};
         pendingLine_ = line_;
+    }
+
+    // Somebody uses the memory there. A mapping that begins outside every allocation stays: what is allocated inside it later
+    // is used as well.
+    void noteUse(const NamedLine& line, const Request& request)
+    {
+        Stretch stretch{0, 1};
+        if (request.number == kMapping)
+            stretch = {as<MappingRecord>(request.record).address, as<MappingRecord>(request.record).bytes};
+        else if (request.number == MM_CMD_MEMSET)
+            stretch = {as<MM_TMemsetInfo>(request.record).s, as<MM_TMemsetInfo>(request.record).n};
+        else
+            stretch.start = as<MM_TQueryPhysAddrInfo>(request.record).ulStart;
+        const auto known = allocations_.find(variableOf(line.values.at(0)));
+        if (known != allocations_.end()) {
+            used[known->second.number] = true;
+            stretch.start += known->second.recordedAt - kBase;
+        } else if (request.number == kMapping && std::ranges::find(mapped_, stretch) == mapped_.end()) {
+            mapped_.push_back(stretch);
+        }
+        for (auto place = firstMeeting(stretch); place != placed_.end() && place->second.lies.meets(stretch); ++place)
+            used[place->second.number] = true;
+    }
+
+    std::map<std::uint32_t, Placed>::iterator firstMeeting(const Stretch& stretch)
+    {
+        const auto next = placed_.upper_bound(stretch.start);
+        const auto before = next == placed_.begin() ? next : std::prev(next);
+        return before != placed_.end() && before->second.lies.meets(stretch) ? before : next;
+    }
+
+    // Where the allocation lay, in the recording.
+    void place(std::uint32_t number, std::uint32_t address, std::uint32_t bytes)
+    {
+        const Stretch place{address, bytes};
+        for (auto other = firstMeeting(place); other != placed_.end() && other->second.lies.meets(place);)
+            other = placed_.erase(other);
+        placed_[address] = {number, place};
+        used[number] =
+            used[number] || std::ranges::any_of(mapped_, [&](const Stretch& one) { return one.meets(place); });
     }
 
     void add(const Pending& pending)
@@ -220,8 +279,11 @@ private:
         operation.allocation = static_cast<std::uint32_t>(recording_.freed.size());
         recording_.freed.push_back(false);
         used.push_back(false);
+        if (pending.address)
+            place(operation.allocation, *pending.address, record.ulReqBytes);
         if (!pending.line.result.empty())
-            allocations_[pending.line.result] = {{record.hulHandle, kBase, record.ulReqBytes}, operation.allocation};
+            allocations_[pending.line.result] = {
+                {record.hulHandle, kBase, record.ulReqBytes}, operation.allocation, pending.address.value_or(0)};
     }
 
     bool release(PlanOperation& operation, const Pending& pending)
@@ -238,6 +300,9 @@ private:
         operation.offset = record.pubRlsAddr - kBase;
         operation.bytes = record.ulBytesNo;
         recording_.freed[operation.allocation] = true;
+        if (const auto place = placed_.find(known->second.recordedAt);
+            place != placed_.end() && place->second.number == operation.allocation)
+            placed_.erase(place);
         return true;
     }
 
@@ -251,10 +316,6 @@ private:
         return known->second;
     }
 
-    struct Known {
-        Allocation allocation;
-        std::uint32_t number;
-    };
     PlanRecording& recording_;
     unsigned line_ = 0, pendingLine_ = 0;
     std::uint32_t asker_ = 0;
@@ -262,6 +323,8 @@ private:
     std::map<std::string, Known> allocations_;
     std::map<std::string, std::uint32_t> handles_;
     std::map<std::uint32_t, std::uint32_t> byHandle_;
+    std::map<std::uint32_t, Placed> placed_; // allocations by where they lay; none meets another
+    std::vector<Stretch> mapped_;
 };
 
 void leaveOutProbes(PlanRecording& recording, const std::vector<bool>& used)

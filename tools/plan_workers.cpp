@@ -12,6 +12,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/machine.h"
+
 namespace velmora::tools {
 
 NLOHMANN_DEFINE_TYPE_NON_INTRUSIVE(PlanSegment, bytes, block, map, overflow)
@@ -76,6 +78,8 @@ template <class Message> bool receiveMessage(int wire, Message& message)
 
 PlanWorkers::PlanWorkers(const PlanRecording& recording, unsigned count)
 {
+    if (sim::machine().ramFile() >= 0) // its processes would share their memory
+        throw std::logic_error("replays begin before the simulated machine is switched on");
     if (count == 0)
         count = std::max(1U, std::thread::hardware_concurrency());
     while (workers_.size() < count)
