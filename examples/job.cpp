@@ -11,7 +11,7 @@ std::filesystem::path Order::file(unsigned copy, unsigned page) const
 }
 
 Job::Job(std::unique_ptr<velmora::Channel> channel, Order order)
-    : order_(std::move(order)), handler_(std::move(channel), layout_)
+    : order_(std::move(order)), layout_(order_.layout), handler_(std::move(channel), layout_)
 {
     handler_.start();
     heapRoom_ = handler_.heapRoom();

@@ -15,6 +15,7 @@ struct Order {
     std::vector<std::filesystem::path> rasters; // the pages, in order
     unsigned copies = 1;
     std::filesystem::path output;
+    Layout layout = {}; // of the memory
 
     // Where a page of a copy goes; both are counted from 1.
     std::filesystem::path file(unsigned copy, unsigned page) const;

@@ -1,4 +1,5 @@
 // print-job: prints a document through the memory manager, as a controller does.
+#include <bit>
 #include <chrono>
 #include <cstdio>
 #include <exception>
@@ -31,6 +32,7 @@ struct Options {
     bool processes = false;
     std::optional<std::string> lose;
     unsigned patience = 60; // seconds
+    Layout layout;
 };
 
 void describe(CLI::App& app, Options& options)
@@ -70,6 +72,29 @@ void describe(CLI::App& app, Options& options)
         ->type_name("SECONDS")
         ->needs(processes)
         ->check(CLI::Range(1, 3600).description(""));
+}
+
+// Sizes as "velmora-mm plan" has them.
+void describeLayout(CLI::App& app, Layout& layout)
+{
+    const auto size = [&](const char* name, std::uint32_t& bytes, const char* meaning) {
+        app.add_option(name, bytes, meaning)->type_name("BYTES")->transform(CLI::AsSizeValue(false).description(""));
+    };
+    size("--page-segment", layout.pageSegmentBytes, "size of the segment that holds the pages; default 32M");
+    size("--page-block", layout.blockBytes, "size of its blocks, a power of two of at least 4K; default 4K");
+    size("--heap-block", layout.heapBlockBytes, "size of the heap's blocks, not below --page-block; default 8K");
+}
+
+// What the job relies on: bands begin with a page, and a band that overflows fits into as many of the heap's blocks.
+void checkLayout(const Layout& layout)
+{
+    constexpr std::uint32_t page = 4096;
+    if (!std::has_single_bit(layout.blockBytes) || layout.blockBytes < page)
+        throw velmora::tools::UsageError("--page-block: a power of two of at least 4096 is expected");
+    if (!std::has_single_bit(layout.heapBlockBytes) || layout.heapBlockBytes < layout.blockBytes)
+        throw velmora::tools::UsageError("--heap-block: a power of two is expected, not below --page-block");
+    if (layout.pageSegmentBytes < layout.blockBytes)
+        throw velmora::tools::UsageError("--page-segment: at least one block is expected");
 }
 
 std::optional<Loss> lossIn(const Options& options)
@@ -228,9 +253,10 @@ std::vector<fs::path> rastersFor(const Options& options)
 int print(const Options& options)
 {
     lossIn(options); // throws when it cannot be used
+    checkLayout(options.layout);
     const Controller controller = connect(options);
     expectManager(controller, options);
-    const Order order{rastersFor(options), options.copies, options.output};
+    const Order order{rastersFor(options), options.copies, options.output, options.layout};
     if (const auto loss = lossIn(options); loss && loss->page > order.rasters.size())
         throw velmora::tools::UsageError("--lose: there is no page " + std::to_string(loss->page));
     std::printf("Printing %zu pages, %u copies%s\n", order.rasters.size(), order.copies,
@@ -270,5 +296,6 @@ int main(int count, char** arguments)
     CLI::App app("print-job - prints a document through the memory manager of the printer controller\n", "print-job");
     printjob::Options options;
     printjob::describe(app, options);
+    printjob::describeLayout(app, options.layout);
     return velmora::tools::runProgram(app, count, arguments, [&] { return printjob::print(options); });
 }

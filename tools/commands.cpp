@@ -28,6 +28,7 @@ std::span<const Command> commands()
         {"run", "runs a program that knows only /dev/Velmora_MM on a simulated controller", run},
         {"record", "writes down what programs ask of a controller", record},
         {"script", "runs a session script, or replays a recording, on a simulated controller or a device", script},
+        {"plan", "what a recording needs of the memory, and whether another layout would do", plan},
         {"area", "the module parameter \"bigphysarea\" for a reserved stretch of physical memory", area},
     };
     return kCommands;

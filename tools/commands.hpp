@@ -30,6 +30,7 @@ int deleteRow(const Words& words, std::ostream& out, std::ostream& errors);
 int run(const Words& words, std::ostream& out, std::ostream& errors);
 int record(const Words& words, std::ostream& out, std::ostream& errors);
 int script(const Words& words, std::ostream& out, std::ostream& errors);
+int plan(const Words& words, std::ostream& out, std::ostream& errors);
 int area(const Words& words, std::ostream& out, std::ostream& errors);
 
 // All of them, in the order of the overview.
