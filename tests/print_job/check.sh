@@ -62,15 +62,16 @@ for page in 1 2 3 4; do
 done
 processes three
 grep -q 'collected by owner' "$work/out" && fail "a party was lost by itself"
+# The signal may reach the raster processor when it is through with the page, and has been asked for the next.
 for page in 1 3; do
     processes "raster-$page" --lose "raster:$page"
-    prints "The raster processor was ended by signal 9: [0-9.]* MiB of $page pages collected by owner, all blocks are free; printing the job again"
+    prints "The raster processor was ended by signal 9: [0-9.]* MiB of [$page$((page + 1))] pages collected by owner, all blocks are free; printing the job again"
     processes "copy-$page" --lose "copy:$page"
     prints 'The collation copy was ended by signal 9: .* collected by owner, all blocks are free; printing the job again'
 done
 # One that is stopped owes an answer for too long.
 processes raster-stopped --lose raster:2:stop --patience 1
-prints 'The raster processor gave no sign of life for 1 s and was ended: .* of 2 pages collected by owner, all blocks are free'
+prints 'The raster processor gave no sign of life for 1 s and was ended: .* of [23] pages collected by owner, all blocks are free'
 processes copy-stopped --lose copy:2:stop --patience 1
 prints 'The collation copy gave no sign of life for 1 s and was ended: .* collected by owner, all blocks are free'
 # Pages that overflow into the heap, where blocks have no owner: the raster processor is heard out when the other is lost.
@@ -98,7 +99,7 @@ done
 for job in first second; do
     "$print_job" --processes --device "unix:$work/mm.sock" --lose raster:2 --rasters "$work/pages" --copies 1 \
         --output "$work/$job" >"$work/out" 2>&1 || fail "the $job job on a shared controller failed"
-    prints 'of 2 pages collected by owner, all blocks are free'
+    prints 'of [23] pages collected by owner, all blocks are free'
     prints 'Display MST' # which the controller printed, whatever this machine's kernel says
     prints 'All 4 pages of all 1 copies are identical'
 done
