@@ -2,6 +2,8 @@
 
 #include <optional>
 
+#include <nlohmann/json.hpp>
+
 #include "command_line.hpp"
 #include "device_command.hpp"
 #include "plan_page.hpp"
