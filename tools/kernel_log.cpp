@@ -4,7 +4,6 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
@@ -13,6 +12,8 @@
 #include <unistd.h>
 
 #include <velmora/controller.hpp>
+
+#include "lib/socket_channel.hpp"
 
 namespace velmora::tools {
 
@@ -163,16 +164,13 @@ struct KernelLog::Text : Source {
 
 std::string deviceName(const std::string& option)
 {
-    if (!option.empty())
-        return option;
-    const char* const chosen = secure_getenv("VELMORA_MM_DEVICE");
-    return chosen != nullptr && *chosen != 0 ? chosen : "/dev/Velmora_MM";
+    return velmora::deviceName(option);
 }
 
 KernelLog::KernelLog(const std::string& device)
 {
     const std::string name = deviceName(device);
-    if (name.starts_with("unix:"))
+    if (socketIn(name))
         source_ = std::make_unique<Controllers>(name);
     else if (const int file = Messages::open(); file >= 0)
         source_ = std::make_unique<Messages>(file);
