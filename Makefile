@@ -23,10 +23,12 @@ build: build-x86 build-arm
 
 build-x86:
 	@scripts/setup.sh build test
+	@scripts/ncurses.sh i386
 	@$(call preset,x86)
 
 build-arm:
 	@scripts/setup.sh build test
+	@scripts/ncurses.sh armhf
 	@$(call preset,arm)
 
 ## make demo       prints a document through the manager, by three processes  [DOC=file.pdf COPIES=3 DPI=75]
@@ -39,7 +41,7 @@ test: format-check lint test-x86 test-x86_64 test-arm test-sanitize coverage tes
 	@echo "All tests passed"
 
 test-x86: build-x86
-	@scripts/setup.sh demo
+	@scripts/setup.sh demo test-pages
 	ctest --preset x86
 
 # The client library in programs of this machine's word size, on the controller of the 32-bit build; once more with
@@ -55,12 +57,14 @@ test-arm: build-arm
 
 test-sanitize:
 	@scripts/setup.sh build test demo
+	@scripts/ncurses.sh i386
 	@$(call preset,sanitize)
 	ctest --preset sanitize
 
 ## make coverage   line coverage of kernel/: build/coverage/report/index.html; fails below 98 %
 coverage:
 	@scripts/setup.sh build test demo
+	@scripts/ncurses.sh i386
 	@$(call preset,coverage)
 	@find build/coverage -name '*.gcda' -delete
 	ctest --preset coverage
@@ -111,6 +115,7 @@ docs:
 PREFIX ?= /usr/local
 DESTDIR ?=
 install:
+	@scripts/ncurses.sh i386
 	@PREFIX='$(PREFIX)' DESTDIR='$(DESTDIR)' scripts/install.sh
 
 uninstall:
@@ -119,6 +124,7 @@ uninstall:
 ## make package    Debian packages in build/packages/: velmora-mm, libvelmora0, libvelmora-dev, velmora-mm-dkms
 package:
 	@scripts/setup.sh package
+	@scripts/ncurses.sh i386
 	@scripts/package.sh
 
 ## make test-packages  an installed copy and the packages in a clean Debian: programs outside this tree use them; nothing is left behind

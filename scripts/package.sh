@@ -21,6 +21,9 @@ mkdir -p "$source"
 rm -f "$place"/*.deb "$place"/*.buildinfo "$place"/*.changes
 tar -c --exclude=./build --exclude=./.git . | tar -x -C "$source"
 
+# The copy has no build folder.
+VELMORA_NCURSES=$PWD/build/ncurses
+export VELMORA_NCURSES
 echo "Building the packages; what it says goes to $log"
 (cd "$source" && DEB_BUILD_OPTIONS="parallel=$(nproc)" dpkg-buildpackage -b -uc -us) >"$log" 2>&1 || {
     tail -n 40 "$log" >&2

@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages that the named groups need and that are missing. Root, or a user with sudo.
-#   scripts/setup.sh GROUP...     groups: bench build demo docs fuzz lint package target test test-packages
+#   scripts/setup.sh GROUP...     groups: bench build demo docs fuzz lint package target test test-packages test-pages
 # A stamp under build/ remembers what was found, so that a second run costs nothing.
 set -eu
 cd "$(dirname "$0")/.."
@@ -16,7 +16,8 @@ packages() {
     package) echo "$(packages build) debhelper dh-dkms dpkg-dev fakeroot lintian" ;;
     target) echo "qemu-system-arm device-tree-compiler python3" ;;
     test-packages) echo "dkms libgtest-dev mmdebstrap pkgconf" ;;
-    test) echo "googletest qemu-user gcovr python3" ;;
+    test-pages) echo "chromium" ;;
+    test) echo "googletest qemu-user gcovr python3 python3-pyte" ;;
     *) echo "setup.sh: unknown group '$1'" >&2; exit 2 ;;
     esac
 }

@@ -8,6 +8,7 @@ std::span<const Command> commands()
         {"status", "segments and how much of them is used", status},
         {"owners", "who holds how much of a segment", owners},
         {"map", "memory as it is now: segments to scale, free runs, owners; a page to zoom", map},
+        {"watch", "segments as they fill and empty, on a terminal", watch},
         {"verify", "checks what the manager keeps in managed memory", verify},
         {"mst", "the table of segments", mst},
         {"mct", "the table of fixed segments", mct},

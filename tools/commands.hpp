@@ -10,6 +10,7 @@ namespace velmora::tools {
 int status(const Words& words, std::ostream& out, std::ostream& errors);
 int owners(const Words& words, std::ostream& out, std::ostream& errors);
 int map(const Words& words, std::ostream& out, std::ostream& errors);
+int watch(const Words& words, std::ostream& out, std::ostream& errors);
 int verify(const Words& words, std::ostream& out, std::ostream& errors);
 int mst(const Words& words, std::ostream& out, std::ostream& errors);
 int mct(const Words& words, std::ostream& out, std::ostream& errors);

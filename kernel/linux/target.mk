@@ -27,6 +27,7 @@ target-programs = $(call preset,target) --target
 ##                 target-demo: the kernel of another Debian suite with TARGET_SUITE=bookworm-backports)
 test-target:
 	@scripts/setup.sh build test target
+	@scripts/ncurses.sh armhf
 	@tests/target/old_kernel/check.sh build/target/old-kernel
 	@$(call preset,x86) --target velmora-mm
 	@$(target-programs) target-init target-session target-tests velmora-mm
