@@ -22,7 +22,7 @@ fetch() {
         exit 1
     }
     dpkg -x "$place"/apt/libncurses-dev_*.deb "$place"
-    rm -rf "$place/apt" "$place/usr/share" "$place/usr/bin"
+    rm -rf "$place/apt"
     touch "$place/complete" # the last: all is there
 }
 apt() {
