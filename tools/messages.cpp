@@ -189,7 +189,8 @@ bool MessageCatalogue::matchFrom(const std::vector<Token>& tokens, std::size_t t
         found.end = at;
         return true;
     }
-    const auto& [kind, name] = tokens[token];
+    const Token::Kind kind = tokens[token].kind;
+    const std::string& name = tokens[token].text;
     const auto goOn = [&](std::size_t from, std::size_t count, bool keep) {
         const std::size_t before = found.values.size();
         if (keep)

@@ -13,6 +13,7 @@ constexpr std::uint32_t kBandBytes = 64 << 10;
 void print(const velmora::Segment& segment, int page, velmora::Owner owner)
 {
     std::vector<velmora::Block> bands;
+    bands.reserve(4);
     for (int band = 0; band < 4; ++band)
         bands.push_back(segment.allocate(kBandBytes, owner).value());
     std::printf("page %d for owner %u\n", page, static_cast<unsigned>(owner));

@@ -1,11 +1,11 @@
 #!/usr/bin/env python3
 """Runs the commands of a page's console blocks, in their order and in one shell, and compares what they print with the page.
 
-    check_console.py PAGE PROJECT BIN [STARTER...]
+    check_console.py PAGE PROJECT PROGRAM... [-- STARTER...]
 
 A command is a line behind "$ ", and goes on in lines behind "> ". "..." in a line stands for any text, on a line of its own for any
-lines. The commands find PROJECT's folders and, as build/bin, BIN. STARTER starts a program of another processor. After a command
-that starts a controller in the background, its socket is waited for.
+lines. The commands find PROJECT's folders and the programs in build/bin. STARTER starts a program of another processor. After a
+command that starts a controller in the background, its socket is waited for.
 """
 import os
 import pathlib
@@ -75,18 +75,21 @@ def prepare(folder, project, programs, starter):
         if path.name not in ("build", ".git"):
             (folder / path.name).symlink_to(path)
     (folder / "build/bin").mkdir(parents=True)
-    for program in programs.iterdir():
+    for program in map(pathlib.Path, programs):
         here = folder / "build/bin" / program.name
-        if not starter or not os.access(program, os.X_OK):
+        if not starter:
             here.symlink_to(program)
             continue
         here.write_text("#!/bin/sh\nexec " + " ".join([*starter, str(program)]) + ' "$@"\n')
         here.chmod(0o755)
 
 
-def main(page, project, programs, *starter):
+def main(page, project, *words):
+    programs, starter = words, ()
+    if "--" in words:
+        programs, starter = words[:words.index("--")], words[words.index("--") + 1:]
     folder = pathlib.Path(tempfile.mkdtemp())
-    prepare(folder, pathlib.Path(project), pathlib.Path(programs), starter)
+    prepare(folder, pathlib.Path(project), programs, starter)
     os.environ.pop("VELMORA_MM_DEVICE", None)
     shell = Shell(folder)
     wrong = 0
