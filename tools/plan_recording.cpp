@@ -73,9 +73,14 @@ public:
     // The line before has no further expectation.
     void finish()
     {
-        if (pending_)
-            add(*std::exchange(pending_, std::nullopt));
+        if (!pending_)
+            return;
+        const unsigned line = std::exchange(line_, pendingLine_);
+        add(*std::exchange(pending_, std::nullopt));
+        line_ = line;
     }
+
+    unsigned line() const { return line_; } // that is read
 
     std::vector<bool> used; // of each allocation: did somebody map or fill it, or ask where it lies?
 
@@ -349,15 +354,14 @@ PlanRecording readRecording(const std::string& content, const std::string& name,
                                  "'");
     PlanRecording recording;
     Reader reader(recording);
-    std::istringstream lines(content);
-    for (std::string line; std::getline(lines, line);) {
-        try {
+    try {
+        std::istringstream lines(content);
+        for (std::string line; std::getline(lines, line);)
             reader.read(line, ++recording.lines);
-        } catch (const sim::SyntaxError& error) {
-            throw std::runtime_error(name + ", line " + std::to_string(recording.lines) + ": " + error.what());
-        }
+        reader.finish();
+    } catch (const sim::SyntaxError& error) {
+        throw std::runtime_error(name + ", line " + std::to_string(reader.line()) + ": " + error.what());
     }
-    reader.finish();
     if (recording.area == 0)
         throw std::runtime_error(name + " has no area: no line 'load \"START-END\"'");
     if (withoutProbes)

@@ -11,9 +11,19 @@ import re
 import shlex
 import subprocess
 import sys
+import tempfile
 
 SETUP = ["start --again", "create LIST --bytes 64K", "create PAGE --bytes 1M --owner-bits 8", "create STCK --bytes 64K --discipline stack",
          "create UEV --type fixed", "create HEAP --type heap", "alloc PAGE 4K --owner 3"]
+RECORDING = """# velmora-mm recording 1
+load "95000000-9e000000"
+table
+start
+create name=BAND type=float kind=list bytes=1M block=4K map=8 lock=yes
+malloc segment=BAND bytes=64K owner=1 -> $a
+free $a
+# end of recording
+"""
 # What comes before a section's command, and the status with which that ends.
 BEFORE = {"verify": (["fill LIST 12 0xff --force"], 1)} # a free run's header
 # What JSON has for each word of the page.
@@ -82,9 +92,12 @@ def mismatches(name, version, rows, listings):
 def main(device, page, *tool):
     environment = os.environ | {"VELMORA_MM_DEVICE": device}
 
+    folder = tempfile.TemporaryDirectory()
+    pathlib.Path(folder.name, "job.txt").write_text(RECORDING)
+
     def run(command, status=0):
         words = command.replace("velmora-mm", shlex.join(tool))
-        done = subprocess.run(words, shell=True, env=environment, capture_output=True, text=True, check=False)
+        done = subprocess.run(words, shell=True, env=environment, cwd=folder.name, capture_output=True, text=True, check=False)
         if done.returncode != status:
             sys.exit(f"{command} ended with {done.returncode}: {done.stderr}")
         return done.stdout
