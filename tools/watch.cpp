@@ -6,6 +6,7 @@
 #include <iterator>
 #include <optional>
 
+#include "command_line.hpp"
 #include "device_command.hpp"
 #include "kernel_log.hpp"
 #include "terminal.hpp"
