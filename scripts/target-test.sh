@@ -62,6 +62,7 @@ session_lines() {
     echo "/bin/velmora-mm-load $AREA_TEXT /lib/velmora_mm.ko"
     echo "/bin/sh /check/tool/check_commands.sh /dev/Velmora_MM /bin/velmora-mm"
     echo "/bin/sh /check/tool/check_verify.sh /dev/Velmora_MM /bin/velmora-mm"
+    echo "/bin/sh /check/tool/check_map_device.sh /dev/Velmora_MM /bin/velmora-mm"
     echo "/bin/velmora-mm-load --unload"
 } | run tests
 
