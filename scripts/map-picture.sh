@@ -19,7 +19,7 @@ processes="$processes $!"
 until [ "$(build/bin/velmora-mm map --no-heap | grep -o '[A-Z] owner' | wc -l)" -ge 12 ]; do :; done
 build/bin/velmora-mm map --html "$work/map.html"
 wait "${processes#* }"
-chromium --headless --no-sandbox --disable-gpu --hide-scrollbars --user-data-dir="$work/profile" --window-size=1000,620 \
+chromium --headless --no-sandbox --disable-gpu --hide-scrollbars --user-data-dir="$work/profile" --window-size=1000,820 \
     --screenshot="$picture" "file://$work/map.html" 2>"$work/chromium.log" || {
     cat "$work/chromium.log" >&2
     exit 1
