@@ -36,7 +36,7 @@ done
 
 # The tool's commands as a user meets them: the same check as on the simulated controller.
 mkdir -p "$image/check/tool" "$image/check/support"
-cp tests/tool/check_commands.sh tests/tool/check_verify.sh "$image/check/tool/"
+cp tests/tool/check_commands.sh tests/tool/check_verify.sh tests/tool/check_map_device.sh "$image/check/tool/"
 cp tests/support/program.sh "$image/check/support/"
 
 # Boots with the lines that stand on standard input and runs them; shows the console and keeps it in build/target/NAME.log.
@@ -62,6 +62,7 @@ session_lines() {
     echo "/bin/velmora-mm-load $AREA_TEXT /lib/velmora_mm.ko"
     echo "/bin/sh /check/tool/check_commands.sh /dev/Velmora_MM /bin/velmora-mm"
     echo "/bin/sh /check/tool/check_verify.sh /dev/Velmora_MM /bin/velmora-mm"
+    echo "/bin/sh /check/tool/check_map_device.sh /dev/Velmora_MM /bin/velmora-mm"
     echo "/bin/velmora-mm-load --unload"
 } | run tests
 
