@@ -1,5 +1,6 @@
 #include "commands.hpp"
 
+#include <algorithm>
 #include <optional>
 
 #include <nlohmann/json.hpp>

@@ -26,7 +26,8 @@ constexpr std::uint32_t kAreaMargins = 2 << 20;
 template <class Record> Record as(const std::vector<std::uint8_t>& bytes)
 {
     Record record{};
-    std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
+    if (!bytes.empty())
+        std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
     return record;
 }
 

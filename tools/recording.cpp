@@ -27,7 +27,8 @@ template <class Record> std::vector<std::uint8_t> bytesOf(const Record& record)
 template <class Record> Record as(const std::vector<std::uint8_t>& bytes)
 {
     Record record{};
-    std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
+    if (!bytes.empty())
+        std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
     return record;
 }
 

@@ -325,7 +325,8 @@ std::string wordFor(const Field& field, const std::vector<std::uint8_t>& record,
 template <class Record> Record as(const std::vector<std::uint8_t>& bytes)
 {
     Record record{};
-    std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
+    if (!bytes.empty())
+        std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
     return record;
 }
 

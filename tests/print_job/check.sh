@@ -121,6 +121,10 @@ refused 2 "unexpected argument 'file.pdf'" file.pdf
 refused 2 '--lose: collation:1 is not raster:N or copy:N, nor one of them with :stop' --processes --lose collation:1
 refused 2 '--lose: there is no page 5' --processes --lose raster:5 --rasters "$work/pages" --output "$work/none"
 refused 2 '--lose requires --processes' --lose raster:1
+refused 2 '--page-block: a power of two of at least 4096 is expected' --page-block 3000
+refused 2 '--heap-block: a power of two is expected, not below --page-block' --page-block 16K
+refused 2 '--page-segment: at least one block is expected' --page-segment 1K
+refused 2 '--page-segment' --page-segment many
 refused 2 '--patience: Value 0 not in range 1 to 3600' --processes --patience 0
 # A device that is none of the manager's is noticed before anything is drawn.
 refused 1 'print-job: cannot open /dev/nope: No such file or directory' --device /dev/nope --output "$work/nope"

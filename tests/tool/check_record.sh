@@ -12,7 +12,8 @@ mkdir "$work/tmp"
 export TMPDIR="$work/tmp"
 controller=
 recorder=
-trap 'for process in $recorder $controller; do kill "$process" 2>/dev/null || :; done; rm -rf "$work"' EXIT
+# shellcheck disable=SC2086 # there may be none
+trap 'kill $recorder $controller 2>/dev/null || :; rm -rf "$work"' EXIT
 
 # shellcheck source=tests/support/program.sh
 . "$(dirname "$0")/../support/program.sh"
@@ -83,7 +84,7 @@ end_recorder 0
 [ "$(head -n 1 "$work/job.txt")" = '# velmora-mm recording 1' ] || fail 'the recording does not say what it is'
 [ "$(tail -n 1 "$work/job.txt")" = '# end of recording' ] || fail 'the recording does not say that it is whole'
 [ "$(grep '^# asked by print-job' "$work/job.txt" | sort -u | wc -l)" -ge 2 ] || fail 'not several processes'
-grep -q '^malloc segment=PAGE bytes=256K owner=0xf -> \$a[0-9]*$' "$work/job.txt" || fail 'no band by name'
+grep -q '^malloc segment=PAGE bytes=256K owner=0xf -> [$]a[0-9]*$' "$work/job.txt" || fail 'no band by name'
 replays "$work/job.txt"
 
 # On a controller that was started anew, the same answers; on this one, where the addresses may be others, what differs is said.
@@ -117,7 +118,7 @@ END
 ends 0 "$velmora_mm" script --device "unix:$work/rec.sock" "$work/then.txt"
 end_recorder 0
 grep -q '^# The controller was running before' "$work/late.txt" || fail 'the recording does not say that it begins late'
-grep -q '^free \$a1$' "$work/late.txt" || fail 'a block that was there has no name'
+grep -q '^free [$]a1$' "$work/late.txt" || fail 'a block that was there has no name'
 replays "$work/late.txt"
 
 # An answer that is another one.
