@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "command_line.hpp"
 #include "device_command.hpp"
 #include "kernel_log.hpp"
 #include "map_page.hpp"
@@ -59,6 +60,7 @@ void describe(DeviceCommand& command, Options& options)
 {
     command.option("--html", "FILE", into(options.page), "writes a page to zoom and point at, instead of the picture");
     command.jsonFlag(options.json);
+    command.app().get_option("--json")->excludes("--html");
     command.flag("--no-heap", options.noHeap, "leave the heap out, and the kernel log alone");
     command.option(
         "--area", "START-END", [&](const std::string& text) { options.area = areaOfParameter(text); },
@@ -109,8 +111,6 @@ int map(const Words& words, std::ostream& out, std::ostream& errors)
     DeviceCommand command("map", kDescription, deviceNotes(kNotes, kExamples));
     describe(command, options);
     return command.run(words, out, errors, [&](Device& device) {
-        if (options.json && !options.page.empty())
-            throw UsageError("either --json or --html, not both");
         const std::string name = deviceName(command.device());
         const Heap heap = options.noHeap ? Heap{{}, "it was not asked for"} : readHeap(device, name);
         const MemoryMap map = readMap(device, name, options.area ? options.area : areaOf(name), heap);

@@ -3,6 +3,7 @@
 # system has.
 #   check_map_device.sh DEVICE COMMAND...    as --device takes it; the command that starts velmora-mm
 set -eu
+export LC_ALL=C # the picture is of plain characters then
 device=$1
 shift
 tool=$*
