@@ -21,7 +21,7 @@ export LC_ALL=C VELMORA_MM_DEVICE="unix:$work/mm.sock"
 unset NO_COLOR
 ends 3 "$tool" map
 says_alone '^velmora-mm map: no controller is running: there is no socket'
-for words in '--width 19' '--width 1001' '--rows 0' '--rows many' '--color sometimes' '--area 95000000' '--html x --json'; do
+for words in '--width 19' '--width 1001' '--rows 0' '--rows many' '--color sometimes' '--area 95000000'; do
     # shellcheck disable=SC2086
     ends 2 "$tool" map $words
     says_alone '^velmora-mm map: ' 2 # and where help is
@@ -38,6 +38,7 @@ until [ -S "$work/mm.sock" ]; do
     sleep 0.05
 done
 
+ends 2 "$tool" map --html "$work/none" --json
 ends 0 "$tool" map
 prints '^0x95100000 |??*|$'
 ends 0 "$tool" watch --once

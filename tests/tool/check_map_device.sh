@@ -7,6 +7,7 @@ export LC_ALL=C # the picture is of plain characters then
 device=$1
 shift
 tool=$*
+export LC_ALL=C
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 # shellcheck source=tests/support/program.sh
