@@ -45,6 +45,9 @@ examples
   velmora-mm plan job.txt --without-probes --smallest --html plan.html
 )";
 
+constexpr const char* kNoneFound =
+    "no layout that never refuses was found: none of up to 960 MiB of area does with these blocks and maps";
+
 struct Options {
     std::string recording, layout, html;
     bool smallest = false, tries = false, json = false, printLayout = false, withoutProbes = false;
@@ -195,7 +198,7 @@ int planWith(const Options& options, std::ostream& out)
     const PlanLayout layout = options.layout.empty()
                                   ? layoutOf(recording)
                                   : readLayout(readWholeFile(options.layout), options.layout, recording);
-    if (options.printLayout) {
+    if (options.printLayout && !options.smallest) {
         out << layoutText(layout, recording);
         return kDone;
     }
@@ -220,7 +223,11 @@ int planWith(const Options& options, std::ostream& out)
         writeWholeFile(options.html,
                        planPage(recording, options.recording, charts, options.smallest ? &search : nullptr));
     }
-    if (options.json) {
+    if (options.printLayout) {
+        if (!smallest)
+            throw std::runtime_error(kNoneFound);
+        out << layoutText(smallest->layout, recording);
+    } else if (options.json) {
         printJson(out, options, recording, own, smallest, search);
     } else {
         printRecording(out, options.recording, recording);
@@ -228,8 +235,7 @@ int planWith(const Options& options, std::ostream& out)
         if (smallest)
             printSearch(out, options, recording, *smallest, search);
         else if (options.smallest)
-            out << "\nNo layout that never refuses was found: none of up to 960 MiB of area does with these blocks and "
-                   "maps.\n";
+            out << "\n" << kNoneFound << "\n";
     }
     return (options.smallest ? smallest.has_value() : own.result.good()) ? kDone : kFailed;
 }
@@ -246,7 +252,7 @@ int plan(const Words& words, std::ostream& out, std::ostream& errors)
     app.add_option("--layout", options.layout, "the layout, a TOML file; default: the recording's own")
         ->type_name("FILE");
     app.add_flag("--print-layout", options.printLayout,
-                 "print the layout as a file to start from; nothing is replayed");
+                 "print the layout as a file to start from, and nothing else; with --smallest the one that was found");
     app.add_flag("--smallest", options.smallest, "search for the smallest layout that never refuses");
     app.add_flag("--tries", options.tries, "with --smallest: print each layout that was tried");
     app.add_flag("--without-probes", options.withoutProbes,

@@ -175,6 +175,10 @@ for workers in 1 2 5; do
 done
 ends 0 "$velmora_mm" plan "$work/job.txt" --print-layout
 prints '^\[segment.PAGE\]$'
+ends 0 "$velmora_mm" plan "$work/job.txt" --without-probes --smallest --print-layout
+mv "$work/out" "$work/found.toml"
+ends 0 "$velmora_mm" plan "$work/job.txt" --without-probes --layout "$work/found.toml"
+prints '^Nothing was refused\.$'
 printf '[segment.PAGE]\nbytes = "1M"\noverflow = false\n' >"$work/layout.toml"
 ends 1 "$velmora_mm" plan "$work/job.txt" --without-probes --layout "$work/layout.toml"
 prints '^  line [0-9]*: 256 KiB of PAGE, asked by print-job \['
