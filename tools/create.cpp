@@ -164,12 +164,14 @@ int create(const Words& words, std::ostream& out, std::ostream& errors)
     Request request;
     bool lock = false, noLock = false;
     addOptions(command, request, lock, noLock);
-    return command.run(words, out, errors, [&](Device& device) {
+    command.require([&] {
         if (lock && noLock)
             throw UsageError("either --lock or --no-lock, not both");
         if (lock || noLock)
             request.lock = lock;
         requireUsable(request);
+    });
+    return command.run(words, out, errors, [&](Device& device) {
         requireNone(objectionTo(request), request.force);
         requirePossible(device, request);
         if (request.isFixed())

@@ -131,6 +131,8 @@ int DeviceCommand::run(const Words& words, std::ostream& out, std::ostream& erro
         return status;
     };
     return runWords(*app_, words, out, errors, [&] {
+        if (check_)
+            check_();
         std::optional<Device> device;
         try {
             device.emplace(openDevice(device_));

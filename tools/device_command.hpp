@@ -22,6 +22,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include <nlohmann/json_fwd.hpp>
 #include <velmora/device.hpp>
@@ -60,6 +61,9 @@ public:
     void jsonFlag(bool& json);
     void forceFlag(bool& force);
 
+    // What has to hold of all the words together: looked at before the device is opened. Throws UsageError where it does not.
+    void require(std::function<void()> check) { check_ = std::move(check); }
+
     CLI::App& app() { return *app_; }
     // What --device says; empty: what openNode() finds without it.
     const std::string& device() const { return device_; }
@@ -71,6 +75,7 @@ public:
 private:
     std::unique_ptr<CLI::App> app_;
     std::string device_;
+    std::function<void()> check_;
 };
 
 // The end of a help text: what else there is to say (may be empty), the exit statuses of every command that asks a device,

@@ -10,13 +10,13 @@ namespace velmora::tools {
 
 namespace {
 
-constexpr double kWidth = 960, kHeight = 150, kLeft = 90, kTop = 20;
+constexpr double kWidth = 960, kHeight = 100, kLeft = 90, kTop = 20;
 constexpr std::size_t kMostPoints = 1200; // of a curve: more cannot be seen
 constexpr std::array<const char*, 6> kColours = {"#0072b2", "#d55e00", "#009e73", "#cc79a7", "#e69f00", "#56b4e9"};
 
 constexpr const char* kStyle =
     R"(body{font:15px/1.5 system-ui,sans-serif;margin:2em auto;max-width:1100px;padding:0 1em;color:#222}
-table{border-collapse:collapse;margin:1em 0}td,th{padding:.2em .8em;border-bottom:1px solid #ccc;text-align:right}
+table{border-collapse:collapse;margin:1em 0}td,th{padding:.2em .8em;white-space:nowrap;border-bottom:1px solid #ccc;text-align:right}
 td:first-child,th:first-child{text-align:left}svg{width:100%;height:auto;display:block}text{font-size:12px;fill:#444}
 .limit{stroke:#999;stroke-dasharray:4 3}.axis{stroke:#999}.refused{stroke:#c00;stroke-width:2}
 @media(prefers-color-scheme:dark){body{background:#181818;color:#ddd}text{fill:#bbb}})";
@@ -85,7 +85,7 @@ void writeChart(std::ostream& out, const PlanRecording& recording, const PlanCha
         return;
     }
     out << "<table><tr><th>segment</th><th>usable</th><th>peak</th><th>after line</th><th>of it waste</th>"
-           "<th>largest request still served</th><th>overflowed</th><th>refused</th></tr>\n";
+           "<th>largest still served</th><th>overflowed</th><th>refused</th></tr>\n";
     for (std::size_t at = 0; at < recording.segments.size(); ++at) {
         const PlanUse& use = chart.result.use[at];
         out << "<tr><td>" << escapedHtml(recording.segments[at].name) << "</td><td>" << bytesText(use.usable)

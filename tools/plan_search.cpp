@@ -19,7 +19,11 @@ constexpr unsigned kMostPasses = 16;
 struct Sizes {
     std::vector<std::uint32_t> segments; // 0: not to be chosen
     std::uint32_t rest = 0;
-    auto operator<=>(const Sizes&) const = default;
+    bool operator==(const Sizes&) const = default;
+    bool operator<(const Sizes& other) const
+    {
+        return segments == other.segments ? rest < other.rest : segments < other.segments;
+    }
 
     std::uint64_t area() const
     {
@@ -157,6 +161,7 @@ private:
             search_.tries.push_back({jobs[at].layout, verdictOf(results[at], recording_)});
         }
         std::vector<bool> served;
+        served.reserve(all.size());
         for (const Sizes& sizes : all)
             served.push_back(known_.at(sizes));
         return served;

@@ -44,13 +44,13 @@ MM_TStartOption parseMemory(const std::string& text)
 int start(const Words& words, std::ostream& out, std::ostream& errors)
 {
     DeviceCommand command("start", kDescription, deviceNotes(kNotes, kExamples));
-    std::string memory = kMemory.front().name;
+    MM_TStartOption option = MM_SM_BKUP_OK;
     bool again = false;
-    command.option("--memory", "STATE", into(memory),
-                   "what the power cycle left of it: kept (default), lost, jobs or flash");
+    command.option(
+        "--memory", "STATE", [&](const std::string& word) { option = parseMemory(word); },
+        "what the power cycle left of it: kept (default), lost, jobs or flash");
     command.flag("--again", again, "start even if there are segments: everybody loses theirs");
     return command.run(words, out, errors, [&](Device& device) {
-        const MM_TStartOption option = parseMemory(memory);
         try {
             startUp(device, option, again ? Restart::ForgetEverything : Restart::Refuse);
         } catch (const Error& error) {
