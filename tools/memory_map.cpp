@@ -101,6 +101,7 @@ std::vector<Holding> holdingsOf(const std::vector<Picture>& segments)
             if (!run.free)
                 bytes[run.owner] += std::uint64_t(run.blocks) * segment.stride();
     std::vector<Holding> holdings;
+    holdings.reserve(bytes.size());
     for (const auto& [owner, held] : bytes)
         holdings.push_back({owner, held});
     return holdings;

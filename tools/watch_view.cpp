@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 #include "device_command.hpp"
@@ -25,9 +26,7 @@ constexpr const char* kHelp[] = {
     "up down  other segments",
     "h   this help, q quit",
     "",
-    "Each segment has a bar of what is used, its peak since watch began, and what was free and its longest free run in "
-    "the "
-    "past, the newest to the right.",
+    "A segment has a bar of its use and its peak; then, newest to the right, what was free and its longest run.",
     "The heap is not watched: the manager shows it on the kernel log only (velmora-mm status).",
 };
 
@@ -161,7 +160,7 @@ WatchLine Lines::use(const WatchedSegment& segment) const
 {
     const std::uint64_t stride = segment.stride;
     const double share = segment.blocks == 0 ? 0 : double(segment.used()) / segment.blocks;
-    std::string figures = " " + padded(std::to_string(static_cast<int>(share * 100 + 0.5)), 3, true) + " %";
+    std::string figures = " " + padded(std::to_string(std::lround(share * 100)), 3, true) + " %";
     if (columns_ >= 60)
         figures += padded(roundedBytes(segment.used() * stride), 9, true);
     if (columns_ >= 40)
@@ -169,7 +168,7 @@ WatchLine Lines::use(const WatchedSegment& segment) const
     if (columns_ >= 60)
         figures += "  peak" + padded(roundedBytes(segment.peak * stride), 9, true);
     const std::size_t room = columns_ - 7 - figures.size();
-    const auto used = static_cast<std::size_t>(share * static_cast<double>(room) + 0.5);
+    const auto used = static_cast<std::size_t>(std::lround(share * static_cast<double>(room)));
     std::string bar;
     for (std::size_t column = 0; column < used; ++column)
         bar += asciiOnly_ ? "#" : "█";

@@ -15,7 +15,6 @@
 namespace velmora::test {
 namespace {
 
-using tools::MapStyle;
 using tools::mapText;
 using Kind = tools::Stretch::Kind;
 

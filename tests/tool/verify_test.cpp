@@ -93,7 +93,7 @@ TEST_F(VerifyTest, OneBrokenLinkIsNamedWithItsRunAlsoWithoutAMap)
         std::uint32_t before;
         std::memcpy(&before, device.map(field, sizeof before).bytes().data(), sizeof before);
         store(field, word);
-        const Findings found = findings(handle);
+        Findings found = findings(handle);
         store(field, before);
         return found;
     };

@@ -9,7 +9,6 @@
 namespace velmora::test {
 namespace {
 
-using tools::WatchedSegment;
 using tools::WatchOrder;
 using tools::WatchView;
 
