@@ -10,21 +10,26 @@ FUZZ_SEED ?= $(shell date +%s)
 .DEFAULT_GOAL := help
 include kernel/linux/target.mk
 include bench/bench.mk
-.PHONY: help build build-x86 build-arm demo test test-x86 test-x86_64 test-arm test-sanitize coverage fuzz format format-check lint docs install uninstall package test-packages clean
+.PHONY: help build build-x86 build-arm build-guarded demo test test-x86 test-guarded test-x86_64 test-arm test-sanitize coverage fuzz format format-check lint docs install uninstall package test-packages clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
 
 # Configures a preset once and builds it.
-preset = cmake --preset $(1) $(if $(wildcard build/$(1)/build.ninja build/$(1)/programs/build.ninja),>/dev/null) && cmake --build --preset $(1)
+preset = cmake --preset $(1) $(if $(wildcard build/$(1)/build.ninja build/$(1)/programs/build.ninja build/$(1)/x86/build.ninja),>/dev/null) && cmake --build --preset $(1)
 
-## make build      everything hosted: build/bin/ (32-bit x86), build/arm/bin/ (ARMv7)
-build: build-x86 build-arm
+## make build      everything hosted: build/bin/ (32-bit x86), build/arm/bin/ (ARMv7), build/guarded/bin/ (the guarded manager)
+build: build-x86 build-arm build-guarded
 
 build-x86:
 	@scripts/setup.sh build test
 	@scripts/ncurses.sh i386
 	@$(call preset,x86)
+
+# The guarded manager on the simulated controller: build/guarded/bin/. Its tests compare it with the default build.
+build-guarded:
+	@scripts/setup.sh build test
+	@$(call preset,guarded)
 
 build-arm:
 	@scripts/setup.sh build test
@@ -37,12 +42,15 @@ demo: build-x86
 	@build/bin/print-job --processes $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo
 
 ## make test       the gates (format-check, lint), then every test: x86, the client library in 64 bits, ARMv7 under qemu-arm, sanitizers, coverage of kernel/, the packages in a clean Debian, the module on an emulated controller
-test: format-check lint test-x86 test-x86_64 test-arm test-sanitize coverage test-packages test-target
+test: format-check lint test-x86 test-guarded test-x86_64 test-arm test-sanitize coverage test-packages test-target
 	@echo "All tests passed"
 
 test-x86: build-x86
 	@scripts/setup.sh demo test-pages
 	ctest --preset x86
+
+test-guarded: build-x86 build-guarded
+	ctest --preset guarded
 
 # The client library in programs of this machine's word size, on the controller of the 32-bit build; once more with
 # ThreadSanitizer.

@@ -51,6 +51,11 @@ inline void expect(bool condition, const char* what)
 // Starts the library afresh: no segment.
 inline void startLibrary(Search search)
 {
+    if constexpr (MM_Guarded) { // does not start while blocks are allocated: here they are forgotten
+        for (TMMSegInfo& segment : stSegTable)
+            segment = {};
+        MM_GuardReset();
+    }
     MM_UseRunIndex(search == Search::Index);
     expect(MM_LibEntry(SM_BKUP_OK, nullptr) == ENOERR, "the library does not start");
 }

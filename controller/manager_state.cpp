@@ -6,6 +6,7 @@
 #include <cstring>
 #include <vector>
 
+#include "kernel/mm/guard/MM_Guard.h"
 #include "kernel/mm/mm/MM_RunIndex.h"
 #include "kernel/mm/mmi/MM_Interface.h"
 #include "controller/session_text.h"
@@ -188,6 +189,8 @@ void resetManagerState()
         from += variable.bytes;
     }
     MM_ResetRunIndexes();
+    if constexpr (MM_Guarded)
+        MM_GuardReset();
 }
 
 std::string dumpManagerState()

@@ -306,6 +306,16 @@ U32 Machine::copyToUser(U32 to, const void* from, U32 bytes)
     return bytes - copied;
 }
 
+bool Machine::takeMemory()
+{
+    if (faults.memoryStopsAt && (*faults.memoryStopsAt)-- == 0) {
+        faults.memoryStopsAt = 0;
+        return false;
+    }
+    ++memoryTaken_;
+    return true;
+}
+
 S32 Machine::registerDevice(std::string name)
 {
     if (faults.registerResult)

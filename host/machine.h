@@ -62,6 +62,7 @@ struct Faults {
     bool everyPageIsRam = false;             // pfn_valid takes every page number for one of RAM
     std::optional<U32> copyInStopsAt;        // copy_from_user moves this many bytes at most
     std::optional<U32> copyOutStopsAt;       // copy_to_user moves this many bytes at most
+    std::optional<U32> memoryStopsAt;        // the kernel has memory of its own for this many times
     std::optional<unsigned long> touchLimit; // a command that makes more accesses is taken for endless and stopped
 };
 
@@ -104,6 +105,8 @@ public:
     bool lockHeld(TMMLock lock) const { return locks_.at(lock); }
     bool interruptsOff() const { return interruptsOff_; }
     unsigned long lockTakes() const { return lockTakes_; }
+    // Pieces of kernel memory that are taken and not yet given back, since the program started.
+    long memoryTaken() const { return memoryTaken_; }
     unsigned long cacheFlushes() const { return cacheFlushes_; }
     // Bytes from the scratch area's start that copies to user memory reached since the last command began.
     U32 copiedOut() const { return copiedOut_; }
@@ -134,6 +137,8 @@ public:
     bool createProcEntry(std::string name, U32 mode);
     void removeProcEntry(const std::string& name);
     S32 remap(const TMMMapRequest& request, U32 pfn, U32 bytes, TMMProt protection);
+    bool takeMemory();
+    void giveMemory() { --memoryTaken_; }
     void flushCache() { ++cacheFlushes_; }
 
 private:
@@ -147,6 +152,7 @@ private:
     std::array<bool, MM_LOCK_NUM> locks_{};
     bool interruptsOff_ = false;
     unsigned long lockTakes_ = 0;
+    long memoryTaken_ = 0;
     unsigned long cacheFlushes_ = 0;
     U32 copiedOut_ = 0;
     unsigned long touches_ = 0;

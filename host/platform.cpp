@@ -1,6 +1,7 @@
 // The platform boundary on the simulated machine: each entry of MM_Platform.h, in its order.
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "host/machine.h"
@@ -41,6 +42,18 @@ void MMP_Touch(const void* pvAddr, U32 ulBytes)
     machine().touch(reinterpret_cast<U32>(pvAddr), ulBytes);
 }
 #endif
+
+// Not in the simulated RAM: no mapping of the device reaches this process's own memory.
+void* MMP_TakeMemory(U32 ulBytes)
+{
+    return machine().takeMemory() ? std::calloc(ulBytes, 1) : nullptr;
+}
+
+void MMP_GiveMemory(void* pvMemory)
+{
+    std::free(pvMemory);
+    machine().giveMemory();
+}
 
 void MMP_LockIrq(TMMLock enLock)
 {

@@ -2,7 +2,7 @@
 # Builds velmora_mm.ko for a kernel tree and prints its path last. The sources stay clean: Kbuild works in a
 # tree of links under build/module/, one for each kernel tree. Beside the module lie the headers for other
 # kernel code (include/) and the checksums of its exported entries (Module.symvers).
-#   KDIR=kernel-tree [ARCH=arm] [CROSS_COMPILE=arm-linux-gnueabihf-] [STRICT=1] scripts/target-module.sh [FOLDER]
+#   KDIR=kernel-tree [ARCH=arm] [CROSS_COMPILE=arm-linux-gnueabihf-] [GUARDED=1] [STRICT=1] scripts/target-module.sh [FOLDER]
 # Without KDIR Debian's ARMv7 kernel is taken, that of the suite TARGET_SUITE if it is set. FOLDER: another module of
 # this repository, built against velmora_mm.
 set -eu
@@ -25,7 +25,7 @@ fi
 }
 
 folder=${1:-kernel/linux}
-place=$root/build/module/$(basename "$kdir")-$(echo "$kdir" | cksum | cut -d' ' -f1)
+place=$root/build/module/$(basename "$kdir")-$(echo "$kdir" | cksum | cut -d' ' -f1)${GUARDED:+-guarded}
 tree=$place/source
 mkdir -p "$tree"
 # Links are made afresh, so that a source that has gone is gone here too; objects stay. Sources only: what a direct
@@ -43,7 +43,7 @@ log=$place/$(basename "$folder").log
 status=0
 # shellcheck disable=SC2086
 ${MAKE:-make} --no-print-directory -C "$kdir" M="$tree/$folder" ARCH="${ARCH:-arm}" \
-    CROSS_COMPILE="${CROSS_COMPILE:-arm-linux-gnueabihf-}" $extra modules >"$log" 2>&1 || status=$?
+    CROSS_COMPILE="${CROSS_COMPILE:-arm-linux-gnueabihf-}" GUARDED="${GUARDED:-}" $extra modules >"$log" 2>&1 || status=$?
 cat "$log"
 [ "$status" -eq 0 ] || exit "$status"
 # Old kernels only warn of a symbol that they do not export; without a list of what they export nobody can tell.

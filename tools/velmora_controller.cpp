@@ -2,6 +2,7 @@
 #include <charconv>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <optional>
 
 #include <fcntl.h>
@@ -13,6 +14,7 @@
 #include "controller/device.h"
 #include "controller/server.h"
 #include "host/machine.h"
+#include "kernel/mm/guard/MM_Guard.h"
 #include "lib/socket_client.hpp"
 #include "tools/command_line.hpp"
 
@@ -49,6 +51,7 @@ struct Options {
     bool refuseMappings = false;
     bool clientsMayFault = false;
     bool log = false;
+    bool guarded = false;
     int attached = -1;
 };
 
@@ -231,10 +234,21 @@ void tell(int attached, const std::string& line)
         static_cast<void>(!write(attached, line.data(), line.size()));
 }
 
-int serve(const Options& options)
+// The guarded manager is a program of its own, which takes the same arguments: this one becomes it.
+void becomeGuarded(char** arguments)
+{
+    const std::string program =
+        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "../guarded/bin/velmora-controller";
+    execv(program.c_str(), arguments);
+    throw std::runtime_error("cannot run " + program + ": " + std::strerror(errno) + "; 'make build' makes it");
+}
+
+int serve(const Options& options, char** arguments)
 {
     std::optional<PrivateFolder> folder;
     try {
+        if (options.guarded && !MM_Guarded)
+            becomeGuarded(arguments);
         velmora::sim::ServerOptions made = serverOptions(options);
         made.mostClients = roomForClients();
         const int signals = endSignals();
@@ -281,11 +295,12 @@ int main(int count, char** arguments)
     app.add_flag("--refuse-mappings", options.refuseMappings, "the kernel maps nothing, whatever the manager says");
     app.add_flag("--clients-may-fault", options.clientsMayFault, "clients may ask for faults as well, for tests");
     app.add_flag("--log", options.log, "prints the kernel log");
+    app.add_flag("--guarded", options.guarded, "the guarded build of the manager, which survives its applications");
     app.add_option(
            "--attach", options.attached,
            "an open descriptor of the program that starts the controller: the socket's name is written to it as a "
            "line once clients may come (a line that begins with '!' says why not), and the controller ends when its "
            "other end is closed; without --socket, the socket lies in a temporary folder that goes with it")
         ->type_name("FD");
-    return velmora::tools::runProgram(app, count, arguments, [&] { return serve(options); });
+    return velmora::tools::runProgram(app, count, arguments, [&] { return serve(options, arguments); });
 }

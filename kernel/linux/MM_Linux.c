@@ -7,6 +7,7 @@
 #include <linux/module.h>
 #include <linux/moduleparam.h>
 #include <linux/string.h>
+#include <linux/vmalloc.h>
 
 #include "MM_Compat.h"
 
@@ -57,6 +58,39 @@ static raw_spinlock_t astLock[MM_LOCK_NUM] = {
     [pop_lock] = __RAW_SPIN_LOCK_INITIALIZER(astLock[pop_lock]),
 };
 
+#ifdef MM_GUARDED
+/* Interrupts come back as they were: the guarded build may be called with them off. Each word belongs to its lock's
+ * holder. */
+static unsigned long aulFlags[MM_LOCK_NUM];
+
+void MMP_LockIrq(enum TMMLock enLock)
+{
+    unsigned long ulFlags;
+
+    raw_spin_lock_irqsave(&astLock[enLock], ulFlags);
+    aulFlags[enLock] = ulFlags;
+}
+
+void MMP_UnlockIrq(enum TMMLock enLock)
+{
+    raw_spin_unlock_irqrestore(&astLock[enLock], aulFlags[enLock]);
+}
+
+/* The device maps nothing but the managed area, and this lies elsewhere. */
+void* MMP_TakeMemory(U32 ulBytes)
+{
+    void* pvMemory = vmalloc(ulBytes);
+
+    if (pvMemory)
+        memset(pvMemory, 0, ulBytes);
+    return pvMemory;
+}
+
+void MMP_GiveMemory(void* pvMemory)
+{
+    vfree(pvMemory);
+}
+#else
 void MMP_LockIrq(enum TMMLock enLock)
 {
     raw_spin_lock_irq(&astLock[enLock]);
@@ -66,6 +100,7 @@ void MMP_UnlockIrq(enum TMMLock enLock)
 {
     raw_spin_unlock_irq(&astLock[enLock]);
 }
+#endif
 
 /* Memory of the calling process ------------------------------------------------------------------- */
 

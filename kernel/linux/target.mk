@@ -7,7 +7,8 @@ KDIR ?=
 KERNEL ?=
 BOARD ?=
 TARGET_SUITE ?=
-export ARCH CROSS_COMPILE KDIR KERNEL BOARD TARGET_SUITE
+GUARDED ?=
+export ARCH CROSS_COMPILE KDIR KERNEL BOARD TARGET_SUITE GUARDED
 
 # Nothing but the module's path may come last, whatever folder make was called from.
 MAKEFLAGS += --no-print-directory
@@ -15,6 +16,7 @@ MAKEFLAGS += --no-print-directory
 .PHONY: module test-target target-demo
 
 ## make module     the kernel module; the last line is its path  [KDIR=kernel-tree ARCH=arm CROSS_COMPILE=arm-linux-gnueabihf-]
+##                 (the guarded one, which survives its applications: GUARDED=1, see docs/security.md)
 module:
 	@scripts/setup.sh build
 	@MAKE='$(MAKE)' scripts/target-module.sh

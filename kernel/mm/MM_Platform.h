@@ -48,6 +48,14 @@ static inline void MMP_Touch(const void* pvAddr, U32 ulBytes)
 }
 #endif
 
+/* Kernel memory ----------------------------------------------------------------------------------- */
+
+/* Zeroed memory of the kernel's own, outside of managed memory and of everything that the device maps, at an address that
+ * is a multiple of 4: ulBytes (1 or more). Null when there is none. May sleep. Callers: the guarded build, at creation. */
+void* MMP_TakeMemory(U32 ulBytes);
+/* Gives it back. May sleep. Fails: never. Callers: the guarded build, at library start and module unload. */
+void MMP_GiveMemory(void* pvMemory);
+
 /* Locks ------------------------------------------------------------------------------------------- */
 
 /* The manager's spin locks: block search, block release, stack push, stack pop. */

@@ -20,7 +20,7 @@ complain() {
 }
 
 [ -n "$order" ] || complain "no table of headers in docs/architecture.md"
-for file in kernel/mm/*.h kernel/mm/mm/*.h kernel/mm/mmi/*.h; do
+for file in kernel/mm/*.h kernel/mm/mm/*.h kernel/mm/guard/*.h kernel/mm/mmi/*.h; do
     own=$(place "$(basename "$file")")
     [ -n "$own" ] || complain "$file is not in the table"
     for header in $(included "$file"); do
@@ -29,7 +29,7 @@ for file in kernel/mm/*.h kernel/mm/mm/*.h kernel/mm/mmi/*.h; do
         [ "${other:-0}" -lt "${own:-0}" ] || complain "$file includes $header, which does not stand above it"
     done
 done
-for file in kernel/mm/mm/*.cpp kernel/mm/mmi/*.cpp; do
+for file in kernel/mm/mm/*.cpp kernel/mm/guard/*.cpp kernel/mm/mmi/*.cpp; do
     for header in $(included "$file"); do
         [ -n "$(place "$header")" ] || complain "$file includes $header, which is not in the table"
     done

@@ -5,7 +5,7 @@ set -eu
 cd "$1"
 status=0
 
-declared=$(sed -n 's/^[A-Za-z0-9 ]*[ *]\(MMP_[A-Za-z]*\|Velmora_MM_[a-z]*\|[a-z_]*\)(.*;.*$/\1/p' kernel/mm/MM_Platform.h \
+declared=$(sed -n 's/^[A-Za-z0-9 *]*[ *]\(MMP_[A-Za-z]*\|Velmora_MM_[a-z]*\|[a-z_]*\)(.*;.*$/\1/p' kernel/mm/MM_Platform.h \
     kernel/mm/mmi/MM_Interface.h | sort -u)
 # The first column: names in backquotes, of which a short one goes on with the first one's beginning.
 # shellcheck disable=SC2016 # the backquotes are the table's own

@@ -81,6 +81,8 @@ TMMBlkStr* MM_SearchBlock(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 
 U8* MM_AllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardedAllocBlk(hulHandle, ulReqBlkNum, ubMapID);
     bool fRetry = stSegTable[hulHandle].ulLargestBlkSize >= ulReqBlkNum; /* INTENDED(second-attempt): one, no loop */
 
     for (;; fRetry = false) {
@@ -126,6 +128,8 @@ U8 MM_GetHeapBlkID(U8* pubReqAddr)
 
 U8* MM_Push(U32 hulHandle, U32 ulReqBlkNum, U8)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardedPush(hulHandle, ulReqBlkNum);
     TMMSegInfo& stSeg = stSegTable[hulHandle];
     TStackStr& stStack = astStackStr[hulHandle];
     const bool fLocked = MM_LockSegment(hulHandle, push_lock);

@@ -216,6 +216,8 @@ void CleanUpRange(U32 hulHandle, U8 ubMapID, const TMMRange& stRange)
 
 U32 MM_FreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardedFreeBlk(hulHandle, pubRlsAddr, ulBlkNo);
     TMMSegInfo& stSeg = stSegTable[hulHandle];
     const bool fLocked = MM_LockSegment(hulHandle, free_lock);
 
@@ -242,6 +244,8 @@ U32 MM_ClearMap(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 
 void MM_CleanUp(U32 hulHandle, U8 ubMapID)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardedCleanUp(hulHandle, ubMapID);
     if (stSegTable[hulHandle].stInfoFromApp.ubMap == 0)
         return;
     if (hulHandle != HEAPHANDLE) {
@@ -254,6 +258,8 @@ void MM_CleanUp(U32 hulHandle, U8 ubMapID)
 
 U32 MM_Pop(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardedPop(hulHandle, pubRlsAddr, ulBlkNo);
     TMMSegInfo& stSeg = stSegTable[hulHandle];
     const bool fLocked = MM_LockSegment(hulHandle, pop_lock);
     const U32 ulBytes = MM_StackBytes(MM_BlkToBytes(ulBlkNo, stSeg.ubBlkBit));

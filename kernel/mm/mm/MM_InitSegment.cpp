@@ -3,6 +3,7 @@
  * of the allocator. A segment with a map is laid out as map, padding up to the unit, blocks.
  */
 #include "MM_Heap.h"
+#include "MM_Layout.h"
 #include "MM_List.h"
 #include "MM_Stack.h"
 
@@ -11,27 +12,6 @@ TMMBcptr astBlkTail[MAX_SEGTABLE_SIZE];
 TStackStr astStackStr[MAX_SEGTABLE_SIZE];
 
 namespace {
-
-/* Alignment unit of a segment's blocks. */
-U32 AlignUnit(U32 ulBlkSize)
-{
-    return ulBlkSize % 4 == 0 ? ulBlkSize : 4;
-}
-
-/* Moves an address that is no true multiple of the unit up; the mask is applied as it stands also for units
- * that are no power of two. */
-U32 AlignUp(U32 ulAddr, U32 ulUnit)
-{
-    return ulUnit == 0 || ulAddr % ulUnit == 0 ? ulAddr : (ulAddr + ulUnit) & (0 - ulUnit);
-}
-
-/* Bytes of the map of ulBlkNum blocks. INTENDED(map-extra-byte): it goes by the count modulo 8 for every width. */
-U32 MapBytes(U32 ulBlkNum, U8 ubMap)
-{
-    const U8 ubWidthBit = MM_GetBlkBit(ubMap);
-    const U32 ulBytes = ubWidthBit <= 3 ? ulBlkNum >> (3 - ubWidthBit) : 0;
-    return ulBlkNum % 8 == 0 ? ulBytes : ulBytes + 1;
-}
 
 void InstallRoutines(TMMSegInfo* pstSegInfo)
 {
@@ -71,7 +51,7 @@ void RepointPiece(U32 ulOldAddr, const TMMNode& stNode, U32 ulNewAddr)
 void LayOutPiece(TMMSegInfo* pstSegInfo, U8 ubIdx, U32 ulUnit)
 {
     const U32 ulPlaced = stSegStartAddr.aulHeapAddr[ubIdx];
-    const U32 ulStart = AlignUp(ulPlaced, ulUnit);
+    const U32 ulStart = MM_AlignUp(ulPlaced, ulUnit);
     TMMNode stNode = MM_ReadNode(MM_At<TMMBlkStr>(ulPlaced));
 
     if (ulStart != ulPlaced)
@@ -92,7 +72,7 @@ void LayOutPieceMap(TMMSegInfo* pstSegInfo, U8 ubIdx, U32 ulUnit)
 {
     const U32 ulMapStart = stSegStartAddr.aulHeapAddr[ubIdx];
     TMMNode stNode = MM_ReadNode(MM_At<TMMBlkStr>(ulMapStart));
-    const U32 ulStart = AlignUp(ulMapStart + MapBytes(stNode.ulSize, pstSegInfo->stInfoFromApp.ubMap), ulUnit);
+    const U32 ulStart = MM_AlignUp(ulMapStart + MM_MapBytes(stNode.ulSize, pstSegInfo->stInfoFromApp.ubMap), ulUnit);
     const U32 ulBytes = stSegEndAddr.aulHeapAddr[ubIdx] - ulStart;
 
     stNode.ulSize = ulBytes >> pstSegInfo->ubBlkBit;
@@ -168,7 +148,7 @@ void StartSegment(const TMMSegInfo* pstSegInfo)
 /* Fills the block range of a segment without a map. */
 void LayOutBlocks(TMMSegInfo* pstSegInfo, U32 ulUnit)
 {
-    const U32 ulStart = AlignUp(MM_Addr(pstSegInfo->pubStartAddr), ulUnit);
+    const U32 ulStart = MM_AlignUp(MM_Addr(pstSegInfo->pubStartAddr), ulUnit);
     U32 ulBlkNum = pstSegInfo->ulRealAvailSize >> pstSegInfo->ubBlkBit;
     U32 ulEnd = ulStart + MM_BlkToBytes(ulBlkNum, pstSegInfo->ubBlkBit);
 
@@ -187,8 +167,8 @@ void LayOutBlocks(TMMSegInfo* pstSegInfo, U32 ulUnit)
 void LayOutMap(TMMSegInfo* pstSegInfo, U32 ulUnit)
 {
     const U32 ulMapStart = MM_Addr(pstSegInfo->pubStartAddr);
-    const U32 ulMapBytes = MapBytes(pstSegInfo->ulTotalBlkNum, pstSegInfo->stInfoFromApp.ubMap);
-    const U32 ulMapEnd = AlignUp(ulMapStart + ulMapBytes, ulUnit);
+    const U32 ulMapBytes = MM_MapBytes(pstSegInfo->ulTotalBlkNum, pstSegInfo->stInfoFromApp.ubMap);
+    const U32 ulMapEnd = MM_AlignUp(ulMapStart + ulMapBytes, ulUnit);
     const U32 ulBytes = MM_Addr(pstSegInfo->pubEndAddr) - ulMapEnd;
 
     pstSegInfo->pubMapStartAddr = MM_At(ulMapStart);
@@ -261,8 +241,9 @@ U32 MM_FindNewLargestBlk(U32 hulHandle)
 U32 MM_SegInitial(TMMSegInfo* pstSegInfo)
 {
     const U32 hulHandle = pstSegInfo->stInfoFromApp.hulHandle;
-    const U32 ulUnit = AlignUnit(pstSegInfo->stInfoFromApp.ulBlkSize);
+    const U32 ulUnit = MM_AlignUnit(pstSegInfo->stInfoFromApp.ulBlkSize);
 
+    MM_GUARD(MM_GuardAccepts(*pstSegInfo), EASSERT);
     MM_DropRunIndex(hulHandle);
     pstSegInfo->ulRealAvailSize = pstSegInfo->stInfoFromApp.ulRetSegSize;
     stSegTable[hulHandle].ulSemID = 0;
@@ -281,6 +262,7 @@ U32 MM_SegInitial(TMMSegInfo* pstSegInfo)
     InstallRoutines(pstSegInfo);
     StoreRecord(pstSegInfo);
     MM_RecheckRunIndexes();
+    MM_GUARD(MM_GuardEstablish(hulHandle), EASSERT);
     MM_BuildRunIndex(hulHandle);
 
     stSegTable[hulHandle].ulLargestBlkSize = MM_FindNewLargestBlk(hulHandle);

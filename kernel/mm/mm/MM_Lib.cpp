@@ -29,6 +29,7 @@ TMSTInfo stMSTInfo;
 
 U32 MM_Entry(TMMInitOption enInitOption)
 {
+    MM_GUARD(MM_GuardMayBuildMCT(enInitOption), EASSERT);
     if (enInitOption != MM_CONSTRUCT_DEFAULT_MCT)
         MM_ASSERT(0 && "Inpropriate Option Value!!", EASSERT);
 
@@ -48,11 +49,14 @@ U32 MM_Entry(TMMInitOption enInitOption)
 
 U32 MM_LibEntry(TStartOption enStartOption, void (*)(void))
 {
+    MM_GUARD(MM_GuardMayStart(enStartOption), EASSERT);
     hulFloatHandle = FIRST_FLOAT_HANDLE;
     hulFixedHandle = 0;
     for (TMMSegInfo& stSeg : stSegTable)
         stSeg = TMMSegInfo{};
     MM_ResetRunIndexes();
+    if constexpr (MM_Guarded)
+        MM_GuardStart();
 
     U8 aubJobControl[4] = {'$', 'J', 'C', 'B'};
     switch (enStartOption) {
@@ -67,8 +71,9 @@ U32 MM_LibEntry(TStartOption enStartOption, void (*)(void))
 
 U32 MM_ConstructSegLinkedList(void)
 {
-    const U32 ulStart = CM_IF_ReadFixedSegEndAddr();
-    const U32 ulEnd = *pubSegMemEndAddr;
+    MM_GUARD(MM_GuardHasMCT() && MM_GuardMeasureFreeMemory(), EASSERT);
+    const U32 ulStart = MM_Guarded ? MM_GuardFreeStart() : CM_IF_ReadFixedSegEndAddr();
+    const U32 ulEnd = MM_Guarded ? MM_GuardFreeEnd() : *pubSegMemEndAddr;
     TMMBlkStr* pstNode = MM_At<TMMBlkStr>(ulStart);
 
     MM_WriteNode(pstNode, {nullptr, nullptr, ulEnd - ulStart});
@@ -88,6 +93,8 @@ U32 MM_ConstructSegLinkedList(void)
     pstSegBlkHead = pstNode;
     pstSegBlkTail = pstNode;
     CM_IF_UpdateFixedSegEndAddr(ulStart);
+    if constexpr (MM_Guarded)
+        MM_GuardStarted();
     return ENOERR;
 }
 
@@ -96,6 +103,7 @@ BOOL MM_IsBrokenDramBackUp(void)
     constexpr U32 ulMaxRamSize = 0x20000000;
     constexpr U32 ulMCTAreaBytes = 4096;
 
+    MM_GUARD(MM_GuardNever(), TRUE);
     /* INTENDED(backup-check): the words that bound the area become pointers that nobody else expects, so nobody
      * calls this. */
     ulRamSize = *pubSegMemEndAddr - *pubSegMemStartAddr;
@@ -159,9 +167,7 @@ U32 TakeHandle(const TSegInfoFromApp* pstInfoFromApp, U32* phulHandle)
     return ENOERR;
 }
 
-} // namespace
-
-U32 MM_CreateSegment(TSegInfoFromApp* pstInfoFromApp)
+U32 CreateSegment(TSegInfoFromApp* pstInfoFromApp)
 {
     TMMSegInfo stSegInfo{};
 
@@ -181,9 +187,28 @@ U32 MM_CreateSegment(TSegInfoFromApp* pstInfoFromApp)
     return ENOERR;
 }
 
+} // namespace
+
+U32 MM_CreateSegment(TSegInfoFromApp* pstInfoFromApp)
+{
+    if constexpr (MM_Guarded)
+        return MM_GuardedCreate(pstInfoFromApp, CreateSegment);
+    return CreateSegment(pstInfoFromApp);
+}
+
 /* Allocation and release ---------------------------------------------------------------------------- */
 
 namespace {
+
+/* Bytes of a segment's block as requests are counted. Those of the guarded build get as many bytes as they ask for also where
+ * the size is no power of two. */
+U32 BlockBytes(const TMMSegInfo& stSeg)
+{
+    const U32 ulBlockSize = stSeg.stInfoFromApp.ulBlkSize;
+    if constexpr (MM_Guarded)
+        return ulBlockSize == 0 ? 0 : 1u << stSeg.ubBlkBit;
+    return ulBlockSize;
+}
 
 /* Blocks that hold a count of bytes; 0 when the sum wraps. */
 U32 BytesToBlocks(U32 ulBytes, U32 ulBlockSize)
@@ -212,7 +237,7 @@ U32 MM_Malloc(U32 hulHandle, U32 ulReqBytes, U8 ubMapID)
 
     MM_ASSERT_MESSAGE(ulReqBytes > 0, "ulReqBytes is less then 0", MM_FAILED);
     MM_ASSERT_MESSAGE(hulTempHandle < MAX_SEGTABLE_SIZE, "The range of Handle is beyond MST range", MM_FAILED);
-    const U32 ulBlockSize = stSegTable[hulTempHandle].stInfoFromApp.ulBlkSize;
+    const U32 ulBlockSize = BlockBytes(stSegTable[hulTempHandle]);
     MM_ASSERT_MESSAGE(ulBlockSize > 0, "ulBlockSize is wrong", MM_FAILED);
     const U32 ulReqBlock = BytesToBlocks(ulReqBytes, ulBlockSize);
     MM_ASSERT_MESSAGE(ulReqBlock > 0, "ulReqBlock is wrong", MM_FAILED);
@@ -241,6 +266,7 @@ U32 MM_AllocBlock(U32 hulHandle, U32 ulReqBlkNo, U8 ubMapID)
      * pointer tested below is the requesting segment's, not the heap's. */
     MM_ASSERT_MESSAGE(MM_CheckSegInitCompleted(HEAPHANDLE), "HEAP is not yet initialized.", MM_FAILED);
     MM_ASSERT_MESSAGE(stSeg.pfnAlloc != nullptr, "HEAP Alloc function is NULL", MM_FAILED);
+    MM_GUARD(MM_GuardOverflow(hulHandle, ulReqBlkNo), 0);
     return MM_Addr(stSegTable[HEAPHANDLE].pfnAlloc(HEAPHANDLE, ulReqBlkNo, 0));
 }
 
@@ -251,10 +277,12 @@ U32 MM_Free(U32 hulHandle, U8* pubRlsAddr, U32 ulBytesNo)
     MM_ASSERT(pubRlsAddr, EASSERT);
     MM_ASSERT(ulBytesNo, EASSERT);
     MM_ASSERT((hulTempHandle < MAX_SEGTABLE_SIZE && hulTempHandle >= 0) && "The range of Handle is beyond MST range", EASSERT);
-    const U32 ulBlockSize = stSegTable[hulTempHandle].stInfoFromApp.ulBlkSize;
+    const U32 ulBlockSize = BlockBytes(stSegTable[hulTempHandle]);
     MM_ASSERT(ulBlockSize, EASSERT);
     const U32 ulRlsBlock = BytesToBlocks(ulBytesNo, ulBlockSize);
     MM_ASSERT(ulRlsBlock, EASSERT);
+    if constexpr (MM_Guarded)
+        return MM_FreeBlock(hulHandle, pubRlsAddr, ulRlsBlock);
     MM_FreeBlock(hulHandle, pubRlsAddr, ulRlsBlock); /* INTENDED(release-result): on the kernel log only */
     return ENOERR;
 }
@@ -272,16 +300,22 @@ U32 MM_FreeBlock(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
             if (!MM_CheckSegInitCompleted(HEAPHANDLE))
                 MM_ASSERT(0, EASSERT);
             MM_ASSERT(stSegTable[HEAPHANDLE].pfnFree, EASSERT);
+            if constexpr (MM_Guarded)
+                return stSegTable[HEAPHANDLE].pfnFree(HEAPHANDLE, pubRlsAddr, ulBlkNo);
             stSegTable[HEAPHANDLE].pfnFree(HEAPHANDLE, pubRlsAddr, ulBlkNo);
             return ENOERR;
         }
         if (!MM_CheckSegInitCompleted(hulHandle))
             MM_ASSERT(0, EASSERT);
         MM_ASSERT(stSegTable[hulHandle].pfnFree, EASSERT);
+        if constexpr (MM_Guarded)
+            return stSegTable[hulHandle].pfnFree(hulHandle, pubRlsAddr, ulBlkNo);
         stSegTable[hulHandle].pfnFree(hulHandle, pubRlsAddr, ulBlkNo);
         return ENOERR;
     }
     if (stSegTable[hulHandle].pfnFree == MM_Pop) {
+        if constexpr (MM_Guarded)
+            return MM_Pop(hulHandle, pubRlsAddr, ulBlkNo);
         MM_Pop(hulHandle, pubRlsAddr, ulBlkNo);
         return ENOERR;
     }
@@ -290,6 +324,7 @@ U32 MM_FreeBlock(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 
 U8 MM_CheckSegInitCompleted(U32 hulHandle)
 {
+    MM_GUARD(MM_GuardHandle(hulHandle), 0);
     return stSegTable[hulHandle].pfnFree != nullptr && stSegTable[hulHandle].pfnAlloc != nullptr;
 }
 
@@ -362,6 +397,7 @@ U32 ClaimInside(U32 hulHandle, TMMBlkStr* pstMatch, const U8* pubReallocAddr, co
 
 U32 MM_ReallocBlock(U32 hulHandle, U8* pubReallocAddr, U32 ulReqBlk)
 {
+    MM_GUARD(MM_GuardHandle(hulHandle), EASSERT);
     TMMSegInfo& stSeg = stSegTable[hulHandle];
     const U8* pubBlkEndAddr = MM_At(MM_Addr(pubReallocAddr) + MM_BlkToBytes(ulReqBlk, stSeg.ubBlkBit));
 
@@ -371,6 +407,8 @@ U32 MM_ReallocBlock(U32 hulHandle, U8* pubReallocAddr, U32 ulReqBlk)
     MM_ASSERT((pubReallocAddr >= stSegTable[hulHandle].pubStartAddr) && "Invalid Realloc Addr", EASSERT);
     MM_ASSERT((pubBlkEndAddr <= stSegTable[hulHandle].pubEndAddr) && "Invalid Size", EASSERT);
 
+    if constexpr (MM_Guarded)
+        return MM_GuardedClaim(hulHandle, pubReallocAddr, ulReqBlk);
     TMMBcptr stMatchBlk;
     stMatchBlk.pstBlk = astBlkTail[hulHandle].pstBlk;
     while (stMatchBlk.pstBlk != nullptr && stMatchBlk.ulyisl > MM_Addr(pubReallocAddr))
@@ -410,15 +448,19 @@ U32 MM_CollectGarbage(U32 hulHandle, U8 ubMapID)
 
 void MM_SetPermanentBlk(U32 ulBlkPtr, U32 ulSize)
 {
+    MM_GUARD(MM_GuardedMark(HEAPHANDLE, ulBlkPtr, ulSize, PERMANENT_MAP_ID));
     if (ulPermanentBlkStartPtr == 0)
         ulPermanentBlkStartPtr = ulBlkPtr;
     ulPermanentBlkCount += ulSize;
+    if constexpr (MM_Guarded)
+        return;
     MM_ClearMap(HEAPHANDLE, MM_At(ulBlkPtr), ulSize);
     MM_SetMap(HEAPHANDLE, MM_At(ulBlkPtr), ulSize, PERMANENT_MAP_ID);
 }
 
 void MM_ReleasePermanentBlk(U32 ulBlkPtr, U32 ulSize)
 {
+    MM_GUARD(MM_GuardAllocated(HEAPHANDLE, ulBlkPtr, ulSize));
     if (ulBlkPtr == ulPermanentBlkStartPtr)
         ulPermanentBlkStartPtr = 0;
     MM_FreeBlk(HEAPHANDLE, MM_At(ulBlkPtr), ulSize);
@@ -442,6 +484,7 @@ U32 MM_CheckPermanentBlk(U32 ulBlkPtr, U32 ulSize)
     if (stSegTable[HEAPHANDLE].stInfoFromApp.ubMap == 0)
         return 0;
 
+    MM_GUARD(MM_GuardAllocated(HEAPHANDLE, ulBlkPtr, ulSize), EASSERT);
     const TMMRange stRange = MM_RangeOf(HEAPHANDLE, MM_At(ulBlkPtr));
     const U8* pubMapStartAddr = stRange.pubMapStartAddr;
     const U8* pubMapEndAddr = stRange.pubMapEndAddr;
@@ -516,11 +559,13 @@ U8* MM_GetStartAddrOfSegment(U32 hulHandle)
 {
     if (MM_RealHandle(hulHandle) == HEAPHANDLE)
         return reinterpret_cast<U8*>(pstHEAPBiggestBlk);
+    MM_GUARD(MM_GuardHandle(hulHandle), nullptr);
     return stSegTable[hulHandle].pubStartAddr;
 }
 
 U32 MM_GetEndAddrOfSegment(U32 hulHandle)
 {
+    MM_GUARD(MM_GuardHandle(MM_RealHandle(hulHandle)), MM_FAILED);
     if (MM_RealHandle(hulHandle) != HEAPHANDLE)
         return MM_Addr(stSegTable[hulHandle].pubEndAddr);
     const U32 ulEnd = BiggestPieceEnd();
@@ -530,6 +575,7 @@ U32 MM_GetEndAddrOfSegment(U32 hulHandle)
 
 U8* MM_GetRCBEnd(U32 hulHandle)
 {
+    MM_GUARD(MM_GuardHandle(hulHandle), nullptr);
     return stSegTable[hulHandle].pubEndAddr;
 }
 
@@ -573,6 +619,7 @@ void MM_ReadMCT(U8* aubCFGID, U32* pubStartAddr, U32* pubSegSize)
 
 BOOL MM_CheckSegment(U32 hulHandle, U32 ulAddr)
 {
+    MM_GUARD(MM_GuardHandle(hulHandle), FALSE);
     /* INTENDED(end-is-inside): the end address itself counts. */
     return MM_Addr(stSegTable[hulHandle].pubStartAddr) <= ulAddr && ulAddr <= MM_Addr(stSegTable[hulHandle].pubEndAddr);
 }
@@ -665,6 +712,8 @@ void PrintUsedEntries(TMMPrintRow pfnPrint)
 U32 FreeBlocksIn(U32 ulStart, U32 ulEnd)
 {
     U32 ulFree = 0;
+    if constexpr (MM_Guarded)
+        return MM_GuardFreeInPiece(ulStart);
     for (const TMMBlkStr* pstRun = astBlkHead[HEAPHANDLE].pstBlk; pstRun != nullptr; pstRun = MM_Next(pstRun))
         if (MM_Addr(pstRun) >= ulStart && MM_Addr(pstRun) < ulEnd)
             ulFree += MM_Size(pstRun);
@@ -688,6 +737,7 @@ void PrintPieces(TMMPrintRow pfnPrint)
 
 void MM_DisplayMST(U32 ulSelector)
 {
+    MM_GUARD(MM_GuardSelector(ulSelector));
     MMP_Print("==============================================================================================\n");
     MMP_Print("                             Display MST                                                     =\n");
     MMP_Print("[S_ID][Hd][Seg Size][BlkSize][TotBNO][TAllocBNO][TFreeBNO][TLargeBNO][VM][StartAdd][EndAddre]=\n");

@@ -6,10 +6,13 @@
  * each segment's list of free runs (sizes in blocks). They differ in how they know that a node stands at an
  * end: the free-memory list by comparing it with its head and tail, a run list by a null link. The two agree
  * wherever a list is whole.
+ *
+ * In the guarded build these are the operations of the free-memory list, whose nodes the guard keeps; runs are its own affair.
  */
 #ifndef MM_LIST_H
 #define MM_LIST_H
 
+#include "../guard/MM_Guard.h"
 #include "MM_Core.h"
 
 /* Node fields, each access announced to the platform ------------------------------------------------ */
@@ -21,36 +24,48 @@ inline void MM_TouchField(const TMMBlkStr* pstBlk, U32 ulOffset)
 
 inline TMMBlkStr* MM_Next(const TMMBlkStr* pstBlk)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardNext(pstBlk);
     MM_TouchField(pstBlk, 0);
     return pstBlk->pstNext;
 }
 
 inline TMMBlkStr* MM_Back(const TMMBlkStr* pstBlk)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardBack(pstBlk);
     MM_TouchField(pstBlk, 4);
     return pstBlk->pstBack;
 }
 
 inline U32 MM_Size(const TMMBlkStr* pstBlk)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardSize(pstBlk);
     MM_TouchField(pstBlk, 8);
     return pstBlk->ulSize;
 }
 
 inline void MM_SetNext(TMMBlkStr* pstBlk, TMMBlkStr* pstNext)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardSetNode(pstBlk, 0, MM_Addr(pstNext));
     MM_TouchField(pstBlk, 0);
     pstBlk->pstNext = pstNext;
 }
 
 inline void MM_SetBack(TMMBlkStr* pstBlk, TMMBlkStr* pstBack)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardSetNode(pstBlk, 4, MM_Addr(pstBack));
     MM_TouchField(pstBlk, 4);
     pstBlk->pstBack = pstBack;
 }
 
 inline void MM_SetSize(TMMBlkStr* pstBlk, U32 ulSize)
 {
+    if constexpr (MM_Guarded)
+        return MM_GuardSetNode(pstBlk, 8, ulSize);
     MM_TouchField(pstBlk, 8);
     pstBlk->ulSize = ulSize;
 }

@@ -39,6 +39,7 @@ bool IsClearable(const TMCTInfo* pstRow)
 
 U32 MM_ReadSegOnMCT(U8* aubSegID, TSegRange* pstSegRange)
 {
+    MM_GUARD(MM_GuardHasMCT(), EASSERT);
     MM_ASSERT((aubSegID != NULL) && "Such MCT ID doesn't exist in MCT", EASSERT);
 
     for (U32 ulIdx = 0; ulIdx < MAX_MCT_NUM; ++ulIdx) {
@@ -58,6 +59,7 @@ U32 MM_AddSegment(U8* aubCFGID, U32 ulSize, U8* pubAddr)
 {
     TSegRange stEmptyRow;
 
+    MM_GUARD(MM_GuardHasMCT() && MM_GuardRow(MM_Addr(pubAddr), ulSize), EASSERT);
     if (MM_ReadSegOnMCT(const_cast<U8*>(aubEmptyID), &stEmptyRow) != ENOERR)
         MM_ASSERT(0 && "There is no more space to add segment", EASSERT);
 
@@ -73,6 +75,7 @@ U32 MM_DeleteSegment(U8* aubCFGID)
     TMCTInfo* pstRow = nullptr;
     BOOL ubResult = FALSE;
 
+    MM_GUARD(MM_GuardHasMCT(), EASSERT);
     for (U8 ubIdx = 0; ubIdx < MAX_MCT_NUM && ubResult == FALSE; ++ubIdx) {
         pstRow = pstMCTTable[ubIdx];
         ubResult = IsNamed(pstRow, aubCFGID) ? TRUE : FALSE;
@@ -90,6 +93,7 @@ U32 MM_ClearSegment(U8* pubSegID)
 {
     const bool fAll = MM_SameName(pubSegID, "$ALL");
 
+    MM_GUARD(MM_GuardHasMCT(), EASSERT);
     for (const TMCTInfo* pstRow : pstMCTTable) {
         if (fAll) {
             if (IsClearable(pstRow))
@@ -104,6 +108,7 @@ U32 MM_ClearSegment(U8* pubSegID)
 
 U32 MM_RestoreMCT(void)
 {
+    MM_GUARD(MM_GuardHasMCT(), EASSERT);
     for (U8 iubMCTTableIDX = 0; iubMCTTableIDX < MAX_MCT_NUM; ++iubMCTTableIDX) {
         if (!MM_SameName(pstMCTTable[iubMCTTableIDX]->aubCFGID, "$UEV"))
             continue;

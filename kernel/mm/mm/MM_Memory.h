@@ -6,6 +6,7 @@
 #ifndef MM_MEMORY_H
 #define MM_MEMORY_H
 
+#include "../guard/MM_Guard.h"
 #include "MM_Heap.h"
 
 extern "C" {
@@ -30,6 +31,8 @@ inline void MM_FillMemory(U8* pubAddr, U8 ubByte, U32 ulBytes)
 {
     MM_MemoryWritten(MM_Addr(pubAddr), ulBytes);
     MMP_MemSet(pubAddr, ubByte, ulBytes);
+    if constexpr (MM_Guarded)
+        MM_GuardMend(MM_Addr(pubAddr), ulBytes);
 }
 
 #endif

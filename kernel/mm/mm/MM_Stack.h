@@ -5,6 +5,7 @@
 #ifndef MM_STACK_H
 #define MM_STACK_H
 
+#include "../guard/MM_Guard.h"
 #include "MM_RunIndex.h"
 
 /* Bytes that a push takes: a multiple of 4. */
@@ -23,6 +24,10 @@ inline U32 MM_StackFree(U32 hulHandle)
 /* Blocks that the next allocation can get in one piece: of a stack all that is left, of a list its longest run. */
 inline U32 MM_LargestFree(U32 hulHandle)
 {
+    if constexpr (MM_Guarded) {
+        if (stSegTable[hulHandle].stInfoFromApp.ubSegDSType != STACK)
+            return MM_GuardLargestRun(hulHandle);
+    }
     return stSegTable[hulHandle].stInfoFromApp.ubSegDSType == STACK ? MM_StackFree(hulHandle)
                                                                     : MM_LargestRun(hulHandle);
 }

@@ -3,6 +3,7 @@
  * the proc file; the default MCT and the configuration that the core reads through the CM_IF_ accessors.
  */
 #include "MM_Interface.h"
+#include "../guard/MM_Guard.h"
 #include "../mm/MM_Memory.h"
 
 char bigphysarea_info[BIGPHYSAREA_INFO_SIZE];
@@ -179,6 +180,7 @@ S32 get_bigphysarea(const char* area_info)
     MMP_Print("****** A : [0x%X], B : [0x%X], PAGE_OFFSET : [0x%X] *****\n", a, b, ulPageOffset);
     if (a <= ulPageOffset || b <= ulPageOffset)
         return -1;
+    MM_GUARD(MM_GuardArea(a + AREA_MARGIN, b), -1);
 
     memstart = a + AREA_MARGIN;
     memend = b;
@@ -210,6 +212,8 @@ void printer_mm_exit(void)
 {
     MMP_UnregisterChrdev(velmora_mm_major, VELMORA_MM_DEVICE_NAME);
     MMP_RemoveProc(VELMORA_MM_PROC_NAME);
+    if constexpr (MM_Guarded)
+        MM_GuardReset();
 }
 
 S32 read_velmora_mm(char* buf, char**, S32, S32, S32* eof, void*)
@@ -279,6 +283,7 @@ U32 RunFree(TMMCommandRecord& stRecord)
 U32 RunMemset(TMMCommandRecord& stRecord)
 {
     const TMemsetInfo& stInfo = stRecord.stMemset;
+    MM_GUARD(MM_GuardFill(stInfo.s, stInfo.n), EASSERT);
     if (stInfo.n != 0)
         MM_FillMemory(MM_At(stInfo.s), static_cast<U8>(stInfo.c), stInfo.n); /* INTENDED(fill-trusts) */
     MMP_Print("%s", "");
@@ -315,12 +320,14 @@ U32 RunCollectGarbage(TMMCommandRecord& stRecord)
 
 U32 RunCheckSegment(TMMCommandRecord& stRecord)
 {
+    MM_GUARD(MM_GuardHandle(stRecord.stCheck.hulHandle), EASSERT);
     stRecord.stCheck.status = static_cast<U8>(MM_CheckSegment(stRecord.stCheck.hulHandle, stRecord.stCheck.ulAddr));
     return ENOERR;
 }
 
 U32 RunDisplayMST(TMMCommandRecord& stRecord)
 {
+    MM_GUARD(MM_GuardSelector(static_cast<U8>(stRecord.stDisplay.hulHandle)), EASSERT);
     MM_DisplayMST(static_cast<U8>(stRecord.stDisplay.hulHandle));
     stRecord.stDisplay.status = 0;
     return ENOERR;
@@ -395,11 +402,15 @@ S32 Velmora_MM_ioctl(U32 cmd, U32 arg)
 
 S32 Velmora_MM_open(void)
 {
+    if constexpr (MM_Guarded)
+        MM_GuardOpened();
     return 0;
 }
 
 S32 Velmora_MM_release(void)
 {
+    if constexpr (MM_Guarded)
+        MM_GuardReleased();
     return 0;
 }
 
@@ -431,6 +442,7 @@ S32 Velmora_MM_mmap(TMMMapRequest* pstRequest)
     const U32 ulPfn = MM_PhysAddr(pstRequest->ulPgOff * PAGE_BYTES) / PAGE_BYTES;
     if (!MMP_PfnValid(ulPfn))
         return -KERNEL_EIO;
+    MM_GUARD(MM_GuardMapping(pstRequest->ulPgOff, pstRequest->ulEnd - pstRequest->ulStart), -KERNEL_EINVAL);
     pstRequest->ulPgOff = ulPfn;
 
     const U32 ulBytes = pstRequest->ulEnd - pstRequest->ulStart;

@@ -1,0 +1,783 @@
+/*
+ * MM_GuardBlocks - allocation and release in the guarded build. Every decision is made from the bits of a segment; the headers of
+ * its free runs and its owner map are written as in the default build, for those who read them.
+ *
+ * What managed memory says is read once, compared, and not used. A word that is otherwise than the bits have it is somebody's
+ * stray write: the list and the map are then made again, a slice at a time, each under the lock.
+ */
+#include "../mm/MM_Map.h"
+#include "MM_FreeRuns.h"
+#include "MM_Guard.h"
+
+namespace {
+
+/* A stretch of a segment's blocks: all of them, or a piece of the heap. */
+struct TMMStretch {
+    U32 ulStart; /* address */
+    U32 ulFirst; /* number of its first block; stretches begin at whole words of bits, with a taken block before */
+    U32 ulBlkNum;
+    U32 ulFree; /* blocks */
+    U8* pubMapEndAddr;
+
+    U32 PastNumber() const { return ulFirst + ulBlkNum; }
+};
+
+struct TMMGuarded {
+    U32* pulMemory; /* bits and tables; null: the segment was not opened */
+    CMMFreeRuns clRuns;
+    U32 ulNumbers; /* block numbers, those that are no blocks included */
+    U8 ubBlkBit;
+    U8 ubMap;        /* width of an owner's entry, 0 to 8 */
+    U8 ubEntriesBit; /* log2 of the entries of a byte */
+    U8 ubStretches;
+    TMMStretch astStretch[MAX_PIECE_NUM];
+};
+
+TMMGuarded astGuarded[MAX_SEGTABLE_SIZE];
+
+constexpr U32 SLICE_WORDS = 128; /* of bits that are mended without a break: 4096 blocks */
+
+/* The lock of all blocks. */
+class CMMBlocksLock
+{
+public:
+    CMMBlocksLock() { MMP_LockIrq(search_lock); }
+    ~CMMBlocksLock() { MMP_UnlockIrq(search_lock); }
+    CMMBlocksLock(const CMMBlocksLock&) = delete;
+    CMMBlocksLock& operator=(const CMMBlocksLock&) = delete;
+};
+
+inline TMMStretch* StretchOfNumber(TMMGuarded& stGuarded, U32 ulNumber)
+{
+    TMMStretch* pstStretch = stGuarded.astStretch + stGuarded.ubStretches - 1;
+    while (ulNumber < pstStretch->ulFirst)
+        --pstStretch;
+    return pstStretch;
+}
+
+inline U32 AddrOf(TMMGuarded& stGuarded, U32 ulNumber)
+{
+    const TMMStretch* pstStretch = StretchOfNumber(stGuarded, ulNumber);
+    return pstStretch->ulStart + MM_BlkToBytes(ulNumber - pstStretch->ulFirst, stGuarded.ubBlkBit);
+}
+
+/* The run's header, or null. */
+inline TMMBlkStr* HeaderOf(TMMGuarded& stGuarded, TMMRun stRun)
+{
+    return stRun.Is() ? MM_At<TMMBlkStr>(AddrOf(stGuarded, stRun.ulFirst)) : nullptr;
+}
+
+/* The stretch that has all the blocks at an address of a block; null when none has. */
+TMMStretch* FindBlocks(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pulNumber)
+{
+    if (stGuarded.pulMemory == nullptr || ulBlkNum == 0)
+        return nullptr;
+    for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx) {
+        TMMStretch& stStretch = stGuarded.astStretch[ubIdx];
+        const U32 ulOffset = ulAddr - stStretch.ulStart;
+        const U32 ulIdx = ulOffset >> stGuarded.ubBlkBit;
+        if (ulAddr < stStretch.ulStart || ulIdx >= stStretch.ulBlkNum)
+            continue;
+        if (MM_BlkToBytes(ulIdx, stGuarded.ubBlkBit) != ulOffset || ulBlkNum > stStretch.ulBlkNum - ulIdx)
+            return nullptr;
+        *pulNumber = stStretch.ulFirst + ulIdx;
+        return &stStretch;
+    }
+    return nullptr;
+}
+
+/* The same where all blocks are allocated. */
+TMMStretch* FindAllocated(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pulNumber)
+{
+    TMMStretch* const pstStretch = FindBlocks(stGuarded, ulAddr, ulBlkNum, pulNumber);
+    return pstStretch != nullptr && stGuarded.clRuns.Bits().AllTaken(*pulNumber, ulBlkNum) ? pstStretch : nullptr;
+}
+
+/* Headers: written, and compared with what was written before -------------------------------------------- */
+
+/* Notes whether managed memory says what the bits say. */
+class CMMWitness
+{
+public:
+    void Next(const TMMBlkStr* pstRun, const TMMBlkStr* pstNext) { Note(MM_Addr(pstRun), MM_Addr(pstNext)); }
+    void Back(const TMMBlkStr* pstRun, const TMMBlkStr* pstBack) { Note(MM_Addr(pstRun) + 4, MM_Addr(pstBack)); }
+    void Size(const TMMBlkStr* pstRun, U32 ulSize) { Note(MM_Addr(pstRun) + 8, ulSize); }
+    void Node(const TMMBlkStr* pstRun, const TMMBlkStr* pstNext, const TMMBlkStr* pstBack, U32 ulSize)
+    {
+        Next(pstRun, pstNext);
+        Back(pstRun, pstBack);
+        Size(pstRun, ulSize);
+    }
+    void Entry(U32 ulEntries) { ulMarked |= ulEntries; }
+    /* Entries of blocks that were free. */
+    void Byte(const U8*, U8, U8 ubOld) { Entry(ubOld); }
+    void Word(const U8*, U32 ulOld) { Entry(ulOld); }
+    bool ListDisagrees() const { return ulDifference != 0; }
+    bool MapDisagrees() const { return ulMarked != 0; }
+
+private:
+    struct TMMWord {
+        volatile U32 ulWord;
+    } __attribute__((packed, may_alias));
+
+    void Note(U32 ulAddr, U32 ulExpected)
+    {
+        MMP_Touch(MM_At(ulAddr), 4);
+        ulDifference |= MM_At<const TMMWord>(ulAddr)->ulWord ^ ulExpected;
+    }
+
+    U32 ulDifference = 0; /* of the words of headers */
+    U32 ulMarked = 0;     /* entries of free blocks */
+};
+
+void WriteNext(TMMBlkStr* pstRun, TMMBlkStr* pstNext)
+{
+    MMP_Touch(&pstRun->pstNext, 4);
+    pstRun->pstNext = pstNext;
+}
+
+void WriteBack(TMMBlkStr* pstRun, TMMBlkStr* pstBack)
+{
+    MMP_Touch(MM_At(MM_Addr(pstRun) + 4), 4);
+    pstRun->pstBack = pstBack;
+}
+
+void WriteSize(TMMBlkStr* pstRun, U32 ulSize)
+{
+    MMP_Touch(MM_At(MM_Addr(pstRun) + 8), 4);
+    pstRun->ulSize = ulSize;
+}
+
+/* Links two runs, of which either may be none. */
+void Link(U32 hulHandle, TMMBlkStr* pstLower, TMMBlkStr* pstUpper)
+{
+    if (pstLower == nullptr)
+        astBlkHead[hulHandle].pstBlk = pstUpper;
+    else
+        WriteNext(pstLower, pstUpper);
+    if (pstUpper == nullptr)
+        astBlkTail[hulHandle].pstBlk = pstLower;
+    else
+        WriteBack(pstUpper, pstLower);
+}
+
+/* Owner map ---------------------------------------------------------------------------------------------- */
+
+/* Entries of a run of blocks, as bytes of the map: the block at the highest address has the lowest entry of the last byte. */
+struct TMMEntries {
+    U8* pubFirst; /* byte of the run's first block */
+    U8* pubLast;
+    U8 ubFirstMask, ubLastMask; /* the run's entries in the two; the masks of one byte are to be joined */
+};
+
+TMMEntries EntriesOf(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun)
+{
+    const U32 ulHigh =
+        stStretch.PastNumber() - stRun.ulFirst - 1; /* entry of the first block, counted from the map's end */
+    const U32 ulLow = stStretch.PastNumber() - stRun.End();
+    const U32 ulInByte = (1u << stGuarded.ubEntriesBit) - 1;
+    const U32 ulAbove = (ulHigh & ulInByte) * stGuarded.ubMap + stGuarded.ubMap;
+    const U32 ulBelow = (ulLow & ulInByte) * stGuarded.ubMap;
+    return {stStretch.pubMapEndAddr - 1 - (ulHigh >> stGuarded.ubEntriesBit),
+            stStretch.pubMapEndAddr - 1 - (ulLow >> stGuarded.ubEntriesBit), static_cast<U8>((1u << ulAbove) - 1),
+            static_cast<U8>(0xFF << ulBelow)};
+}
+
+/* Replaces a byte's entries under the mask; what they were. */
+U8 Exchange(U8* pubByte, U8 ubMask, U8 ubValue)
+{
+    MMP_Touch(pubByte, 1);
+    const U8 ubOld = *const_cast<volatile U8*>(pubByte);
+    *pubByte = static_cast<U8>((ubOld & ~ubMask) | (ubValue & ubMask));
+    return ubOld & ubMask;
+}
+
+/* Gives a run's blocks an owner, 0 for none. What the entries held goes to the visitor from the first block on: by bytes,
+ * each with the mask of its entries, and by whole words. */
+template <class TVisitor>
+void SetOwner(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun, U8 ubMapID, TVisitor& clVisitor)
+{
+    const TMMEntries stEntries = EntriesOf(stGuarded, stStretch, stRun);
+    const U8 ubValue = MM_ByteOf(ubMapID, stGuarded.ubMap);
+    U8 ubMask = stEntries.ubFirstMask;
+    for (U8* pubByte = stEntries.pubFirst; pubByte < stEntries.pubLast;) {
+        if (ubMask == 0xFF && MM_Addr(pubByte) % MAP_WORD_BYTES == 0)
+            for (; stEntries.pubLast - pubByte >= S32(MAP_WORD_BYTES); pubByte += MAP_WORD_BYTES) {
+                MMP_Touch(pubByte, MAP_WORD_BYTES);
+                const U32 ulOld = *const_cast<volatile TMMMapWord*>(MM_MapWord(pubByte));
+                *MM_MapWord(pubByte) = ubValue * 0x01010101u;
+                clVisitor.Word(pubByte, ulOld);
+            }
+        if (pubByte == stEntries.pubLast)
+            break;
+        clVisitor.Byte(pubByte, ubMask, Exchange(pubByte, ubMask, ubValue));
+        ubMask = 0xFF;
+        ++pubByte;
+    }
+    ubMask =
+        stEntries.pubFirst == stEntries.pubLast ? stEntries.ubFirstMask & stEntries.ubLastMask : stEntries.ubLastMask;
+    clVisitor.Byte(stEntries.pubLast, ubMask, Exchange(stEntries.pubLast, ubMask, ubValue));
+}
+
+/* What the entries held does not matter. */
+struct TMMNoVisitor {
+    void Byte(const U8*, U8, U8) {}
+    void Word(const U8*, U32) {}
+};
+
+/* The free blocks of a run are nobody's. */
+void ClearFree(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun)
+{
+    const TMMEntries stEntries = EntriesOf(stGuarded, stStretch, stRun);
+    if (stEntries.pubFirst == stEntries.pubLast) {
+        Exchange(stEntries.pubFirst, stEntries.ubFirstMask & stEntries.ubLastMask, 0);
+        return;
+    }
+    Exchange(stEntries.pubFirst, stEntries.ubFirstMask, 0);
+    MMP_MemSet(stEntries.pubFirst + 1, 0, static_cast<U32>(stEntries.pubLast - stEntries.pubFirst) - 1);
+    Exchange(stEntries.pubLast, stEntries.ubLastMask, 0);
+}
+
+bool CanHold(const TMMGuarded& stGuarded, U8 ubMapID)
+{
+    return ubMapID >> stGuarded.ubMap == 0;
+}
+
+/* Finds the first byte with a block that was nobody's. One-bit entries count as owned whatever they hold. */
+struct TMMUnowned {
+    U8 ubMap;
+    U32 ulLowest; /* lowest bits of the entries of a word */
+    const U8* pubFound;
+    U8 ubEntries;
+
+    void Byte(const U8* pubByte, U8 ubMask, U8 ubOld)
+    {
+        const U8 ubOwned = static_cast<U8>(ubOld | ~ubMask);
+        if (pubFound != nullptr || MM_AllMarked(ubOwned, ubMap))
+            return;
+        pubFound = pubByte;
+        ubEntries = ubOwned;
+    }
+    void Word(const U8* pubWord, U32 ulOld)
+    {
+        if (ubMap == 1 || ((ulOld - ulLowest) & ~ulOld & ulLowest << (ubMap - 1)) == 0)
+            return;
+        for (U32 ulByte = 0; ulByte < MAP_WORD_BYTES; ++ulByte)
+            Byte(pubWord + ulByte, 0xFF, static_cast<U8>(ulOld >> ulByte * 8));
+    }
+};
+
+/* Erases the owners of a run of blocks. As in the default build a block that was nobody's is reported, once. */
+void ClearOwners(U32 hulHandle, const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun)
+{
+    TMMUnowned clUnowned{stGuarded.ubMap, MM_ByteOf(1, stGuarded.ubMap) * 0x01010101u, nullptr, 0};
+    SetOwner(stGuarded, stStretch, stRun, 0, clUnowned);
+    const U8* const pubUnowned = clUnowned.pubFound;
+    const U8 ubUnownedEntries = clUnowned.ubEntries;
+    if (pubUnowned == nullptr)
+        return;
+    /* Which block it was: the highest entry of the byte that is zero. The core's own check says it. */
+    const U32 ulByte = static_cast<U32>(stStretch.pubMapEndAddr - 1 - pubUnowned);
+    U32 ulInByte = (1u << stGuarded.ubEntriesBit) - 1;
+    const U32 ulEntry = (1u << stGuarded.ubMap) - 1;
+    while ((ubUnownedEntries >> (ulInByte * stGuarded.ubMap) & ulEntry) != 0)
+        --ulInByte;
+    const U32 ulNumber = stStretch.PastNumber() - 1 - ((ulByte << stGuarded.ubEntriesBit) + ulInByte);
+    MM_ClearMap(hulHandle, MM_At(stStretch.ulStart + MM_BlkToBytes(ulNumber - stStretch.ulFirst, stGuarded.ubBlkBit)),
+                1);
+}
+
+/* Mending ------------------------------------------------------------------------------------------------ */
+
+/* The part of a run below a block. */
+TMMRun PartBelow(TMMRun stRun, U32 ulPast)
+{
+    return {stRun.ulFirst, (stRun.End() < ulPast ? stRun.End() : ulPast) - stRun.ulFirst};
+}
+
+enum EMMMend { MEND_LIST, MEND_LIST_AND_MAP };
+
+/* Writes the headers of the runs that start among these words of bits; clears the owners of their free blocks. */
+void MendSlice(U32 hulHandle, TMMGuarded& stGuarded, U32 ulWord, EMMMend enMend)
+{
+    const U32 ulSliceEnd = (ulWord + SLICE_WORDS) * 32;
+    const U32 ulPast = ulSliceEnd < stGuarded.ulNumbers ? ulSliceEnd : stGuarded.ulNumbers;
+    TMMRun stLower = stGuarded.clRuns.RunBelow(ulWord * 32);
+
+    for (TMMRun stRun = stGuarded.clRuns.RunFrom(ulWord * 32); stRun.Is() && stRun.ulFirst < ulPast;
+         stRun = stGuarded.clRuns.RunFrom(stLower.End())) {
+        if (enMend == MEND_LIST_AND_MAP && stGuarded.ubMap != 0)
+            ClearFree(stGuarded, *StretchOfNumber(stGuarded, stRun.ulFirst), PartBelow(stRun, ulPast));
+        if (stLower.Is() && stLower.End() == stRun.ulFirst) { /* it began in the slice before */
+            stLower.ulSize += stRun.ulSize;
+            continue;
+        }
+        TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun);
+        WriteSize(pstRun, stRun.ulSize);
+        Link(hulHandle, HeaderOf(stGuarded, stLower), pstRun);
+        stLower = stRun;
+    }
+    if (ulPast == stGuarded.ulNumbers)
+        Link(hulHandle, HeaderOf(stGuarded, stLower), nullptr);
+}
+
+/* Makes the list and the map of a segment again, in slices. A segment that changes in between writes what it changes. */
+void MendSegment(U32 hulHandle, EMMMend enMend)
+{
+    TMMGuarded& stGuarded = astGuarded[hulHandle];
+    for (U32 ulWord = 0; ulWord < CMMBlockBits::Words(stGuarded.ulNumbers); ulWord += SLICE_WORDS) {
+        const CMMBlocksLock clLock;
+        if (stGuarded.pulMemory == nullptr)
+            return;
+        MendSlice(hulHandle, stGuarded, ulWord, enMend);
+    }
+}
+
+void MendIf(U32 hulHandle, const CMMWitness& clWitness)
+{
+    if (!clWitness.ListDisagrees() && !clWitness.MapDisagrees())
+        return;
+    MM_GuardReport(REBUILT, hulHandle, 0, stSegTable[hulHandle].ulTotalFreeBlkNum);
+    MendSegment(hulHandle, clWitness.MapDisagrees() ? MEND_LIST_AND_MAP : MEND_LIST);
+}
+
+/* What an allocation and a release change in the segment's entry. */
+void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
+{
+    TMMSegInfo& stSeg = stSegTable[hulHandle];
+    pstStretch->ulFree += ulMoreFree;
+    stSeg.ulTotalFreeBlkNum += ulMoreFree;
+    stSeg.ulTotalAllocBlkNum -= ulMoreFree;
+    stSeg.ulLargestBlkSize = astGuarded[hulHandle].clRuns.Largest();
+#ifdef MM_CHECK_RUN_INDEX
+    if (!MM_GuardAgrees(hulHandle))
+        __builtin_trap();
+#endif
+}
+
+/* Allocation --------------------------------------------------------------------------------------------- */
+
+/* Takes a whole run out of the list. */
+void Unlink(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stRun, CMMWitness& clWitness)
+{
+    TMMRun stLower, stUpper;
+    stGuarded.clRuns.Beside(stRun, &stLower, &stUpper);
+    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stLower);
+    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stUpper);
+    TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun);
+    clWitness.Node(pstRun, pstUpper, pstLower, stRun.ulSize);
+    if (pstLower != nullptr)
+        clWitness.Next(pstLower, pstRun);
+    if (pstUpper != nullptr)
+        clWitness.Back(pstUpper, pstRun);
+    Link(hulHandle, pstLower, pstUpper);
+}
+
+/* The caller has the lock. */
+U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
+{
+    TMMGuarded& stGuarded = astGuarded[hulHandle];
+    if (stGuarded.pulMemory == nullptr)
+        return nullptr;
+    const TMMRun stRun = stGuarded.clRuns.Find(ulBlkNum);
+    if (!stRun.Is())
+        return nullptr;
+
+    TMMStretch* const pstStretch = StretchOfNumber(stGuarded, stRun.ulFirst);
+    const U32 ulRest = stRun.ulSize - ulBlkNum;
+    const TMMRun stTaken = {stRun.ulFirst + ulRest, ulBlkNum};
+    if (ulRest == 0) {
+        Unlink(hulHandle, stGuarded, stRun, clWitness);
+    } else {
+        TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun);
+        clWitness.Size(pstRun, stRun.ulSize);
+        WriteSize(pstRun, ulRest);
+    }
+    stGuarded.clRuns.CutEnd(stRun, ulBlkNum);
+    if (stGuarded.ubMap != 0 && ubMapID != 0)
+        SetOwner(stGuarded, *pstStretch, stTaken, ubMapID, clWitness);
+    Count(hulHandle, pstStretch, 0 - ulBlkNum);
+    return MM_At(pstStretch->ulStart + MM_BlkToBytes(stTaken.ulFirst - pstStretch->ulFirst, stGuarded.ubBlkBit));
+}
+
+/* Release ------------------------------------------------------------------------------------------------ */
+
+/* Puts allocated blocks back into the list. The order and extent of the writes are the default build's, whose traces in free
+ * memory some read. */
+void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& clWitness)
+{
+    const CMMFreeRuns& clRuns = stGuarded.clRuns;
+    TMMRun stLower, stUpper;
+    clRuns.Around(stBlocks, &stLower, &stUpper);
+    const bool fLower = stLower.Is() && stLower.End() == stBlocks.ulFirst;
+    const bool fUpper = stUpper.Is() && stUpper.ulFirst == stBlocks.End();
+    TMMBlkStr* const pstNew = HeaderOf(stGuarded, stBlocks);
+    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stLower);
+    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stUpper);
+    TMMBlkStr* pstNext = pstUpper;
+    U32 ulSize = stBlocks.ulSize;
+
+    if (pstLower != nullptr) {
+        clWitness.Next(pstLower, pstUpper);
+        if (fLower)
+            clWitness.Size(pstLower, stLower.ulSize);
+    }
+    if (fUpper) {
+        pstNext = HeaderOf(stGuarded, clRuns.RunFrom(stUpper.End()));
+        ulSize += stUpper.ulSize;
+        clWitness.Node(pstUpper, pstNext, pstLower, stUpper.ulSize);
+    } else if (pstUpper != nullptr) {
+        clWitness.Back(pstUpper, pstLower);
+    }
+
+    WriteNext(pstNew, pstNext);
+    WriteBack(pstNew, pstLower);
+    WriteSize(pstNew, ulSize);
+    if (fLower) {
+        WriteSize(pstLower, stLower.ulSize + ulSize);
+        Link(hulHandle, pstLower, pstNext);
+    } else {
+        Link(hulHandle, pstLower, pstNew);
+        Link(hulHandle, pstNew, pstNext);
+    }
+    const TMMRun stNone = {MM_NO_BLOCK, 0};
+    stGuarded.clRuns.Give(stBlocks, fLower ? stLower : stNone, fUpper ? stUpper : stNone);
+}
+
+/* Releases allocated blocks; the caller has the lock. */
+void Release(U32 hulHandle, TMMStretch* pstStretch, TMMRun stBlocks, CMMWitness& clWitness)
+{
+    TMMGuarded& stGuarded = astGuarded[hulHandle];
+    if (stGuarded.ubMap != 0)
+        ClearOwners(hulHandle, stGuarded, *pstStretch, stBlocks);
+    Insert(hulHandle, stGuarded, stBlocks, clWitness);
+    Count(hulHandle, pstStretch, stBlocks.ulSize);
+}
+
+/* Claim -------------------------------------------------------------------------------------------------- */
+
+/* Takes blocks out of a run, the caller has the lock: false when the run does not hold them. */
+bool Claim(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& clWitness)
+{
+    if (!stGuarded.clRuns.Bits().AllFree(stBlocks.ulFirst, stBlocks.ulSize))
+        return false;
+    const TMMRun stRun = stGuarded.clRuns.RunBelow(stGuarded.clRuns.Bits().NextTaken(stBlocks.ulFirst));
+    if (stRun.ulFirst == stBlocks.ulFirst && stRun.ulSize == stBlocks.ulSize) {
+        Unlink(hulHandle, stGuarded, stRun, clWitness);
+    } else {
+        TMMBlkStr* const pstBelow = HeaderOf(stGuarded, stGuarded.clRuns.RunBelow(stRun.ulFirst));
+        TMMBlkStr* const pstAbove = HeaderOf(stGuarded, stGuarded.clRuns.RunFrom(stRun.End()));
+        const TMMRun stRest = {stBlocks.End(), stRun.End() - stBlocks.End()};
+        TMMBlkStr* pstFront = HeaderOf(stGuarded, stRun);
+        TMMBlkStr* const pstRest = HeaderOf(stGuarded, stRest);
+        clWitness.Node(pstFront, pstAbove, pstBelow, stRun.ulSize);
+        if (stBlocks.ulFirst == stRun.ulFirst)
+            pstFront = pstBelow;
+        else
+            WriteSize(pstFront, stBlocks.ulFirst - stRun.ulFirst);
+        if (stRest.Is()) {
+            WriteSize(pstRest, stRest.ulSize);
+            Link(hulHandle, pstFront, pstRest);
+        }
+        Link(hulHandle, stRest.Is() ? pstRest : pstFront, pstAbove);
+    }
+    stGuarded.clRuns.CutInside(stRun, stBlocks);
+    return true;
+}
+
+/* Owners ------------------------------------------------------------------------------------------------- */
+
+/* True when the entry of a block, as it is now, holds all bits of the ID. */
+bool IsOwned(const TMMGuarded& stGuarded, const TMMStretch& stStretch, U32 ulNumber, U8 ubMapID)
+{
+    const U32 ulEntry = stStretch.PastNumber() - 1 - ulNumber;
+    const U8* const pubByte = stStretch.pubMapEndAddr - 1 - (ulEntry >> stGuarded.ubEntriesBit);
+    MMP_Touch(pubByte, 1);
+    const U32 ulWanted = static_cast<U32>(ubMapID)
+                         << (ulEntry & ((1u << stGuarded.ubEntriesBit) - 1)) * stGuarded.ubMap;
+    return (*const_cast<const volatile U8*>(pubByte) & ulWanted) == ulWanted;
+}
+
+/* Releases what is allocated and still the owner's of a run of blocks that the map gave him. The map is looked at again
+ * under the lock: in between the blocks may have become somebody else's. */
+void CollectRun(U32 hulHandle, TMMStretch& stStretch, TMMRun stFound, U8 ubMapID)
+{
+    TMMGuarded& stGuarded = astGuarded[hulHandle];
+    CMMWitness clWitness;
+    {
+        const CMMBlocksLock clLock;
+        const CMMBlockBits& clBits = stGuarded.clRuns.Bits();
+        if (stGuarded.pulMemory == nullptr || stFound.End() > stStretch.PastNumber())
+            return; /* the library was started afresh */
+        for (U32 ulNumber = stFound.ulFirst; ulNumber < stFound.End();) {
+            U32 ulPast = ulNumber;
+            while (ulPast < stFound.End() && clBits.IsTaken(ulPast) && IsOwned(stGuarded, stStretch, ulPast, ubMapID))
+                ++ulPast;
+            if (ulPast > ulNumber)
+                Release(hulHandle, &stStretch, {ulNumber, ulPast - ulNumber}, clWitness);
+            else
+                clWitness.Entry(!clBits.IsTaken(ulPast)); /* a free block that somebody owns */
+            ulNumber = ulPast > ulNumber ? ulPast : ulPast + 1;
+        }
+    }
+    MendIf(hulHandle, clWitness);
+}
+
+/* As in the default build a run that reaches the map's start stays. */
+void CleanUpStretch(U32 hulHandle, TMMStretch& stStretch, U8 ubMapID)
+{
+    const TMMGuarded& stGuarded = astGuarded[hulHandle];
+    const U32 ulMapEntries =
+        (MM_Addr(stStretch.pubMapEndAddr) - MM_Addr(MM_RangeOf(hulHandle, MM_At(stStretch.ulStart)).pubMapStartAddr))
+        << stGuarded.ubEntriesBit;
+    const U32 ulByteEntries = 1u << stGuarded.ubEntriesBit;
+    const U8 ubOwned = MM_ByteOf(ubMapID, stGuarded.ubMap);
+    U32 ulRun = 0;
+
+    for (U32 ulEntry = 0; ulEntry < ulMapEntries; ulEntry += ulByteEntries) {
+        const U8* const pubByte = stStretch.pubMapEndAddr - 1 - (ulEntry >> stGuarded.ubEntriesBit);
+        MMP_Touch(pubByte, 1);
+        const U8 ubByte = *const_cast<const volatile U8*>(pubByte);
+        if (ubByte == 0 && ulRun == 0)
+            continue;
+        if ((ubByte & ubOwned) == ubOwned) {
+            ulRun += ulByteEntries;
+            continue;
+        }
+        for (U32 ulInByte = 0; ulInByte < ulByteEntries; ++ulInByte) {
+            const U32 ulWanted = static_cast<U32>(ubMapID) << ulInByte * stGuarded.ubMap;
+            const U32 ulPast = ulEntry + ulInByte; /* entries of the run end below it */
+            if ((ubByte & ulWanted) == ulWanted) {
+                ++ulRun;
+            } else if (ulRun > 0) {
+                const U32 ulBlkNum = ulPast < stStretch.ulBlkNum ? ulPast : stStretch.ulBlkNum;
+                if (ulPast - ulRun < ulBlkNum)
+                    CollectRun(hulHandle, stStretch, {stStretch.PastNumber() - ulBlkNum, ulBlkNum - (ulPast - ulRun)},
+                               ubMapID);
+                ulRun = 0;
+            }
+        }
+    }
+}
+
+/* Opening ------------------------------------------------------------------------------------------------ */
+
+void AddStretch(TMMGuarded& stGuarded, U32 ulStart, U32 ulBlkNum, U8* pubMapEndAddr)
+{
+    TMMStretch& stStretch = stGuarded.astStretch[stGuarded.ubStretches++];
+    stStretch = {ulStart, stGuarded.ulNumbers, ulBlkNum, ulBlkNum, pubMapEndAddr};
+    stGuarded.ulNumbers = (stStretch.PastNumber() + 32) & ~31u; /* with one that is none at the least */
+}
+
+} // namespace
+
+/* Entries ------------------------------------------------------------------------------------------------ */
+
+U8* MM_GuardedAllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
+{
+    if (ulReqBlkNum == 0 || !CanHold(astGuarded[hulHandle], ubMapID)) {
+        MM_GuardReport(ulReqBlkNum == 0 ? NOTHING_ASKED : WIDE_OWNER, hulHandle, 0, ubMapID);
+        return nullptr;
+    }
+    CMMWitness clWitness;
+    MMP_LockIrq(search_lock);
+    U8* const pubResult = Allocate(hulHandle, ulReqBlkNum, ubMapID, clWitness);
+    MMP_UnlockIrq(search_lock);
+    MendIf(hulHandle, clWitness);
+    return pubResult;
+}
+
+U32 MM_GuardedFreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNum)
+{
+    CMMWitness clWitness;
+    U32 ulNumber = 0;
+    MMP_LockIrq(search_lock);
+    TMMStretch* const pstStretch = FindAllocated(astGuarded[hulHandle], MM_Addr(pubRlsAddr), ulBlkNum, &ulNumber);
+    if (pstStretch != nullptr)
+        Release(hulHandle, pstStretch, {ulNumber, ulBlkNum}, clWitness);
+    MMP_UnlockIrq(search_lock);
+    if (pstStretch == nullptr) {
+        MM_GuardReport(NOT_ALLOCATED, hulHandle, MM_Addr(pubRlsAddr), ulBlkNum);
+        return EASSERT;
+    }
+    MendIf(hulHandle, clWitness);
+    return ENOERR;
+}
+
+U32 MM_GuardedClaim(U32 hulHandle, U8* pubAddr, U32 ulBlkNum)
+{
+    TMMGuarded& stGuarded = astGuarded[hulHandle];
+    CMMWitness clWitness;
+    U32 ulNumber = 0;
+    MMP_LockIrq(search_lock);
+    TMMStretch* const pstStretch = FindBlocks(stGuarded, MM_Addr(pubAddr), ulBlkNum, &ulNumber);
+    const bool fClaimed = pstStretch != nullptr && Claim(hulHandle, stGuarded, {ulNumber, ulBlkNum}, clWitness);
+    if (fClaimed)
+        Count(hulHandle, pstStretch, 0 - ulBlkNum);
+    MMP_UnlockIrq(search_lock);
+    if (!fClaimed) {
+        MM_GuardReport(CLAIM_OUTSIDE, hulHandle, MM_Addr(pubAddr), ulBlkNum);
+        return EASSERT;
+    }
+    MendIf(hulHandle, clWitness);
+    return ENOERR;
+}
+
+void MM_GuardedCleanUp(U32 hulHandle, U8 ubMapID)
+{
+    TMMGuarded& stGuarded = astGuarded[hulHandle];
+    if (stGuarded.pulMemory == nullptr || stGuarded.ubMap == 0 || ubMapID == 0)
+        return;
+    if (!CanHold(stGuarded, ubMapID)) {
+        MM_GuardReport(WIDE_OWNER, hulHandle, 0, ubMapID);
+        return;
+    }
+    for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx)
+        CleanUpStretch(hulHandle, stGuarded.astStretch[ubIdx], ubMapID);
+}
+
+bool MM_GuardedMark(U32 hulHandle, U32 ulAddr, U32 ulBlkNum, U8 ubMapID)
+{
+    TMMGuarded& stGuarded = astGuarded[hulHandle];
+    U32 ulNumber = 0;
+    MMP_LockIrq(search_lock);
+    TMMStretch* const pstStretch = FindAllocated(stGuarded, ulAddr, ulBlkNum, &ulNumber);
+    const bool fMarked = pstStretch != nullptr && stGuarded.ubMap != 0 && CanHold(stGuarded, ubMapID);
+    if (fMarked) {
+        ClearOwners(hulHandle, stGuarded, *pstStretch, {ulNumber, ulBlkNum});
+        TMMNoVisitor clNone;
+        SetOwner(stGuarded, *pstStretch, {ulNumber, ulBlkNum}, ubMapID, clNone);
+    }
+    MMP_UnlockIrq(search_lock);
+    if (!fMarked)
+        MM_GuardReport(pstStretch == nullptr ? NOT_ALLOCATED : WIDE_OWNER, hulHandle, ulAddr, ulBlkNum);
+    return fMarked;
+}
+
+bool MM_GuardAllocated(U32 hulHandle, U32 ulAddr, U32 ulBlkNum)
+{
+    U32 ulNumber = 0;
+    MMP_LockIrq(search_lock);
+    const bool fAllocated = FindAllocated(astGuarded[hulHandle], ulAddr, ulBlkNum, &ulNumber) != nullptr;
+    MMP_UnlockIrq(search_lock);
+    if (!fAllocated)
+        MM_GuardReport(NOT_ALLOCATED, hulHandle, ulAddr, ulBlkNum);
+    return fAllocated;
+}
+
+U32 MM_GuardLargestRun(U32 hulHandle)
+{
+    const TMMGuarded& stGuarded = astGuarded[hulHandle];
+    return stGuarded.pulMemory != nullptr ? stGuarded.clRuns.Largest() : 0;
+}
+
+U32 MM_GuardFreeInPiece(U32 ulStart)
+{
+    const TMMGuarded& stHeap = astGuarded[HEAPHANDLE];
+    for (U8 ubIdx = 0; stHeap.pulMemory != nullptr && ubIdx < stHeap.ubStretches; ++ubIdx)
+        if (stHeap.astStretch[ubIdx].ulStart == ulStart)
+            return stHeap.astStretch[ubIdx].ulFree;
+    return 0;
+}
+
+void MM_GuardMend(U32 ulAddr, U32 ulBytes)
+{
+    if (ulBytes == 0 || MM_GuardHeld(ulAddr, ulBytes))
+        return;
+    for (U32 hulHandle = 0; hulHandle < MAX_SEGTABLE_SIZE; ++hulHandle) {
+        TMMGuarded& stGuarded = astGuarded[hulHandle];
+        for (U8 ubIdx = 0; stGuarded.pulMemory != nullptr && ubIdx < stGuarded.ubStretches; ++ubIdx) {
+            const TMMStretch& stStretch = stGuarded.astStretch[ubIdx];
+            const U8* const pubMap = MM_RangeOf(hulHandle, MM_At(stStretch.ulStart)).pubMapStartAddr;
+            const U32 ulStart = stGuarded.ubMap != 0 ? MM_Addr(pubMap) : stStretch.ulStart;
+            const U32 ulEnd = stStretch.ulStart + MM_BlkToBytes(stStretch.ulBlkNum, stGuarded.ubBlkBit);
+            if (ulAddr < ulEnd && ulStart <= ulAddr + (ulBytes - 1)) {
+                MendSegment(hulHandle, MEND_LIST_AND_MAP);
+                break;
+            }
+        }
+    }
+}
+
+bool MM_GuardHeld(U32 ulAddr, U32 ulBytes)
+{
+    for (TMMGuarded& stGuarded : astGuarded) {
+        for (U8 ubIdx = 0; stGuarded.pulMemory != nullptr && ubIdx < stGuarded.ubStretches; ++ubIdx) {
+            const TMMStretch& stStretch = stGuarded.astStretch[ubIdx];
+            const U32 ulSpan = MM_BlkToBytes(stStretch.ulBlkNum, stGuarded.ubBlkBit);
+            const U32 ulOffset = ulAddr - stStretch.ulStart;
+            if (ulAddr < stStretch.ulStart || ulOffset >= ulSpan || ulBytes > ulSpan - ulOffset)
+                continue;
+            const U32 ulFirst = ulOffset >> stGuarded.ubBlkBit;
+            const U32 ulLast = (ulOffset + ulBytes - 1) >> stGuarded.ubBlkBit;
+            const CMMBlocksLock clLock;
+            return stGuarded.clRuns.Bits().AllTaken(stStretch.ulFirst + ulFirst, ulLast - ulFirst + 1);
+        }
+    }
+    return false;
+}
+
+bool MM_GuardAnyAllocated(void)
+{
+    for (const TMMSegInfo& stSeg : stSegTable)
+        if (MM_CheckSegInitCompleted(static_cast<U32>(&stSeg - stSegTable)) && stSeg.ulTotalAllocBlkNum != 0)
+            return true;
+    return false;
+}
+
+bool MM_GuardOpen(U32 hulHandle)
+{
+    const TMMSegInfo& stSeg = stSegTable[hulHandle];
+    TMMGuarded stGuarded{};
+
+    MM_GuardClose(hulHandle);
+    if (stSeg.stInfoFromApp.ubSegDSType == STACK)
+        return true;
+    stGuarded.ubBlkBit = stSeg.ubBlkBit;
+    stGuarded.ubMap = stSeg.stInfoFromApp.ubMap;
+    stGuarded.ubEntriesBit = stGuarded.ubMap == 0 ? 0 : static_cast<U8>(3 - MM_Log2(stGuarded.ubMap));
+    if (hulHandle != HEAPHANDLE)
+        AddStretch(stGuarded, MM_Addr(stSeg.pubStartAddr), stSeg.ulTotalBlkNum, stSeg.pubMapEndAddr);
+    for (U8 ubIdx = 0; hulHandle == HEAPHANDLE && MM_IsPiece(ubIdx); ++ubIdx)
+        AddStretch(stGuarded, MM_PieceAddr(PIECE_START, ubIdx),
+                   (MM_PieceAddr(PIECE_END, ubIdx) - MM_PieceAddr(PIECE_START, ubIdx)) >> stGuarded.ubBlkBit,
+                   MM_At(MM_PieceAddr(PIECE_MAP_END, ubIdx)));
+
+    stGuarded.pulMemory =
+        static_cast<U32*>(MMP_TakeMemory(CMMFreeRuns::StorageWords(stGuarded.ulNumbers) * U32(sizeof(U32))));
+    if (stGuarded.pulMemory == nullptr)
+        return false;
+    stGuarded.clRuns.Init(stGuarded.pulMemory, stGuarded.ulNumbers);
+    for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx)
+        stGuarded.clRuns.Give({stGuarded.astStretch[ubIdx].ulFirst, stGuarded.astStretch[ubIdx].ulBlkNum},
+                              {MM_NO_BLOCK, 0}, {MM_NO_BLOCK, 0});
+    {
+        const CMMBlocksLock clLock;
+        astGuarded[hulHandle] = stGuarded;
+    }
+    MendSegment(hulHandle, MEND_LIST);
+    return true;
+}
+
+void MM_GuardClose(U32 hulHandle)
+{
+    U32* pulMemory = nullptr;
+    {
+        const CMMBlocksLock clLock;
+        pulMemory = astGuarded[hulHandle].pulMemory;
+        astGuarded[hulHandle].pulMemory = nullptr;
+    }
+    if (pulMemory != nullptr)
+        MMP_GiveMemory(pulMemory);
+}
+
+void MM_GuardCloseAll(void)
+{
+    for (U32 hulHandle = 0; hulHandle < MAX_SEGTABLE_SIZE; ++hulHandle)
+        MM_GuardClose(hulHandle);
+}
+
+BOOL MM_GuardAgrees(U32 hulHandle)
+{
+    return astGuarded[hulHandle].pulMemory == nullptr || astGuarded[hulHandle].clRuns.Agree();
+}
