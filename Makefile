@@ -108,8 +108,8 @@ lint: build-x86
 	@scripts/setup.sh lint bench
 	@git ls-files '*.sh' packaging/velmora-mm-load | xargs shellcheck
 	@bench/packages.sh
-	@for preset in bench target; do cmake --preset $$preset >/dev/null || exit 1; done
-	@scripts/lint.py build/x86 build/bench build/target/programs
+	@for preset in bench target guarded; do cmake --preset $$preset >/dev/null || exit 1; done
+	@scripts/lint.py build/x86 build/bench build/target/programs build/guarded/x86
 
 ## make docs       API reference and application guide: build/docs/html/index.html; fails on a public name without a comment
 docs:

@@ -84,7 +84,8 @@ private:
     U32 anyAddress()
     {
         if (!held_.empty() && below(2) == 0)
-            return std::next(held_.begin(), below(std::min<U32>(held_.size(), 8)))->first + (below(2) == 0 ? 0 : odd());
+            return std::next(held_.begin(), static_cast<int>(below(std::min<U32>(held_.size(), 8))))->first +
+                   (below(2) == 0 ? 0 : odd());
         return below(4) == 0 ? odd() : kFloatStart + below(0x60000) / 64 * 64;
     }
 
@@ -162,7 +163,7 @@ private:
     {
         if (held_.empty())
             return;
-        const auto block = std::next(held_.begin(), below(held_.size()));
+        const auto block = std::next(held_.begin(), static_cast<int>(below(held_.size())));
         ASSERT_EQ(release(block->second.handle, block->first, block->second.bytes), ENOERR);
         held_.erase(block);
     }

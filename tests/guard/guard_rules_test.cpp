@@ -163,7 +163,7 @@ TEST_F(GuardRules, FillsLieInAllocatedBlocksAndFixedSegments)
                                                                                    {kAreaEnd - 4096, 8192},
                                                                                    {0x94000000, 4096},
                                                                                    {kAreaStart - 1, 2}})
-        expectRefused(line, EASSERT, [&] { return fill(address, 0x22, bytes); });
+        expectRefused(line, EASSERT, [&, address = address, bytes = bytes] { return fill(address, 0x22, bytes); });
     Shape shape{"STCK", 1024, 4};
     shape.discipline = STACK;
     const U32 stack = segment(shape);
@@ -209,7 +209,7 @@ TEST_F(GuardRules, MappingsLieInTheManagedArea)
                                                                                 {(kAreaStart >> 12) + 0x100000, 4096},
                                                                                 {kAreaStart >> 12, 0xC0000000},
                                                                                 {kAreaStart >> 12, 0}})
-        expectRefused("the mapping leaves", -22, [&] { return map(page, bytes); });
+        expectRefused("the mapping leaves", -22, [&, page = page, bytes = bytes] { return map(page, bytes); });
     EXPECT_EQ(map(0, 4096), -5); // as in the default build: no page of RAM
 }
 
@@ -268,7 +268,8 @@ TEST_F(GuardRules, RowsLieInTheAreaAndApart)
                                                                                    {kAreaStart, 4096},
                                                                                    {0xFFFFF000, 8192},
                                                                                    {kAreaStart + 0x2000, 0xFFFFFFFF}})
-        expectRefused("the fixed segment leaves", EASSERT, [&] { return add(address, bytes); });
+        expectRefused("the fixed segment leaves", EASSERT,
+                      [&, address = address, bytes = bytes] { return add(address, bytes); });
     EXPECT_EQ(add(kAreaEnd - 4096, 4096), U32(ENOERR));
     EXPECT_EQ(startLibrary(), ENOERR);
     EXPECT_EQ(create({"LAST", kAreaEnd - kFloatStart, 64}), EASSERT);

@@ -14,7 +14,7 @@ class Model
 public:
     explicit Model(U32 count) : taken_(count, true) {}
 
-    void set(U32 first, U32 count, bool taken) { std::fill_n(taken_.begin() + first, count, taken); }
+    void set(U32 first, U32 count, bool taken) { std::fill_n(taken_.begin() + static_cast<int>(first), count, taken); }
     U32 next(U32 from, bool taken) const
     {
         for (; from < taken_.size(); ++from)
