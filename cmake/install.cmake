@@ -47,7 +47,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/velmora.pc DESTINATION ${CMAKE_INSTALL
 install(DIRECTORY include/ lib/include/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 # Programs to begin with, a project by themselves; docs/application-guide.md explains those of guide/.
 install(DIRECTORY examples/ DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmora-mm/examples)
-install(FILES tools/command_line.hpp DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmora-mm/examples/tools)
+install(FILES tools/command_line.hpp tools/command.hpp DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/velmora-mm/examples/tools)
 install(FILES packaging/man/libvelmora.3 DESTINATION ${CMAKE_INSTALL_MANDIR}/man3)
 if(NOT TARGET velmora-mm OR CMAKE_CROSSCOMPILING)
     return()
