@@ -37,7 +37,7 @@ done
 # The tool's commands as a user meets them: the same check as on the simulated controller.
 mkdir -p "$image/check/tool" "$image/check/support"
 cp tests/tool/check_commands.sh tests/tool/check_verify.sh tests/tool/check_map_device.sh "$image/check/tool/"
-cp tests/support/program.sh "$image/check/support/"
+cp tests/support/device.sh tests/support/program.sh "$image/check/support/"
 
 # Boots with the lines that stand on standard input and runs them; shows the console and keeps it in build/target/NAME.log.
 run() {

@@ -304,11 +304,6 @@ void printJson(std::ostream& out, const Findings& findings, bool all)
     printListing(out, json);
 }
 
-std::string counted(std::size_t count, const std::string& what)
-{
-    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 struct Request {
     std::string file, device; // one of them, or neither: standard input
     bool all = false, json = false;

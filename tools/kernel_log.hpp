@@ -22,11 +22,8 @@ public:
 
     // Messages since the last call, without what the kernel puts in front of them and the line end behind them; all that
     // commands which have returned printed is there. Throws std::runtime_error: messages were lost, and the next call goes
-    // on behind them; or the controller is gone (see isGone()).
+    // on behind them; or the controller is gone.
     std::vector<std::string> take();
-
-    // The device is not there any more: nothing will come.
-    bool isGone() const;
 
 private:
     struct Source;

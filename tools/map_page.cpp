@@ -6,25 +6,13 @@
 #include <nlohmann/json.hpp>
 
 #include "embedded_pages.hpp"
+#include "html.hpp"
 
 namespace velmora::tools {
 
 namespace {
 
-// In a page no text may begin a tag or an entity.
-std::string forPage(const std::string& text)
-{
-    std::string safe;
-    for (const char letter : text) {
-        constexpr std::string_view kDangerous = "<>&\"";
-        constexpr const char* kEntities[] = {"&lt;", "&gt;", "&amp;", "&quot;"};
-        const std::size_t which = kDangerous.find(letter);
-        which == kDangerous.npos ? safe.append(1, letter) : safe.append(kEntities[which]);
-    }
-    return safe;
-}
-
-// The same in a script's JSON, where entities are none.
+// No text may begin a tag in a script's JSON either, where entities are none.
 std::string forScript(const std::string& json)
 {
     std::string safe;

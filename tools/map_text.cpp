@@ -72,11 +72,6 @@ std::uint64_t divideUp(std::uint64_t value, std::uint64_t by)
     return (value + by - 1) / by;
 }
 
-std::string counted(std::uint64_t number, const std::string& thing)
-{
-    return std::to_string(number) + " " + thing + (number == 1 ? "" : "s");
-}
-
 class Drawing
 {
 public:

@@ -61,22 +61,17 @@ struct Played {
     PlanResult result;
 };
 
-std::string countOf(std::uint64_t count, const std::string& what)
-{
-    return std::to_string(count) + " " + what + (count == 1 ? "" : "s");
-}
-
 void printRecording(std::ostream& out, const std::string& name, const PlanRecording& recording)
 {
     const auto requests = std::ranges::count(recording.operations, PlanOperation::Kind::Malloc, &PlanOperation::kind);
-    out << name << ": " << countOf(recording.lines, "line") << ", "
-        << countOf(static_cast<std::uint64_t>(requests), "request") << " for memory\n";
+    out << name << ": " << counted(recording.lines, "line") << ", "
+        << counted(static_cast<std::uint64_t>(requests), "request") << " for memory\n";
     if (recording.refusedThen != 0)
-        out << "  " << countOf(recording.refusedThen, "request") << " refused when recorded, not asked again\n";
+        out << "  " << counted(recording.refusedThen, "request") << " refused when recorded, not asked again\n";
     if (recording.probes != 0)
-        out << "  " << countOf(recording.probes, "request") << " left out: released and never used\n";
+        out << "  " << counted(recording.probes, "request") << " left out: released and never used\n";
     if (recording.passedOver != 0)
-        out << "  " << countOf(recording.passedOver, "line")
+        out << "  " << counted(recording.passedOver, "line")
             << " passed over: in bytes, or a release of memory that no line allocated\n";
 }
 
@@ -105,7 +100,7 @@ void printPlayed(std::ostream& out, const PlanRecording& recording, const Played
         out << "Nothing was refused.\n";
         return;
     }
-    out << countOf(played.result.refused, "request") << " refused:\n";
+    out << counted(played.result.refused, "request") << " refused:\n";
     for (const PlanRefusal& refusal : played.result.refusals)
         out << "  line " << refusal.line << ": " << bytesText(refusal.bytes) << " of "
             << recording.segments[refusal.segment].name << ", asked by " << recording.askers[refusal.asker] << "\n";
@@ -187,7 +182,7 @@ void printSearch(std::ostream& out, const Options& options, const PlanRecording&
         }
     }
     printPlayed(out, recording, smallest);
-    out << countOf(search.tries.size(), "layout") << " tried. As a layout file:\n\n"
+    out << counted(search.tries.size(), "layout") << " tried. As a layout file:\n\n"
         << layoutText(smallest.layout, recording);
 }
 

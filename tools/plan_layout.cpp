@@ -104,13 +104,6 @@ void readSegment(const File& file, const toml::table& table, const PlanRecording
     }
 }
 
-std::string ownerHex(std::uint32_t owner)
-{
-    char text[16];
-    std::snprintf(text, sizeof text, "0x%x", owner);
-    return text;
-}
-
 bool fits(unsigned map, std::uint32_t owner)
 {
     return map <= 1 ? owner <= map : owner >= 1 && owner < 1U << map;
@@ -194,7 +187,7 @@ std::string unfit(const PlanLayout& layout, const PlanRecording& recording)
         const PlanSegment& segment = layout.segments[operation.segment];
         if (segment.map != recorded.request.ubMap && !fits(segment.map, operation.owner))
             return "an owner map of width " + std::to_string(segment.map) + " in " + recorded.name +
-                   " cannot hold owner " + ownerHex(operation.owner) + " (line " + std::to_string(operation.line) + ")";
+                   " cannot hold owner " + hexText(operation.owner) + " (line " + std::to_string(operation.line) + ")";
     }
     return "";
 }

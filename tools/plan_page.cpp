@@ -4,6 +4,7 @@
 #include <array>
 #include <sstream>
 
+#include "html.hpp"
 #include "units.hpp"
 
 namespace velmora::tools {
@@ -20,14 +21,6 @@ table{border-collapse:collapse;margin:1em 0}td,th{padding:.2em .8em;white-space:
 td:first-child,th:first-child{text-align:left}svg{width:100%;height:auto;display:block}text{font-size:12px;fill:#444}
 .limit{stroke:#999;stroke-dasharray:4 3}.axis{stroke:#999}.refused{stroke:#c00;stroke-width:2}
 @media(prefers-color-scheme:dark){body{background:#181818;color:#ddd}text{fill:#bbb}})";
-
-std::string escapedHtml(const std::string& text)
-{
-    std::string safe;
-    for (const char c : text)
-        safe += c == '<' ? "&lt;" : c == '>' ? "&gt;" : c == '&' ? "&amp;" : c == '"' ? "&quot;" : std::string(1, c);
-    return safe;
-}
 
 struct Point {
     unsigned line;
@@ -55,7 +48,7 @@ void writeCurve(std::ostream& out, const PlanRecording& recording, const PlanCha
     const double most = std::max({use.usable, use.peak, 1U});
     const auto x = [&](unsigned line) { return kLeft + kWidth * line / std::max(1U, recording.lines); };
     const auto y = [&](double bytes) { return kTop + kHeight * (1 - bytes / most); };
-    const std::string name = escapedHtml(recording.segments[segment].name);
+    const std::string name = forPage(recording.segments[segment].name);
     out << "<svg viewBox=\"0 0 " << kLeft + kWidth + 10 << " " << kTop + kHeight + 25
         << "\" role=\"img\" aria-label=\"use of " << name << "\">\n<text x=\"0\" y=\"12\">" << name
         << "</text>\n<text x=\"" << kLeft - 6 << "\" y=\"" << y(use.usable) + 4 << "\" text-anchor=\"end\">"
@@ -79,19 +72,18 @@ void writeCurve(std::ostream& out, const PlanRecording& recording, const PlanCha
 
 void writeChart(std::ostream& out, const PlanRecording& recording, const PlanChart& chart)
 {
-    out << "<h2>" << escapedHtml(chart.title) << ": " << bytesText(chart.layout.area) << "</h2>\n";
+    out << "<h2>" << forPage(chart.title) << ": " << bytesText(chart.layout.area) << "</h2>\n";
     if (!chart.result.impossible.empty()) {
-        out << "<p>" << escapedHtml(chart.result.impossible) << "</p>\n";
+        out << "<p>" << forPage(chart.result.impossible) << "</p>\n";
         return;
     }
     out << "<table><tr><th>segment</th><th>usable</th><th>peak</th><th>after line</th><th>of it waste</th>"
            "<th>largest still served</th><th>overflowed</th><th>refused</th></tr>\n";
     for (std::size_t at = 0; at < recording.segments.size(); ++at) {
         const PlanUse& use = chart.result.use[at];
-        out << "<tr><td>" << escapedHtml(recording.segments[at].name) << "</td><td>" << bytesText(use.usable)
-            << "</td><td>" << bytesText(use.peak) << "</td><td>" << use.peakLine << "</td><td>" << bytesText(use.waste)
-            << "</td><td>" << bytesText(use.longest) << "</td><td>" << use.overflowed << "</td><td>" << use.refused
-            << "</td></tr>\n";
+        out << "<tr><td>" << forPage(recording.segments[at].name) << "</td><td>" << bytesText(use.usable) << "</td><td>"
+            << bytesText(use.peak) << "</td><td>" << use.peakLine << "</td><td>" << bytesText(use.waste) << "</td><td>"
+            << bytesText(use.longest) << "</td><td>" << use.overflowed << "</td><td>" << use.refused << "</td></tr>\n";
     }
     out << "</table>\n";
     for (std::size_t at = 0; at < recording.segments.size(); ++at)
@@ -104,14 +96,14 @@ void writeTries(std::ostream& out, const PlanRecording& recording, const PlanSea
         << " layouts, in this order</summary>\n<table><tr><th>area</th>";
     for (const auto& segment : recording.segments)
         if (segment.request.ubType != MM_FIXED && !segment.isHeap())
-            out << "<th>" << escapedHtml(segment.name) << "</th>";
+            out << "<th>" << forPage(segment.name) << "</th>";
     out << "<th>verdict</th></tr>\n";
     for (const PlanTry& tried : search.tries) {
         out << "<tr><td>" << tried.layout.area << "</td>";
         for (const PlanSegment& segment : tried.layout.segments)
             if (segment.bytes != 0)
                 out << "<td>" << segment.bytes << "</td>";
-        out << "<td>" << (tried.verdict.empty() ? "nothing refused" : escapedHtml(tried.verdict)) << "</td></tr>\n";
+        out << "<td>" << (tried.verdict.empty() ? "nothing refused" : forPage(tried.verdict)) << "</td></tr>\n";
     }
     out << "</table></details>\n";
 }
@@ -122,8 +114,8 @@ std::string planPage(const PlanRecording& recording, const std::string& name, co
                      const PlanSearch* search)
 {
     std::ostringstream out;
-    out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>Plan of " << escapedHtml(name)
-        << "</title>\n<style>" << kStyle << "</style></head><body>\n<h1>Plan of " << escapedHtml(name)
+    out << "<!DOCTYPE html>\n<html lang=\"en\"><head><meta charset=\"utf-8\"><title>Plan of " << forPage(name)
+        << "</title>\n<style>" << kStyle << "</style></head><body>\n<h1>Plan of " << forPage(name)
         << "</h1>\n<p>Bytes in use of each segment after each line of the recording. The dashed line is what the "
            "segment has; a "
            "red one is a request that was refused.</p>\n";

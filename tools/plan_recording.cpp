@@ -23,14 +23,6 @@ constexpr std::uint32_t kBase = 0x10000000;  // where each allocation starts whi
 constexpr std::uint32_t kIndex = 0x80000000; // marks a segment's index among handles
 constexpr std::uint32_t kAreaMargins = 2 << 20;
 
-template <class Record> Record as(const std::vector<std::uint8_t>& bytes)
-{
-    Record record{};
-    if (!bytes.empty())
-        std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
-    return record;
-}
-
 std::uint32_t areaIn(const std::string& load)
 {
     std::uint32_t start = 0, end = 0;

@@ -24,14 +24,6 @@ template <class Record> std::vector<std::uint8_t> bytesOf(const Record& record)
     return bytes;
 }
 
-template <class Record> Record as(const std::vector<std::uint8_t>& bytes)
-{
-    Record record{};
-    if (!bytes.empty())
-        std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
-    return record;
-}
-
 std::string hex(const std::vector<std::uint8_t>& bytes)
 {
     return sim::toHex(bytes.data(), bytes.size());
@@ -104,9 +96,7 @@ std::string RecordingWriter::bytes(const Asked& asked)
 {
     const std::vector<std::uint8_t>& user = asked.request.record;
     const CommandRecord record = recordOf(asked.request.number);
-    char number[16];
-    std::snprintf(number, sizeof number, "0x%x", asked.request.number);
-    const std::string command = "ioctl " + std::string(number) + " ";
+    const std::string command = "ioctl " + hexText(asked.request.number) + " ";
     form_ = Form::Bytes;
     if (record.bytes != 0 && user.size() >= record.bytes) {
         form_ = Form::Silent; // a script's user memory can always be written: its answer is another one

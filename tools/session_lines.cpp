@@ -138,13 +138,6 @@ constexpr Form kForms[] = {
     {"mmap", kMapping, kMmap},
 };
 
-std::string hex(std::uint32_t value)
-{
-    std::array<char, 16> text;
-    std::snprintf(text.data(), text.size(), "0x%x", value);
-    return text.data();
-}
-
 std::size_t recordBytes(std::uint32_t number)
 {
     return number == kMapping ? sizeof(MappingRecord) : recordOf(number).bytes;
@@ -285,7 +278,7 @@ std::string placeWord(std::uint32_t address, const Names& names)
     if (!known)
         return addressText(address);
     const std::uint32_t more = address - known->allocation.start;
-    return known->variable + (more == 0 ? "" : "+" + hex(more));
+    return known->variable + (more == 0 ? "" : "+" + hexText(more));
 }
 
 std::string segmentWord(std::uint32_t handle, const Names& names)
@@ -318,16 +311,8 @@ std::string wordFor(const Field& field, const std::vector<std::uint8_t>& record,
     case Kind::Place: return placeWord(value, names);
     case Kind::Segment: return segmentWord(value, names);
     case Kind::Flag: return std::string(field.key);
-    default: return field.key == "owner" || field.key == "byte" ? hex(value) : std::to_string(value);
+    default: return field.key == "owner" || field.key == "byte" ? hexText(value) : std::to_string(value);
     }
-}
-
-template <class Record> Record as(const std::vector<std::uint8_t>& bytes)
-{
-    Record record{};
-    if (!bytes.empty())
-        std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
-    return record;
 }
 
 // The fields of the state dump, without the routines' addresses.
@@ -355,14 +340,14 @@ std::string rowWords(const MM_TGetMCTInfo& info)
 {
     if (info.status != 0)
         return "no row";
-    return "id=" + nameText(info.SegTable.aubCFGID) + " size=" + hex(info.SegTable.ulSize) +
-           " start=" + hex(info.SegTable.pubStartAddr);
+    return "id=" + nameText(info.SegTable.aubCFGID) + " size=" + hexText(info.SegTable.ulSize) +
+           " start=" + hexText(info.SegTable.pubStartAddr);
 }
 
 std::string createdWords(const MM_TSegInfoFromApp& made)
 {
-    return "handle=" + std::to_string(made.hulHandle) + " bytes=" + hex(made.ulSegSize) +
-           " usable=" + hex(made.ulRetSegSize);
+    return "handle=" + std::to_string(made.hulHandle) + " bytes=" + hexText(made.ulSegSize) +
+           " usable=" + hexText(made.ulRetSegSize);
 }
 
 const Form* formOf(std::string_view name)

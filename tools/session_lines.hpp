@@ -7,7 +7,9 @@
 // docs/session-format.md has the language.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
+#include <cstring>
 #include <optional>
 #include <string>
 #include <vector>
@@ -34,6 +36,15 @@ struct Answer {
     std::int32_t result = 0; // a code of the manager, or a negative kernel code
     std::vector<std::uint8_t> record;
 };
+
+// A record's bytes as what they are; zeros where there are fewer.
+template <class Record> Record as(const std::vector<std::uint8_t>& bytes)
+{
+    Record record{};
+    if (!bytes.empty())
+        std::memcpy(&record, bytes.data(), std::min(bytes.size(), sizeof record));
+    return record;
+}
 
 // Memory that a line allocated.
 struct Allocation {

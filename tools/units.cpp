@@ -81,6 +81,18 @@ std::string roundedBytes(std::uint64_t bytes)
     return text.data();
 }
 
+std::string counted(std::uint64_t count, std::string_view thing)
+{
+    return std::to_string(count).append(" ").append(thing) + (count == 1 ? "" : "s");
+}
+
+std::string hexText(std::uint32_t value)
+{
+    std::array<char, 16> text;
+    std::snprintf(text.data(), text.size(), "0x%x", value);
+    return text.data();
+}
+
 std::string addressText(std::uint32_t address)
 {
     std::array<char, 16> text;

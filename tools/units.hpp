@@ -19,6 +19,11 @@ std::optional<std::uint64_t> parseBytes(std::string_view text, std::uint64_t mos
 std::string bytesText(std::uint64_t bytes);
 std::string roundedBytes(std::uint64_t bytes);
 
+// "1 run", "2 runs".
+std::string counted(std::uint64_t count, std::string_view thing);
+
+// 0x%x.
+std::string hexText(std::uint32_t value);
 // 0x%08x.
 std::string addressText(std::uint32_t address);
 

@@ -2,6 +2,7 @@
 #include <charconv>
 #include <csignal>
 #include <cstdlib>
+#include <limits>
 #include <filesystem>
 #include <optional>
 
@@ -17,6 +18,7 @@
 #include "kernel/mm/guard/MM_Guard.h"
 #include "lib/socket_client.hpp"
 #include "tools/command_line.hpp"
+#include "tools/units.hpp"
 
 namespace {
 
@@ -71,26 +73,13 @@ template <class T> std::optional<T> number(std::string_view text, int base = 10)
 std::uint32_t parseRam(const std::string& text)
 {
     using velmora::sim::kMostRamBytes;
-    std::string_view digits = text;
-    for (const std::string_view ending : {"iB", "B"})
-        if (digits.ends_with(ending)) {
-            digits.remove_suffix(ending.size());
-            break;
-        }
-    unsigned shift = 0;
-    for (const auto& [letters, bits] : {std::pair{"kK", 10U}, {"mM", 20U}, {"gG", 30U}})
-        if (!digits.empty() && std::string_view(letters).find(digits.back()) != std::string_view::npos) {
-            shift = bits;
-            digits.remove_suffix(1);
-            break;
-        }
-    const auto value = number<std::uint64_t>(digits);
-    if (!value)
+    const auto bytes = velmora::tools::parseBytes(text, std::numeric_limits<std::uint64_t>::max());
+    if (!bytes)
         throw UsageError("--ram: '" + text + "' is no number of bytes");
-    if (*value == 0 || *value > kMostRamBytes >> shift || (*value << shift) % 4096 != 0)
+    if (*bytes == 0 || *bytes > kMostRamBytes || *bytes % 4096 != 0)
         throw UsageError("--ram: the controller has whole pages of 4096 bytes, up to 1 GiB of them, not '" + text +
                          "'");
-    return static_cast<std::uint32_t>(*value << shift);
+    return static_cast<std::uint32_t>(*bytes);
 }
 
 void parseArea(const std::string& text, velmora::sim::ServiceOptions& options)

@@ -167,11 +167,6 @@ std::string shown(const Subject& subject)
     return subject.handle ? shownName(subject.segment) : "area";
 }
 
-std::string counted(std::size_t number, const char* what)
-{
-    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
-}
-
 void printText(std::ostream& out, const Report& report)
 {
     for (const Finding& finding : report.findings)

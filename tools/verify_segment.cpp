@@ -18,11 +18,6 @@ namespace {
 constexpr const char* kList = "list of free runs";
 constexpr const char* kMap = "owner map";
 
-std::string counted(std::uint64_t number, const char* what)
-{
-    return std::to_string(number) + " " + what + (number == 1 ? "" : "s");
-}
-
 // One look at a segment, with the table's entry as it was before.
 class Look
 {

@@ -4,19 +4,8 @@
 #   check_commands.sh DEVICE COMMAND...    as --device takes it; the command that starts velmora-mm
 # shellcheck disable=SC2016 # names of fixed segments begin with $
 set -eu
-device=$1
-shift
-tool=$*
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-# shellcheck source=tests/support/program.sh
-. "$(dirname "$0")/../support/program.sh"
-
-mm() {
-    command=$1
-    shift
-    $tool "$command" --device "$device" "$@"
-}
+# shellcheck source=tests/support/device.sh
+. "$(dirname "$0")/../support/device.sh"
 # Refuses, in one line that begins as every line of the command does, and prints nothing else.
 refuses() { # STATUS PATTERN WORDS...
     wanted=$1

@@ -4,20 +4,8 @@
 #   check_map_device.sh DEVICE COMMAND...    as --device takes it; the command that starts velmora-mm
 set -eu
 export LC_ALL=C # the picture is of plain characters then
-device=$1
-shift
-tool=$*
-export LC_ALL=C
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-# shellcheck source=tests/support/program.sh
-. "$(dirname "$0")/../support/program.sh"
-
-mm() {
-    command=$1
-    shift
-    $tool "$command" --device "$device" "$@"
-}
+# shellcheck source=tests/support/device.sh
+. "$(dirname "$0")/../support/device.sh"
 
 ends 0 mm start --again
 ends 0 mm create PAGE --bytes 256K --block 4K --owner-bits 8

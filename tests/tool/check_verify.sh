@@ -3,19 +3,8 @@
 # has of segments goes. Stands on what a small system has.
 #   check_verify.sh DEVICE COMMAND...    as --device takes it; the command that starts velmora-mm
 set -eu
-device=$1
-shift
-tool=$*
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-# shellcheck source=tests/support/program.sh
-. "$(dirname "$0")/../support/program.sh"
-
-mm() {
-    command=$1
-    shift
-    $tool "$command" --device "$device" "$@"
-}
+# shellcheck source=tests/support/device.sh
+. "$(dirname "$0")/../support/device.sh"
 # The address that alloc or mst printed last.
 address() {
     sed -n 's/.* \(0x[0-9a-f]*\) [0-9]*$/\1/p' "$work/out" | tail -n 1
