@@ -80,8 +80,10 @@ for word_size in $word_sizes; do
     if [ "$word_size" = "${word_sizes%% *}" ]; then
         set -- -UCMAKE_INSTALL_LIBDIR
     fi
+    # Compiled as the presets compile, so that what they have is not compiled again.
     cmake -S . -B "$folder" -G Ninja --toolchain "cmake/$word_size.cmake" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
-        -DVELMORA_BUILD_TESTS=OFF -DVELMORA_STRICT=OFF -DCMAKE_INSTALL_PREFIX="$prefix" "$@" >"$folder.log" 2>&1 || {
+        "-DCMAKE_C_COMPILER_LAUNCHER=$PWD/scripts/compiler-cache.sh" "-DCMAKE_CXX_COMPILER_LAUNCHER=$PWD/scripts/compiler-cache.sh" \
+        -DVELMORA_BUILD_TESTS=OFF -DCMAKE_INSTALL_PREFIX="$prefix" "$@" >"$folder.log" 2>&1 || {
         cat "$folder.log" >&2
         fail "cannot configure $folder"
     }

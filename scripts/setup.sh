@@ -7,8 +7,8 @@ cd "$(dirname "$0")/.."
 
 packages() {
     case $1 in
-    build) echo "g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build libcli11-dev libtomlplusplus-dev nlohmann-json3-dev python3" ;;
-    bench) echo "g++-12 g++-12-multilib cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev python3" ;;
+    build) echo "ccache g++-12 g++-12-multilib g++-arm-linux-gnueabihf cmake ninja-build libcli11-dev libtomlplusplus-dev nlohmann-json3-dev python3" ;;
+    bench) echo "ccache g++-12 g++-12-multilib cmake ninja-build libboost-dev libcli11-dev nlohmann-json3-dev python3" ;;
     docs) echo "doxygen" ;;
     demo) echo "ghostscript ghostscript-doc" ;;
     fuzz) echo "clang-14 libclang-rt-14-dev g++-12-multilib cmake ninja-build googletest" ;;
