@@ -36,7 +36,10 @@ done
 
 # The tool's commands as a user meets them: the same check as on the simulated controller.
 mkdir -p "$image/check/tool" "$image/check/support"
-cp tests/tool/check_commands.sh tests/tool/check_verify.sh tests/tool/check_map_device.sh "$image/check/tool/"
+device_checks="check_commands.sh check_verify.sh check_map_device.sh check_record_device.sh"
+for check in $device_checks; do
+    cp "tests/tool/$check" "$image/check/tool/"
+done
 cp tests/support/device.sh tests/support/program.sh "$image/check/support/"
 
 # Boots with the lines that stand on standard input and runs them; shows the console and keeps it in build/target/NAME.log.
@@ -60,10 +63,9 @@ session_lines() {
         session_lines "$(basename "$script" .txt)"
     done
     echo "/bin/velmora-mm-load $AREA_TEXT /lib/velmora_mm.ko"
-    echo "/bin/sh /check/tool/check_commands.sh /dev/Velmora_MM /bin/velmora-mm"
-    echo "/bin/sh /check/tool/check_verify.sh /dev/Velmora_MM /bin/velmora-mm"
-    echo "/bin/sh /check/tool/check_map_device.sh /dev/Velmora_MM /bin/velmora-mm"
-    echo "/bin/velmora-mm-load --unload"
+    for check in $device_checks; do
+        echo "/bin/sh /check/tool/$check /dev/Velmora_MM /bin/velmora-mm"
+    done
 } | run tests
 
 # Once more with the system calls that the oldest kernels have, a log without times, an initial RAM disk that the

@@ -31,6 +31,24 @@ std::string segmentsThereAre(Device& device)
     return text.empty() ? "there are none: the library was not started" : "there are " + text;
 }
 
+// A failed check is one line on the kernel log: the last one, where the log can be read.
+std::string saidOnTheLog(const Error& error, const std::string& device)
+{
+    if (error.result() != MM_EASSERT)
+        return "";
+    constexpr std::string_view kFailed = "Assertion failed! ";
+    try {
+        const std::vector<std::string> lines = KernelLog(device).take();
+        for (auto line = lines.rbegin(); line != lines.rend(); ++line)
+            if (line->starts_with(kFailed))
+                return ": " + line->substr(kFailed.size());
+    } catch (const std::exception&) { // it says where to look all the same
+    }
+    return "";
+}
+
+} // namespace
+
 // Opens what --device says. Nothing is asked of what is no device of the manager: another driver has commands with the same
 // numbers, and may heed them.
 std::unique_ptr<Channel> openDevice(const std::string& name)
@@ -54,24 +72,6 @@ std::unique_ptr<Channel> openDevice(const std::string& name)
         throw std::runtime_error(path + " is no device of the memory manager");
     return channel;
 }
-
-// A failed check is one line on the kernel log: the last one, where the log can be read.
-std::string saidOnTheLog(const Error& error, const std::string& device)
-{
-    if (error.result() != MM_EASSERT)
-        return "";
-    constexpr std::string_view kFailed = "Assertion failed! ";
-    try {
-        const std::vector<std::string> lines = KernelLog(device).take();
-        for (auto line = lines.rbegin(); line != lines.rend(); ++line)
-            if (line->starts_with(kFailed))
-                return ": " + line->substr(kFailed.size());
-    } catch (const std::exception&) { // it says where to look all the same
-    }
-    return "";
-}
-
-} // namespace
 
 DeviceCommand::DeviceCommand(const std::string& name, const std::string& description, const std::string& notes)
     : app_(std::make_unique<CLI::App>(description, "velmora-mm " + name))

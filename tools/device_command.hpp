@@ -88,6 +88,10 @@ struct SegmentEntry {
     std::uint32_t handle = 0;
     std::optional<MM_TMMSegInfoWire> entry; // the manager's; none for the heap, whose entry no command shows
 };
+
+// Opens what --device says. Throws std::runtime_error with a sentence when it is no device of the manager.
+std::unique_ptr<Channel> openDevice(const std::string& name);
+
 constexpr const char* kSegmentHelp = "a segment: its name, its handle (0 to 48), or heap";
 
 // Finds it; Refusal with the names that there are when there is none.

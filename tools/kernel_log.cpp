@@ -4,6 +4,7 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <string_view>
@@ -68,6 +69,18 @@ std::string unescaped(std::string_view text)
 }
 
 } // namespace
+
+std::optional<ManagedMemory> managedMemoryIn(const std::vector<std::string>& messages)
+{
+    std::optional<ManagedMemory> memory;
+    for (const std::string& message : messages) {
+        unsigned first, past;
+        const std::size_t at = message.find("bigphysares : ");
+        if (at != message.npos && std::sscanf(message.c_str() + at, "bigphysares : 0x%x ~ 0x%x", &first, &past) == 2)
+            memory = {first, past};
+    }
+    return memory;
+}
 
 struct KernelLog::Source {
     virtual ~Source() = default;

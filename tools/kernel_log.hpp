@@ -1,7 +1,9 @@
 // The kernel log of a device: a simulated controller's comes through its socket, a node's is this kernel's.
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -32,6 +34,12 @@ private:
     struct Text;
     std::unique_ptr<Source> source_;
 };
+
+// Where managed memory lies, kernel virtual addresses, as the module's load prints it; the last load counts.
+struct ManagedMemory {
+    std::uint32_t start, end;
+};
+std::optional<ManagedMemory> managedMemoryIn(const std::vector<std::string>& messages);
 
 // Lines of a text as syslog(2) gives it, without level, time and caller: "<4>[   12.345678] text".
 std::vector<std::string> logLines(const std::string& text);

@@ -10,13 +10,12 @@
 #include <stdexcept>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <sys/un.h>
 #include <unistd.h>
 #include <utility>
 #include <vector>
 
 #include "lib/descriptor_message.hpp"
-#include "lib/socket_client.hpp"
+#include "socket_address.hpp"
 
 namespace velmora::tools {
 
@@ -25,7 +24,6 @@ using namespace protocol;
 namespace {
 
 constexpr std::uint32_t kPageBytes = 4096;
-constexpr std::uint32_t kScriptRam = 256U << 20;
 constexpr int kPatienceSeconds = 10; // for a program that does not read
 
 std::vector<std::uint8_t> bytesOf(std::span<const std::byte> bytes)
@@ -37,30 +35,6 @@ std::vector<std::uint8_t> bytesOf(std::span<const std::byte> bytes)
 [[noreturn]] void fail(const std::string& what)
 {
     throw std::runtime_error(what + ": " + std::strerror(errno));
-}
-
-sockaddr_un addressOf(const std::string& path)
-{
-    sockaddr_un address = {};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path)
-        throw std::runtime_error("the socket's name '" + path + "' must have at most " +
-                                 std::to_string(sizeof address.sun_path - 1) + " characters");
-    path.copy(address.sun_path, path.size());
-    return address;
-}
-
-StatusAnswer statusOf(const std::string& controller)
-{
-    socket_client::Connection connection;
-    Status request{};
-    request.header.kind = Kind::Status;
-    StatusAnswer answer{};
-    if (socket_client::connectTo(connection, controller.c_str()) != 0 ||
-        socket_client::transact(connection, &request, sizeof request, &answer, sizeof answer) < 0)
-        throw std::runtime_error(connection.report);
-    socket_client::disconnect(connection);
-    return answer;
 }
 
 // A packet with at most one descriptor, for passing it on. bytes as of recvmsg().
@@ -146,10 +120,13 @@ std::optional<Answer> answerIn(std::span<const std::byte> packet)
     return Answer{header.result, bytesOf(packet.subspan(sizeof(CommandAnswer)))};
 }
 
-Recorder::Recorder(const std::string& file, const std::string& controller, const std::string& socket)
-    : name_(file), controller_(controller), socket_(socket)
+Recorder::Recorder(const std::string& file, std::unique_ptr<Recorded> recorded, const std::string& socket)
+    : name_(file), socket_(socket), device_(std::move(recorded))
 {
-    const std::string beginning = this->beginning();
+    // What stands in front of the first request.
+    std::string beginning = device_->beginning();
+    Device device(openNode(device_->name()));
+    beginning += writer_.state(device);
     file_ = open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
     if (file_ < 0)
         fail("cannot record into " + file);
@@ -166,18 +143,6 @@ Recorder::Recorder(const std::string& file, const std::string& controller, const
     }
     write(beginning);
     thread_ = std::thread([this] { serve(); });
-}
-
-// What stands in front of the first request.
-std::string Recorder::beginning()
-{
-    const StatusAnswer status = statusOf(controller_);
-    std::string text = RecordingWriter::beginning(status.areaStart, status.areaEnd);
-    if (status.ramBytes != kScriptRam)
-        text += "# The controller had " + std::to_string(status.ramBytes >> 10) + " KiB of RAM, a script's has " +
-                std::to_string(kScriptRam >> 10) + ".\n";
-    Device device(openNode("unix:" + controller_));
-    return text + writer_.state(device);
 }
 
 void Recorder::makeFolder()
@@ -228,7 +193,7 @@ void Recorder::serve()
         waiting.assign({{end_[0], POLLIN, 0}, {listening_, POLLIN, 0}});
         for (const Connection& connection : connections_) {
             waiting.push_back({connection.program, POLLIN, 0});
-            waiting.push_back({connection.controller, POLLIN, 0});
+            waiting.push_back({connection.device, POLLIN, 0});
         }
         if (poll(waiting.data(), waiting.size(), -1) < 0)
             continue;
@@ -244,18 +209,23 @@ void Recorder::serve()
         connections_.remove_if([](const Connection& connection) {
             if (!connection.gone)
                 return false;
-            close(connection.program);
-            close(connection.controller);
+            disconnect(connection);
             return true;
         });
     } while (waiting[0].revents == 0);
-    for (const Connection& connection : connections_) {
-        close(connection.program);
-        close(connection.controller);
-    }
+    for (const Connection& connection : connections_)
+        disconnect(connection);
+    connections_.clear();
 }
 
-// A program whose controller cannot be reached finds its connection ended.
+void Recorder::disconnect(const Connection& connection)
+{
+    close(connection.program);
+    if (connection.device >= 0)
+        close(connection.device);
+}
+
+// A program whose device cannot be reached finds its connection ended.
 void Recorder::accept()
 {
     const int program = accept4(listening_, nullptr, nullptr, SOCK_CLOEXEC);
@@ -263,11 +233,8 @@ void Recorder::accept()
         return;
     const timeval patience = {kPatienceSeconds, 0};
     setsockopt(program, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
-    const int controller = ::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0);
-    const sockaddr_un address = addressOf(controller_);
-    const bool connected =
-        controller >= 0 && connect(controller, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-    connections_.push_back({program, controller, !connected});
+    const int device = device_->connect();
+    connections_.push_back({program, device, device < 0});
 }
 
 // Which process asks, where it is another one than before.
@@ -298,13 +265,13 @@ void Recorder::ask(Connection& connection)
         writeAsker(connection);
         write(writer_.asked(*asked));
     }
-    request.sendTo(connection.controller);
+    request.sendTo(connection.device);
     answer(connection, asked.has_value());
 }
 
 void Recorder::answer(Connection& connection, bool recorded)
 {
-    Packet answer(connection.controller);
+    Packet answer(connection.device);
     if (answer.bytes <= 0) {
         connection.gone = true;
         return;

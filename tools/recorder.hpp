@@ -1,12 +1,13 @@
-// Stands between programs and a controller and writes down what they ask and are answered, as a recording (recording.hpp).
+// Stands between programs and a device and writes down what they ask and are answered, as a recording (recording.hpp).
 //
-// Programs connect to the recorder's socket; each of their connections has one to the controller, and every message goes on
-// as it is. One request at a time goes to the controller, so the lines stand in the order in which it ran them, whoever
-// asked. A line is written before its request goes on: that of a command which stops the controller is the last one.
+// Programs connect to the recorder's socket; each of their connections has one to the device, and every message goes on
+// as it is. One request at a time goes to the device, so the lines stand in the order in which it ran them, whoever
+// asked. A line is written before its request goes on: that of a command which stops the device is the last one.
 #pragma once
 
 #include <atomic>
 #include <list>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -15,6 +16,7 @@
 #include <sys/types.h>
 
 #include "lib/socket_protocol.hpp"
+#include "recorded.hpp"
 #include "recording.hpp"
 
 namespace velmora::tools {
@@ -27,9 +29,9 @@ std::optional<Answer> answerIn(std::span<const std::byte> packet);
 class Recorder
 {
 public:
-    // controller: its socket. socket: where programs find the recorder; empty: in a folder of its own. What the controller
-    // has already comes first in the file. Throws std::runtime_error when the file or the socket cannot be made.
-    Recorder(const std::string& file, const std::string& controller, const std::string& socket = {});
+    // socket: where programs find the recorder; empty: in a folder of its own. What the device has already comes first in the
+    // file. Throws std::runtime_error when the file or the socket cannot be made.
+    Recorder(const std::string& file, std::unique_ptr<Recorded> device, const std::string& socket = {});
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
     ~Recorder();
@@ -40,21 +42,22 @@ public:
 
 private:
     struct Connection {
-        int program, controller;
+        int program, device;
         bool gone = false;
     };
 
     void makeFolder();
     void unmakeFolder();
-    std::string beginning();
     void serve();
     void accept();
+    static void disconnect(const Connection& connection);
     void ask(Connection& connection);
     void answer(Connection& connection, bool recorded);
     void writeAsker(const Connection& connection);
     void write(const std::string& text);
 
-    std::string name_, controller_, folder_, socket_;
+    std::string name_, folder_, socket_;
+    std::unique_ptr<Recorded> device_;
     int file_ = -1, listening_ = -1;
     int end_[2] = {-1, -1}; // a pipe
     bool bound_ = false;

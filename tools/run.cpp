@@ -185,7 +185,7 @@ int runWith(const Options& options, std::ostream& errors)
     const Signals signals; // before the recorder's thread, which has none of them
     std::optional<Recorder> recorder;
     if (!options.record.empty())
-        recorder.emplace(options.record, socket);
+        recorder.emplace(options.record, recordedController(socket));
 
     setEnvironment(library, recorder ? recorder->socket() : socket);
     pid_t program = -1;

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <bit>
-#include <cstdio>
 
 #include "area_memory.hpp"
 #include "device_command.hpp"
 #include "free_list.hpp"
+#include "kernel_log.hpp"
 #include "list_defects.hpp"
 #include "segment_entry.hpp"
 #include "units.hpp"
@@ -48,22 +48,11 @@ std::vector<Place> placesOf(Device& device)
     return places;
 }
 
-// The load of the module prints it.
-std::optional<MM_TAddr> areaEndIn(const std::vector<std::string>& kernelLog)
-{
-    std::optional<MM_TAddr> end;
-    for (const std::string& line : kernelLog) {
-        unsigned first, past;
-        const std::size_t at = line.find("bigphysares : ");
-        if (at != line.npos && std::sscanf(line.c_str() + at, "bigphysares : 0x%x ~ 0x%x", &first, &past) == 2)
-            end = past;
-    }
-    return end;
-}
-
 Layout layoutOf(Device& device, const std::vector<std::string>& kernelLog)
 {
-    Layout layout{.places = placesOf(device), .rows = {}, .fixedEnd = {}, .areaEnd = areaEndIn(kernelLog)};
+    Layout layout{.places = placesOf(device), .rows = {}, .fixedEnd = {}, .areaEnd = {}};
+    if (const auto memory = managedMemoryIn(kernelLog))
+        layout.areaEnd = memory->end;
     // The heap's entry is the one that begins above address 0: the manager compares its bounds, which no command shows.
     layout.hasHeap = !device.contains(MM_HEAPHANDLE, 0);
     std::uint32_t bytes = 0;

@@ -14,3 +14,6 @@ mm() { # COMMAND WORDS...
     shift
     $tool "$command" --device "$device" "$@"
 }
+alone() { # COMMAND WORDS...: without the device
+    $tool "$@"
+}

@@ -131,13 +131,15 @@ complains 'expectations were not met$'
 ends 3 "$velmora_mm" record "$work/none.txt" --device "unix:$work/none.sock"
 complains "velmora-mm record: no controller is running: there is no socket $work/none.sock"
 ends 3 "$velmora_mm" record "$work/none.txt" --device /dev/Velmora_MM
-complains 'velmora-mm record: /dev/Velmora_MM is no controller.s socket: record stands in front of unix:SOCKET only'
+complains 'velmora-mm record: cannot open /dev/Velmora_MM: No such file or directory'
 [ ! -e "$work/none.txt" ] || fail 'there is a file without a recording'
 ends 1 "$velmora_mm" record "$work/none/job.txt" --device "unix:$work/mm.sock"
 complains 'velmora-mm record: cannot record into'
 ends 1 "$velmora_mm" record "$work/none.txt" --device "unix:$work/mm.sock" --socket "$work/mm.sock"
 complains 'velmora-mm record: cannot listen at .*: Address already in use'
 [ -S "$work/mm.sock" ] || fail "the controller's socket is gone"
+ends 2 "$velmora_mm" record "$work/none.txt" --device "unix:$work/mm.sock" --area 95000000-9e000000
+complains 'velmora-mm record: --area: a controller says itself where its area lies'
 ends 2 "$velmora_mm" record
 complains 'FILE is required'
 printf 'peek 0x95400000 4\n' >"$work/peek.txt"
