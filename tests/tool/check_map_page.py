@@ -6,17 +6,12 @@
 MAP-PAGES writes the pages (tests/tool/map_pages.cpp). Each check is a script that runs behind the page's own and puts
 what it found into the page's end; pictures of both colour schemes are left in FOLDER, to be looked at.
 """
-import html
-import json
-import re
-import shutil
 import subprocess
 import sys
 import tempfile
 from pathlib import Path
 
-WIDTH = 1000
-SKIPPED = 77
+from browser import differing_schemes, expect, found_in, require
 
 # What the scripts of the checks have: events as a person makes them, and what a strip shows.
 HELPERS = """
@@ -29,7 +24,6 @@ const wheel = (block, deltaY) => strip.dispatchEvent(new WheelEvent('wheel', {cl
 const key = key => strip.dispatchEvent(new KeyboardEvent('keydown', {key, bubbles: true, cancelable: true}));
 const view = () => [Number(strip.dataset.first), Number(strip.dataset.span)];
 const runs = () => strip.querySelectorAll('rect.run').length;
-const found = {};
 """
 
 SMALL = """
@@ -78,27 +72,8 @@ found.whole = runs(); found.span = view()[1];
 """
 
 
-def opened(browser, page, script, folder, width=WIDTH):
-    """What a script found in a page."""
-    ending = "<pre id=found></pre><script>{" + HELPERS + script + \
-        "document.getElementById('found').textContent = JSON.stringify(found);}</script></body>"
-    tried = folder / ("tried-" + page.name)
-    tried.write_text(page.read_text().replace("</body>", ending))
-    dump = run(browser, folder, f"--window-size={width},900", "--dump-dom", tried.as_uri())
-    answer = re.search(r'<pre id="found">(.*?)</pre>', dump, re.DOTALL)
-    assert answer and answer[1], f"the page's script failed in {tried}"
-    return json.loads(html.unescape(answer[1]))
-
-
-def run(browser, folder, *words):
-    profile = tempfile.mkdtemp(dir=folder)
-    return subprocess.run([browser, "--headless", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage", f"--user-data-dir={profile}", *words],
-                          check=True, capture_output=True, text=True, timeout=120).stdout
-
-
-def expect(found, **wanted):
-    for name, value in wanted.items():
-        assert found[name] == value, f"{name}: {found[name]!r}, expected {value!r}"
+def opened(browser, page, script, folder):
+    return found_in(browser, page, HELPERS + script, folder)
 
 
 def check_small(browser, folder):
@@ -134,21 +109,12 @@ def check_cut_up(browser, folder):
 
 
 def check_pictures(browser, folder):
-    """Both colour schemes are drawn, and differ."""
-    pictures = []
-    for name, scheme in (("light", 1), ("dark", 0)):
-        picture = folder / f"small-{name}.png"
-        run(browser, folder, f"--window-size={WIDTH},900", f"--blink-settings=preferredColorScheme={scheme}", f"--screenshot={picture}",
-            (folder / "small.html").as_uri())
-        pictures.append(picture.read_bytes())
-    assert pictures[0] != pictures[1], "light and dark look alike"
+    differing_schemes(browser, folder / "small.html", folder)
 
 
 def main():
     browser, writer = sys.argv[1:3]
-    if shutil.which(browser) is None:
-        print(f"there is no {browser}: scripts/setup.sh test-pages")
-        sys.exit(SKIPPED)
+    require(browser)
     with tempfile.TemporaryDirectory() as temporary:
         folder = Path(sys.argv[3] if len(sys.argv) > 3 else temporary).resolve()
         subprocess.run([writer, folder], check=True)
