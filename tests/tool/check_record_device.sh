@@ -35,7 +35,7 @@ has "$work/where" "^unix:$work/recorded.sock\$"
 case $device in
 /*)
     ends 2 alone record "$work/none.txt" --device "$device" --area 95000000
-    ends 3 alone log --device "unix:$work/recorded.sock" --no-follow
+    ends 1 alone log --device "unix:$work/recorded.sock" --no-follow
     [ ! -e "$work/none.txt" ] || fail "there is a file without a recording"
     ;;
 esac
