@@ -275,6 +275,8 @@ void Machine::touch(U32 address, U32 bytes)
 {
     if (++touches_ > lastTouch_ && currentCommand != nullptr)
         stop({Outcome::Kind::Endless, 0, 0, {}});
+    if (faults.meanwhile)
+        faults.meanwhile();
     if (const auto missing = firstMissing(address, bytes))
         stop({Outcome::Kind::Oops, 0, *missing, {}});
 }

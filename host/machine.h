@@ -64,6 +64,7 @@ struct Faults {
     std::optional<U32> copyOutStopsAt;       // copy_to_user moves this many bytes at most
     std::optional<U32> memoryStopsAt;        // the kernel has memory of its own for this many times
     std::optional<unsigned long> touchLimit; // a command that makes more accesses is taken for endless and stopped
+    std::function<void()> meanwhile;         // what others do before each access to managed memory
 };
 
 // The kernel's side of a mapping request (TMMMapRequest::pvKernel).
