@@ -188,6 +188,7 @@ void Machine::powerOn(U32 ramBytes)
     faults = {};
     log_.clear();
     locks_.fill(false);
+    calls_.fill(0);
     interruptsOff_ = false;
     lockTakes_ = cacheFlushes_ = touches_ = 0;
     copiedOut_ = 0;
@@ -256,6 +257,12 @@ std::vector<Machine::Stretch> Machine::usedRam() const
     return found;
 }
 
+bool Machine::fails(KernelService service)
+{
+    const unsigned long call = ++calls_.at(static_cast<std::size_t>(service));
+    return faults.failing && faults.failing->service == service && faults.failing->call == call;
+}
+
 void Machine::lock(TMMLock lock)
 {
     if (locks_.at(lock))
@@ -292,7 +299,7 @@ static U32 userBytes(U32 address, U32 bytes, std::optional<U32> stopsAt)
 
 U32 Machine::copyFromUser(void* to, U32 from, U32 bytes)
 {
-    const U32 copied = userBytes(from, bytes, faults.copyInStopsAt);
+    const U32 copied = fails(KernelService::CopyIn) ? 0 : userBytes(from, bytes, faults.copyInStopsAt);
     if (copied != 0)
         std::memcpy(to, at(from), copied);
     return bytes - copied;
@@ -300,7 +307,7 @@ U32 Machine::copyFromUser(void* to, U32 from, U32 bytes)
 
 U32 Machine::copyToUser(U32 to, const void* from, U32 bytes)
 {
-    const U32 copied = userBytes(to, bytes, faults.copyOutStopsAt);
+    const U32 copied = fails(KernelService::CopyOut) ? 0 : userBytes(to, bytes, faults.copyOutStopsAt);
     if (copied != 0) {
         std::memcpy(at(to), from, copied);
         copiedOut_ = std::max(copiedOut_, to - kScratch + copied);
@@ -310,6 +317,8 @@ U32 Machine::copyToUser(U32 to, const void* from, U32 bytes)
 
 bool Machine::takeMemory()
 {
+    if (fails(KernelService::TakeMemory))
+        return false;
     if (faults.memoryStopsAt && (*faults.memoryStopsAt)-- == 0) {
         faults.memoryStopsAt = 0;
         return false;
@@ -320,8 +329,9 @@ bool Machine::takeMemory()
 
 S32 Machine::registerDevice(std::string name)
 {
-    if (faults.registerResult)
-        return *faults.registerResult;
+    const bool refused = fails(KernelService::RegisterDevice);
+    if (faults.registerResult || refused)
+        return faults.registerResult.value_or(-EBUSY);
     S32 major = kFirstDynamicMajor;
     while (devices_.contains(major))
         --major;
@@ -340,7 +350,7 @@ void Machine::unregisterDevice(S32 major, const std::string& name)
 
 bool Machine::createProcEntry(std::string name, U32 mode)
 {
-    if (faults.refuseProcEntry)
+    if (fails(KernelService::CreateProc) || faults.refuseProcEntry)
         return false;
     procEntries_[std::move(name)] = mode;
     return true;
@@ -353,7 +363,7 @@ void Machine::removeProcEntry(const std::string& name)
 
 S32 Machine::remap(const TMMMapRequest& request, U32 pfn, U32 bytes, TMMProt protection)
 {
-    if (faults.refuseRemap)
+    if (fails(KernelService::Remap) || faults.refuseRemap)
         return -1;
     auto& target = *static_cast<MapTarget*>(request.pvKernel);
     if (target.mapForReal) {

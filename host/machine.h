@@ -54,8 +54,18 @@ struct Outcome {
     std::string describe(std::string_view command) const;
 };
 
+// The services that may fail, each as MM_Platform.h says.
+enum class KernelService { TakeMemory, AccessOk, CopyIn, CopyOut, RegisterDevice, CreateProc, PageIsRam, Remap, Count };
+
+// One call of a service, counted from 1 since power-on.
+struct ServiceCall {
+    KernelService service;
+    unsigned long call;
+};
+
 // Services that fail on demand; everything works by default.
 struct Faults {
+    std::optional<ServiceCall> failing;      // this one call fails; a copy moves nothing
     std::optional<S32> registerResult;       // register_chrdev answers this negative code
     bool refuseProcEntry = false;            // no proc entry is given
     bool refuseRemap = false;                // remap_pfn_range fails
@@ -111,6 +121,8 @@ public:
     unsigned long cacheFlushes() const { return cacheFlushes_; }
     // Bytes from the scratch area's start that copies to user memory reached since the last command began.
     U32 copiedOut() const { return copiedOut_; }
+    // Calls of a service since power-on.
+    unsigned long calls(KernelService service) const { return calls_.at(static_cast<std::size_t>(service)); }
     // Accesses to managed memory that the manager announced.
     unsigned long touches() const { return touches_; }
 
@@ -126,7 +138,8 @@ public:
 
     Faults faults;
 
-    // Services; called by the platform entries only.
+    // Services; called by the platform entries only. fails() counts a call and says whether it is the one to fail.
+    bool fails(KernelService service);
     void print(std::string message) { log_.push_back(std::move(message)); }
     void lock(TMMLock lock);
     void unlock(TMMLock lock);
@@ -151,6 +164,7 @@ private:
     bool scratchReserved_ = false;
     std::vector<std::string> log_;
     std::array<bool, MM_LOCK_NUM> locks_{};
+    std::array<unsigned long, static_cast<std::size_t>(KernelService::Count)> calls_{};
     bool interruptsOff_ = false;
     unsigned long lockTakes_ = 0;
     long memoryTaken_ = 0;

@@ -68,7 +68,8 @@ void MMP_UnlockIrq(TMMLock enLock)
 BOOL MMP_AccessOk(U32 ulUser, U32 ulBytes)
 {
     using velmora::sim::kUserLimit;
-    return ulUser <= kUserLimit && ulBytes <= kUserLimit - ulUser;
+    return !machine().fails(velmora::sim::KernelService::AccessOk) && ulUser <= kUserLimit &&
+           ulBytes <= kUserLimit - ulUser;
 }
 
 U32 MMP_CopyFromUser(void* pvTo, U32 ulUser, U32 ulBytes)
@@ -118,6 +119,8 @@ U32 MMP_HighMemory(void)
 
 BOOL MMP_PfnValid(U32 ulPfn)
 {
+    if (machine().fails(velmora::sim::KernelService::PageIsRam))
+        return 0;
     return machine().faults.everyPageIsRam || ulPfn < velmora::sim::Machine::ramBytes() >> MMP_PAGE_SHIFT;
 }
 

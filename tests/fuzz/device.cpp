@@ -111,7 +111,8 @@ void DevicePlayer::step(Scribbler& scribbler)
             writeWord(place, value);
         break;
     case 12:
-        if (const U32 place = address(), value = in_.odd(); mayWrite(place, sizeof value) && !isLeftOut(Open::OverwrittenMemory))
+        if (const U32 place = address(), value = in_.odd();
+            mayWrite(place, sizeof value) && !isLeftOut(Open::OverwrittenMemory))
             scribbler.add(place, value);
         break;
     case 13:
@@ -135,14 +136,18 @@ U32 DevicePlayer::address()
     const U32 which = in_.byte();
     const U32 more = in_.byte();
     if (which < 96 && !books_.pieces().empty()) {
-        const auto piece = std::next(books_.pieces().begin(), more % std::min<std::ptrdiff_t>(std::ssize(books_.pieces()), 64));
+        const auto piece =
+            std::next(books_.pieces().begin(), more % std::min<std::ptrdiff_t>(std::ssize(books_.pieces()), 64));
         return which < 48 ? piece->first : piece->first + in_.odd() % 0x2000;
     }
     if (which < 160) {
         const U32 segment = more % MAX_SEGTABLE_SIZE;
-        const U32 places[] = {MM_Addr(astBlkHead[segment].pstBlk), MM_Addr(astBlkTail[segment].pstBlk),
-                              MM_Addr(stSegTable[segment].pubMapStartAddr), MM_Addr(stSegTable[segment].pubStartAddr),
-                              MM_Addr(astStackStr[segment].pubStackHead), stSegStartAddr.aulHeapAddr[0],
+        const U32 places[] = {MM_Addr(astBlkHead[segment].pstBlk),
+                              MM_Addr(astBlkTail[segment].pstBlk),
+                              MM_Addr(stSegTable[segment].pubMapStartAddr),
+                              MM_Addr(stSegTable[segment].pubStartAddr),
+                              MM_Addr(astStackStr[segment].pubStackHead),
+                              stSegStartAddr.aulHeapAddr[0],
                               stSegMapStartAddr.aulHeapAddr[0]};
         return places[which % std::size(places)] + in_.byte() % 16;
     }
@@ -166,9 +171,7 @@ void DevicePlayer::createAny()
     info.ubVM = (sizes & 2) != 0;
     info.ulBlkSize = sizes < 224 ? 16U << (sizes / 4 % 9) : in_.odd();
     const U32 blocks = in_.half();
-    info.ulSegSize = blocks < 0x1000   ? 0
-                     : blocks < 0xF000 ? (blocks % 0x400) * 4096
-                                       : in_.odd();
+    info.ulSegSize = blocks < 0x1000 ? 0 : blocks < 0xF000 ? (blocks % 0x400) * 4096 : in_.odd();
     info.hulHandle = in_.byte();
     send(MM_CMD_CREATE_SEGMENT, info);
 }
@@ -280,8 +283,9 @@ void DevicePlayer::rawCommand()
 // The record is not in the caller's memory, or not all of it.
 void DevicePlayer::badPointer()
 {
-    static constexpr U32 pointers[] = {0,          1,          sim::kScratch - 4, sim::kScratch + sim::kScratchBytes - 3, sim::kUserLimit - 2,
-                                       0x94300000, 0xFFFFFFFF, 0xFFFFFFF0};
+    static constexpr U32 pointers[] = {
+        0,          1,          sim::kScratch - 4, sim::kScratch + sim::kScratchBytes - 3, sim::kUserLimit - 2,
+        0x94300000, 0xFFFFFFFF, 0xFFFFFFF0};
     const U32 number = MM_CMD_FIRST + in_.below(MM_CMD_COUNT);
     const U32 pointer = pointers[in_.below(std::size(pointers))];
     if (const int answer = runEntry([=] { return Velmora_MM_ioctl(number, pointer); }); answer != -22 && answer != -14)

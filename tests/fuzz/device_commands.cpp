@@ -99,7 +99,8 @@ void DevicePlayer::send(U32 number, const std::uint8_t* record, std::size_t byte
 bool DevicePlayer::mayBeSent(U32 number, const void* record) const
 {
     if (number != MM_CMD_ENTRY && isLeftOut(Open::NotStarted) &&
-        (pstMCTTable[0] == nullptr || (pstSegBlkHead == nullptr && !isBlocks(HEAPHANDLE) && number != MM_CMD_LIB_ENTRY)))
+        (pstMCTTable[0] == nullptr ||
+         (pstSegBlkHead == nullptr && !isBlocks(HEAPHANDLE) && number != MM_CMD_LIB_ENTRY)))
         return false;
     const U32 first = as<U32>(record);
     switch (number) {
@@ -181,8 +182,7 @@ bool DevicePlayer::mayClear(const U8* name) const
         return true;
     for (U32 handle = 0; handle < MAX_FIXEDSEG_NUM; ++handle)
         if ((isBlocks(handle) || isStack(handle)) &&
-            (std::memcmp(name, "$ALL", 4) == 0 ||
-             std::memcmp(name, stSegTable[handle].stInfoFromApp.aubSegID, 4) == 0))
+            (std::memcmp(name, "$ALL", 4) == 0 || std::memcmp(name, stSegTable[handle].stInfoFromApp.aubSegID, 4) == 0))
             return false;
     return true;
 }
@@ -262,8 +262,8 @@ void DevicePlayer::settle()
             const U32 head = MM_Addr(astStackStr[handle].pubStackHead);
             const U32 before = stSegTable[handle].ulTotalAllocBlkNum;
             const auto top = books_.pieces().find(head);
-            const U32 bytes = MM_Guarded || top == books_.pieces().end() ? before << stSegTable[handle].ubBlkBit
-                                                                         : top->second.bytes;
+            const U32 bytes =
+                MM_Guarded || top == books_.pieces().end() ? before << stSegTable[handle].ubBlkBit : top->second.bytes;
             send(MM_CMD_FREE, TFreeInfo{handle, head, bytes});
             if (stSegTable[handle].ulTotalAllocBlkNum >= before)
                 note("a stack's blocks cannot be given back");

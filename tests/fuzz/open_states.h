@@ -45,9 +45,11 @@ inline constexpr std::array<OpenState, static_cast<std::size_t>(Open::Count)> kO
      "sizes and block sizes that no layout holds lay blocks, headers and maps over other memory"},
     {Open::HandleBeyondTable, "handle-beyond-table", "a question by such a handle reads behind the segment table"},
     {Open::WildRelease, "wild-release",
-     "lock-stays-held, map-disagrees, one-bit-second-release, stack-head-first: a release of what is not held, not whole, "
+     "lock-stays-held, map-disagrees, one-bit-second-release, stack-head-first: a release of what is not held, not "
+     "whole, "
      "or not last pushed"},
-    {Open::WideOwner, "wide-owner", "owner-contained: an owner that the map's entries cannot hold goes by neighbouring bits"},
+    {Open::WideOwner, "wide-owner",
+     "owner-contained: an owner that the map's entries cannot hold goes by neighbouring bits"},
     {Open::WildFill, "wild-fill", "fill-trusts: a fill writes wherever it is told"},
     {Open::ClearedSegment, "cleared-segment", "clearing a fixed segment that is in use zeroes its lists"},
     {Open::OverwrittenMemory, "overwritten-memory", "lists lie in free memory, which clients map and may write"},

@@ -26,12 +26,28 @@ constexpr U32 kMostBytes = 1 << 20; // that one line looks at or fills
 // Calls that kernel code makes with handles, addresses and counts, as a client's commands do. The others take pointers to records
 // of the kernel's own, or change the tables from inside, and trust the code that calls: scripts use them to show what becomes
 // of that, in both builds.
-constexpr std::array kPlayedCalls = {
-    "MM_Malloc",        "MM_AllocBlock",     "MM_Free",           "MM_FreeBlock",           "MM_CollectGarbage",
-    "MM_ReallocBlock",  "MM_GetTotBlk",      "MM_GetTotAvailBlk", "MM_GetLargestBlk",       "MM_GetInitTotBlk",
-    "MM_CheckHeapArea", "MM_DisplayMST",     "MM_TraceMST",       "MM_RlsAllPermanentBlk",  "MM_SetPermanentBlk",
-    "MM_CheckSegment",  "MM_GetPhysAddr",    "MM_Entry",          "MM_ReleasePermanentBlk", "MM_CheckSegInitCompleted",
-    "MM_RestoreMCT",    "MM_FindNewLargestBlk"};
+constexpr std::array kPlayedCalls = {"MM_Malloc",
+                                     "MM_AllocBlock",
+                                     "MM_Free",
+                                     "MM_FreeBlock",
+                                     "MM_CollectGarbage",
+                                     "MM_ReallocBlock",
+                                     "MM_GetTotBlk",
+                                     "MM_GetTotAvailBlk",
+                                     "MM_GetLargestBlk",
+                                     "MM_GetInitTotBlk",
+                                     "MM_CheckHeapArea",
+                                     "MM_DisplayMST",
+                                     "MM_TraceMST",
+                                     "MM_RlsAllPermanentBlk",
+                                     "MM_SetPermanentBlk",
+                                     "MM_CheckSegment",
+                                     "MM_GetPhysAddr",
+                                     "MM_Entry",
+                                     "MM_ReleasePermanentBlk",
+                                     "MM_CheckSegInitCompleted",
+                                     "MM_RestoreMCT",
+                                     "MM_FindNewLargestBlk"};
 
 bool isNumber(const Word& word, U32* value)
 {
@@ -50,7 +66,8 @@ bool isLeftOutHere(const std::vector<Word>& words)
     const std::string& name = words.front().text;
     U32 value = 0;
     if (name == "call") {
-        const bool played = words.size() > 1 && std::find(kPlayedCalls.begin(), kPlayedCalls.end(), words[1].text) != kPlayedCalls.end();
+        const bool played = words.size() > 1 &&
+                            std::find(kPlayedCalls.begin(), kPlayedCalls.end(), words[1].text) != kPlayedCalls.end();
         return !played && words.size() > 1;
     }
     for (std::size_t i = 2; i < words.size() && (name == "fill" || name == "peek" || name == "crc"); ++i)

@@ -154,6 +154,31 @@ TEST_F(TheMachine, CopiesOutAreCountedForEachCommand)
     EXPECT_EQ(machine().copiedOut(), 0u);
 }
 
+TEST_F(TheMachine, OneCallOfAServiceFailsOnDemandAndTheNextWorks)
+{
+    U32 record = 7;
+    machine().faults.failing = sim::ServiceCall{sim::KernelService::CopyOut, 2};
+    EXPECT_EQ(MMP_CopyToUser(sim::kScratch, &record, 4), 0u);
+    EXPECT_EQ(MMP_CopyToUser(sim::kScratch + 4, &record, 4), 4u);
+    EXPECT_EQ(MMP_CopyFromUser(&record, sim::kScratch + 4, 4), 0u);
+    EXPECT_EQ(record, 0u); // nothing was moved
+    EXPECT_EQ(MMP_CopyToUser(sim::kScratch, &record, 4), 0u);
+    EXPECT_EQ(machine().calls(sim::KernelService::CopyOut), 3u);
+    machine().powerOn();
+    EXPECT_EQ(machine().calls(sim::KernelService::CopyOut), 0u);
+}
+
+TEST_F(TheMachine, OthersMayDoSomethingBeforeEachAccess)
+{
+    machine().faults.meanwhile = [] { *at(0x95000004) = 9; };
+    machine().run([] {
+        MMP_MemSet(at(0x95000000), 1, 4);
+        return 0u;
+    });
+    EXPECT_EQ(*at(0x95000004), 9);
+    EXPECT_EQ(*at(0x95000003), 1);
+}
+
 TEST_F(TheMachine, AStopOutsideACommandEndsTheProcessWithAReport)
 {
     EXPECT_DEATH(
