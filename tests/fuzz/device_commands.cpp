@@ -35,7 +35,13 @@ bool inHeap(U32 address)
     return MM_CheckHeapArea(MM_At(address)) != 0;
 }
 
-// Which segment has an address that a request with this handle was answered with, or names.
+// Which segment has an address that an allocation was answered with: the heap what overflowed.
+U32 giverOf(U32 handle, U32 address)
+{
+    return inHeap(address) ? U32(HEAPHANDLE) : MM_RealHandle(handle);
+}
+
+// Which segment a release goes to. What overflowed from a stack is to be released as the heap's.
 U32 holderOf(U32 handle, U32 address)
 {
     handle = MM_RealHandle(handle);
@@ -218,7 +224,7 @@ void DevicePlayer::allocated(const TMallocInfo& info)
     const U32 address = info.pubStart;
     if (address == 0 || address == MM_FAILED)
         return;
-    const U32 holder = holderOf(info.hulHandle, address);
+    const U32 holder = giverOf(info.hulHandle, address);
     const U32 bytes = bytesGiven(info.hulHandle, holder, info.ulReqBytes);
     if (address < memstart || address >= memend || bytes > memend - address)
         return note("memory outside the managed area was handed out");

@@ -25,7 +25,6 @@ enum class Open : unsigned {
     AnyMapping,
     SmallHeapBlocks,
     AreaIsNoRam,
-    KernelsOwnCall,
     Count
 };
 
@@ -57,8 +56,6 @@ inline constexpr std::array<OpenState, static_cast<std::size_t>(Open::Count)> kO
     {Open::SmallHeapBlocks, "small-heap-blocks",
      "overflow-count: an overflow into a heap of smaller blocks has fewer bytes than were asked for"},
     {Open::AreaIsNoRam, "area-is-no-ram", "any two numbers are taken for an area"},
-    {Open::KernelsOwnCall, "kernels-own-call",
-     "the entries that only kernel code calls trust its pointers; no client reaches them"},
 }};
 
 // True for a step that is to be left out in this build.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <optional>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -59,21 +61,46 @@ bool isNumber(const Word& word, U32* value)
     }
 }
 
-// In the default build writes into memory and commands that have an argument of their own are a client's open states:
-// what device.cpp keeps the books for is not told apart here.
+// The handle that a line's question is asked with, where it has one: of the questions that trust it.
+std::optional<U32> trustedHandle(const std::vector<Word>& words)
+{
+    static const std::set<std::string> trusting = {"MM_CheckSegment", "MM_DisplayMST", "MM_CheckSegInitCompleted"};
+    U32 number = 0;
+    if (words.size() < 3)
+        return std::nullopt;
+    if (words[0].text == "call")
+        return trusting.contains(words[1].text) && isNumber(words[2], &number) ? std::optional(number) : std::nullopt;
+    if (words[0].text != "ioctl" || !isNumber(words[1], &number) ||
+        (number != MM_CMD_CHECK_SEGMENT && number != MM_CMD_DISPLAY_MST))
+        return std::nullopt;
+    if (words[2].kind != Word::Kind::Braced || words[2].text.size() < 2 * sizeof(U32))
+        return ~0U; // it lies in memory
+    U32 handle = 0;
+    try {
+        std::memcpy(&handle, sim::parseHex(words[2].text).data(), sizeof handle);
+    } catch (const sim::SyntaxError&) {
+        return std::nullopt;
+    }
+    return number == MM_CMD_DISPLAY_MST ? handle % 256 : handle;
+}
+
+bool isTooLarge(const std::vector<Word>& words)
+{
+    static const std::set<std::string> many = {"fill", "peek", "crc"};
+    U32 bytes = 0;
+    return words.size() > 2 && many.contains(words[0].text) && isNumber(words[2], &bytes) && bytes > kMostBytes;
+}
+
+// Sessions say how a hang or an access to nothing ends them, so in the default build most open states are played as well.
 bool isLeftOutHere(const std::vector<Word>& words)
 {
-    const std::string& name = words.front().text;
-    U32 value = 0;
-    if (name == "call") {
-        const bool played = words.size() > 1 &&
-                            std::find(kPlayedCalls.begin(), kPlayedCalls.end(), words[1].text) != kPlayedCalls.end();
-        return !played && words.size() > 1;
-    }
-    for (std::size_t i = 2; i < words.size() && (name == "fill" || name == "peek" || name == "crc"); ++i)
-        if (i == 2 && isNumber(words[i], &value) && value > kMostBytes)
-            return true;
-    return false;
+    if (isTooLarge(words))
+        return true;
+    if (words[0].text == "call" && words.size() > 1 &&
+        std::find(kPlayedCalls.begin(), kPlayedCalls.end(), words[1].text) == kPlayedCalls.end())
+        return true;
+    const std::optional<U32> handle = trustedHandle(words);
+    return isLeftOut(Open::HandleBeyondTable) && handle && *handle >= MAX_SEGTABLE_SIZE && *handle != MM_DISPLAY_ALL;
 }
 
 std::string mistakeIn(const sim::SessionReply& reply)
