@@ -43,9 +43,11 @@ StoredPage& Job::newPage()
 
 void Job::pageIsStored(const StoredPage& page)
 {
+    // What overflows has as many of the heap's blocks as it would have had of the segment's.
+    const std::uint32_t unit = layout_.overflows ? layout_.blockBytes : layout_.heapBlockBytes;
     for (const Band& band : page.bands)
         if (band.inHeap)
-            peakHeap_ += (band.bytes + layout_.blockBytes - 1) / layout_.blockBytes * layout_.heapBlockBytes;
+            peakHeap_ += (band.bytes + unit - 1) / unit * layout_.heapBlockBytes;
     peakSegment_ = std::max(peakSegment_, handler_.pageSegmentUse());
     std::printf("  page %3u/%zu  %ux%u  %5.1f MiB in %zu bands, owner 0x%02x%s\n", page.number, order_.rasters.size(),
                 page.header.width, page.header.height, static_cast<double>(page.header.imageBytes()) / (1 << 20),

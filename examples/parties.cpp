@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <chrono>
 #include <cstring>
 #include <set>
+#include <thread>
 
 namespace printjob {
 
@@ -18,6 +20,12 @@ struct Ticket {
 };
 
 constexpr std::uint32_t kTicketBytes = 1024;
+constexpr std::uint8_t kOwnerBits = 8;
+constexpr std::uint8_t kNobody = 0;
+
+// How long a new job handling waits for the parties of one that died: they store or write the page that they are at.
+constexpr std::chrono::milliseconds kBetweenStarts{100};
+constexpr unsigned kMostStarts = 100;
 
 std::string megabytes(std::uint64_t bytes)
 {
@@ -49,20 +57,59 @@ JobHandler::JobHandler(std::unique_ptr<velmora::Channel> channel, const Layout& 
 {
 }
 
+void JobHandler::startLibrary()
+{
+    for (unsigned starts = 1;; ++starts) {
+        try {
+            device_.buildTable();
+            return device_.startLibrary(SM_BKUP_OK);
+        } catch (const velmora::Error& refused) {
+            if (refused.result() != MM_EASSERT || starts == kMostStarts)
+                throw;
+        }
+        if (starts > 1)
+            std::this_thread::sleep_for(kBetweenStarts);
+        giveBackWhatIsLeft();
+    }
+}
+
+// Nothing need be known of it: every owner has one of eight bits, and the ticket is the only block of "$JCB", its last one.
+void JobHandler::giveBackWhatIsLeft()
+{
+    const auto collectAll = [&](std::uint32_t handle) {
+        for (unsigned bit = 0; bit < kOwnerBits; ++bit)
+            device_.collectGarbage(handle, static_cast<std::uint8_t>(1U << bit));
+    };
+    for (std::uint8_t handle = 0; handle < HEAPHANDLE; ++handle) {
+        const auto segment = device_.segment(handle);
+        if (!segment || segment->ulTotalAllocBlkNum == 0)
+            continue;
+        if (segment->stInfoFromApp.ubMap == kOwnerBits)
+            collectAll(handle);
+        else
+            device_.release(handle, segment->pubEndAddr - kTicketBytes, kTicketBytes);
+    }
+    collectAll(HEAPHANDLE);
+}
+
 void JobHandler::start()
 {
-    device_.buildTable();
-    device_.startLibrary(SM_BKUP_OK);
+    startLibrary();
     ticketSegment_ = device_.createSegment({.name = "$JCB", .blockBytes = kTicketBytes, .type = FIXED}).hulHandle;
     pageSegment_ = device_
                        .createSegment({.name = "PAGE",
                                        .bytes = layout_.pageSegmentBytes,
                                        .blockBytes = layout_.blockBytes,
-                                       .mapBits = 8,
+                                       .mapBits = kOwnerBits,
                                        .type = FLOATALIGN, // bands begin at page boundaries
-                                       .overflowsToHeap = true})
+                                       .overflowsToHeap = layout_.overflows})
                        .hulHandle;
-    heapBytes_ = device_.createSegment({.name = "HEAP", .bytes = 0, .blockBytes = layout_.heapBlockBytes}).ulRetSegSize;
+    heapBytes_ = device_
+                     .createSegment({.name = "HEAP",
+                                     .bytes = 0,
+                                     .blockBytes = layout_.heapBlockBytes,
+                                     .mapBits = layout_.overflows ? std::uint8_t(0) : kOwnerBits})
+                     .ulRetSegSize;
 }
 
 void JobHandler::writeTicket(unsigned copies, unsigned pages)
@@ -114,7 +161,8 @@ std::uint64_t JobHandler::heapRoom()
 Band JobHandler::takeLongestOfHeap(std::uint32_t blocksBelow)
 {
     const auto allocate = [&](std::uint32_t blocks) {
-        return device_.allocate(HEAPHANDLE, blocks * layout_.heapBlockBytes);
+        return device_.allocate(HEAPHANDLE, blocks * layout_.heapBlockBytes,
+                                layout_.overflows ? kNobody : ownerOfPage(1));
     };
     std::uint32_t fits = 0;
     while (blocksBelow - fits > 1) {
@@ -137,11 +185,14 @@ void JobHandler::giveBack(const std::vector<StoredPage>& pages)
     for (const StoredPage& page : pages) {
         owners.insert(page.owner);
         for (const Band& band : page.bands)
-            if (band.inHeap)
+            if (band.inHeap && layout_.overflows)
                 device_.release(pageSegment_, band.address, band.bytes); // an address in the heap goes to the heap
     }
-    for (const std::uint8_t owner : owners)
+    for (const std::uint8_t owner : owners) {
         device_.collectGarbage(pageSegment_, owner);
+        if (!layout_.overflows)
+            device_.collectGarbage(HEAPHANDLE, owner);
+    }
     if (ticket_ != 0)
         device_.release(ticketSegment_, ticket_, kTicketBytes);
     ticket_ = 0;
@@ -153,14 +204,21 @@ RasterProcessor::RasterProcessor(std::unique_ptr<velmora::Channel> channel, cons
 {
 }
 
+bool RasterProcessor::segmentHasRoom(std::uint32_t bytes)
+{
+    const auto segment = device_.segment(static_cast<std::uint8_t>(pageSegment_));
+    return segment && bytes <= std::uint64_t(segment->ulLargestBlkSize) * layout_.blockBytes;
+}
+
 Band RasterProcessor::allocateBand(const StoredPage& page, std::uint32_t bytes)
 {
-    const auto address = device_.allocate(pageSegment_, bytes, page.owner);
+    const bool fromHeap = !layout_.overflows && !segmentHasRoom(bytes);
+    const auto address = device_.allocate(fromHeap ? std::uint32_t(HEAPHANDLE) : pageSegment_, bytes, page.owner);
     if (!address)
         throw OutOfMemory("the document does not fit into the controller's memory: page " +
                           std::to_string(page.number) + " needs " + megabytes(page.header.imageBytes()) +
                           ", and neither the page segment nor the heap has room for its next band");
-    return {*address, bytes, !device_.contains(pageSegment_, *address)};
+    return {*address, bytes, fromHeap || (layout_.overflows && !device_.contains(pageSegment_, *address))};
 }
 
 void RasterProcessor::store(const std::filesystem::path& raster, StoredPage& page,

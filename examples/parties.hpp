@@ -4,9 +4,12 @@
 //   RasterProcessor  puts each page's raster into memory, band by band, owned by the page
 //   CollationCopy    reads the bands back through mappings and writes the copies
 //
-// Bands come from the segment "PAGE". When it is full the manager takes them from the heap: the same number of blocks,
-// in the heap's block size (at least as large, or a band would not fit), and owned by nobody. So the job
-// notes which bands lie there and gives those back one by one.
+// Bands come from the segment "PAGE", and from the heap what does not fit there. Both have an owner map, and each band is its
+// page's from the command on that allocates it: whichever party dies, and wherever, the others find what it held by the owner.
+//
+// The manager can overflow by itself (Layout::overflows): it takes the same number of blocks from the heap, in the heap's block
+// size (at least as large, or a band would not fit), for nobody. Then the job notes which bands lie there and gives those back
+// one by one, and a raster processor that dies before it has told of a band leaves it to the next start of the library.
 #pragma once
 
 #include <cstdint>
@@ -27,6 +30,7 @@ struct Layout {
     std::uint32_t blockBytes = 4096;     // of the segment "PAGE"
     std::uint32_t heapBlockBytes = 8192; // not below blockBytes
     std::uint32_t bandBytes = 256u << 10;
+    bool overflows = false; // what does not fit into "PAGE" is left to the manager
 };
 
 struct Band {
@@ -60,7 +64,8 @@ class JobHandler
 public:
     JobHandler(std::unique_ptr<velmora::Channel> channel, const Layout& layout);
 
-    // Starts the manager and creates "$JCB", "PAGE" and the heap.
+    // Starts the manager and creates "$JCB", "PAGE" and the heap. A guarded manager starts only when nothing is allocated: what
+    // a job handling that died has left is given back first, as soon as its parties are gone.
     void start();
 
     std::uint32_t pageSegment() const { return pageSegment_; }
@@ -71,8 +76,8 @@ public:
     // Bytes that the pages hold in the segment "PAGE" at this moment.
     std::uint64_t pageSegmentUse();
 
-    // Releases everything that the pages hold, and the ticket. Bands in the segment go by the pages' owners, whether the
-    // pages know of them or not; those in the heap have no owner and go one by one.
+    // Releases everything that the pages hold, and the ticket. Bands go by the pages' owners, whether the pages know of them or
+    // not; those that overflowed have no owner and go one by one.
     void giveBack(const std::vector<StoredPage>& pages);
 
     // True when every block of "$JCB" and "PAGE" is free.
@@ -86,6 +91,8 @@ public:
     void display() { device_.display(MM_DISPLAY_ALL); }
 
 private:
+    void startLibrary();
+    void giveBackWhatIsLeft();
     Band takeLongestOfHeap(std::uint32_t blocksBelow);
 
     velmora::Device device_;
@@ -109,6 +116,7 @@ public:
 
 private:
     Band allocateBand(const StoredPage& page, std::uint32_t bytes);
+    bool segmentHasRoom(std::uint32_t bytes);
 
     velmora::Device device_;
     Layout layout_;

@@ -83,6 +83,10 @@ void describeLayout(CLI::App& app, Layout& layout)
     size("--page-segment", layout.pageSegmentBytes, "size of the segment that holds the pages; default 32M");
     size("--page-block", layout.blockBytes, "size of its blocks, a power of two of at least 4K; default 4K");
     size("--heap-block", layout.heapBlockBytes, "size of the heap's blocks, not below --page-block; default 8K");
+    app.add_flag(
+        "--overflow", layout.overflows,
+        "leave what does not fit into that segment to the manager, which takes it from the heap for nobody; default:\n"
+        "the heap is asked, and what it gives has the page as its owner");
 }
 
 // What the job relies on: bands begin with a page, and a band that overflows fits into as many of the heap's blocks.

@@ -58,8 +58,8 @@ void ProcessJob::printOnce()
     }
 }
 
-// What the raster processor has taken and this side has not read yet, or takes until it ends: bands in the heap are nobody's
-// but for these messages.
+// What the raster processor has taken and this side has not read yet, or takes until it ends: bands that overflowed are
+// nobody's but for these messages.
 void ProcessJob::noteLastBands(Parties& parties)
 {
     parties.rasters.hangUp();
@@ -105,9 +105,9 @@ void ProcessJob::collectAfter(const PartyLost& lost)
     giveBack();
     const bool allFree = allIsFree();
     std::printf("The %s: %.1f MiB of %zu pages collected by owner, %s; printing the job again\n", lost.what(), held,
-                pages, allFree ? "all blocks are free" : "but a band in the heap has no owner");
+                pages, allFree ? "all blocks are free" : "but a band that overflowed has no owner");
     if (!allFree)
-        handler_.start(); // nobody knows that band: only a fresh start of the library gets it back
+        handler_.start(); // an overflow that nobody knows of: only a fresh start of the library gets it back
 }
 
 void ProcessJob::requestPage(Parties& parties)

@@ -28,7 +28,7 @@ build/bin/velmora-mm record "$work/job.txt" --device "unix:$work/controller.sock
 recorder=$!
 processes="$processes $recorder"
 until [ -S "$work/recorder.sock" ]; do sleep 0.1; done
-build/bin/print-job --processes --device "$VELMORA_MM_DEVICE" --dpi 60 --output "$work/out" >"$work/job.log" &
+build/bin/print-job --processes --overflow --device "$VELMORA_MM_DEVICE" --dpi 60 --output "$work/out" >"$work/job.log" &
 job=$!
 # A dozen pages are there, and the segment is not full.
 until [ "$(build/bin/velmora-mm map --no-heap --device "unix:$work/controller.sock" | grep -o '[A-Z] owner' | wc -l)" -ge 12 ]; do

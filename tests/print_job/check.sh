@@ -74,12 +74,18 @@ processes raster-stopped --lose raster:2:stop --patience 1
 prints 'The raster processor gave no sign of life for 1 s and was ended: .* of [23] pages collected by owner, all blocks are free'
 processes copy-stopped --lose copy:2:stop --patience 1
 prints 'The collation copy gave no sign of life for 1 s and was ended: .* collected by owner, all blocks are free'
-# Pages that overflow into the heap, where blocks have no owner: the raster processor is heard out when the other is lost.
+# Pages that do not fit into the segment: the heap has owners as well.
 "$print_job" --document "$work/two.ps" --dpi 250 --copies 1 --output "$work/fine" >"$work/out" 2>&1 || fail "fine pages failed"
 for page in 1 2 3 4; do
     ln -f "$work/fine/drawn/page-000$(((page + 1) % 2 + 1)).ppm" "$work/pages/page-$page.ppm"
 done
-processes heap --lose copy:2
+for party in raster copy; do
+    processes "heap-$party" --lose "$party:2"
+    prints 'of them from the heap'
+    prints 'was ended by signal 9: .* collected by owner, all blocks are free; printing the job again'
+done
+# Where the manager overflows by itself, blocks have no owner: the raster processor is heard out when the other is lost.
+processes overflow --overflow --lose copy:2
 prints 'of them from the heap'
 prints 'The collation copy was ended by signal 9: .* collected by owner, all blocks are free; printing the job again'
 "$print_job" --processes --document "$work/two.ps" --dpi 1000 --output "$work/large" >"$work/out" 2>&1 &&

@@ -76,7 +76,7 @@ cat >"$work/two.ps" <<'END'
 END
 start_controller
 start_recorder "$work/job.txt"
-"$print_job" --processes --device "unix:$work/rec.sock" --document "$work/two.ps" --dpi 300 --copies 2 --output "$work/job" \
+"$print_job" --processes --overflow --device "unix:$work/rec.sock" --document "$work/two.ps" --dpi 300 --copies 2 --output "$work/job" \
     >"$work/out" 2>&1 || fail 'the print job failed behind the recorder'
 prints 'of them from the heap'
 prints 'All 2 pages of all 2 copies are identical'
@@ -166,7 +166,7 @@ bytes=$(sed -n '/^\[segment.PAGE\]/,/^$/s/^bytes = "\(.*\)"/\1/p' "$work/out")
 sed -n '/^area/,$p' "$work/out" >"$work/layout.toml"
 ends 0 "$velmora_mm" plan "$work/job.txt" --without-probes --layout "$work/layout.toml"
 start_controller --area "$area"
-"$print_job" --processes --device "unix:$work/mm.sock" --page-segment "$bytes" --rasters "$work/job/drawn" --copies 2 \
+"$print_job" --processes --overflow --device "unix:$work/mm.sock" --page-segment "$bytes" --rasters "$work/job/drawn" --copies 2 \
     --output "$work/small" >"$work/out" 2>&1 || fail 'the smallest layout does not print'
 prints 'All 2 pages of all 2 copies are identical'
 end_controller

@@ -21,11 +21,17 @@ protected:
     {
         char name[] = "/tmp/velmora-print-job-XXXXXX";
         folder_ = mkdtemp(name);
+        boot();
+    }
+    ~PrintJob() override { fs::remove_all(folder_); }
+
+    void boot()
+    {
+        handler_.reset();
         sim::bootController();
         handler_.emplace(sim::openDevice(), layout_);
         handler_->start();
     }
-    ~PrintJob() override { fs::remove_all(folder_); }
 
     // A page of noise.
     fs::path drawPage(unsigned number, unsigned width, unsigned height) const
@@ -47,6 +53,8 @@ protected:
         RasterProcessor(sim::openDevice(), layout_, handler_->pageSegment()).store(raster, page);
         return page;
     }
+
+    void printThreePages();
 
     static U32 blocksInUse(U32 handle) { return stSegTable[handle].ulTotalAllocBlkNum; }
 
@@ -78,7 +86,8 @@ TEST_F(PrintJob, APageComesBackAsItWasDrawn)
     expectAllFree();
 }
 
-TEST_F(PrintJob, BandsThatOverflowIntoTheHeapAreGivenBackOneByOne)
+// Three pages, of which the first fills the segment: they come back as they were drawn, and everything is free again.
+void PrintJob::printThreePages()
 {
     std::vector<StoredPage> pages;
     for (unsigned number = 1; number <= 3; ++number)
@@ -94,6 +103,37 @@ TEST_F(PrintJob, BandsThatOverflowIntoTheHeapAreGivenBackOneByOne)
         EXPECT_TRUE(sameBytes(folder_ / ("page-" + std::to_string(page.number) + ".ppm"), folder_ / "copy.ppm"));
     }
     handler_->giveBack(pages);
+    expectAllFree();
+}
+
+TEST_F(PrintJob, WhatDoesNotFitIntoTheSegmentIsThePagesInTheHeapToo)
+{
+    printThreePages();
+    EXPECT_TRUE(machine().takeLog().size() < 10); // no line for each block
+}
+
+TEST_F(PrintJob, BandsThatOverflowByThemselvesAreGivenBackOneByOne)
+{
+    layout_.overflows = true;
+    boot();
+    printThreePages();
+}
+
+TEST_F(PrintJob, WhatARasterProcessorTookInTheHeapIsCollectedByThePagesOwner)
+{
+    struct Death {
+    };
+    const StoredPage first = store(1, drawPage(1, 400, 500)); // 600,000 bytes; the segment holds 1 MiB
+    StoredPage lost{2, ownerOfPage(2), {}, {}};
+    const auto die = [&](const Band& band) {
+        if (band.inHeap)
+            throw Death();
+    };
+    EXPECT_THROW(
+        RasterProcessor(sim::openDevice(), layout_, handler_->pageSegment()).store(drawPage(2, 400, 500), lost, die),
+        Death);
+    EXPECT_EQ(blocksInUse(HEAPHANDLE), 8u); // of 64 KiB
+    handler_->giveBack({first, StoredPage{2, ownerOfPage(2), {}, {}}});
     expectAllFree();
 }
 
@@ -121,13 +161,13 @@ TEST_F(PrintJob, WhatARasterProcessorTookAndDidNotReportIsCollectedByThePagesOwn
 
 TEST_F(PrintJob, ADocumentTooLargeEndsInAClearMessageWithEverythingGivenBack)
 {
-    // The segment holds 255 blocks of 4 KiB, the heap about 17,000 of 8 KiB: 139 MB of page data cannot fit.
+    // The segment holds 255 blocks of 4 KiB, the heap about 17,600 of 8 KiB: 144 MB. Three pages have 48 MB each.
     layout_.bandBytes = 32 << 20;
     const fs::path raster = drawPage(1, 4000, 4000);
     std::vector<StoredPage> pages;
     std::string message;
     try {
-        for (unsigned number = 1; number <= 3; ++number) {
+        for (unsigned number = 1; number <= 4; ++number) {
             StoredPage& page = pages.emplace_back(StoredPage{number, ownerOfPage(number), {}, {}});
             RasterProcessor(sim::openDevice(), layout_, handler_->pageSegment()).store(raster, page);
         }
@@ -135,7 +175,7 @@ TEST_F(PrintJob, ADocumentTooLargeEndsInAClearMessageWithEverythingGivenBack)
         message = error.what();
     }
     EXPECT_EQ(message,
-              "the document does not fit into the controller's memory: page 2 needs 46 MiB, and neither the page "
+              "the document does not fit into the controller's memory: page 4 needs 46 MiB, and neither the page "
               "segment nor the heap has room for its next band");
     handler_->giveBack(pages);
     expectAllFree();
@@ -173,15 +213,15 @@ TEST_F(PrintJob, TheHeapsRoomIsFoundByAsking)
     velmora::Device device(sim::openDevice());
     std::vector<TAddr> blocks;
     for (unsigned i = 0; i < 5; ++i)
-        blocks.push_back(device.allocate(HEAPHANDLE, layout_.heapBlockBytes).value());
+        blocks.push_back(device.allocate(HEAPHANDLE, layout_.heapBlockBytes, 1).value());
     device.release(HEAPHANDLE, blocks[1], layout_.heapBlockBytes); // runs of one block, one block, and the rest
     device.release(HEAPHANDLE, blocks[3], layout_.heapBlockBytes);
     EXPECT_EQ(handler_->heapRoom(), bytes - 3 * layout_.heapBlockBytes);
     EXPECT_EQ(blocksInUse(HEAPHANDLE), 3u);
 
-    ASSERT_TRUE(device.allocate(HEAPHANDLE, static_cast<U32>(bytes) - 5 * layout_.heapBlockBytes));
+    ASSERT_TRUE(device.allocate(HEAPHANDLE, static_cast<U32>(bytes) - 5 * layout_.heapBlockBytes, 1));
     for (unsigned i = 0; i < 2; ++i)
-        ASSERT_TRUE(device.allocate(HEAPHANDLE, layout_.heapBlockBytes));
+        ASSERT_TRUE(device.allocate(HEAPHANDLE, layout_.heapBlockBytes, 1));
     EXPECT_EQ(handler_->heapRoom(), 0u);
     EXPECT_TRUE(machine().takeLog().empty()); // a real controller's log is not filled with questions
 }
