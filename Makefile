@@ -4,7 +4,7 @@
 DOC ?=
 COPIES ?= 3
 DPI ?= 75
-FUZZ_SECONDS ?= 60
+TIME ?= 60
 FUZZ_SEED ?= $(shell date +%s)
 
 .DEFAULT_GOAL := help
@@ -80,18 +80,14 @@ coverage:
 	gcovr --root . --filter kernel/ --object-directory build/coverage --gcov-executable gcov-12 --exclude-throw-branches \
 	    --html-details build/coverage/report/index.html --fail-under-line 98 --print-summary --txt
 
-## make fuzz       random sequences with the run index and by walking, then libFuzzer's; the socket protocol  [FUZZ_SECONDS=60 each, FUZZ_SEED=time]
-fuzz: build-x86
+## make fuzz       every fuzz target of both builds, for TIME each  [TIME=60: seconds, or 30m, 2h; FUZZ_SEED=time]
+fuzz:
+	@scripts/fuzz.sh check '$(TIME)'
+	@$(MAKE) --no-print-directory build-x86
 	@scripts/setup.sh fuzz
-	build/bin/fuzz-index --seed $(FUZZ_SEED) --seconds $(FUZZ_SECONDS)
 	@$(call preset,fuzz)
-	@mkdir -p build/fuzz/corpus
-	cd build/fuzz && ASAN_OPTIONS=detect_leaks=0 bin/fuzz-index-target -max_total_time=$(FUZZ_SECONDS) -max_len=4096 -rss_limit_mb=0 \
-	    -timeout=60 -print_final_stats=1 corpus
-	build/bin/fuzz-protocol --seed $(FUZZ_SEED) --runs $$(($(FUZZ_SECONDS) * 5000))
-	@mkdir -p build/fuzz/protocol-corpus
-	cd build/fuzz && ASAN_OPTIONS=detect_leaks=0 bin/fuzz-protocol-target -max_total_time=$(FUZZ_SECONDS) -max_len=2000 -rss_limit_mb=0 \
-	    -timeout=60 -print_final_stats=1 protocol-corpus $(CURDIR)/tests/fuzz/protocol-corpus
+	@$(call preset,fuzz-guarded)
+	@scripts/fuzz.sh run '$(TIME)' '$(FUZZ_SEED)'
 
 ## make format-check  fails where a source is not as clang-format writes it;  make format: rewrites it
 formatted := git ls-files '*.c' '*.h' '*.cpp' '*.hpp'

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "controller/service.h"
+#include "fuzz/open_states.h"
 #include "host/machine.h"
 
 namespace velmora::fuzz {
@@ -27,7 +28,7 @@ struct Packet {
     std::vector<std::byte> bytes;
 };
 
-// The manager trusts the handle of these commands and looks wherever it leads: in memory of the kernel's, there as here.
+// The default build trusts the handle of these commands and looks wherever it leads: in memory of the kernel's, there as here.
 void keepInTheTable(std::vector<std::byte>& bytes)
 {
     constexpr std::size_t end = sizeof(Command) + sizeof(U32);
@@ -66,7 +67,8 @@ Packet nextPacket(const std::uint8_t*& data, std::size_t& size)
         command.bytes = command.writable = static_cast<std::uint32_t>(packet.bytes.size() - sizeof command);
         std::memcpy(packet.bytes.data(), &command, sizeof command);
     }
-    keepInTheTable(packet.bytes);
+    if (isLeftOut(Open::HandleBeyondTable))
+        keepInTheTable(packet.bytes);
     return packet;
 }
 
@@ -92,6 +94,8 @@ std::string mistakeIn(const Reply& reply, const Packet& packet, bool welcomed)
         return "a packet that is no request was not refused";
     if (!welcomed && asked.kind != Kind::Hello)
         return "a request before a hello was not refused";
+    if (reply.stopped && MM_Guarded)
+        return "a command that the guarded build did not survive";
     if (reply.stopped)
         return asked.kind == Kind::Command || asked.kind == Kind::Map
                    ? ""
