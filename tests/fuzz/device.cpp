@@ -72,6 +72,7 @@ std::string DevicePlayer::play()
     const U32 how = in_.byte();
     boot((how & 4) == 0);
     {
+        scribbled_ = how % 4 % 3 != 0;
         Scribbler scribbler(static_cast<Scribbler::When>(how % 4 % 3));
         for (unsigned steps = 0; in_.more() && steps < kMostSteps && mistake_.empty(); ++steps)
             step(scribbler);
@@ -94,7 +95,8 @@ void DevicePlayer::boot(bool start)
 
 void DevicePlayer::step(Scribbler& scribbler)
 {
-    switch (in_.below(20)) {
+    const U32 what = in_.byte();
+    switch (what < 240 ? what % 20 : what) {
     case 0: send(MM_CMD_ENTRY, TMMInitOption{in_.below(16) == 0 ? in_.odd() : U32(MM_CONSTRUCT_DEFAULT_MCT)}); break;
     case 1: send(MM_CMD_LIB_ENTRY, TLibEntryInfo{in_.below(8), 0}); break;
     case 2: send(MM_CMD_COLLECT_GARBAGE, TCollectGarbageInfo{handle(), static_cast<U8>(in_.byte()), {}}); break;
@@ -106,10 +108,7 @@ void DevicePlayer::step(Scribbler& scribbler)
     case 8: rawCommand(); break;
     case 9: badPointer(); break;
     case 10:
-    case 11:
-        if (const U32 place = address(), value = in_.odd(); mayWrite(place, sizeof value))
-            writeWord(place, value);
-        break;
+    case 11: write(address(), in_.odd()); break;
     case 12:
         if (const U32 place = address(), value = in_.odd();
             mayWrite(place, sizeof value) && !isLeftOut(Open::OverwrittenMemory))
@@ -119,7 +118,10 @@ void DevicePlayer::step(Scribbler& scribbler)
     case 14: createAny(); break;
     case 15:
     case 16: releaseAny(); break;
-    default: allocateAny(); break;
+    case 17:
+    case 18:
+    case 19: allocateAny(); break;
+    default: releaseAmongRuins(); break;
     }
     std::ignore = machine().takeLog();
 }
@@ -138,10 +140,12 @@ U32 DevicePlayer::address()
     if (which < 96 && !books_.pieces().empty()) {
         const auto piece =
             std::next(books_.pieces().begin(), more % std::min<std::ptrdiff_t>(std::ssize(books_.pieces()), 64));
-        return which < 48 ? piece->first : piece->first + in_.odd() % 0x2000;
+        return which < 40   ? piece->first
+               : which < 72 ? piece->first + piece->second.bytes + in_.byte() % 16
+                            : piece->first + in_.odd() % 0x2000;
     }
     if (which < 160) {
-        const U32 segment = more % MAX_SEGTABLE_SIZE;
+        const U32 segment = more < 160 ? more % 12 : U32(HEAPHANDLE);
         const U32 places[] = {MM_Addr(astBlkHead[segment].pstBlk),
                               MM_Addr(astBlkTail[segment].pstBlk),
                               MM_Addr(stSegTable[segment].pubMapStartAddr),
@@ -205,6 +209,27 @@ void DevicePlayer::releaseAny()
         bytes = (1 + in_.byte() % (bytes / unit - first)) * unit;
     }
     send(MM_CMD_FREE, TFreeInfo{piece->second.handle, place, bytes});
+}
+
+void DevicePlayer::write(U32 address, U32 value)
+{
+    if (!mayWrite(address, sizeof value))
+        return;
+    writeWord(address, value);
+    scribbled_ = true;
+}
+
+// Writes over the header of the run that may begin behind a block, where a release looks, and releases the block.
+void DevicePlayer::releaseAmongRuins()
+{
+    if (books_.pieces().empty())
+        return;
+    const auto piece = std::next(books_.pieces().begin(), in_.half() % std::ssize(books_.pieces()));
+    const U32 start = piece->first;
+    const Books::Piece held = piece->second;
+    const U32 place = start + held.bytes + in_.below(3) * 4;
+    write(place, in_.odd());
+    send(MM_CMD_FREE, TFreeInfo{held.handle, start, held.bytes});
 }
 
 void DevicePlayer::askAny()

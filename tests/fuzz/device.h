@@ -56,6 +56,8 @@ private:
     void createAny();
     void allocateAny();
     void releaseAny();
+    void releaseAmongRuins();
+    void write(U32 address, U32 value);
     void askAny();
     void rowsAny();
     void mapAny();
@@ -102,6 +104,7 @@ private:
     Books books_;
     std::string mistake_;
     U32 opens_ = 0;
+    bool scribbled_ = false; // lists in memory may be anything
 };
 
 } // namespace velmora::fuzz

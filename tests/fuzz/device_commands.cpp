@@ -294,7 +294,7 @@ void DevicePlayer::checkSegment(U32 handle)
         return;
     if (seg.ulTotalFreeBlkNum != seg.ulTotalBlkNum || seg.ulTotalAllocBlkNum != 0)
         note(name + ": " + std::to_string(seg.ulTotalBlkNum - seg.ulTotalFreeBlkNum) + " blocks are lost");
-    if (MM_Guarded) // whose list may be somebody's stray write until it is looked at
+    if (MM_Guarded && scribbled_) // a stray write stays until it is looked at
         return;
     U32 free = 0;
     const TMMBlkStr* last = nullptr;
