@@ -132,14 +132,20 @@ U32 DevicePlayer::handle()
     return which < 8 ? in_.odd() : which < 64 ? U32(HEAPHANDLE) : which % 12;
 }
 
+// One of those that are held; there is one.
+Books::Pieces::const_iterator DevicePlayer::pieceAt(U32 number) const
+{
+    const auto& pieces = books_.pieces();
+    return std::next(pieces.begin(), static_cast<std::ptrdiff_t>(number % pieces.size()));
+}
+
 // Where something may be hit: what is held, headers of free runs, maps, anywhere.
 U32 DevicePlayer::address()
 {
     const U32 which = in_.byte();
     const U32 more = in_.byte();
     if (which < 96 && !books_.pieces().empty()) {
-        const auto piece =
-            std::next(books_.pieces().begin(), more % std::min<std::ptrdiff_t>(std::ssize(books_.pieces()), 64));
+        const auto piece = pieceAt(more % 64);
         return which < 40   ? piece->first
                : which < 72 ? piece->first + piece->second.bytes + in_.byte() % 16
                             : piece->first + in_.odd() % 0x2000;
@@ -199,7 +205,7 @@ void DevicePlayer::releaseAny()
         send(MM_CMD_FREE, TFreeInfo{segment, place, in_.odd()});
         return;
     }
-    const auto piece = std::next(books_.pieces().begin(), in_.half() % std::ssize(books_.pieces()));
+    const auto piece = pieceAt(in_.half());
     U32 place = piece->first;
     U32 bytes = piece->second.bytes;
     if (stSegTable[piece->second.handle].pfnFree == MM_FreeBlk && which >= 128) { // a part of it
@@ -224,7 +230,7 @@ void DevicePlayer::releaseAmongRuins()
 {
     if (books_.pieces().empty())
         return;
-    const auto piece = std::next(books_.pieces().begin(), in_.half() % std::ssize(books_.pieces()));
+    const auto piece = pieceAt(in_.half());
     const U32 start = piece->first;
     const Books::Piece held = piece->second;
     const U32 place = start + held.bytes + in_.below(3) * 4;

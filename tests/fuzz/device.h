@@ -66,6 +66,7 @@ private:
     void badPointer();
     U32 handle();
     U32 address();
+    Books::Pieces::const_iterator pieceAt(U32 number) const;
 
     // Commands, see device_commands.cpp: one is sent unless it is left out, and its answer goes into the books.
     template <class Record> void send(U32 number, Record record)

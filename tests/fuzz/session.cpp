@@ -130,7 +130,7 @@ std::string playLines(std::istream& script)
         }
         std::string mistake = mistakeIn(reply);
         if (!mistake.empty() || reply.closes)
-            return mistake.empty() ? "" : mistake + " (" + line + ")";
+            return mistake.empty() ? "" : mistake.append(" (").append(line).append(")");
         if (MM_Guarded && (machine().lockHeld(search_lock) || machine().lockHeld(free_lock)))
             return "a lock stayed held (" + line + ")";
     }
