@@ -37,7 +37,8 @@ A line is written before its command runs; the last line says that the recording
 
 In front of a real kernel's device it is the programs' device in the same way: those that use libvelmora are recorded, by
 VELMORA_MM_DEVICE=unix:SOCKET; those that open the node themselves are not. Where the area lies is taken from the kernel
-log, or from --area.
+log, or from --area. Where that is outside the RAM of a script's controller (0x94000000 to 0xa4000000), 'script' replays the
+recording on a device only; 'plan' takes it as it is.
 
 exit status: 0 it was interrupted (SIGINT or SIGTERM), 1 FILE or the socket cannot be written, 2 unusable arguments,
              3 there is no device, or the controller went away; what was recorded is whole

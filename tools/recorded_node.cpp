@@ -22,6 +22,7 @@
 #include <velmora/device.hpp>
 
 #include "device_command.hpp"
+#include "host/machine.h"
 #include "kernel_log.hpp"
 #include "lib/command_records.hpp"
 #include "lib/descriptor_message.hpp"
@@ -200,7 +201,14 @@ class RecordedNode : public Recorded
 public:
     RecordedNode(const std::string& path, ManagedMemory memory) : path_(path), memory_(memory) {}
     std::string name() const override { return path_; }
-    std::string beginning() const override { return RecordingWriter::beginning(memory_.start, memory_.end); }
+    std::string beginning() const override
+    {
+        const bool inRam = memory_.start >= sim::kPageOffset && memory_.end - sim::kPageOffset <= sim::kRamBytes;
+        return RecordingWriter::beginning(memory_.start, memory_.end) +
+               (inRam ? ""
+                      : "# A script's own controller has no memory there: this is replayed with --device, or planned "
+                        "with.\n");
+    }
 
     int connect() override
     {
