@@ -301,9 +301,9 @@ class Unit:
 
     def key(self, site, change):
         line = self.text.count("\n", 0, site.start)
-        context = self.original[line].strip()
-        if len(context) < 12 and line > 0: # the end of a check
-            context = f"{self.original[line - 1].strip()} {context}"
+        context = re.sub(r"\s*/\*.*?(\*/|$)", "", self.original[line]).strip()
+        if len(context) < 12 and line > 0:  # the end of a check
+            context = re.sub(r"\s*/\*.*?(\*/|$)", "", self.original[line - 1]).strip() + " " + context
         return line + 1, f"{self.name} {site.function} | {short(context, 100)} | {change}"
 
     def copy(self, numbers):

@@ -3,8 +3,8 @@
 #pragma once
 
 extern "C" {
-extern unsigned velmoraMutant;           /* 0: none */
-extern unsigned char velmoraReached[];   /* by number: somebody has asked */
+extern unsigned velmoraMutant;         /* 0: none */
+extern unsigned char velmoraReached[]; /* by number: somebody has asked */
 }
 
 static inline bool velmoraIsMutant(unsigned number)

@@ -33,7 +33,7 @@ unsigned char velmoraReached[kMostMutants];
 
 namespace {
 
-constexpr double kFirstBatch = 0.1; // seconds of tests that are tried before the others
+constexpr double kFirstBatch = 0.1;           // seconds of tests that are tried before the others
 constexpr double kSlower = 20, kAlways = 0.5; // a test's limit: so many times as long as without a change, and this
 constexpr unsigned kAsleep = 120;             // seconds of a test that does not even compute
 
@@ -122,7 +122,8 @@ int tryMutant(unsigned mutant)
     for (unsigned test = 0; test < shared->count; ++test)
         if (mutant == 0 || shared->reached[test][mutant] != 0)
             tests.push_back(test);
-    std::stable_sort(tests.begin(), tests.end(), [](unsigned a, unsigned b) { return shared->seconds[a] < shared->seconds[b]; });
+    std::stable_sort(tests.begin(), tests.end(),
+                     [](unsigned a, unsigned b) { return shared->seconds[a] < shared->seconds[b]; });
     double seconds = 0;
     auto batch = tests.begin();
     while (batch != tests.end() && seconds < kFirstBatch)
@@ -198,7 +199,8 @@ int main(int count, char** arguments)
         std::cerr << "usage: mutation-runner NUMBERS RESULTS JOBS\n";
         return 2;
     }
-    shared = static_cast<Shared*>(mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
+    shared = static_cast<Shared*>(
+        mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0));
     if (shared == MAP_FAILED) {
         std::perror("mutation-runner");
         return 1;

@@ -340,6 +340,135 @@ TEST_F(RunIndex, AListWithOtherEndsDropsIt)
     EXPECT_FALSE(MM_HasRunIndex(handle));
 }
 
+TEST_F(RunIndex, AListWithAnotherHeadIsWalkedWhereItIsAskedForItsLongestRun)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    EXPECT_EQ(MM_FindNewLargestBlk(handle), 960u); // the long run below the comb
+    astBlkHead[handle].pstBlk = astBlkHead[handle].pstBlk->pstNext;
+    EXPECT_EQ(MM_FindNewLargestBlk(handle), 1u);
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle)); // a question changes no state
+    EXPECT_NE(MM_AllocBlock(handle, 1, 0), 0u);
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+}
+
+TEST_F(RunIndex, ARequestForNoBlocksIsAnsweredAsByTheWalk)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    const U32 tail = MM_Addr(astBlkTail[handle].pstBlk);
+    EXPECT_EQ(MM_AllocBlock(handle, 0, 0), tail + 64); // past the highest run, of which nothing is taken
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle));
+    EXPECT_TRUE(MM_RunIndexAgrees(handle));
+}
+
+TEST_F(RunIndex, AGroupWithoutTheLongRunThatTheIndexSaysDropsIt)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    const U32 run = MM_Addr(stSegTable[handle].pubStartAddr);
+    const U32 size = 200; // not the 960 of the tables, and long all the same
+    std::memcpy(at(run + 8), &size, sizeof size);
+    EXPECT_EQ(MM_AllocBlock(handle, 300, 0), 0u);
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+    EXPECT_EQ(MM_AllocBlock(handle, 200, 0), run);
+}
+
+TEST_F(RunIndex, TheIndexDisagreesWithAListInWhichAnythingIsOtherwise)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    TMMBlkStr* const longRun = astBlkHead[handle].pstBlk;
+    TMMBlkStr* const tooth = longRun->pstNext; // the lowest single block
+    ASSERT_TRUE(MM_RunIndexAgrees(handle));
+    const struct {
+        TMMBlkStr *TMMBlkStr::*link, *run, *other;
+    } links[] = {{&TMMBlkStr::pstBack, tooth, nullptr},          // the list is not linked both ways
+                 {&TMMBlkStr::pstNext, longRun, tooth->pstNext}, // it jumps over a run
+                 {&TMMBlkStr::pstNext, tooth, longRun}};         // it goes back
+    for (const auto& [link, run, other] : links) {
+        TMMBlkStr* const before = run->*link;
+        run->*link = other;
+        EXPECT_FALSE(MM_RunIndexAgrees(handle));
+        run->*link = before;
+        EXPECT_TRUE(MM_RunIndexAgrees(handle));
+    }
+    TMMBlkStr* const tail = astBlkTail[handle].pstBlk; // without it the list is ordinary, and its chunk has another top
+    tail->pstBack->pstNext = nullptr;
+    astBlkTail[handle].pstBlk = tail->pstBack;
+    EXPECT_FALSE(MM_RunIndexAgrees(handle));
+    tail->pstBack->pstNext = tail;
+    astBlkTail[handle].pstBlk = tail;
+    const struct {
+        TMMBlkStr* run;
+        U32 size;
+    } sizes[] = {{longRun, 959}, // the group's longest run is another
+                 {longRun, 100}, // it is none of the long ones
+                 {longRun, 961}, // it reaches over the tooth
+                 {tooth, 2},     // the chunk's longest run is another
+                 {tooth, 0}};
+    for (const auto& [run, size] : sizes) {
+        const U32 before = run->ulSize;
+        run->ulSize = size;
+        EXPECT_FALSE(MM_RunIndexAgrees(handle)) << size;
+        run->ulSize = before;
+        EXPECT_TRUE(MM_RunIndexAgrees(handle));
+    }
+}
+
+TEST_F(RunIndex, AListWhoseLastHeaderWouldPassTheSegmentsEndIsNotOrdinary)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    ASSERT_EQ(MM_AllocBlock(handle, 1, 0), MM_Addr(stSegTable[handle].pubEndAddr) - 64); // nothing is free at the end
+    ASSERT_TRUE(MM_RunIndexAgrees(handle));
+    TMMBlkStr* const tail = astBlkTail[handle].pstBlk;
+    TMMBlkStr* const beyond = MM_At<TMMBlkStr>(MM_Addr(stSegTable[handle].pubEndAddr) - 11); // of 12 bytes
+    *beyond = {nullptr, tail, 1, {}};
+    tail->pstNext = beyond;
+    astBlkTail[handle].pstBlk = beyond;
+    EXPECT_FALSE(MM_RunIndexAgrees(handle));
+}
+
+// Owner entries that lie outside of the map are other memory: there a run may have its header.
+class EntriesOutsideOfTheMap : public RunIndex
+{
+protected:
+    // 8-bit entries: of a block that is so many blocks from the segment's end, the byte so many below the map's end.
+    EntriesOutsideOfTheMap()
+    {
+        start();
+        below = createComb("BELO", 0x10000, 64);
+        mapped = createBlocks("MAPD", 0x10000, 64, 8);
+        lowest = MM_Addr(stSegTable[mapped].pubStartAddr);
+        EXPECT_EQ(MM_AllocBlock(mapped, MM_GetTotBlk(mapped), 0xAA), lowest);
+        for (U32 block = 0; block < 64; block += 2)
+            EXPECT_EQ(MM_FreeBlock(mapped, at(lowest + block * 64), 1), U32(ENOERR));
+        EXPECT_TRUE(MM_IsRunIndexAwake(mapped));
+    }
+
+    U32 below = 0, mapped = 0, lowest = 0;
+};
+
+TEST_F(EntriesOutsideOfTheMap, AboveTheMapDropTheIndexOfTheSegmentItself)
+{
+    // The last block and one behind it: the second entry is the byte at the map's end, in the first block's header.
+    MM_SetMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - 64), 1, 0);
+    EXPECT_TRUE(MM_HasRunIndex(mapped));
+    MM_SetMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - 64), 2, 0);
+    EXPECT_FALSE(MM_HasRunIndex(mapped));
+    EXPECT_TRUE(MM_HasRunIndex(below));
+}
+
+TEST_F(EntriesOutsideOfTheMap, BelowTheMapDropTheIndexOfTheSegmentThere)
+{
+    const U32 header = MM_Addr(astBlkTail[below].pstBlk);
+    const U32 distance = MM_Addr(stSegTable[mapped].pubMapEndAddr) - header;
+    MM_SetMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - distance * 64), 1, 0);
+    EXPECT_FALSE(MM_HasRunIndex(below));
+    EXPECT_TRUE(MM_HasRunIndex(mapped));
+}
+
 TEST_F(RunIndex, TheNextControlOperationFindsAHeaderThatOthersChanged)
 {
     start();

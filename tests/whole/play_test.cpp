@@ -1,4 +1,4 @@
-// guard-play as a test of the mutation runner: it prints what it printed without any change.
+// guard-play as a test beside the others in one program: it prints what it printed without any change.
 #include <gtest/gtest.h>
 
 #include <functional>

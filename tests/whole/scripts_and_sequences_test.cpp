@@ -1,4 +1,4 @@
-// Golden session scripts, and random sequences with indexes and by walking, as tests of the mutation runner.
+// Golden session scripts, and random sequences with indexes and by walking, as tests beside the others in one program.
 #include <gtest/gtest.h>
 
 #include <filesystem>
