@@ -280,9 +280,10 @@ TEST_F(RunIndex, MemoryThatIsWrittenWhereAHeaderLiesDropsTheIndex)
     const struct {
         U32 address, bytes;
         bool kept;
-    } cases[] = {{first, 6400, true},    {run + 12, 1000, true}, {run - 10, 10, true},
-                 {run - 10, 11, false},  {run + 11, 1, false},   {run, 0x10000, false},
-                 {0, 0xFFFFFFFF, false}, {run, 0, true},         {0xFFFFFFFF, 1, true}};
+    } cases[] = {
+        {first, 6400, true},   {run + 12, 1000, true}, {run - 10, 10, true},        {run - 10, 11, false},
+        {run + 11, 1, false},  {run, 0x10000, false},  {0, 0xFFFFFFFF, false},      {run, 0, true},
+        {0xFFFFFFFF, 1, true}, {run - 1, 1, true},     {run - 4, 0xFFFFFFFF, false}}; // the last one wraps: to the end of all addresses
     for (const auto& c : cases) {
         MM_BuildRunIndex(handle);
         ASSERT_TRUE(MM_IsRunIndexAwake(handle));
@@ -317,6 +318,132 @@ TEST_F(RunIndex, SegmentsThatShareMemoryWalk)
     ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
     EXPECT_FALSE(MM_HasRunIndex(0));
     EXPECT_FALSE(MM_HasRunIndex(1));
+}
+
+// Free memory of two stretches, of which the second begins where a fixed segment lies: the heap's second piece.
+TEST_F(RunIndex, AHeapAndASegmentThatLiesInOneOfItsPiecesWalk)
+{
+    for (const U32 start : {0x95400000u, 0x95500000u}) { // the first piece, the second one
+        powerOn();
+        this->start();
+        U8 name[4] = {'S', 'A', 'M', 'E'};
+        U8 rjl[4] = {'$', 'R', 'J', 'L'};
+        ASSERT_EQ(MM_DeleteSegment(rjl), U32(ENOERR));
+        ASSERT_EQ(MM_AddSegment(name, 0x8000, at(start)), U32(ENOERR));
+        TSegInfoFromApp info = request("SAME", 0, 64);
+        info.ubType = FIXED;
+        ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+        ASSERT_TRUE(MM_HasRunIndex(0));
+        setFreeMemory({{0x95400000, 0x10000}, {0x95500000, 0x10000}});
+        createHeap(64);
+        EXPECT_FALSE(MM_HasRunIndex(0)) << start;
+        EXPECT_FALSE(MM_HasRunIndex(HEAPHANDLE)) << start;
+    }
+}
+
+TEST_F(RunIndex, AHeapBesideASegmentKeepsBothIndexes)
+{
+    for (const U8 mapBits : {U8(0), U8(8)}) {
+        powerOn();
+        start();
+        TSegInfoFromApp info = request("$JCB", 0, 64);
+        info.ubType = FIXED;
+        info.ubMap = mapBits;
+        ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+        setFreeMemory({{0x95400000, 0x10000}, {0x95500000, 0x10000}});
+        createHeap(64, mapBits);
+        EXPECT_TRUE(MM_HasRunIndex(0)) << int(mapBits);
+        EXPECT_TRUE(MM_HasRunIndex(HEAPHANDLE)) << int(mapBits);
+    }
+}
+
+TEST_F(RunIndex, OneLargeSegmentLeavesTablesForTheOthers)
+{
+    start();
+    const U32 large = createBlocks("HUGE", 0x7000000, 16);
+    ASSERT_TRUE(MM_HasRunIndex(large));
+    for (U32 i = 0; i < 43; ++i) {
+        char name[5];
+        std::snprintf(name, sizeof name, "S%03u", i);
+        const U32 handle = createBlocks(name, 0x10000, 16);
+        ASSERT_TRUE(MM_HasRunIndex(handle)) << i;
+        ASSERT_NE(MM_AllocBlock(handle, 100, 0), 0u);
+        for (U32 block = 1; block <= 60; block += 2)
+            ASSERT_EQ(MM_FreeBlock(handle, at(MM_Addr(stSegTable[handle].pubEndAddr) - block * 16), 1), U32(ENOERR));
+        EXPECT_TRUE(MM_IsRunIndexAwake(handle));
+        EXPECT_TRUE(MM_RunIndexAgrees(handle));
+    }
+    EXPECT_EQ(MM_AllocBlock(large, 1, 0), MM_Addr(stSegTable[large].pubEndAddr) - 16);
+}
+
+TEST_F(RunIndex, TablesAreTakenWhereTheyJustFit)
+{
+    CMMRunTables tables;
+    std::vector<U32> storage(10000);
+    const TMMSpan span{0x95400000, 0x95420000}; // 8192 blocks of 16 bytes, 256 chunks
+    const U32 taken = tables.Place(span, 4, storage.data(), U32(storage.size()));
+    ASSERT_GT(taken, 256u);
+    EXPECT_EQ(tables.Place(span, 4, storage.data(), taken), taken);
+    EXPECT_LT(tables.Place(span, 4, storage.data(), taken - 1), taken); // larger chunks, fewer of them
+    EXPECT_GT(tables.Place(span, 4, storage.data(), taken - 1), 0u);
+    EXPECT_EQ(tables.Place(span, 4, storage.data(), 1), 0u);
+}
+
+TEST_F(RunIndex, TablesThatWereUsedBeforeBeginEmpty)
+{
+    for (const U32 lowest : {2u, 800u}) { // first of all a comb in the chunk of the segment's first blocks
+        start();
+        const U32 handle = createBlocks("BLK0", 0x10000, 64);
+        const U32 first = MM_Addr(stSegTable[handle].pubStartAddr);
+        ASSERT_EQ(MM_AllocBlock(handle, 1024, 0), first);
+        for (U32 block = lowest; block < lowest + 80; block += 2)
+            ASSERT_EQ(MM_FreeBlock(handle, at(first + block * 64), 1), U32(ENOERR));
+        ASSERT_EQ(MM_FreeBlock(handle, at(first), 1), U32(ENOERR));
+        ASSERT_TRUE(MM_IsRunIndexAwake(handle));
+        EXPECT_TRUE(MM_RunIndexAgrees(handle));
+    }
+}
+
+TEST_F(RunIndex, ALongRunThatIsOneBlockLongerThanAnotherIsTheLongest)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 first = MM_Addr(stSegTable[handle].pubStartAddr);
+    ASSERT_EQ(MM_AllocBlock(handle, 1024, 0), first);
+    for (U32 block = 600; block < 680; block += 2)
+        ASSERT_EQ(MM_FreeBlock(handle, at(first + block * 64), 1), U32(ENOERR));
+    ASSERT_EQ(MM_FreeBlock(handle, at(first), 200), U32(ENOERR));            // both begin in the
+    ASSERT_EQ(MM_FreeBlock(handle, at(first + 201 * 64), 300), U32(ENOERR)); // first 256 blocks
+    ASSERT_TRUE(MM_IsRunIndexAwake(handle));
+    ASSERT_EQ(MM_AllocBlock(handle, 101, 0), first + 400 * 64); // 199 are left of the second
+    EXPECT_EQ(MM_GetLargestBlk(handle), 200u);
+    EXPECT_TRUE(MM_RunIndexAgrees(handle));
+}
+
+TEST_F(RunIndex, TheLargestRequestThatIsNotNegativeKeepsTheIndex)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    EXPECT_EQ(MM_AllocBlock(handle, 0x7FFFFFFF, 0), 0u);
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle));
+    // 2^31 blocks: by the walk, size less request is negative for every run, and for none is it 0 or more.
+    EXPECT_EQ(MM_AllocBlock(handle, 0x80000000, 0), 0u);
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+}
+
+TEST_F(RunIndex, AListIsNotIndexedWhenASizeIsNoneOrPassesTheEnd)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    TMMBlkStr* const tail = astBlkTail[handle].pstBlk;
+    for (const U32 size : {0u, 2u, 0x80000000u}) {
+        tail->ulSize = size;
+        MM_BuildRunIndex(handle);
+        EXPECT_FALSE(MM_HasRunIndex(handle)) << size;
+    }
+    tail->ulSize = 1;
+    MM_BuildRunIndex(handle);
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle));
 }
 
 TEST_F(RunIndex, AChunkThatDoesNotHoldWhatTheIndexSaysDropsIt)
@@ -460,6 +587,19 @@ TEST_F(EntriesOutsideOfTheMap, AboveTheMapDropTheIndexOfTheSegmentItself)
     EXPECT_TRUE(MM_HasRunIndex(below));
 }
 
+TEST_F(EntriesOutsideOfTheMap, ThatAReleaseErasesDropTheIndexAsWell)
+{
+    U8* const end = stSegTable[mapped].pubMapEndAddr;
+    end[-1] = 0xAA; // the last block is owned
+    *end = 0xAA;    // and, by its first byte, the first one's header seems to be
+    EXPECT_EQ(MM_ClearMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - 64), 1), U32(ENOERR));
+    EXPECT_TRUE(MM_HasRunIndex(mapped));
+    end[-1] = 0xAA;
+    EXPECT_EQ(MM_ClearMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - 64), 2), U32(ENOERR));
+    EXPECT_EQ(*end, 0);
+    EXPECT_FALSE(MM_HasRunIndex(mapped));
+}
+
 TEST_F(EntriesOutsideOfTheMap, BelowTheMapDropTheIndexOfTheSegmentThere)
 {
     const U32 header = MM_Addr(astBlkTail[below].pstBlk);
@@ -467,6 +607,23 @@ TEST_F(EntriesOutsideOfTheMap, BelowTheMapDropTheIndexOfTheSegmentThere)
     MM_SetMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - distance * 64), 1, 0);
     EXPECT_FALSE(MM_HasRunIndex(below));
     EXPECT_TRUE(MM_HasRunIndex(mapped));
+}
+
+TEST_F(RunIndex, TheNextControlOperationFindsAHeaderThatOthersChangedInTheFirstSegmentOfAll)
+{
+    start();
+    TSegInfoFromApp info = request("$JCB", 0, 64);
+    info.ubType = FIXED;
+    ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+    ASSERT_EQ(info.hulHandle, 0u);
+    const U32 end = MM_Addr(stSegTable[0].pubEndAddr);
+    ASSERT_NE(MM_AllocBlock(0, 64, 0), 0u);
+    for (U32 i = 1; i <= 64; i += 2)
+        ASSERT_EQ(MM_FreeBlock(0, at(end - i * 64), 1), U32(ENOERR));
+    ASSERT_TRUE(MM_IsRunIndexAwake(0));
+    astBlkHead[0].pstBlk->ulSize = 3;
+    createBlocks("BLK1", 0x1000, 64);
+    EXPECT_FALSE(MM_HasRunIndex(0));
 }
 
 TEST_F(RunIndex, TheNextControlOperationFindsAHeaderThatOthersChanged)
