@@ -82,10 +82,10 @@ def written_out(text, guarded):
         end, _ = closing(text, match.end() - 1)
         text = text[:match.start(1)] + "\n" * text.count("\n", match.start(), end) + text[end + 1:]
     for match in reversed(list(re.finditer(r"\b(MM_ASSERT(?:_FOR|_MESSAGE|_SILENT)?)\(", text))):
-        start, end = match.start(), 0
+        start = match.start()
         end, commas = closing(text, match.end() - 1)
         bounds = [match.end() - 1] + commas + [end]
-        parts = [text[left + 1:right].strip() for left, right in zip(bounds, bounds[1:])]
+        parts = [" ".join(re.sub(r"/\*.*?\*/", " ", text[left + 1:right]).split()) for left, right in zip(bounds, bounds[1:])]
         place = "MM_SourcePath(__FILE__), __func__, __LINE__"
         kind = match.group(1)
         if kind == "MM_ASSERT_FOR":
@@ -101,7 +101,7 @@ def written_out(text, guarded):
             condition, *value = parts
             report = f"MM_ReportAssertion({stringized(condition)}, {place})"
         lines = "\n" * text.count("\n", start, end)
-        body = f"do {{ if (!({' '.join(condition.split())})) {{ {report}; return {', '.join(value)}; }} }} while (0)"
+        body = f"do {{ if (!({condition})) {{ {report}; return {', '.join(value)}; }} }} while (0)"
         text = text[:start] + lines + body + text[end + 1:]
     return text
 
