@@ -389,19 +389,20 @@ TEST_F(RunIndex, TablesAreTakenWhereTheyJustFit)
     EXPECT_EQ(tables.Place(span, 4, storage.data(), 1), 0u);
 }
 
-TEST_F(RunIndex, TablesThatWereUsedBeforeBeginEmpty)
+TEST_F(RunIndex, AClaimOfTheOnlyRunOfTheFirstChunkLeavesNothingInTheTables)
 {
-    for (const U32 lowest : {2u, 800u}) { // first of all a comb in the chunk of the segment's first blocks
-        start();
-        const U32 handle = createBlocks("BLK0", 0x10000, 64);
-        const U32 first = MM_Addr(stSegTable[handle].pubStartAddr);
-        ASSERT_EQ(MM_AllocBlock(handle, 1024, 0), first);
-        for (U32 block = lowest; block < lowest + 80; block += 2)
-            ASSERT_EQ(MM_FreeBlock(handle, at(first + block * 64), 1), U32(ENOERR));
-        ASSERT_EQ(MM_FreeBlock(handle, at(first), 1), U32(ENOERR));
-        ASSERT_TRUE(MM_IsRunIndexAwake(handle));
-        EXPECT_TRUE(MM_RunIndexAgrees(handle));
-    }
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 first = MM_Addr(stSegTable[handle].pubStartAddr);
+    ASSERT_EQ(MM_AllocBlock(handle, 1024, 0), first);
+    for (U32 block = 600; block < 680; block += 2)
+        ASSERT_EQ(MM_FreeBlock(handle, at(first + block * 64), 1), U32(ENOERR));
+    ASSERT_EQ(MM_FreeBlock(handle, at(first + 2 * 64), 5), U32(ENOERR));
+    ASSERT_TRUE(MM_IsRunIndexAwake(handle));
+    EXPECT_EQ(MM_ReallocBlock(handle, at(first + 2 * 64), 5), U32(ENOERR));
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle));
+    EXPECT_TRUE(MM_RunIndexAgrees(handle));
+    EXPECT_EQ(MM_AllocBlock(handle, 2, 0), 0u);
 }
 
 TEST_F(RunIndex, ALongRunThatIsOneBlockLongerThanAnotherIsTheLongest)
