@@ -7,6 +7,7 @@ DPI ?= 75
 FUZZ_SECONDS ?= 60
 MUTANTS ?= 600
 JOBS ?=
+BUILD ?= default
 FUZZ_SEED ?= $(shell date +%s)
 
 .DEFAULT_GOAL := help
@@ -83,10 +84,10 @@ measured = $(call preset,$(1)) && find build/$(1) -name '*.gcda' -delete && ctes
     gcovr --root . $(2) --object-directory build/$(1) --gcov-executable gcov-12 --exclude-throw-branches --branches --txt --print-summary \
     --html-details build/coverage/report/$(3) --fail-under-line $(4) --fail-under-branch $(5) build/$(1)
 
-## make mutate     small changes to the manager, one at a time, against its tests; docs/testing.md explains what survives  [MUTANTS=600|all JOBS=]
+## make mutate     small changes to the manager, one at a time, against its tests; docs/testing.md explains what survives  [MUTANTS=600|all JOBS= BUILD=default|guarded]
 mutate:
 	@scripts/setup.sh build test mutate
-	@tests/mutation/mutate.py '$(MUTANTS)' '$(JOBS)'
+	@tests/mutation/mutate.py '$(MUTANTS)' '$(JOBS)' '$(BUILD)'
 
 ## make fuzz       random sequences with the run index and by walking, then libFuzzer's; the socket protocol  [FUZZ_SECONDS=60 each, FUZZ_SEED=time]
 fuzz: build-x86

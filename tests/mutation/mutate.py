@@ -1,10 +1,10 @@
 #!/usr/bin/python3
-"""Runs the tests of both builds against small changes to the manager, and compares what survives with docs/testing.md.
+"""Runs the manager's tests against small changes to it, and compares what survives with docs/testing.md.
 
-  mutate.py HOW-MANY [JOBS]      HOW-MANY: a number, or all
+  mutate.py HOW-MANY [JOBS [BUILD]]      HOW-MANY: a number, or all; BUILD: default or guarded
 
-A number takes so many of both builds: always the same ones, chosen by the text of each change. Fails when fewer than 95 of 100 are
-caught, when one survives that the page does not explain, and when the page lists one that is caught or does not exist.
+A number takes always the same ones, chosen by the text of each change. Fails when fewer than 95 of 100 are caught, when one
+survives that the page does not explain, and when the page lists one that is caught or does not exist.
 """
 import hashlib
 import json
@@ -53,57 +53,47 @@ class Build:
         return {int(number): result for number, result, *_ in lines}
 
 
-def choose(builds, how_many):
-    everything = [(hashlib.sha256(key.encode()).digest(), build, number) for build in builds for number, key in build.keys.items()]
-    everything.sort(key=lambda entry: entry[0])
-    for _, build, number in everything[:how_many]:
-        build.chosen.append(number)
-
-
-def listed():
-    """The survivors that the page explains."""
+def listed(build):
+    """The survivors of a build that the page explains."""
     blocks = re.findall(r"^```survivors\n(.*?)^```", PAGE.read_text(encoding="utf-8"), flags=re.M | re.S)
-    return [line for block in blocks for line in block.splitlines() if line]
+    return [line for block in blocks for line in block.splitlines() if line.startswith(build.name + " ")]
 
 
-def report(builds, jobs):
-    explained, faults, caught, total = listed(), [], 0, 0
-    keys = {key for build in builds for key in build.keys.values()}
-    faults += [f"listed in docs/testing.md, but there is no such change: {key}" for key in explained if key not in keys]
+def report(build, results):
+    explained, keys = listed(build), set(build.keys.values())
+    survivors = [number for number, result in results.items() if result in ("survived", "unreached")]
+    faults = [f"listed in docs/testing.md, but there is no such change: {key}" for key in explained if key not in keys]
     faults += [f"listed twice in docs/testing.md: {key}" for key in sorted(set(explained)) if explained.count(key) > 1]
-    for build in builds:
-        if not build.chosen:
-            continue
-        results = build.results()
-        survivors = sorted(number for number, result in results.items() if result in ("survived", "unreached"))
-        counts = ", ".join(f"{sum(result == kind for result in results.values())} {kind}" for kind in
-                           ("failed", "crashed", "endless", "survived", "unreached"))
-        print(f"{build.name}: {len(results)} of {len(build.keys)} changes: {counts}")
-        caught, total = caught + len(results) - len(survivors), total + len(results)
-        for number, result in sorted(results.items()):
-            key = build.keys[number]
-            if number in survivors and key not in explained:
-                faults.append(f"{result}, at {build.places[number]}: {key}")
-            if number not in survivors and key in explained:
-                faults.append(f"listed in docs/testing.md, but caught: {key}")
-    print(f"{caught} of {total} caught, {100 * caught / total:.1f} %; {total - caught} survived")
-    if caught * 100 < total * LEAST_CAUGHT:
+    for number, result in sorted(results.items()):
+        key = build.keys[number]
+        if number in survivors and key not in explained:
+            faults.append(f"{result}, at {build.places[number]}: {key}")
+        if number not in survivors and key in explained:
+            faults.append(f"listed in docs/testing.md, but caught: {key}")
+    kinds = ("failed", "crashed", "endless", "survived", "unreached")
+    print(f"{len(results)} of {len(build.keys)} changes: " +
+          ", ".join(f"{sum(result == kind for result in results.values())} {kind}" for kind in kinds))
+    caught = len(results) - len(survivors)
+    print(f"{caught} of {len(results)} caught: {100 * caught / len(results):.1f} %")
+    if caught * 100 < len(results) * LEAST_CAUGHT:
         faults.append(f"fewer than {LEAST_CAUGHT} % are caught")
-    for fault in faults:
-        print(fault)
+    print("\n".join(faults) if faults else "what survives is explained in docs/testing.md")
     return 1 if faults else 0
 
 
 def main():
-    how_many = sys.argv[1] if len(sys.argv) > 1 else ""
-    jobs = sys.argv[2] if len(sys.argv) > 2 and sys.argv[2] else str(os.cpu_count())
+    how_many, jobs, name = (sys.argv[1:] + [""] * 3)[:3]
+    jobs, name = jobs or str(os.cpu_count()), name or "default"
     if how_many != "all" and not re.fullmatch(r"[1-9]\d{0,5}", how_many):
         sys.exit(f"make mutate: MUTANTS is a number from 1 on, or all, and not '{how_many}'")
     if not re.fullmatch(r"[1-9]\d{0,2}", jobs):
         sys.exit(f"make mutate: JOBS is a number from 1 on, and not '{jobs}'")
-    builds = [Build(name, int(jobs)) for name in ("default", "guarded")]
-    choose(builds, sum(len(build.keys) for build in builds) if how_many == "all" else int(how_many))
-    return report(builds, int(jobs))
+    if name not in ("default", "guarded"):
+        sys.exit(f"make mutate: BUILD is default or guarded, and not '{name}'")
+    build = Build(name, int(jobs))
+    order = sorted(build.keys, key=lambda number: hashlib.sha256(build.keys[number].encode()).digest())
+    build.chosen = order if how_many == "all" else order[:int(how_many)]
+    return report(build, build.results())
 
 
 sys.exit(main())

@@ -382,7 +382,9 @@ TEST_F(RunIndex, TablesAreTakenWhereTheyJustFit)
     std::vector<U32> storage(10000);
     const TMMSpan span{0x95400000, 0x95420000}; // 8192 blocks of 16 bytes, 256 chunks
     const U32 taken = tables.Place(span, 4, storage.data(), U32(storage.size()));
-    ASSERT_GT(taken, 256u);
+    // A word for each chunk; of the short tree 8 nodes and one above them, of 10 words; of the long one, with an element for
+    // eight chunks, 2 and one, of 18.
+    ASSERT_EQ(taken, 256u + 9 * 10 + 3 * 18);
     EXPECT_EQ(tables.Place(span, 4, storage.data(), taken), taken);
     EXPECT_LT(tables.Place(span, 4, storage.data(), taken - 1), taken); // larger chunks, fewer of them
     EXPECT_GT(tables.Place(span, 4, storage.data(), taken - 1), 0u);
