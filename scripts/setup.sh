@@ -1,6 +1,6 @@
 #!/bin/sh
 # Installs the Debian packages that the named groups need and that are missing. Root, or a user with sudo.
-#   scripts/setup.sh GROUP...     groups: bench build demo docs fuzz lint package target test test-packages test-pages
+#   scripts/setup.sh GROUP...     groups: bench build demo docs fuzz lint mutate package target test test-packages test-pages
 # A stamp under build/ remembers what was found, so that a second run costs nothing.
 set -eu
 cd "$(dirname "$0")/.."
@@ -13,6 +13,7 @@ packages() {
     demo) echo "ghostscript ghostscript-doc" ;;
     fuzz) echo "clang-14 libclang-rt-14-dev g++-12-multilib cmake ninja-build googletest" ;;
     lint) echo "clang-format clang-tidy g++-12-multilib git python3 shellcheck" ;;
+    mutate) echo "python3-clang-14" ;;
     package) echo "$(packages build) debhelper dh-dkms dpkg-dev fakeroot lintian" ;;
     target) echo "qemu-system-arm device-tree-compiler python3" ;;
     test-packages) echo "dkms libgtest-dev mmdebstrap pkgconf" ;;

@@ -214,4 +214,5 @@ int main(int count, char** arguments)
             std::printf("%s\n", error.what());
         }
     }
+    return 0;
 }

@@ -1,4 +1,5 @@
 // Initialisation: alignment, owner map, counts and the allocators' starting state of a placed segment.
+#include "kernel/mm/mm/MM_Layout.h"
 #include "kernel/mm/mm/MM_RunIndex.h"
 #include "support/manager_fixture.h"
 
@@ -44,6 +45,31 @@ protected:
         return check(text, "mm/MM_InitSegment", function);
     }
 };
+
+// Layout as numbers -----------------------------------------------------------------------------------
+
+TEST_F(InitSegment, AnAddressThatIsNoMultipleOfTheUnitMovesUp)
+{
+    const struct {
+        U32 address, unit, aligned;
+    } cases[] = {{0x1000, 64, 0x1000}, {0x1001, 64, 0x1040}, {0x103F, 64, 0x1040}, {0x1040, 64, 0x1040}, {5, 4, 8},
+                 {0x1001, 0, 0x1001},   // no unit: it stays
+                 {0x1000, 12, 0x1004}}; // no power of two: 0x100C masked with 0xFFFFFFF4
+    for (const auto& item : cases)
+        EXPECT_EQ(MM_AlignUp(item.address, item.unit), item.aligned) << item.address << " by " << item.unit;
+}
+
+TEST_F(InitSegment, AMapHasAnEntryForEachBlockAndAByteMoreWhereTheCountIsNoMultipleOfEight)
+{
+    const struct {
+        U32 blocks;
+        U8 width;
+        U32 bytes;
+    } cases[] = {{8, 1, 1}, {9, 1, 2}, {16, 2, 4}, {17, 2, 5}, {8, 4, 4},
+                 {9, 4, 5}, {8, 8, 8}, {9, 8, 10}, {8, 16, 0}, {9, 16, 1}}; // wider than a byte: no entries
+    for (const auto& item : cases)
+        EXPECT_EQ(MM_MapBytes(item.blocks, item.width), item.bytes) << item.blocks << " of " << int(item.width);
+}
 
 // Block size as a shift -------------------------------------------------------------------------------
 

@@ -111,6 +111,16 @@ TEST_F(Module, TheParameterIsReadAsTheScanFormatReadsIt)
         {"g5000000-96000000", 0, 0},
         {"95000000-96g", 0x95100000, 0xFFF00096}, // what follows a number ends it: 0x96 less the margin
         {"95000000-0x960000", 0x95100000, 0x860000},
+        {"\x0E"
+         "95000000",
+         0, 0}, // the characters next to the white space
+        {"\b95000000", 0, 0},
+        {"9500000:", 0, 0}, // those next to the digits
+        {"/", 0, 0},
+        {":", 0, 0},
+        {"`", 0, 0},
+        {"G", 0, 0},
+        {"095000000-9600000", 0, 0},                   // a leading zero is a digit: 0x09500000
         {"ffffffff-96000000", 0x000FFFFF, 0x95F00000}, // the start wraps: no check forbids it
     };
     for (const auto& c : cases) {
@@ -135,6 +145,14 @@ TEST_F(Module, APrefixCountsTowardsTheEightCharacters)
     EXPECT_EQ(log(), (std::vector{areaLine("950000", "860000"), kNoArea}));
     EXPECT_EQ(load("0X950000-96000000"), -1);
     EXPECT_EQ(log(), (std::vector{areaLine("950000", "95F00000"), kNoArea}));
+}
+
+TEST_F(Module, APrefixIsAZeroAndAnX)
+{
+    EXPECT_EQ(get_bigphysarea("9x950000-96000000"), -1);
+    EXPECT_EQ(log(), std::vector{areaLine("9", "FFF00000")});
+    EXPECT_EQ(get_bigphysarea("0x9500000-96000000"), -1); // seven digits: the sixth is followed by no hyphen
+    EXPECT_EQ(log(), std::vector{areaLine("950000", "FFF00000")});
 }
 
 TEST_F(Module, APrefixWithoutADigitIsTheNumber0)

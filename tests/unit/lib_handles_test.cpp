@@ -12,6 +12,17 @@ class HandleApi : public AllocatorTest
 protected:
     HandleApi() { start(); }
 
+    // The fixed segment "$JCB", of 64 KiB: handle 0.
+    static U32 createFixed(U32 blockBytes)
+    {
+        TSegInfoFromApp info = request("$JCB", 0, blockBytes);
+        info.ubType = FIXED;
+        info.ubMap = 8;
+        EXPECT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+        EXPECT_EQ(info.hulHandle, 0U);
+        return info.hulHandle;
+    }
+
     static std::string place(const std::string& function)
     {
         return "Assertion failed! kernel/mm/mm/MM_Lib.cpp," + function + ",line=N\n";
@@ -32,6 +43,26 @@ protected:
 };
 
 // Bytes and blocks ----------------------------------------------------------------------------------------
+
+TEST_F(HandleApi, HandleZeroIsServedAsEveryOther)
+{
+    const U32 handle = createFixed(4096); // 15 blocks behind a block of map
+    const U32 end = MM_Addr(stSegTable[handle].pubEndAddr);
+    ASSERT_EQ(MM_GetTotBlk(handle), 15U);
+    EXPECT_EQ(MM_GetInitTotBlk(handle), 15U);
+    EXPECT_EQ(MM_Malloc(handle, 4096, 7), end - 4096);
+    EXPECT_EQ(MM_AllocBlock(handle, 2, 7), end - 3 * 4096);
+    EXPECT_EQ(MM_GetTotAvailBlk(handle), 12U);
+    EXPECT_EQ(MM_GetLargestBlk(handle), 12U);
+    EXPECT_EQ(MM_FindNewLargestBlk(handle), 12U);
+    EXPECT_EQ(MM_Free(handle, at(end - 4096), 4096), U32(ENOERR));
+    EXPECT_EQ(MM_GetTotAvailBlk(handle), 13U);
+    EXPECT_EQ(MM_FreeBlock(handle, at(end - 2 * 4096), 1), U32(ENOERR));
+    EXPECT_EQ(MM_GetTotAvailBlk(handle), 14U);
+    EXPECT_EQ(MM_CollectGarbage(handle, 7), U32(ENOERR));
+    EXPECT_EQ(MM_GetTotAvailBlk(handle), 15U);
+    expectSilence();
+}
 
 TEST_F(HandleApi, MallocRoundsBytesUpToBlocks)
 {

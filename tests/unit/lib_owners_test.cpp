@@ -372,6 +372,17 @@ TEST_F(Owners, EachPieceOfTheHeapHasItsOwnMap)
     EXPECT_EQ(MM_CheckPermanentBlk(0x95501000 - 64, 1), 0U);
 }
 
+TEST_F(Owners, TheFirstBlockOfAHeapThatItsMapJustCoversMayBePermanent)
+{
+    createHeapOf({{0x95400000, 4096}}, 64, 8); // 63 blocks; the first one's entry is the map's second byte
+    const U32 first = 0x95400040;
+    ASSERT_EQ(MM_AllocBlock(HEAPHANDLE, 63, 5), first);
+    EXPECT_EQ(MM_CheckPermanentBlk(first, 1), 0U);
+    MM_SetPermanentBlk(first, 1);
+    EXPECT_EQ(MM_CheckPermanentBlk(first, 1), 1U);
+    expectSilence();
+}
+
 TEST_F(Owners, HeapWithoutMapHasNoPermanentBlocks)
 {
     EXPECT_EQ(MM_CheckPermanentBlk(kHeap, 1), 0U);

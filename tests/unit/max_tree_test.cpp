@@ -92,6 +92,26 @@ TYPED_TEST(MaxTree, TellsTheLargestNumbersOfANodeApart)
     EXPECT_EQ(t.tree.Max(), 127u);
 }
 
+TYPED_TEST(MaxTree, ANodeTellsEachNumberThatIsAtLeastAsLarge)
+{
+    constexpr U32 count = 1u << TypeParam::FANOUT_BIT;
+    std::mt19937 random(1);
+    TypeParam node{};
+    U32 numbers[count] = {};
+    for (int step = 0; step < 2000; ++step) {
+        const U32 index = random() % count;
+        const U32 value = random() % 128;
+        node.Replace(index, numbers[index], value);
+        numbers[index] = value;
+        const U32 least = 1 + random() % 127;
+        U32 expected = 0;
+        for (U32 i = 0; i < count; ++i)
+            expected |= U32(numbers[i] >= least) << i;
+        ASSERT_EQ(node.AtLeast(least), expected);
+        ASSERT_EQ(node.Max(), *std::max_element(numbers, numbers + count));
+    }
+}
+
 TYPED_TEST(MaxTree, AnswersRandomSequencesAsAPlainArrayDoes)
 {
     std::mt19937 random(1);

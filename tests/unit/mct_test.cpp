@@ -465,6 +465,16 @@ TEST_F(MctRestore, ARowThatReachesPastTheMemoryEndIsRefused)
     EXPECT_TRUE(isFilled(kAreaEnd - 0x1000, 0xA5, 0x2000));
 }
 
+TEST_F(MctRestore, EveryRowOfThatNameIsZeroedWhereverItStands)
+{
+    setRow(MCT, "$UEV", 0x1000, kStarts[MCT]);
+    setRow(FIL, "$UEV", 0x1000, kStarts[FIL]);
+    fillFixed();
+    EXPECT_EQ(MM_RestoreMCT(), U32(ENOERR));
+    EXPECT_TRUE(isFilled(kStarts[MCT], 0, 0x1000));
+    EXPECT_TRUE(isFilled(kStarts[FIL], 0, 0x1000));
+}
+
 TEST_F(MctRestore, TheFirstBadRowEndsTheVisit)
 {
     setRow(RJL, "$UEV", 0x1000, kStarts[RJL]);

@@ -50,6 +50,17 @@ constexpr const char* kNoHead = R"(pstSegBlkHead != NULL && "There is no availab
 constexpr const char* kNoTail = R"(pstSegBlkTail != NULL && "There is no available Segment list")";
 constexpr const char* kNoBlock = R"(pstBestFitBlk != NULL && "There is no available Segment Block")";
 
+// A type that there is not ------------------------------------------------------------------------------
+
+TEST_F(Placement, AHeapOfAnUnknownTypeIsNotPlacedAndInitialisedAsItStands)
+{
+    setFreeMemory({});
+    TMMSegInfo info = working(3, LINKEDLIST, 0, 64, HEAPHANDLE);
+    EXPECT_EQ(MM_InstallSegment(&info), U32(ENOERR));
+    EXPECT_EQ(log(), Lines{check(kNoHead, "mm/MM_InitSegment", "MM_SegInitial")}); // no line of placement
+    EXPECT_EQ(stSegTable[HEAPHANDLE].pfnAlloc, nullptr);
+}
+
 // Float -----------------------------------------------------------------------------------------------
 
 class FloatPlacement : public Placement

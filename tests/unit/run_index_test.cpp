@@ -280,9 +280,10 @@ TEST_F(RunIndex, MemoryThatIsWrittenWhereAHeaderLiesDropsTheIndex)
     const struct {
         U32 address, bytes;
         bool kept;
-    } cases[] = {{first, 6400, true},    {run + 12, 1000, true}, {run - 10, 10, true},
-                 {run - 10, 11, false},  {run + 11, 1, false},   {run, 0x10000, false},
-                 {0, 0xFFFFFFFF, false}, {run, 0, true},         {0xFFFFFFFF, 1, true}};
+    } cases[] = {
+        {first, 6400, true},   {run + 12, 1000, true}, {run - 10, 10, true},        {run - 10, 11, false},
+        {run + 11, 1, false},  {run, 0x10000, false},  {0, 0xFFFFFFFF, false},      {run, 0, true},
+        {0xFFFFFFFF, 1, true}, {run - 1, 1, true},     {run - 4, 0xFFFFFFFF, false}}; // the last one wraps: to the end of all addresses
     for (const auto& c : cases) {
         MM_BuildRunIndex(handle);
         ASSERT_TRUE(MM_IsRunIndexAwake(handle));
@@ -319,6 +320,135 @@ TEST_F(RunIndex, SegmentsThatShareMemoryWalk)
     EXPECT_FALSE(MM_HasRunIndex(1));
 }
 
+// Free memory of two stretches, of which the second begins where a fixed segment lies: the heap's second piece.
+TEST_F(RunIndex, AHeapAndASegmentThatLiesInOneOfItsPiecesWalk)
+{
+    for (const U32 start : {0x95400000u, 0x95500000u}) { // the first piece, the second one
+        powerOn();
+        this->start();
+        U8 name[4] = {'S', 'A', 'M', 'E'};
+        U8 rjl[4] = {'$', 'R', 'J', 'L'};
+        ASSERT_EQ(MM_DeleteSegment(rjl), U32(ENOERR));
+        ASSERT_EQ(MM_AddSegment(name, 0x8000, at(start)), U32(ENOERR));
+        TSegInfoFromApp info = request("SAME", 0, 64);
+        info.ubType = FIXED;
+        ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+        ASSERT_TRUE(MM_HasRunIndex(0));
+        setFreeMemory({{0x95400000, 0x10000}, {0x95500000, 0x10000}});
+        createHeap(64);
+        EXPECT_FALSE(MM_HasRunIndex(0)) << start;
+        EXPECT_FALSE(MM_HasRunIndex(HEAPHANDLE)) << start;
+    }
+}
+
+TEST_F(RunIndex, AHeapBesideASegmentKeepsBothIndexes)
+{
+    for (const U8 mapBits : {U8(0), U8(8)}) {
+        powerOn();
+        start();
+        TSegInfoFromApp info = request("$JCB", 0, 64);
+        info.ubType = FIXED;
+        info.ubMap = mapBits;
+        ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+        setFreeMemory({{0x95400000, 0x10000}, {0x95500000, 0x10000}});
+        createHeap(64, mapBits);
+        EXPECT_TRUE(MM_HasRunIndex(0)) << int(mapBits);
+        EXPECT_TRUE(MM_HasRunIndex(HEAPHANDLE)) << int(mapBits);
+    }
+}
+
+TEST_F(RunIndex, OneLargeSegmentLeavesTablesForTheOthers)
+{
+    start();
+    const U32 large = createBlocks("HUGE", 0x7000000, 16);
+    ASSERT_TRUE(MM_HasRunIndex(large));
+    for (U32 i = 0; i < 43; ++i) {
+        char name[5];
+        std::snprintf(name, sizeof name, "S%03u", i);
+        const U32 handle = createBlocks(name, 0x10000, 16);
+        ASSERT_TRUE(MM_HasRunIndex(handle)) << i;
+        ASSERT_NE(MM_AllocBlock(handle, 100, 0), 0u);
+        for (U32 block = 1; block <= 60; block += 2)
+            ASSERT_EQ(MM_FreeBlock(handle, at(MM_Addr(stSegTable[handle].pubEndAddr) - block * 16), 1), U32(ENOERR));
+        EXPECT_TRUE(MM_IsRunIndexAwake(handle));
+        EXPECT_TRUE(MM_RunIndexAgrees(handle));
+    }
+    EXPECT_EQ(MM_AllocBlock(large, 1, 0), MM_Addr(stSegTable[large].pubEndAddr) - 16);
+}
+
+TEST_F(RunIndex, TablesAreTakenWhereTheyJustFit)
+{
+    CMMRunTables tables;
+    std::vector<U32> storage(10000);
+    const TMMSpan span{0x95400000, 0x95420000}; // 8192 blocks of 16 bytes, 256 chunks
+    const U32 taken = tables.Place(span, 4, storage.data(), U32(storage.size()));
+    // A word for each chunk; of the short tree 8 nodes and one above them, of 10 words; of the long one, with an element for
+    // eight chunks, 2 and one, of 18.
+    ASSERT_EQ(taken, 256u + 9 * 10 + 3 * 18);
+    EXPECT_EQ(tables.Place(span, 4, storage.data(), taken), taken);
+    EXPECT_LT(tables.Place(span, 4, storage.data(), taken - 1), taken); // larger chunks, fewer of them
+    EXPECT_GT(tables.Place(span, 4, storage.data(), taken - 1), 0u);
+    EXPECT_EQ(tables.Place(span, 4, storage.data(), 1), 0u);
+}
+
+TEST_F(RunIndex, AClaimOfTheOnlyRunOfTheFirstChunkLeavesNothingInTheTables)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 first = MM_Addr(stSegTable[handle].pubStartAddr);
+    ASSERT_EQ(MM_AllocBlock(handle, 1024, 0), first);
+    for (U32 block = 600; block < 680; block += 2)
+        ASSERT_EQ(MM_FreeBlock(handle, at(first + block * 64), 1), U32(ENOERR));
+    ASSERT_EQ(MM_FreeBlock(handle, at(first + 2 * 64), 5), U32(ENOERR));
+    ASSERT_TRUE(MM_IsRunIndexAwake(handle));
+    EXPECT_EQ(MM_ReallocBlock(handle, at(first + 2 * 64), 5), U32(ENOERR));
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle));
+    EXPECT_TRUE(MM_RunIndexAgrees(handle));
+    EXPECT_EQ(MM_AllocBlock(handle, 2, 0), 0u);
+}
+
+TEST_F(RunIndex, ALongRunThatIsOneBlockLongerThanAnotherIsTheLongest)
+{
+    start();
+    const U32 handle = createBlocks("BLK0", 0x10000, 64);
+    const U32 first = MM_Addr(stSegTable[handle].pubStartAddr);
+    ASSERT_EQ(MM_AllocBlock(handle, 1024, 0), first);
+    for (U32 block = 600; block < 680; block += 2)
+        ASSERT_EQ(MM_FreeBlock(handle, at(first + block * 64), 1), U32(ENOERR));
+    ASSERT_EQ(MM_FreeBlock(handle, at(first), 200), U32(ENOERR));            // both begin in the
+    ASSERT_EQ(MM_FreeBlock(handle, at(first + 201 * 64), 300), U32(ENOERR)); // first 256 blocks
+    ASSERT_TRUE(MM_IsRunIndexAwake(handle));
+    ASSERT_EQ(MM_AllocBlock(handle, 101, 0), first + 400 * 64); // 199 are left of the second
+    EXPECT_EQ(MM_GetLargestBlk(handle), 200u);
+    EXPECT_TRUE(MM_RunIndexAgrees(handle));
+}
+
+TEST_F(RunIndex, TheLargestRequestThatIsNotNegativeKeepsTheIndex)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    EXPECT_EQ(MM_AllocBlock(handle, 0x7FFFFFFF, 0), 0u);
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle));
+    // 2^31 blocks: by the walk, size less request is negative for every run, and for none is it 0 or more.
+    EXPECT_EQ(MM_AllocBlock(handle, 0x80000000, 0), 0u);
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+}
+
+TEST_F(RunIndex, AListIsNotIndexedWhenASizeIsNoneOrPassesTheEnd)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    TMMBlkStr* const tail = astBlkTail[handle].pstBlk;
+    for (const U32 size : {0u, 2u, 0x80000000u}) {
+        tail->ulSize = size;
+        MM_BuildRunIndex(handle);
+        EXPECT_FALSE(MM_HasRunIndex(handle)) << size;
+    }
+    tail->ulSize = 1;
+    MM_BuildRunIndex(handle);
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle));
+}
+
 TEST_F(RunIndex, AChunkThatDoesNotHoldWhatTheIndexSaysDropsIt)
 {
     start();
@@ -338,6 +468,165 @@ TEST_F(RunIndex, AListWithOtherEndsDropsIt)
     astBlkTail[handle].pstBlk = nullptr;
     EXPECT_EQ(MM_AllocBlock(handle, 1, 0), 0u); // the list, from its tail, is empty
     EXPECT_FALSE(MM_HasRunIndex(handle));
+}
+
+TEST_F(RunIndex, AListWithAnotherHeadIsWalkedWhereItIsAskedForItsLongestRun)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    EXPECT_EQ(MM_FindNewLargestBlk(handle), 960u); // the long run below the comb
+    astBlkHead[handle].pstBlk = astBlkHead[handle].pstBlk->pstNext;
+    EXPECT_EQ(MM_FindNewLargestBlk(handle), 1u);
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle)); // a question changes no state
+    EXPECT_NE(MM_AllocBlock(handle, 1, 0), 0u);
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+}
+
+TEST_F(RunIndex, ARequestForNoBlocksIsAnsweredAsByTheWalk)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    const U32 tail = MM_Addr(astBlkTail[handle].pstBlk);
+    EXPECT_EQ(MM_AllocBlock(handle, 0, 0), tail + 64); // past the highest run, of which nothing is taken
+    EXPECT_TRUE(MM_IsRunIndexAwake(handle));
+    EXPECT_TRUE(MM_RunIndexAgrees(handle));
+}
+
+TEST_F(RunIndex, AGroupWithoutTheLongRunThatTheIndexSaysDropsIt)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    const U32 run = MM_Addr(stSegTable[handle].pubStartAddr);
+    const U32 size = 200; // not the 960 of the tables, and long all the same
+    std::memcpy(at(run + 8), &size, sizeof size);
+    EXPECT_EQ(MM_AllocBlock(handle, 300, 0), 0u);
+    EXPECT_FALSE(MM_HasRunIndex(handle));
+    EXPECT_EQ(MM_AllocBlock(handle, 200, 0), run);
+}
+
+TEST_F(RunIndex, TheIndexDisagreesWithAListInWhichAnythingIsOtherwise)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    TMMBlkStr* const longRun = astBlkHead[handle].pstBlk;
+    TMMBlkStr* const tooth = longRun->pstNext; // the lowest single block
+    ASSERT_TRUE(MM_RunIndexAgrees(handle));
+    const struct {
+        TMMBlkStr *TMMBlkStr::*link, *run, *other;
+    } links[] = {{&TMMBlkStr::pstBack, tooth, nullptr},          // the list is not linked both ways
+                 {&TMMBlkStr::pstNext, longRun, tooth->pstNext}, // it jumps over a run
+                 {&TMMBlkStr::pstNext, tooth, longRun}};         // it goes back
+    for (const auto& [link, run, other] : links) {
+        TMMBlkStr* const before = run->*link;
+        run->*link = other;
+        EXPECT_FALSE(MM_RunIndexAgrees(handle));
+        run->*link = before;
+        EXPECT_TRUE(MM_RunIndexAgrees(handle));
+    }
+    TMMBlkStr* const tail = astBlkTail[handle].pstBlk; // without it the list is ordinary, and its chunk has another top
+    tail->pstBack->pstNext = nullptr;
+    astBlkTail[handle].pstBlk = tail->pstBack;
+    EXPECT_FALSE(MM_RunIndexAgrees(handle));
+    tail->pstBack->pstNext = tail;
+    astBlkTail[handle].pstBlk = tail;
+    const struct {
+        TMMBlkStr* run;
+        U32 size;
+    } sizes[] = {{longRun, 959}, // the group's longest run is another
+                 {longRun, 100}, // it is none of the long ones
+                 {longRun, 961}, // it reaches over the tooth
+                 {tooth, 2},     // the chunk's longest run is another
+                 {tooth, 0}};
+    for (const auto& [run, size] : sizes) {
+        const U32 before = run->ulSize;
+        run->ulSize = size;
+        EXPECT_FALSE(MM_RunIndexAgrees(handle)) << size;
+        run->ulSize = before;
+        EXPECT_TRUE(MM_RunIndexAgrees(handle));
+    }
+}
+
+TEST_F(RunIndex, AListWhoseLastHeaderWouldPassTheSegmentsEndIsNotOrdinary)
+{
+    start();
+    const U32 handle = createComb("BLK0", 0x10000, 64);
+    ASSERT_EQ(MM_AllocBlock(handle, 1, 0), MM_Addr(stSegTable[handle].pubEndAddr) - 64); // nothing is free at the end
+    ASSERT_TRUE(MM_RunIndexAgrees(handle));
+    TMMBlkStr* const tail = astBlkTail[handle].pstBlk;
+    TMMBlkStr* const beyond = MM_At<TMMBlkStr>(MM_Addr(stSegTable[handle].pubEndAddr) - 11); // of 12 bytes
+    *beyond = {nullptr, tail, 1, {}};
+    tail->pstNext = beyond;
+    astBlkTail[handle].pstBlk = beyond;
+    EXPECT_FALSE(MM_RunIndexAgrees(handle));
+}
+
+// Owner entries that lie outside of the map are other memory: there a run may have its header.
+class EntriesOutsideOfTheMap : public RunIndex
+{
+protected:
+    // 8-bit entries: of a block that is so many blocks from the segment's end, the byte so many below the map's end.
+    EntriesOutsideOfTheMap()
+    {
+        start();
+        below = createComb("BELO", 0x10000, 64);
+        mapped = createBlocks("MAPD", 0x10000, 64, 8);
+        lowest = MM_Addr(stSegTable[mapped].pubStartAddr);
+        EXPECT_EQ(MM_AllocBlock(mapped, MM_GetTotBlk(mapped), 0xAA), lowest);
+        for (U32 block = 0; block < 64; block += 2)
+            EXPECT_EQ(MM_FreeBlock(mapped, at(lowest + block * 64), 1), U32(ENOERR));
+        EXPECT_TRUE(MM_IsRunIndexAwake(mapped));
+    }
+
+    U32 below = 0, mapped = 0, lowest = 0;
+};
+
+TEST_F(EntriesOutsideOfTheMap, AboveTheMapDropTheIndexOfTheSegmentItself)
+{
+    // The last block and one behind it: the second entry is the byte at the map's end, in the first block's header.
+    MM_SetMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - 64), 1, 0);
+    EXPECT_TRUE(MM_HasRunIndex(mapped));
+    MM_SetMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - 64), 2, 0);
+    EXPECT_FALSE(MM_HasRunIndex(mapped));
+    EXPECT_TRUE(MM_HasRunIndex(below));
+}
+
+TEST_F(EntriesOutsideOfTheMap, ThatAReleaseErasesDropTheIndexAsWell)
+{
+    U8* const end = stSegTable[mapped].pubMapEndAddr;
+    end[-1] = 0xAA; // the last block is owned
+    *end = 0xAA;    // and, by its first byte, the first one's header seems to be
+    EXPECT_EQ(MM_ClearMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - 64), 1), U32(ENOERR));
+    EXPECT_TRUE(MM_HasRunIndex(mapped));
+    end[-1] = 0xAA;
+    EXPECT_EQ(MM_ClearMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - 64), 2), U32(ENOERR));
+    EXPECT_EQ(*end, 0);
+    EXPECT_FALSE(MM_HasRunIndex(mapped));
+}
+
+TEST_F(EntriesOutsideOfTheMap, BelowTheMapDropTheIndexOfTheSegmentThere)
+{
+    const U32 header = MM_Addr(astBlkTail[below].pstBlk);
+    const U32 distance = MM_Addr(stSegTable[mapped].pubMapEndAddr) - header;
+    MM_SetMap(mapped, at(MM_Addr(stSegTable[mapped].pubEndAddr) - distance * 64), 1, 0);
+    EXPECT_FALSE(MM_HasRunIndex(below));
+    EXPECT_TRUE(MM_HasRunIndex(mapped));
+}
+
+TEST_F(RunIndex, TheNextControlOperationFindsAHeaderThatOthersChangedInTheFirstSegmentOfAll)
+{
+    start();
+    TSegInfoFromApp info = request("$JCB", 0, 64);
+    info.ubType = FIXED;
+    ASSERT_EQ(MM_CreateSegment(&info), U32(ENOERR));
+    ASSERT_EQ(info.hulHandle, 0u);
+    const U32 end = MM_Addr(stSegTable[0].pubEndAddr);
+    ASSERT_NE(MM_AllocBlock(0, 64, 0), 0u);
+    for (U32 i = 1; i <= 64; i += 2)
+        ASSERT_EQ(MM_FreeBlock(0, at(end - i * 64), 1), U32(ENOERR));
+    ASSERT_TRUE(MM_IsRunIndexAwake(0));
+    astBlkHead[0].pstBlk->ulSize = 3;
+    createBlocks("BLK1", 0x1000, 64);
+    EXPECT_FALSE(MM_HasRunIndex(0));
 }
 
 TEST_F(RunIndex, TheNextControlOperationFindsAHeaderThatOthersChanged)

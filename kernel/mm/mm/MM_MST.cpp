@@ -80,13 +80,13 @@ U32 PlaceFixed(TMMSegInfo* pstSegInfo)
     constexpr char acFormat[] = "%s: *pubSegMemStartAddr 0x%x <= (int)(pstSegInfo->pubStartAddr) 0x%x\n";
     if (*pubSegMemStartAddr > MM_Addr(pstSegInfo->pubStartAddr)) {
         MMP_Print(acFormat, "MM_InstallSegment", *pubSegMemStartAddr, MM_Addr(pstSegInfo->pubStartAddr));
-        MM_ASSERT_FOR("MM_InstallSegment", (*pubSegMemStartAddr <= (int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range",
+        MM_ASSERT_FOR("MM_InstallSegment", (*pubSegMemStartAddr <= (int)(pstSegInfo->pubStartAddr)) && "Overflow occurs! Interrupt Total Mem range", /* GCOVR_EXCL_BR_LINE: as the return that follows */
                   EASSERT);
         return EOUTOFRANGE; /* GCOVR_EXCL_LINE: unchanged memory fails the check before */
     }
     if (*pubSegMemEndAddr < MM_Addr(pstSegInfo->pubEndAddr)) {
         MMP_Print(acFormat, "MM_InstallSegment", *pubSegMemStartAddr, MM_Addr(pstSegInfo->pubStartAddr));
-        MM_ASSERT_FOR("MM_InstallSegment", (*pubSegMemEndAddr >= (int)(pstSegInfo->pubEndAddr)) && "Overflow occurs! Interrupt Total Mem range",
+        MM_ASSERT_FOR("MM_InstallSegment", (*pubSegMemEndAddr >= (int)(pstSegInfo->pubEndAddr)) && "Overflow occurs! Interrupt Total Mem range", /* GCOVR_EXCL_BR_LINE: as the return that follows */
                   EASSERT);
         return EOUTOFRANGE; /* GCOVR_EXCL_LINE: unchanged memory fails the check before */
     }
@@ -138,7 +138,7 @@ U32 PlaceAligned(TMMSegInfo* pstSegInfo)
     MM_ASSERT_FOR("MM_InstallSegment", pstBestFitBlk != NULL && "There is no available Segment Block", EASSERT);
 
     const U32 pubAlignedAddr = AlignedAddr(pstBestFitBlk);
-    MM_ASSERT_FOR("MM_InstallSegment", (U32)((U32)pstBestFitBlk + pstBestFitBlk->ulSize) >= (U32)(pubAlignedAddr + ulNewSegSize), EASSERT);
+    MM_ASSERT_FOR("MM_InstallSegment", (U32)((U32)pstBestFitBlk + pstBestFitBlk->ulSize) >= (U32)(pubAlignedAddr + ulNewSegSize), EASSERT); /* GCOVR_EXCL_BR_LINE: the search has compared the same sums */
 
     MM_RearrangeSegList(FLOATALIGN, pstBestFitBlk, ulNewSegSize, MM_At(pubAlignedAddr));
     SetPlace(pstSegInfo, pubAlignedAddr, ulNewSegSize);
@@ -185,14 +185,14 @@ U32 PlaceHeap(TMMSegInfo* pstSegInfo)
         if (*pubSegMemStartAddr > stSegStartAddr.aulHeapAddr[ubIdx]) {
             MMP_Print("%s: (U32)pubSegMemStartAddr %x, stSegStartAddr.aulHeapAddr[%d] %x\n", "MM_InstallSegment",
                       *pubSegMemStartAddr, ubIdx, stSegStartAddr.aulHeapAddr[ubIdx]);
-            MM_ASSERT_FOR("MM_InstallSegment", ((U32)*pubSegMemStartAddr <= stSegStartAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range",
+            MM_ASSERT_FOR("MM_InstallSegment", ((U32)*pubSegMemStartAddr <= stSegStartAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range", /* GCOVR_EXCL_BR_LINE: as the return that follows */
                       EASSERT);
             return EOUTOFRANGE; /* GCOVR_EXCL_LINE: unchanged memory fails the check before */
         }
         if (*pubSegMemEndAddr < stSegEndAddr.aulHeapAddr[ubIdx]) {
             MMP_Print("%s: (U32)*pubSegMemEndAddr %x, stSegEndAddr.aulHeapAddr[%d] %x\n", "MM_InstallSegment",
                       *pubSegMemEndAddr, ubIdx, stSegEndAddr.aulHeapAddr[ubIdx]);
-            MM_ASSERT_FOR("MM_InstallSegment", ((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range",
+            MM_ASSERT_FOR("MM_InstallSegment", ((U32)*pubSegMemEndAddr >= stSegEndAddr.aulHeapAddr[ubIdx]) && "Overflow occurs! Interrupt Total Mem range", /* GCOVR_EXCL_BR_LINE: as the return that follows */
                       EASSERT);
             return EOUTOFRANGE; /* GCOVR_EXCL_LINE: unchanged memory fails the check before */
         }

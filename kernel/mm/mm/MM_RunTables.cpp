@@ -116,7 +116,8 @@ bool CMMRunTables::Agree(TMMRunList stList) const
     });
     while (fOrdinary && ulChunk < ulChunks)
         fnCloseChunk();
-    return fOrdinary && fAgree && Largest() == ulLargest;
+    return fOrdinary && fAgree &&
+           Largest() == ulLargest; /* GCOVR_EXCL_BR_LINE: the maximum of numbers that agree does */
 }
 
 /* Questions ----------------------------------------------------------------------------------------- */
@@ -204,7 +205,8 @@ TMMNeighbours CMMRunTables::Neighbours(TMMRunList stList, U32 ulAddr, U32 ulBlkN
     const U32 ulLimit = stAround.pstUpper == nullptr ? stSpan.ulEnd : MM_Addr(stAround.pstUpper);
 
     const bool fApart = pstLower == nullptr || MM_Addr(pstLower) == ulAddr || MM_RunEnd(pstLower, ubBlkBit) <= ulAddr;
-    const bool fRoom = ulAddr < ulLimit && ulBlkNo <= (ulLimit - ulAddr) >> ubBlkBit;
+    const bool fRoom =
+        ulAddr < ulLimit && ulBlkNo <= (ulLimit - ulAddr) >> ubBlkBit; /* GCOVR_EXCL_BR_LINE: an address of the span */
     return fApart && fRoom ? stAround : TMMNeighbours{MM_UnknownRun(), nullptr};
 }
 

@@ -47,7 +47,7 @@ U32 CM_ConstructDefaultMCT(U32, U32 ulMemEndAddr, U32 ulFIXEDSegStartAddr)
             if (ulFixedSegEndAddress > ulMemEndAddr) {
                 MMP_Print("%s: Fixed Seg End addr(0x%x) is more than memory end addr(0x%x)\n", __func__,
                           ulFixedSegEndAddress, ulMemEndAddr);
-                MM_ASSERT((ulFixedSegEndAddress <= ulMemEndAddr) && "The range of fixed segment is over the End address of memory",
+                MM_ASSERT((ulFixedSegEndAddress <= ulMemEndAddr) && "The range of fixed segment is over the End address of memory", /* GCOVR_EXCL_BR_LINE: the test before is the same */
                           EASSERT);
             }
             stRow.pubStartAddr = MM_At(ulFixedSegEndAddress);
