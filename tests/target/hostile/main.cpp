@@ -87,6 +87,14 @@ public:
         lines_ += lines.size();
     }
     std::size_t lines() const { return lines_; }
+    // What has not been looked at, the last lines of it.
+    Lines unread()
+    {
+        Lines lines = log_.take();
+        lines.erase(lines.begin(),
+                    lines.end() - std::min<std::ptrdiff_t>(static_cast<std::ptrdiff_t>(lines.size()), 8));
+        return lines;
+    }
 
 private:
     KernelLog log_;
@@ -355,6 +363,8 @@ bool runRounds(std::vector<Kind> kinds, const Options& options, WatchedLog::Mana
             ++kind.rounds;
         } catch (const std::exception& error) {
             std::printf("FAIL %s, round %u, seed %u\n    %s\n", kind.name, round, options.seed, error.what());
+            for (const std::string& line : ground.log.unread())
+                std::printf("    the kernel log: %s\n", line.c_str());
             failed = true;
         }
         std::fflush(stdout);

@@ -85,14 +85,23 @@ unsigned blockBit(std::uint32_t blockBytes)
     return 31U - static_cast<unsigned>(__builtin_clz(blockBytes));
 }
 
+// Everything is popped at once, from where the stack's end is. Blocks below four bytes were rounded up when they were pushed, so
+// it is looked for.
+void popAll(const Descriptor& device, std::uint32_t handle, const TMMSegInfoWire& entry)
+{
+    const std::uint32_t bytes = entry.ulTotalAllocBlkNum << entry.ubBlkBit;
+    for (std::uint32_t top = entry.pubEndAddr - (bytes + 3) / 4 * 4; top >= entry.pubStartAddr; top -= 4)
+        if (release(device, handle, top, bytes) == 0)
+            return;
+    throw Failure("what was pushed on stack " + std::to_string(handle) + " cannot be popped");
+}
+
 void checkStack(const Descriptor& device, std::uint32_t handle)
 {
     const TMMSegInfoWire before = entryOf(device, handle);
     CHECK_EQUAL(before.ulTotalFreeBlkNum + before.ulTotalAllocBlkNum, before.ulTotalBlkNum);
-    if (before.ubBlkBit < 2 || before.ulTotalAllocBlkNum == 0)
-        return; // shorter blocks are rounded up, so where the top is cannot be told from here
-    const std::uint32_t bytes = before.ulTotalAllocBlkNum << before.ubBlkBit;
-    CHECK_EQUAL(release(device, handle, before.pubEndAddr - bytes, bytes), 0);
+    if (before.ulTotalAllocBlkNum != 0)
+        popAll(device, handle, before);
     const TMMSegInfoWire after = entryOf(device, handle);
     CHECK_EQUAL(after.ulTotalFreeBlkNum, after.ulTotalBlkNum);
 }
