@@ -167,7 +167,16 @@ private:
 
 // What all rounds stand on.
 struct Ground {
-    explicit Ground(WatchedLog::Manager manager) : log(manager) {}
+    Ground(const std::string& module, WatchedLog::Manager manager) : log(manager), module_(module) {}
+
+    // The manager as it is when it has just been loaded: the rows of fixed segments that were deleted are back.
+    void reload()
+    {
+        needNoManager();
+        CHECK_EQUAL(loadModule(module_, "bigphysarea=" + board().areaText()), 0);
+        makeNode();
+        log.check(WatchedLog::Manager::MaySpeak);
+    }
 
     // All is as it must be when the processes of a round have ended.
     void check()
@@ -182,6 +191,9 @@ struct Ground {
     Fence fence;
     WatchedLog log;
     Ledger ledger;
+
+private:
+    std::string module_;
 };
 
 struct Options {
@@ -348,9 +360,7 @@ struct Kind {
 bool runRounds(std::vector<Kind> kinds, const Options& options, WatchedLog::Manager manager)
 {
     needNoManager();
-    CHECK_EQUAL(loadModule(options.module, "bigphysarea=" + board().areaText()), 0);
-    makeNode();
-    Ground ground(manager);
+    Ground ground(options.module, manager);
     const Clock::time_point end =
         Clock::now() + std::chrono::milliseconds(static_cast<long long>(options.seconds * 1000));
     bool failed = false;
@@ -358,6 +368,7 @@ bool runRounds(std::vector<Kind> kinds, const Options& options, WatchedLog::Mana
         Kind& kind = kinds[round % kinds.size()];
         const std::uint32_t seed = options.seed + 1000 * round;
         try {
+            ground.reload();
             kind.run(seed, ground);
             ground.check();
             ++kind.rounds;

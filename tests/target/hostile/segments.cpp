@@ -70,9 +70,11 @@ std::vector<Piece> heapPieces(const Descriptor& device)
     for (const std::string& line : log.take()) {
         Piece piece = {};
         unsigned handle = 0, bytes = 0, overflow = 0;
-        if (line.size() > 5 && std::sscanf(line.c_str() + 5, "%u-%x-%x-%x-%x-%x-%x-%x-%x-%x", &handle, &bytes,
-                                           &piece.blockBytes, &piece.total, &piece.allocated, &piece.free,
-                                           &piece.largest, &overflow, &piece.start, &piece.end) == 10)
+        if (line.size() > 5 &&
+            std::sscanf(line.c_str() + 5, "%u-%x-%x-%x-%x-%x-%x-%x-%x-%x", &handle, &bytes, &piece.blockBytes,
+                        &piece.total, &piece.allocated, &piece.free, &piece.largest, &overflow, &piece.start,
+                        &piece.end) == 10 &&
+            handle == HEAPHANDLE) // others may have had something else displayed meanwhile
             pieces.push_back(piece);
     }
     return pieces;
