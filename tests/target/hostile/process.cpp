@@ -154,10 +154,10 @@ void HostileProcess::createAny()
     shape.type = static_cast<std::uint8_t>(random_.below(3));
     if (shape.type == FIXED)
         shape.name = random_.oneOf(kFixed);
-    if (shape.type == FLOAT && random_.oneIn(8))
-        shape.bytes = 0; // the heap
     shape.map = random_.oneOf(kMaps);
     shape.discipline = random_.oneIn(4) ? STACK : LINKEDLIST;
+    if (shape.type == FLOAT && shape.discipline == LINKEDLIST && random_.oneIn(8))
+        shape.bytes = 0; // the heap; one that is a stack has no books that can be asked for
     shape.overflow = random_.oneIn(3);
     create(*device_, shape);
 }
