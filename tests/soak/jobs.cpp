@@ -14,7 +14,7 @@ using namespace velmora::guard;
 namespace {
 
 constexpr Shape kShapes[Printer::kSegments] = {
-    {"PAGE", 48 << 20, 4096, 8}, {"LIST", 12 << 20, 64, 8}, {"HEAP", 0, 4096, 8}};
+    {"PAGE", 12 << 20, 4096, 8}, {"LIST", 2 << 20, 64, 8}, {"HEAP", 0, 4096, 8}};
 constexpr unsigned kBands = 0, kLists = 1, kHeap = 2;
 constexpr unsigned kMostJobs = 12; // at a time; others wait in front of the printer
 
@@ -43,10 +43,11 @@ const char* Printer::segmentName(unsigned segment)
     return kShapes[segment].name;
 }
 
-Printer::Printer(std::uint32_t seed) : random_(seed)
+Printer::Printer(std::uint32_t seed) : random_(seed), scribbles_(seed)
 {
     sim::bootController();
     check(enter() == ENOERR && startLibrary() == ENOERR, "the library does not start");
+    check(create({"REST", 104 << 20, 4096}) == ENOERR, "a segment is refused"); // for something else
     for (unsigned i = 0; i < kSegments; ++i)
         check(create(kShapes[i], &handles_[i]) == ENOERR, "a segment is refused");
     events_.push({0, 0});
@@ -62,20 +63,20 @@ void Printer::playUntil(std::uint64_t time)
             arrive(event.time);
         else
             proceed(event.time, event.job);
-        if (MM_Guarded && oneIn(4))
+        if (MM_Guarded)
             scribble();
     }
     machine().takeLog();
 }
 
-// Few at night and at the weekend, one every half minute in the office's hours. Documents of one page are the most frequent.
+// Few at night and at the weekend, one every quarter minute in the office's hours. Documents of one page are the most frequent.
 void Printer::arrive(std::uint64_t now)
 {
     if (!open_)
         return;
     const unsigned hour = now / kHour % 24;
     const bool office = hour >= 8 && hour < 18 && now / kHour / 24 < 5;
-    events_.push({now + (office ? 2000 : 60000) + below(office ? 60000 : 1800000), 0});
+    events_.push({now + (office ? 1000 : 60000) + below(office ? 26000 : 1800000), 0});
     if (jobs_.size() >= kMostJobs)
         return;
     Job job;
@@ -120,7 +121,8 @@ void Printer::proceed(std::uint64_t now, unsigned number)
     events_.push({now + printed(number, job), number});
 }
 
-// A page is drawn with a list of many small blocks, which go when its bands are there; now and then some stay a while, like fonts.
+// A page is drawn with a list of many small blocks, which go when its bands are there; some stay as
+// long as the page, like fonts.
 bool Printer::drawPage(unsigned number, Job& job)
 {
     std::vector<U32> lists, bands;
@@ -141,9 +143,10 @@ bool Printer::drawPage(unsigned number, Job& job)
         if (room)
             bands.push_back(address);
     }
-    if (room && oneIn(6) && !lists.empty()) {
-        bands.push_back(lists.back());
-        lists.pop_back();
+    for (U32 fonts = below(8); room && fonts > 0 && !lists.empty(); --fonts) {
+        const auto font = lists.begin() + below(static_cast<U32>(lists.size()));
+        bands.push_back(*font);
+        lists.erase(font);
     }
     giveAll(number, lists);
     if (room)
@@ -236,18 +239,26 @@ void Printer::collectLost(unsigned number, U8 owner)
     std::erase_if(held_, [](const auto& block) { return !isAllocated(block.first, block.second.held); });
 }
 
-// A word in free memory, where lists lie, or in an owner map.
+// Words in free memory, where lists lie; now and then an owner, which says that any block is another one's.
 void Printer::scribble()
 {
+    const auto below = [this](U32 limit) {
+        return static_cast<U32>(scribbles_() % limit);
+    }; // both builds play the same weeks
     const TMMSegInfo& seg = stSegTable[handles_[below(2)]];
-    U32 address = MM_Addr(seg.pubStartAddr) + (below(seg.ulTotalBlkNum) << seg.ubBlkBit) + 4 * below(3);
-    if (oneIn(20))
-        address = MM_Addr(seg.pubMapStartAddr) + below(static_cast<U32>(seg.pubMapEndAddr - seg.pubMapStartAddr) - 4);
-    else if (isAllocated(address & ~63U, 64))
-        return;
-    const U32 value = oneIn(2) ? below(16) : static_cast<U32>(random_());
-    std::memcpy(MM_At(address), &value, sizeof value);
-    ++counts_.scribbles;
+    for (unsigned words = 1 + below(8); words > 0; --words) {
+        const U32 address = MM_Addr(seg.pubStartAddr) + (below(seg.ulTotalBlkNum) << seg.ubBlkBit);
+        const U32 value = below(2) == 0 ? below(16) : static_cast<U32>(scribbles_());
+        if (isAllocated(address, 1))
+            continue;
+        std::memcpy(MM_At(address + 4 * below(3)), &value, sizeof value);
+        ++counts_.scribbles;
+    }
+    if (below(50) == 0) {
+        seg.pubMapStartAddr[below(static_cast<U32>(seg.pubMapEndAddr - seg.pubMapStartAddr))] =
+            kOwners[below(kMostJobs)];
+        ++counts_.scribbles;
+    }
 }
 
 // What is left free is allocated, and then all of it is released at once: nothing else was allocated, and nothing was lost.

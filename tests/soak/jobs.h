@@ -76,7 +76,7 @@ private:
     void scribble();
     void releaseEverything(U32 handle);
 
-    std::mt19937 random_;
+    std::mt19937 random_, scribbles_;
     U32 handles_[kSegments] = {};
     std::priority_queue<Event, std::vector<Event>, std::greater<>> events_;
     std::map<unsigned, Job> jobs_;
