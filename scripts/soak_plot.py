@@ -36,7 +36,7 @@ def panel(index, samples, hours):
     for quarter in range(5):
         at = y(total * quarter / 4)
         parts.append(f'<line x1="{LEFT}" x2="{LEFT + PLOT}" y1="{at:.1f}" y2="{at:.1f}" stroke="#ddd"/>')
-        parts.append(label(LEFT - 6, at + 4, f"{total * quarter / 4 / 2**20:.3g} MiB" if quarter else "0", "end"))
+        parts.append(label(LEFT - 6, at + 4, f"{total * quarter / 4 / 2**20:.2g} MiB" if quarter else "0", "end"))
     for day in range(0, hours // 24 + 1):
         at = LEFT + PLOT * day * 24 / hours
         parts.append(f'<line x1="{at:.1f}" x2="{at:.1f}" y1="{top}" y2="{top + PANEL}" stroke="#ddd"/>')
