@@ -40,7 +40,7 @@ void behave(std::uint32_t seed, std::uint8_t owner, const std::vector<std::uint3
     const Descriptor device;
     Random random(seed);
     std::vector<Block> held;
-    while (std::chrono::steady_clock::now() < until) {
+    for (unsigned steps = 0; steps < 100 || std::chrono::steady_clock::now() < until; ++steps) {
         ledger.countStep();
         if (held.size() < 40 && random.below(5) < 3) {
             const std::uint32_t handle = segments[random.below(static_cast<std::uint32_t>(segments.size()))];

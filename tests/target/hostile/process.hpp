@@ -32,7 +32,7 @@ public:
     HostileProcess& operator=(const HostileProcess&) = delete;
     ~HostileProcess();
 
-    // Throws at the first answer that must not be.
+    // Some steps at the least. Throws at the first answer that must not be.
     void run(Clock::time_point until);
 
 private:
