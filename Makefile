@@ -13,7 +13,7 @@ FUZZ_SEED ?= $(shell date +%s)
 .DEFAULT_GOAL := help
 include kernel/linux/target.mk
 include bench/bench.mk
-.PHONY: help build build-x86 build-arm build-guarded demo test test-x86 test-guarded test-x86_64 test-arm test-sanitize coverage mutate fuzz format format-check lint docs install uninstall package test-packages clean
+.PHONY: help build build-x86 build-arm build-guarded demo test test-x86 test-guarded test-integer soak test-x86_64 test-arm test-sanitize coverage mutate fuzz format format-check lint docs install uninstall package test-packages clean
 
 help:
 	@sed -n 's/^## //p' $(MAKEFILE_LIST)
@@ -45,7 +45,7 @@ demo: build-x86
 	@build/bin/print-job --processes $(if $(DOC),--document '$(DOC)') --copies $(COPIES) --dpi $(DPI) --output build/demo
 
 ## make test       the gates (format-check, lint), then every test: x86, the client library in 64 bits, ARMv7 under qemu-arm, sanitizers, coverage of the manager, the packages in a clean Debian, the module on an emulated controller
-test: format-check lint test-x86 test-guarded test-x86_64 test-arm test-sanitize coverage test-packages test-target
+test: format-check lint test-x86 test-guarded test-integer test-x86_64 test-arm test-sanitize coverage test-packages test-target test-hostile
 	@echo "All tests passed"
 
 test-x86: build-x86
@@ -62,6 +62,20 @@ test-x86_64: build-x86
 	ctest --preset x86_64
 	@$(call preset,threads)
 	ctest --preset threads
+
+# The guarded build's tests with clang's checks of integer arithmetic in kernel/mm/guard/.
+test-integer:
+	@scripts/setup.sh fuzz
+	@$(call preset,integer)
+	ctest --preset integer
+
+## make soak       weeks of print jobs on both builds, and a plot of the first one: build/soak/  [HOURS=1, fractions allowed; SEED=time]
+HOURS ?= 1
+soak:
+	@scripts/setup.sh build test
+	@$(call preset,x86) --target velmora-soak
+	@$(call preset,guarded) --target velmora-soak
+	@scripts/soak.sh '$(HOURS)' $(if $(SEED),'$(SEED)')
 
 test-arm: build-arm
 	ctest --preset arm
@@ -108,10 +122,11 @@ format:
 	@scripts/setup.sh lint
 	@$(formatted) | xargs clang-format -i
 
-## make lint       fails on any finding of shellcheck (scripts) or clang-tidy (sources, functions above 60 lines included)
+## make lint       fails on any finding of shellcheck (scripts), cppcheck or clang-tidy (sources, functions above 60 lines included)
 lint: build-x86
 	@scripts/setup.sh lint bench
 	@git ls-files '*.sh' packaging/velmora-mm-load | xargs shellcheck
+	@scripts/cppcheck.sh
 	@bench/packages.sh
 	@for preset in bench target guarded; do cmake --preset $$preset >/dev/null || exit 1; done
 	@scripts/lint.py build/x86 build/bench build/target/programs build/guarded/x86

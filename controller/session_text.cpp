@@ -26,7 +26,7 @@ int hexDigit(char c)
 // Takes one character or escape of a quoted text off the front of rest.
 char takeQuotedChar(std::string_view& rest)
 {
-    const char c = rest.front();
+    const char c = rest.front(); // cppcheck-suppress containerOutOfBounds ; the caller has seen that there is one
     rest.remove_prefix(1);
     if (c != '\\')
         return c;

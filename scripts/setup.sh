@@ -12,7 +12,7 @@ packages() {
     docs) echo "doxygen" ;;
     demo) echo "ghostscript ghostscript-doc" ;;
     fuzz) echo "clang-14 libclang-rt-14-dev g++-12-multilib cmake ninja-build googletest" ;;
-    lint) echo "clang-format clang-tidy g++-12-multilib git python3 shellcheck" ;;
+    lint) echo "clang-format clang-tidy cppcheck g++-12-multilib git python3 shellcheck" ;;
     mutate) echo "python3-clang-14" ;;
     package) echo "$(packages build) debhelper dh-dkms dpkg-dev fakeroot lintian" ;;
     target) echo "qemu-system-arm device-tree-compiler python3" ;;

@@ -12,13 +12,13 @@ shift
 kernel=$(scripts/target-kernel.sh)
 rm -rf "$image"
 mkdir -p "$image/bin" "$image/lib" "$image/etc"
-# A module stripped of what it was debugged with.
+# A module stripped of what it was debugged with, in lib/ or a folder of it.
 install_module() {
-    "${CROSS_COMPILE:-arm-linux-gnueabihf-}strip" -g -o "$image/lib/$(basename "$1")" "$1"
+    "${CROSS_COMPILE:-arm-linux-gnueabihf-}strip" -g -o "$image/lib/${2:-}$(basename "$1")" "$1"
 }
 # Builds what it is given as target-module.sh does; the path that it printed last.
 build() {
-    KDIR=$kernel/headers STRICT=1 scripts/target-module.sh "$@" >"$work/module.log" || {
+    KDIR=$kernel/headers STRICT=1 GUARDED=${GUARDED:-} scripts/target-module.sh "$@" >"$work/module.log" || {
         cat "$work/module.log" >&2
         exit 1
     }
@@ -27,11 +27,22 @@ build() {
 module=$(build)
 install_module "$module"
 case " $* " in
-*" target-tests "*)
+*" target-tests "* | *" target-hostile "*)
     folder=$(build tests/target/modules)
     for module in "$folder"/*/*.ko; do
         install_module "$module"
     done
+    ;;
+esac
+# Beside the default module the guarded one, with the kernel code that was built against it.
+case " $* " in
+*" target-hostile "*)
+    GUARDED=1
+    mkdir "$image/lib/guarded"
+    module=$(build)
+    install_module "$module" guarded/
+    folder=$(build tests/target/modules)
+    install_module "$folder/peer/velmora_mm_peer.ko" guarded/
     ;;
 esac
 

@@ -13,7 +13,7 @@ export ARCH CROSS_COMPILE KDIR KERNEL BOARD TARGET_SUITE GUARDED
 # Nothing but the module's path may come last, whatever folder make was called from.
 MAKEFLAGS += --no-print-directory
 
-.PHONY: module test-target target-demo
+.PHONY: module test-target test-hostile target-demo
 
 ## make module     the kernel module; the last line is its path  [KDIR=kernel-tree ARCH=arm CROSS_COMPILE=arm-linux-gnueabihf-]
 ##                 (the guarded one, which survives its applications: GUARDED=1, see docs/security.md)
@@ -34,6 +34,15 @@ test-target:
 	@$(call preset,x86) --target velmora-mm
 	@$(target-programs) target-init target-session target-tests velmora-mm
 	@scripts/target-test.sh
+
+## make test-hostile  hostile processes against the guarded module on the emulated controller, with one processor and with
+##                 four; others that keep the rules against the default one  [SECONDS=20 SEED=time]
+SECONDS ?= 20
+SEED ?=
+test-hostile:
+	@scripts/setup.sh build test target
+	@$(target-programs) target-init target-hostile
+	@scripts/target-hostile.sh '$(SECONDS)' $(if $(SEED),'$(SEED)')
 
 ## make target-demo  the print job through the real module, on the emulated controller  [DOC=file.pdf COPIES=3 TARGET_DPI=50]
 target-demo:

@@ -74,9 +74,11 @@ TMMStretch* FindBlocks(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pul
         return nullptr;
     for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx) {
         TMMStretch& stStretch = stGuarded.astStretch[ubIdx];
+        if (ulAddr < stStretch.ulStart)
+            continue;
         const U32 ulOffset = ulAddr - stStretch.ulStart;
         const U32 ulIdx = ulOffset >> stGuarded.ubBlkBit;
-        if (ulAddr < stStretch.ulStart || ulIdx >= stStretch.ulBlkNum)
+        if (ulIdx >= stStretch.ulBlkNum)
             continue;
         if (MM_BlkToBytes(ulIdx, stGuarded.ubBlkBit) != ulOffset || ulBlkNum > stStretch.ulBlkNum - ulIdx)
             return nullptr;
@@ -342,12 +344,12 @@ void MendIf(U32 hulHandle, const CMMWitness& clWitness)
 }
 
 /* What an allocation and a release change in the segment's entry. */
-void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
+void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulTaken, U32 ulGiven)
 {
     TMMSegInfo& stSeg = stSegTable[hulHandle];
-    pstStretch->ulFree += ulMoreFree;
-    stSeg.ulTotalFreeBlkNum += ulMoreFree;
-    stSeg.ulTotalAllocBlkNum -= ulMoreFree;
+    pstStretch->ulFree = pstStretch->ulFree - ulTaken + ulGiven;
+    stSeg.ulTotalFreeBlkNum = stSeg.ulTotalFreeBlkNum - ulTaken + ulGiven;
+    stSeg.ulTotalAllocBlkNum = stSeg.ulTotalAllocBlkNum + ulTaken - ulGiven;
     stSeg.ulLargestBlkSize = astGuarded[hulHandle].clRuns.Largest();
 #ifdef MM_CHECK_RUN_INDEX
     if (!MM_GuardAgrees(hulHandle))
@@ -396,7 +398,7 @@ U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
     stGuarded.clRuns.CutEnd(stRun, ulBlkNum);
     if (stGuarded.ubMap != 0 && ubMapID != 0)
         SetOwner(stGuarded, *pstStretch, stTaken, ubMapID, clWitness);
-    Count(hulHandle, pstStretch, 0 - ulBlkNum);
+    Count(hulHandle, pstStretch, ulBlkNum, 0);
     return MM_At(pstStretch->ulStart + MM_BlkToBytes(stTaken.ulFirst - pstStretch->ulFirst, stGuarded.ubBlkBit));
 }
 
@@ -451,7 +453,7 @@ void Release(U32 hulHandle, TMMStretch* pstStretch, TMMRun stBlocks, CMMWitness&
     if (stGuarded.ubMap != 0)
         ClearOwners(hulHandle, stGuarded, *pstStretch, stBlocks);
     Insert(hulHandle, stGuarded, stBlocks, clWitness);
-    Count(hulHandle, pstStretch, stBlocks.ulSize);
+    Count(hulHandle, pstStretch, 0, stBlocks.ulSize);
 }
 
 /* Claim -------------------------------------------------------------------------------------------------- */
@@ -613,7 +615,7 @@ U32 MM_GuardedClaim(U32 hulHandle, U8* pubAddr, U32 ulBlkNum)
     TMMStretch* const pstStretch = FindBlocks(stGuarded, MM_Addr(pubAddr), ulBlkNum, &ulNumber);
     const bool fClaimed = pstStretch != nullptr && Claim(hulHandle, stGuarded, {ulNumber, ulBlkNum}, clWitness);
     if (fClaimed)
-        Count(hulHandle, pstStretch, 0 - ulBlkNum);
+        Count(hulHandle, pstStretch, ulBlkNum, 0);
     MMP_UnlockIrq(search_lock);
     if (!fClaimed) {
         MM_GuardReport(CLAIM_OUTSIDE, hulHandle, MM_Addr(pubAddr), ulBlkNum);
@@ -705,8 +707,10 @@ bool MM_GuardHeld(U32 ulAddr, U32 ulBytes)
         for (U8 ubIdx = 0; stGuarded.pulMemory != nullptr && ubIdx < stGuarded.ubStretches; ++ubIdx) {
             const TMMStretch& stStretch = stGuarded.astStretch[ubIdx];
             const U32 ulSpan = MM_BlkToBytes(stStretch.ulBlkNum, stGuarded.ubBlkBit);
+            if (ulAddr < stStretch.ulStart)
+                continue;
             const U32 ulOffset = ulAddr - stStretch.ulStart;
-            if (ulAddr < stStretch.ulStart || ulOffset >= ulSpan || ulBytes > ulSpan - ulOffset)
+            if (ulOffset >= ulSpan || ulBytes > ulSpan - ulOffset)
                 continue;
             const U32 ulFirst = ulOffset >> stGuarded.ubBlkBit;
             const U32 ulLast = (ulOffset + ulBytes - 1) >> stGuarded.ubBlkBit;
@@ -728,11 +732,13 @@ bool MM_GuardAnyAllocated(void)
 bool MM_GuardOpen(U32 hulHandle)
 {
     const TMMSegInfo& stSeg = stSegTable[hulHandle];
-    TMMGuarded stGuarded{};
+    TMMGuarded& stGuarded = astGuarded[hulHandle]; /* nobody looks at it as long as it has no memory */
 
     MM_GuardClose(hulHandle);
     if (stSeg.stInfoFromApp.ubSegDSType == STACK)
         return true;
+    stGuarded.ulNumbers = 0;
+    stGuarded.ubStretches = 0;
     stGuarded.ubBlkBit = stSeg.ubBlkBit;
     stGuarded.ubMap = stSeg.stInfoFromApp.ubMap;
     stGuarded.ubEntriesBit = stGuarded.ubMap == 0 ? 0 : static_cast<U8>(3 - MM_Log2(stGuarded.ubMap));
@@ -743,17 +749,17 @@ bool MM_GuardOpen(U32 hulHandle)
                    (MM_PieceAddr(PIECE_END, ubIdx) - MM_PieceAddr(PIECE_START, ubIdx)) >> stGuarded.ubBlkBit,
                    MM_At(MM_PieceAddr(PIECE_MAP_END, ubIdx)));
 
-    stGuarded.pulMemory =
+    U32* const pulMemory =
         static_cast<U32*>(MMP_TakeMemory(CMMFreeRuns::StorageWords(stGuarded.ulNumbers) * U32(sizeof(U32))));
-    if (stGuarded.pulMemory == nullptr)
+    if (pulMemory == nullptr)
         return false;
-    stGuarded.clRuns.Init(stGuarded.pulMemory, stGuarded.ulNumbers);
+    stGuarded.clRuns.Init(pulMemory, stGuarded.ulNumbers);
     for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx)
         stGuarded.clRuns.Give({stGuarded.astStretch[ubIdx].ulFirst, stGuarded.astStretch[ubIdx].ulBlkNum},
                               {MM_NO_BLOCK, 0}, {MM_NO_BLOCK, 0});
     {
         const CMMBlocksLock clLock;
-        astGuarded[hulHandle] = stGuarded;
+        stGuarded.pulMemory = pulMemory;
     }
     MendSegment(hulHandle, MEND_LIST);
     return true;

@@ -101,7 +101,7 @@ bool MM_GuardMapping(U32 ulPgOff, U32 ulBytes)
     const U32 ulPast = memend / ulPageBytes;
     const U32 ulPages = ulBytes / ulPageBytes + (ulBytes % ulPageBytes != 0);
     return (ulBytes > 0 && LiesIn(ulPgOff, ulPages, ulFirst, ulPast)) ||
-           Report(BAD_MAPPING, 0, ulPgOff * ulPageBytes, ulBytes);
+           Report(BAD_MAPPING, 0, ulPgOff << MMP_PAGE_SHIFT, ulBytes);
 }
 
 bool MM_GuardArea(U32 ulStart, U32 ulEnd)
@@ -109,7 +109,7 @@ bool MM_GuardArea(U32 ulStart, U32 ulEnd)
     return (ulStart < ulEnd && ulStart > MMP_PageOffset() && ulEnd <= MMP_HighMemory() &&
             MMP_PfnValid(MM_PhysAddr(ulStart) >> MMP_PAGE_SHIFT) &&
             MMP_PfnValid(MM_PhysAddr(ulEnd - 1) >> MMP_PAGE_SHIFT)) ||
-           Report(BAD_AREA, 0, ulStart, ulEnd - ulStart);
+           Report(BAD_AREA, 0, ulStart, ulEnd > ulStart ? ulEnd - ulStart : 0);
 }
 
 bool MM_GuardRow(U32 ulStart, U32 ulBytes)

@@ -18,12 +18,12 @@ bool IsStack(U32 hulHandle)
 }
 
 /* Moves the stack's end, and counts. */
-void Move(U32 hulHandle, U32 ulHead, U32 ulMoreFree)
+void Move(U32 hulHandle, U32 ulHead, U32 ulTaken, U32 ulGiven)
 {
     TMMSegInfo& stSeg = stSegTable[hulHandle];
     astStackStr[hulHandle].pubStackHead = MM_At(ulHead);
-    stSeg.ulTotalFreeBlkNum += ulMoreFree;
-    stSeg.ulTotalAllocBlkNum -= ulMoreFree;
+    stSeg.ulTotalFreeBlkNum = stSeg.ulTotalFreeBlkNum - ulTaken + ulGiven;
+    stSeg.ulTotalAllocBlkNum = stSeg.ulTotalAllocBlkNum + ulTaken - ulGiven;
     stSeg.ulLargestBlkSize = MM_StackFree(hulHandle);
 }
 
@@ -37,7 +37,7 @@ U32 Push(U32 hulHandle, U32 ulReqBlkNum, U32 ulRounded)
         ulRounded > MM_Addr(stStack.pubStackHead) - MM_Addr(stStack.pubStackTail))
         return 0;
     const U32 ulHead = MM_Addr(stStack.pubStackHead) - ulRounded;
-    Move(hulHandle, ulHead, 0 - ulReqBlkNum);
+    Move(hulHandle, ulHead, ulReqBlkNum, 0);
     return ulHead;
 }
 
@@ -53,7 +53,7 @@ bool Pop(U32 hulHandle, U32 ulAddr, U32 ulBlkNo)
     const U32 ulLeft = stSeg.ulTotalAllocBlkNum - ulBlkNo;
     if (ulBytes > Pushed(hulHandle) || Pushed(hulHandle) - ulBytes < MM_BlkToBytes(ulLeft, stSeg.ubBlkBit))
         return false;
-    Move(hulHandle, ulLeft == 0 ? MM_Addr(stSeg.pubEndAddr) : ulAddr + ulBytes, ulBlkNo);
+    Move(hulHandle, ulLeft == 0 ? MM_Addr(stSeg.pubEndAddr) : ulAddr + ulBytes, 0, ulBlkNo);
     return true;
 }
 
@@ -86,8 +86,9 @@ U32 MM_GuardedPop(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
 bool MM_GuardPushed(U32 ulAddr, U32 ulBytes)
 {
     for (U32 hulHandle = 0; hulHandle < HEAPHANDLE; ++hulHandle) {
-        const U32 ulOffset = ulAddr - MM_Addr(astStackStr[hulHandle].pubStackHead);
-        if (IsStack(hulHandle) && ulOffset < Pushed(hulHandle) && ulBytes <= Pushed(hulHandle) - ulOffset)
+        const U32 ulHead = MM_Addr(astStackStr[hulHandle].pubStackHead);
+        if (IsStack(hulHandle) && ulAddr >= ulHead && ulAddr - ulHead < Pushed(hulHandle) &&
+            ulBytes <= Pushed(hulHandle) - (ulAddr - ulHead))
             return true;
     }
     return false;
