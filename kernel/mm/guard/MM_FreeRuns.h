@@ -24,6 +24,8 @@ struct TMMRun {
 class CMMFreeRuns
 {
 public:
+    static constexpr U32 FIRST_BLOCK = 32; /* the first word's numbers are no blocks: there is always a word below */
+
     static constexpr U32 StorageWords(U32 ulCount)
     {
         const U32 ulWords = CMMBlockBits::Words(ulCount);
@@ -31,8 +33,8 @@ public:
                TMMLongTree::StorageWords(Groups(ulWords));
     }
 
-    /* No run. pulStorage: StorageWords(ulCount) words of zeros that stay the tables'. The last block must stay
-     * allocated. */
+    /* No run. ulCount: numbers from 0 on, FIRST_BLOCK and 1 more at the least. pulStorage: StorageWords(ulCount) words of
+     * zeros that stay the tables'. The numbers below FIRST_BLOCK and the last one must stay allocated. */
     void Init(U32* pulStorage, U32 ulCount);
 
     const CMMBlockBits& Bits() const { return clBits; }
@@ -41,61 +43,49 @@ public:
     U32 Largest() const
     {
         if (!fAwake)
-            return LargestOfFew();
+            return ulLargestOfFew;
         const U32 ulLong = clLong.Max();
         return ulLong != 0 ? ulLong : clShort.Max();
     }
 
-    /* The highest run of at least ulBlkNum (1 or more) blocks. */
-    TMMRun Find(U32 ulBlkNum) const;
-    /* The run that begins at a free block whose lower neighbour is none. */
-    TMMRun RunAt(U32 ulFirst) const { return {ulFirst, clBits.NextTaken(ulFirst) - ulFirst}; }
-    /* The run that ends below a block, wherever that is; the next run from a block on. */
-    TMMRun RunBelow(U32 ulBlk) const
+    /* The highest start of a run below a block, the lowest one from a block on (FIRST_BLOCK or above); MM_NO_BLOCK when there
+     * is none. */
+    U32 StartBelow(U32 ulBlk) const;
+    U32 StartFrom(U32 ulBlk) const;
+    /* Blocks of the run that starts there. */
+    U32 SizeAt(U32 ulStart) const { return clBits.NextTaken(ulStart) - ulStart; }
+    /* The run that starts there; none for MM_NO_BLOCK. */
+    TMMRun RunAt(U32 ulStart) const { return {ulStart, ulStart == MM_NO_BLOCK ? 0 : SizeAt(ulStart)}; }
+
+    /* A run, and where it stands in the short table. */
+    struct TMMFound : TMMRun {
+        U32 ulAt;
+    };
+    /* The highest run of at least ulBlkNum (1 or more) blocks, or none. */
+    TMMFound Find(U32 ulBlkNum) const;
+
+    /* Where blocks lie: the starts of the runs below and above them, and of the first one above in the short table. */
+    struct TMMPlace {
+        U32 ulLower, ulUpper, ulAt;
+    };
+    /* Of a run that was found; of blocks that are allocated. */
+    TMMPlace PlaceOfRun(const TMMFound& stFound) const;
+    TMMPlace PlaceOfBlocks(TMMRun stBlocks) const;
+    /* The start above the place's upper run, which ends below ulEnd. */
+    U32 StartPastUpper(const TMMPlace& stPlace, U32 ulEnd) const
     {
-        const U32 ulLast = clBits.LastFree(ulBlk);
-        if (ulLast == MM_NO_BLOCK)
-            return {MM_NO_BLOCK, 0};
-        const U32 ulFirst = clBits.LastTaken(ulLast) + 1;
-        return {ulFirst, ulLast + 1 - ulFirst};
-    }
-    TMMRun RunFrom(U32 ulBlk) const
-    {
-        const U32 ulFirst = clBits.NextFree(ulBlk);
-        return ulFirst == MM_NO_BLOCK ? TMMRun{MM_NO_BLOCK, 0} : RunAt(ulFirst);
+        return fAwake ? StartFrom(ulEnd) : StartInFew(stPlace.ulAt + 1);
     }
 
-    /* The runs below and above blocks that are allocated, or none. */
-    void Around(TMMRun stBlocks, TMMRun* pstLower, TMMRun* pstUpper) const
-    {
-        if (fAwake) {
-            *pstLower = RunBelow(stBlocks.ulFirst);
-            *pstUpper = RunFrom(stBlocks.End());
-            return;
-        }
-        const U32 ulAt = FirstAbove(stBlocks.ulFirst);
-        *pstLower = ulAt > 0 ? astFew[ulAt - 1] : TMMRun{MM_NO_BLOCK, 0};
-        *pstUpper = ulAt < ulRuns ? astFew[ulAt] : TMMRun{MM_NO_BLOCK, 0};
-    }
-
-    /* The runs below and above a run. */
-    void Beside(TMMRun stRun, TMMRun* pstLower, TMMRun* pstUpper) const
-    {
-        if (fAwake)
-            return Around(stRun, pstLower, pstUpper);
-        const U32 ulAt = FirstAbove(stRun.ulFirst);
-        *pstLower = ulAt > 1 ? astFew[ulAt - 2] : TMMRun{MM_NO_BLOCK, 0};
-        *pstUpper = ulAt < ulRuns ? astFew[ulAt] : TMMRun{MM_NO_BLOCK, 0};
-    }
-
-    /* Takes ulBlkNum blocks off the high end of a run. */
-    void CutEnd(TMMRun stRun, U32 ulBlkNum);
+    /* Takes ulBlkNum blocks off the high end of a run that was found. */
+    void CutEnd(const TMMFound& stFound, U32 ulBlkNum);
     /* Takes blocks out of the inside of a run; before and after them something may be left. */
     void CutInside(TMMRun stRun, TMMRun stTaken);
-    /* Gives allocated blocks back; stLower and stUpper are the runs that they touch, or none. */
-    void Give(TMMRun stBlocks, TMMRun stLower, TMMRun stUpper);
+    /* Gives allocated blocks back at their place. fLower: they touch the lower run. ulUpper: blocks of the upper run if they
+     * touch it, else 0. */
+    void Give(TMMRun stBlocks, const TMMPlace& stPlace, bool fLower, U32 ulUpper);
 
-    /* True when the trees say what the bits say. */
+    /* True when the tables say what the bits say. */
     bool Agree() const;
 
 private:
@@ -109,37 +99,35 @@ private:
     static constexpr U32 MOST_FEW = 24; /* runs of the short table; from so many on the trees are asked */
     static constexpr U32 FEW_AGAIN = 12;
 
-    /* Place in the short table of the first run above a block. */
-    U32 FirstAbove(U32 ulBlk) const
+    /* Few runs: place in the short table of the first run from a block on. */
+    U32 FewFrom(U32 ulBlk) const
     {
         U32 ulAt = ulRuns;
-        while (ulAt > 0 && astFew[ulAt - 1].ulFirst > ulBlk)
+        while (ulAt > 0 && astFew[ulAt - 1].ulFirst >= ulBlk)
             --ulAt;
         return ulAt;
     }
-    U32 LargestOfFew() const
-    {
-        U32 ulLargest = 0;
-        for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt)
-            ulLargest = astFew[ulAt].ulSize > ulLargest ? astFew[ulAt].ulSize : ulLargest;
-        return ulLargest;
-    }
-    void InsertFew(U32 ulAt, TMMRun stRun);
+    U32 StartInFew(U32 ulAt) const { return ulAt < ulRuns ? astFew[ulAt].ulFirst : MM_NO_BLOCK; }
+    U32 StartBelowInFew(U32 ulAt) const { return ulAt > 0 ? astFew[ulAt - 1].ulFirst : MM_NO_BLOCK; }
     void RemoveFew(U32 ulAt);
-    void GiveFew(TMMRun stBlocks, bool fLower, bool fUpper);
+    void CutFew(const TMMFound& stFound, U32 ulBlkNum);
+    void GiveFew(TMMRun stBlocks, U32 ulAt, bool fLower, U32 ulUpper);
+    void MeasureFew();
     void Wake();
     void SleepIfFew();
 
-    U32 StartingIn(U32 ulWord) const;
-    TMMRun TopRun(U32 ulWord, U32 ulFree) const;
+    U32 StartsOf(U32 ulWord) const;
     U32 LongestOfWord(U32 ulWord) const;
     U32 LastLongOfGroup(U32 ulGroup, U32 ulSize) const;
     U32 LongestOfGroup(U32 ulGroup) const;
+    TMMFound FindLong(U32 ulBlkNum) const;
+    TMMFound FindInWord(U32 ulWord, U32 ulBlkNum) const;
     void Enter(TMMRun stRun);
     void Leave(TMMRun stOld);
 
     CMMBlockBits clBits;
     U32 ulRuns;
+    U32 ulLargestOfFew;
     bool fAwake; /* the trees are kept; otherwise the short table is, and the trees are empty */
     TMMRun astFew[MOST_FEW];
     TMMShortTree clShort; /* for each word: size of the longest run that starts in it, LONG_RUN at the most */
@@ -164,16 +152,17 @@ inline void CMMFreeRuns::Init(U32* pulStorage, U32 ulCount)
     clShort.Init(pulStorage, ulWords);
     clLong.Init(pulStorage + TMMShortTree::StorageWords(ulWords), Groups(ulWords));
     ulRuns = 0;
+    ulLargestOfFew = 0;
     fAwake = false;
 }
 
 /* Few runs --------------------------------------------------------------------------------------------- */
 
-inline void CMMFreeRuns::InsertFew(U32 ulAt, TMMRun stRun)
+inline void CMMFreeRuns::MeasureFew()
 {
-    for (U32 ulTo = ulRuns++; ulTo > ulAt; --ulTo)
-        astFew[ulTo] = astFew[ulTo - 1];
-    astFew[ulAt] = stRun;
+    ulLargestOfFew = 0;
+    for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt)
+        ulLargestOfFew = MM_Larger(astFew[ulAt].ulSize, ulLargestOfFew);
 }
 
 inline void CMMFreeRuns::RemoveFew(U32 ulAt)
@@ -182,20 +171,30 @@ inline void CMMFreeRuns::RemoveFew(U32 ulAt)
         astFew[ulAt] = astFew[ulAt + 1];
 }
 
-/* Blocks are given back that touch the runs below and above them, or not. */
-inline void CMMFreeRuns::GiveFew(TMMRun stBlocks, bool fLower, bool fUpper)
+inline void CMMFreeRuns::CutFew(const TMMFound& stFound, U32 ulBlkNum)
 {
-    const U32 ulAt = FirstAbove(stBlocks.ulFirst);
-    if (fLower && fUpper) {
-        astFew[ulAt - 1].ulSize += stBlocks.ulSize + astFew[ulAt].ulSize;
-        RemoveFew(ulAt);
-    } else if (fLower) {
-        astFew[ulAt - 1].ulSize += stBlocks.ulSize;
-    } else if (fUpper) {
-        astFew[ulAt] = {stBlocks.ulFirst, stBlocks.ulSize + astFew[ulAt].ulSize};
-    } else {
-        InsertFew(ulAt, stBlocks);
+    if (ulBlkNum == stFound.ulSize)
+        RemoveFew(stFound.ulAt);
+    else
+        astFew[stFound.ulAt].ulSize -= ulBlkNum;
+    if (stFound.ulSize == ulLargestOfFew)
+        MeasureFew();
+}
+
+inline void CMMFreeRuns::GiveFew(TMMRun stBlocks, U32 ulAt, bool fLower, U32 ulUpper)
+{
+    TMMRun stRun = {stBlocks.ulFirst, stBlocks.ulSize + ulUpper};
+    if (fLower) {
+        --ulAt;
+        stRun = {astFew[ulAt].ulFirst, astFew[ulAt].ulSize + stRun.ulSize};
+        if (ulUpper != 0)
+            RemoveFew(ulAt);
+    } else if (ulUpper == 0) {
+        for (U32 ulTo = ulRuns++; ulTo > ulAt; --ulTo)
+            astFew[ulTo] = astFew[ulTo - 1];
     }
+    astFew[ulAt] = stRun;
+    ulLargestOfFew = MM_Larger(stRun.ulSize, ulLargestOfFew);
 }
 
 inline void CMMFreeRuns::Wake()
@@ -209,53 +208,33 @@ inline void CMMFreeRuns::SleepIfFew()
 {
     if (ulRuns >= FEW_AGAIN)
         return;
-    U32 ulAt = 0;
-    for (TMMRun stRun = RunFrom(0); stRun.Is(); stRun = RunFrom(stRun.End())) {
-        clShort.Set(stRun.ulFirst / 32, 0);
-        clLong.Set(stRun.ulFirst / 32 / GROUP_WORDS, 0);
-        astFew[ulAt++] = stRun;
+    U32 ulBlk = FIRST_BLOCK;
+    for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt) {
+        astFew[ulAt] = RunAt(StartFrom(ulBlk));
+        ulBlk = astFew[ulAt].End();
+    }
+    for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt) {
+        clShort.Set(astFew[ulAt].ulFirst / 32, 0);
+        clLong.Set(astFew[ulAt].ulFirst / 32 / GROUP_WORDS, 0);
     }
     fAwake = false;
+    MeasureFew();
 }
 
 /* Runs of a word --------------------------------------------------------------------------------------- */
 
-/* The free blocks of a word, less those of a run that began in the word below. */
-inline U32 CMMFreeRuns::StartingIn(U32 ulWord) const
+/* The free blocks of a word that have none below. */
+inline U32 CMMFreeRuns::StartsOf(U32 ulWord) const
 {
     const U32 ulFree = clBits.FreeOf(ulWord);
-    if (ulWord == 0 || (ulFree & 1) == 0 || clBits.FreeOf(ulWord - 1) >> 31 == 0)
-        return ulFree;
-    return ulFree & (ulFree + 1); /* the lowest ones vanish */
-}
-
-/* The highest run in a word of which these blocks (not 0) are free. It may reach into the words above. */
-inline TMMRun CMMFreeRuns::TopRun(U32 ulWord, U32 ulFree) const
-{
-    const U32 ulLast = MM_HighestBit(ulFree);
-    const U32 ulBelow = ~ulFree & ((1u << ulLast) - 1);
-    const U32 ulFirst = ulBelow == 0 ? 0 : MM_HighestBit(ulBelow) + 1;
-    if (ulLast == 31)
-        return {ulWord * 32 + ulFirst, clBits.NextTaken(ulWord * 32 + 31) - (ulWord * 32 + ulFirst)};
-    return {ulWord * 32 + ulFirst, ulLast + 1 - ulFirst};
+    return ulFree & ~(ulFree << 1 | clBits.FreeOf(ulWord - 1) >> 31);
 }
 
 inline U32 CMMFreeRuns::LongestOfWord(U32 ulWord) const
 {
-    U32 ulFree = StartingIn(ulWord);
-    if (ulFree == 0)
-        return 0;
     U32 ulLongest = 0;
-    if (ulFree >> 31 != 0) {
-        const TMMRun stTop = TopRun(ulWord, ulFree);
-        ulLongest = stTop.ulSize;
-        ulFree &= (1u << stTop.ulFirst % 32) - 1;
-    }
-    /* Of every run as many blocks vanish as the longest has so far. */
-    for (U32 ulLess = 0; ulLess < ulLongest && ulFree != 0; ++ulLess)
-        ulFree &= ulFree >> 1;
-    for (; ulFree != 0; ulFree &= ulFree >> 1)
-        ++ulLongest;
+    for (U32 ulStarts = StartsOf(ulWord); ulStarts != 0; ulStarts &= ulStarts - 1)
+        ulLongest = MM_Larger(SizeAt(ulWord * 32 + MM_LowestBit(ulStarts)), ulLongest);
     return ulLongest;
 }
 
@@ -278,29 +257,89 @@ inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
     return ulLongest;
 }
 
-inline TMMRun CMMFreeRuns::Find(U32 ulBlkNum) const
+/* Questions -------------------------------------------------------------------------------------------- */
+
+inline U32 CMMFreeRuns::StartBelow(U32 ulBlk) const
 {
-    for (U32 ulAt = fAwake ? 0 : ulRuns; ulAt > 0; --ulAt)
-        if (astFew[ulAt - 1].ulSize >= ulBlkNum)
-            return astFew[ulAt - 1];
     if (!fAwake)
-        return {MM_NO_BLOCK, 0};
-    U32 ulWord = 0;
-    if (ulBlkNum <= LONG_RUN) {
-        ulWord = clShort.FindLast(ulBlkNum);
-    } else {
-        const U32 ulGroup = clLong.FindLast(ulBlkNum);
-        ulWord = ulGroup == MM_NO_ELEMENT ? ulGroup : LastLongOfGroup(ulGroup, ulBlkNum);
+        return StartBelowInFew(FewFrom(ulBlk));
+    U32 ulWord = ulBlk / 32;
+    U32 ulStarts = StartsOf(ulWord) & ((1u << ulBlk % 32) - 1);
+    if (ulStarts == 0) {
+        ulWord = clShort.FindUsedBelow(ulWord);
+        if (ulWord == MM_NO_ELEMENT)
+            return MM_NO_BLOCK;
+        ulStarts = StartsOf(ulWord);
     }
+    return ulWord * 32 + MM_HighestBit(ulStarts);
+}
+
+inline U32 CMMFreeRuns::StartFrom(U32 ulBlk) const
+{
+    if (!fAwake)
+        return StartInFew(FewFrom(ulBlk));
+    U32 ulWord = ulBlk / 32;
+    U32 ulStarts = StartsOf(ulWord) & 0xFFFFFFFF << ulBlk % 32;
+    if (ulStarts == 0) {
+        ulWord = clShort.FindUsedAbove(ulWord);
+        if (ulWord == MM_NO_ELEMENT)
+            return MM_NO_BLOCK;
+        ulStarts = StartsOf(ulWord);
+    }
+    return ulWord * 32 + MM_LowestBit(ulStarts);
+}
+
+/* The highest run of a word that is long enough; there is one. */
+inline CMMFreeRuns::TMMFound CMMFreeRuns::FindInWord(U32 ulWord, U32 ulBlkNum) const
+{
+    for (U32 ulStarts = StartsOf(ulWord); ulStarts != 0;) {
+        const U32 ulBit = MM_HighestBit(ulStarts);
+        const U32 ulSize = SizeAt(ulWord * 32 + ulBit);
+        if (ulSize >= ulBlkNum)
+            return {{ulWord * 32 + ulBit, ulSize}, 0};
+        ulStarts ^= 1u << ulBit;
+    }
+    return {{MM_NO_BLOCK, 0}, 0};
+}
+
+[[gnu::noinline]] inline CMMFreeRuns::TMMFound CMMFreeRuns::FindLong(U32 ulBlkNum) const
+{
+    const U32 ulGroup = clLong.FindLast(ulBlkNum);
+    if (ulGroup == MM_NO_ELEMENT)
+        return {{MM_NO_BLOCK, 0}, 0};
+    return FindInWord(LastLongOfGroup(ulGroup, ulBlkNum), ulBlkNum);
+}
+
+inline CMMFreeRuns::TMMFound CMMFreeRuns::Find(U32 ulBlkNum) const
+{
+    if (!fAwake) {
+        for (U32 ulAt = ulRuns; ulAt > 0; --ulAt)
+            if (astFew[ulAt - 1].ulSize >= ulBlkNum)
+                return {astFew[ulAt - 1], ulAt - 1};
+        return {{MM_NO_BLOCK, 0}, 0};
+    }
+    if (ulBlkNum > LONG_RUN)
+        return FindLong(ulBlkNum);
+    const U32 ulWord = clShort.FindLast(ulBlkNum);
     if (ulWord == MM_NO_ELEMENT)
-        return {MM_NO_BLOCK, 0};
-    for (U32 ulFree = StartingIn(ulWord); ulFree != 0;) {
-        const TMMRun stRun = TopRun(ulWord, ulFree);
-        if (stRun.ulSize >= ulBlkNum)
-            return stRun;
-        ulFree &= (1u << stRun.ulFirst % 32) - 1;
+        return {{MM_NO_BLOCK, 0}, 0};
+    return FindInWord(ulWord, ulBlkNum);
+}
+
+inline CMMFreeRuns::TMMPlace CMMFreeRuns::PlaceOfRun(const TMMFound& stFound) const
+{
+    if (!fAwake)
+        return {StartBelowInFew(stFound.ulAt), StartInFew(stFound.ulAt + 1), stFound.ulAt + 1};
+    return {StartBelow(stFound.ulFirst), StartFrom(stFound.End()), 0};
+}
+
+inline CMMFreeRuns::TMMPlace CMMFreeRuns::PlaceOfBlocks(TMMRun stBlocks) const
+{
+    if (!fAwake) {
+        const U32 ulAt = FewFrom(stBlocks.ulFirst);
+        return {StartBelowInFew(ulAt), StartInFew(ulAt), ulAt};
     }
-    return {MM_NO_BLOCK, 0};
+    return {StartBelow(stBlocks.ulFirst), StartFrom(stBlocks.End()), 0};
 }
 
 /* Changes ---------------------------------------------------------------------------------------------- */
@@ -328,22 +367,16 @@ inline void CMMFreeRuns::Leave(TMMRun stOld)
         clLong.Set(ulGroup, LongestOfGroup(ulGroup));
 }
 
-inline void CMMFreeRuns::CutEnd(TMMRun stRun, U32 ulBlkNum)
+inline void CMMFreeRuns::CutEnd(const TMMFound& stFound, U32 ulBlkNum)
 {
-    clBits.Take(stRun.End() - ulBlkNum, ulBlkNum);
-    const bool fGone = ulBlkNum == stRun.ulSize;
-    if (!fAwake) {
-        const U32 ulAt = FirstAbove(stRun.ulFirst) - 1;
-        if (fGone)
-            RemoveFew(ulAt);
-        else
-            astFew[ulAt].ulSize -= ulBlkNum;
-        return;
-    }
-    Leave(stRun);
-    ulRuns -= fGone;
-    if (fGone)
+    clBits.Take(stFound.End() - ulBlkNum, ulBlkNum);
+    if (!fAwake)
+        return CutFew(stFound, ulBlkNum);
+    Leave(stFound);
+    if (ulBlkNum == stFound.ulSize) {
+        --ulRuns;
         SleepIfFew();
+    }
 }
 
 inline void CMMFreeRuns::CutInside(TMMRun stRun, TMMRun stTaken)
@@ -360,45 +393,50 @@ inline void CMMFreeRuns::CutInside(TMMRun stRun, TMMRun stTaken)
     SleepIfFew();
 }
 
-inline void CMMFreeRuns::Give(TMMRun stBlocks, TMMRun stLower, TMMRun stUpper)
+inline void CMMFreeRuns::Give(TMMRun stBlocks, const TMMPlace& stPlace, bool fLower, U32 ulUpper)
 {
     clBits.Give(stBlocks.ulFirst, stBlocks.ulSize);
-    if (!fAwake && (ulRuns < MOST_FEW || stLower.Is() || stUpper.Is()))
-        return GiveFew(stBlocks, stLower.Is(), stUpper.Is());
-    if (!fAwake)
+    if (!fAwake) {
+        if (ulRuns < MOST_FEW || fLower || ulUpper != 0)
+            return GiveFew(stBlocks, stPlace.ulAt, fLower, ulUpper);
         Wake();
-    Enter({stLower.Is() ? stLower.ulFirst : stBlocks.ulFirst, stLower.ulSize + stBlocks.ulSize + stUpper.ulSize});
-    ulRuns += 1 - stLower.Is() - stUpper.Is();
-    if (stUpper.Is())
-        Leave(stUpper);
-    if (stLower.Is() && stUpper.Is())
+    }
+    const U32 ulFirst = fLower ? stPlace.ulLower : stBlocks.ulFirst;
+    Enter({ulFirst, stBlocks.End() + ulUpper - ulFirst});
+    if (ulUpper != 0)
+        Leave({stPlace.ulUpper, ulUpper});
+    if (!fLower && ulUpper == 0) {
+        ++ulRuns;
+    } else if (fLower && ulUpper != 0) {
+        --ulRuns;
         SleepIfFew();
+    }
 }
 
 inline bool CMMFreeRuns::Agree() const
 {
     U32 ulCounted = 0;
-    for (TMMRun stRun = RunFrom(0); stRun.Is(); stRun = RunFrom(stRun.End()), ++ulCounted)
-        if (!fAwake && (ulCounted >= ulRuns || astFew[ulCounted].ulFirst != stRun.ulFirst ||
-                        astFew[ulCounted].ulSize != stRun.ulSize))
-            return false;
-    if (ulCounted != ulRuns || !fAwake)
-        return ulCounted == ulRuns && clShort.Max() == 0 && clLong.Max() == 0;
     U32 ulLargest = 0;
-    for (U32 ulGroup = 0; ulGroup < Groups(clBits.WordCount()); ++ulGroup) {
-        U32 ulLong = 0;
-        const U32 ulPast = MM_Smaller((ulGroup + 1) * GROUP_WORDS, clBits.WordCount());
-        for (U32 ulWord = ulGroup * GROUP_WORDS; ulWord < ulPast; ++ulWord) {
-            const U32 ulLongest = LongestOfWord(ulWord);
-            if (clShort.Get(ulWord) != MM_Smaller(ulLongest, LONG_RUN))
+    U32 ulLong = 0;
+    for (U32 ulWord = FIRST_BLOCK / 32; ulWord < clBits.WordCount(); ++ulWord) {
+        const U32 ulLongest = LongestOfWord(ulWord);
+        for (U32 ulStarts = StartsOf(ulWord); ulStarts != 0; ulStarts &= ulStarts - 1, ++ulCounted) {
+            const TMMRun stRun = RunAt(ulWord * 32 + MM_LowestBit(ulStarts));
+            if (!fAwake && (ulCounted >= ulRuns || astFew[ulCounted].ulFirst != stRun.ulFirst ||
+                            astFew[ulCounted].ulSize != stRun.ulSize))
                 return false;
-            ulLong = ulLongest >= LONG_RUN ? MM_Larger(ulLong, ulLongest) : ulLong;
-            ulLargest = MM_Larger(ulLargest, ulLongest);
         }
-        if (clLong.Get(ulGroup) != ulLong)
+        ulLargest = MM_Larger(ulLongest, ulLargest);
+        ulLong = ulLongest >= LONG_RUN ? MM_Larger(ulLong, ulLongest) : ulLong;
+        if (clShort.Get(ulWord) != (fAwake ? MM_Smaller(ulLongest, LONG_RUN) : 0))
             return false;
+        if ((ulWord + 1) % GROUP_WORDS != 0 && ulWord + 1 != clBits.WordCount())
+            continue;
+        if (clLong.Get(ulWord / GROUP_WORDS) != (fAwake ? ulLong : 0))
+            return false;
+        ulLong = 0;
     }
-    return Largest() == ulLargest;
+    return ulCounted == ulRuns && Largest() == ulLargest;
 }
 
 #endif

@@ -61,33 +61,33 @@ inline U32 AddrOf(TMMGuarded& stGuarded, U32 ulNumber)
     return pstStretch->ulStart + MM_BlkToBytes(ulNumber - pstStretch->ulFirst, stGuarded.ubBlkBit);
 }
 
-/* The run's header, or null. */
-inline TMMBlkStr* HeaderOf(TMMGuarded& stGuarded, TMMRun stRun)
+/* The header of the run that starts at a block; null for none. */
+inline TMMBlkStr* HeaderOf(TMMGuarded& stGuarded, U32 ulStart)
 {
-    return stRun.Is() ? MM_At<TMMBlkStr>(AddrOf(stGuarded, stRun.ulFirst)) : nullptr;
+    return ulStart != MM_NO_BLOCK ? MM_At<TMMBlkStr>(AddrOf(stGuarded, ulStart)) : nullptr;
 }
 
 /* The stretch that has all the blocks at an address of a block; null when none has. */
-TMMStretch* FindBlocks(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pulNumber)
+inline TMMStretch* FindBlocks(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pulNumber)
 {
-    if (stGuarded.pulMemory == nullptr || ulBlkNum == 0)
+    if (stGuarded.pulMemory == nullptr)
         return nullptr;
-    for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx) {
-        TMMStretch& stStretch = stGuarded.astStretch[ubIdx];
-        const U32 ulOffset = ulAddr - stStretch.ulStart;
-        const U32 ulIdx = ulOffset >> stGuarded.ubBlkBit;
-        if (ulAddr < stStretch.ulStart || ulIdx >= stStretch.ulBlkNum)
-            continue;
-        if (MM_BlkToBytes(ulIdx, stGuarded.ubBlkBit) != ulOffset || ulBlkNum > stStretch.ulBlkNum - ulIdx)
+    TMMStretch* pstStretch = stGuarded.astStretch + stGuarded.ubStretches;
+    do {
+        if (pstStretch-- == stGuarded.astStretch)
             return nullptr;
-        *pulNumber = stStretch.ulFirst + ulIdx;
-        return &stStretch;
-    }
-    return nullptr;
+    } while ((ulAddr - pstStretch->ulStart) >> stGuarded.ubBlkBit >= pstStretch->ulBlkNum);
+
+    const U32 ulOffset = ulAddr - pstStretch->ulStart;
+    const U32 ulIdx = ulOffset >> stGuarded.ubBlkBit;
+    if (MM_BlkToBytes(ulIdx, stGuarded.ubBlkBit) != ulOffset || ulBlkNum - 1 >= pstStretch->ulBlkNum - ulIdx)
+        return nullptr; /* 0 blocks included */
+    *pulNumber = pstStretch->ulFirst + ulIdx;
+    return pstStretch;
 }
 
 /* The same where all blocks are allocated. */
-TMMStretch* FindAllocated(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pulNumber)
+inline TMMStretch* FindAllocated(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pulNumber)
 {
     TMMStretch* const pstStretch = FindBlocks(stGuarded, ulAddr, ulBlkNum, pulNumber);
     return pstStretch != nullptr && stGuarded.clRuns.Bits().AllTaken(*pulNumber, ulBlkNum) ? pstStretch : nullptr;
@@ -112,7 +112,7 @@ public:
     /* Entries of blocks that were free. */
     void Byte(const U8*, U8, U8 ubOld) { Entry(ubOld); }
     void Word(const U8*, U32 ulOld) { Entry(ulOld); }
-    bool ListDisagrees() const { return ulDifference != 0; }
+    bool Disagrees() const { return (ulDifference | ulMarked) != 0; }
     bool MapDisagrees() const { return ulMarked != 0; }
 
 private:
@@ -289,43 +289,40 @@ void ClearOwners(U32 hulHandle, const TMMGuarded& stGuarded, const TMMStretch& s
 
 /* Mending ------------------------------------------------------------------------------------------------ */
 
-/* The part of a run below a block. */
-TMMRun PartBelow(TMMRun stRun, U32 ulPast)
-{
-    return {stRun.ulFirst, (stRun.End() < ulPast ? stRun.End() : ulPast) - stRun.ulFirst};
-}
-
 enum EMMMend { MEND_LIST, MEND_LIST_AND_MAP };
 
 /* Writes the headers of the runs that start among these words of bits; clears the owners of their free blocks. */
 void MendSlice(U32 hulHandle, TMMGuarded& stGuarded, U32 ulWord, EMMMend enMend)
 {
-    const U32 ulSliceEnd = (ulWord + SLICE_WORDS) * 32;
-    const U32 ulPast = ulSliceEnd < stGuarded.ulNumbers ? ulSliceEnd : stGuarded.ulNumbers;
-    TMMRun stLower = stGuarded.clRuns.RunBelow(ulWord * 32);
+    const CMMFreeRuns& clRuns = stGuarded.clRuns;
+    const bool fMap = enMend == MEND_LIST_AND_MAP && stGuarded.ubMap != 0;
+    const U32 ulStart = ulWord * 32;
+    const U32 ulPast = MM_Smaller(ulStart + SLICE_WORDS * 32, stGuarded.ulNumbers);
+    TMMRun stRun = clRuns.RunAt(clRuns.StartBelow(ulStart));
 
-    for (TMMRun stRun = stGuarded.clRuns.RunFrom(ulWord * 32); stRun.Is() && stRun.ulFirst < ulPast;
-         stRun = stGuarded.clRuns.RunFrom(stLower.End())) {
-        if (enMend == MEND_LIST_AND_MAP && stGuarded.ubMap != 0)
-            ClearFree(stGuarded, *StretchOfNumber(stGuarded, stRun.ulFirst), PartBelow(stRun, ulPast));
-        if (stLower.Is() && stLower.End() == stRun.ulFirst) { /* it began in the slice before */
-            stLower.ulSize += stRun.ulSize;
-            continue;
+    for (;;) { /* the first run began below the slice, and may reach into it */
+        const U32 ulFirst = MM_Larger(stRun.ulFirst, ulStart);
+        if (fMap && stRun.Is() && stRun.End() > ulStart)
+            ClearFree(stGuarded, *StretchOfNumber(stGuarded, ulFirst), {ulFirst, MM_Smaller(stRun.End(), ulPast) - ulFirst});
+        TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun.ulFirst);
+        stRun = clRuns.RunAt(clRuns.StartFrom(stRun.Is() ? stRun.End() : ulStart));
+        if (stRun.ulFirst >= ulPast) {
+            if (ulPast == stGuarded.ulNumbers)
+                Link(hulHandle, pstRun, nullptr);
+            return;
         }
-        TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun);
-        WriteSize(pstRun, stRun.ulSize);
-        Link(hulHandle, HeaderOf(stGuarded, stLower), pstRun);
-        stLower = stRun;
+        TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stRun.ulFirst);
+        WriteSize(pstUpper, stRun.ulSize);
+        Link(hulHandle, pstRun, pstUpper);
     }
-    if (ulPast == stGuarded.ulNumbers)
-        Link(hulHandle, HeaderOf(stGuarded, stLower), nullptr);
 }
 
 /* Makes the list and the map of a segment again, in slices. A segment that changes in between writes what it changes. */
 void MendSegment(U32 hulHandle, EMMMend enMend)
 {
     TMMGuarded& stGuarded = astGuarded[hulHandle];
-    for (U32 ulWord = 0; ulWord < CMMBlockBits::Words(stGuarded.ulNumbers); ulWord += SLICE_WORDS) {
+    const U32 ulWords = CMMBlockBits::Words(stGuarded.ulNumbers);
+    for (U32 ulWord = CMMFreeRuns::FIRST_BLOCK / 32; ulWord < ulWords; ulWord += SLICE_WORDS) {
         const CMMBlocksLock clLock;
         if (stGuarded.pulMemory == nullptr)
             return;
@@ -333,16 +330,20 @@ void MendSegment(U32 hulHandle, EMMMend enMend)
     }
 }
 
-void MendIf(U32 hulHandle, const CMMWitness& clWitness)
+[[gnu::noinline, gnu::cold]] void Mend(U32 hulHandle, EMMMend enMend)
 {
-    if (!clWitness.ListDisagrees() && !clWitness.MapDisagrees())
-        return;
     MM_GuardReport(REBUILT, hulHandle, 0, stSegTable[hulHandle].ulTotalFreeBlkNum);
-    MendSegment(hulHandle, clWitness.MapDisagrees() ? MEND_LIST_AND_MAP : MEND_LIST);
+    MendSegment(hulHandle, enMend);
+}
+
+inline void MendIf(U32 hulHandle, const CMMWitness& clWitness)
+{
+    if (clWitness.Disagrees())
+        Mend(hulHandle, clWitness.MapDisagrees() ? MEND_LIST_AND_MAP : MEND_LIST);
 }
 
 /* What an allocation and a release change in the segment's entry. */
-void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
+inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
 {
     TMMSegInfo& stSeg = stSegTable[hulHandle];
     pstStretch->ulFree += ulMoreFree;
@@ -357,14 +358,13 @@ void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
 
 /* Allocation --------------------------------------------------------------------------------------------- */
 
-/* Takes a whole run out of the list. */
-void Unlink(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stRun, CMMWitness& clWitness)
+/* Takes a whole run out of the list, where it has its place. */
+inline void Unlink(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stRun, const CMMFreeRuns::TMMPlace& stPlace,
+                   CMMWitness& clWitness)
 {
-    TMMRun stLower, stUpper;
-    stGuarded.clRuns.Beside(stRun, &stLower, &stUpper);
-    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stLower);
-    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stUpper);
-    TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun);
+    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stPlace.ulLower);
+    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stPlace.ulUpper);
+    TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun.ulFirst);
     clWitness.Node(pstRun, pstUpper, pstLower, stRun.ulSize);
     if (pstLower != nullptr)
         clWitness.Next(pstLower, pstRun);
@@ -374,12 +374,12 @@ void Unlink(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stRun, CMMWitness& clWi
 }
 
 /* The caller has the lock. */
-U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
+inline U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
 {
     TMMGuarded& stGuarded = astGuarded[hulHandle];
     if (stGuarded.pulMemory == nullptr)
         return nullptr;
-    const TMMRun stRun = stGuarded.clRuns.Find(ulBlkNum);
+    const CMMFreeRuns::TMMFound stRun = stGuarded.clRuns.Find(ulBlkNum);
     if (!stRun.Is())
         return nullptr;
 
@@ -387,9 +387,9 @@ U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
     const U32 ulRest = stRun.ulSize - ulBlkNum;
     const TMMRun stTaken = {stRun.ulFirst + ulRest, ulBlkNum};
     if (ulRest == 0) {
-        Unlink(hulHandle, stGuarded, stRun, clWitness);
+        Unlink(hulHandle, stGuarded, stRun, stGuarded.clRuns.PlaceOfRun(stRun), clWitness);
     } else {
-        TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun);
+        TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun.ulFirst);
         clWitness.Size(pstRun, stRun.ulSize);
         WriteSize(pstRun, ulRest);
     }
@@ -404,28 +404,23 @@ U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
 
 /* Puts allocated blocks back into the list. The order and extent of the writes are the default build's, whose traces in free
  * memory some read. */
-void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& clWitness)
+inline void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& clWitness)
 {
     const CMMFreeRuns& clRuns = stGuarded.clRuns;
-    TMMRun stLower, stUpper;
-    clRuns.Around(stBlocks, &stLower, &stUpper);
-    const bool fLower = stLower.Is() && stLower.End() == stBlocks.ulFirst;
-    const bool fUpper = stUpper.Is() && stUpper.ulFirst == stBlocks.End();
-    TMMBlkStr* const pstNew = HeaderOf(stGuarded, stBlocks);
-    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stLower);
-    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stUpper);
+    const CMMFreeRuns::TMMPlace stPlace = clRuns.PlaceOfBlocks(stBlocks);
+    const bool fLower = !clRuns.Bits().IsTaken(stBlocks.ulFirst - 1);
+    const U32 ulUpper = stPlace.ulUpper == stBlocks.End() ? clRuns.SizeAt(stPlace.ulUpper) : 0;
+    TMMBlkStr* const pstNew = HeaderOf(stGuarded, stBlocks.ulFirst);
+    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stPlace.ulLower);
+    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stPlace.ulUpper);
     TMMBlkStr* pstNext = pstUpper;
-    U32 ulSize = stBlocks.ulSize;
+    const U32 ulSize = stBlocks.ulSize + ulUpper;
 
-    if (pstLower != nullptr) {
+    if (pstLower != nullptr)
         clWitness.Next(pstLower, pstUpper);
-        if (fLower)
-            clWitness.Size(pstLower, stLower.ulSize);
-    }
-    if (fUpper) {
-        pstNext = HeaderOf(stGuarded, clRuns.RunFrom(stUpper.End()));
-        ulSize += stUpper.ulSize;
-        clWitness.Node(pstUpper, pstNext, pstLower, stUpper.ulSize);
+    if (ulUpper != 0) {
+        pstNext = HeaderOf(stGuarded, clRuns.StartPastUpper(stPlace, stBlocks.End() + ulUpper));
+        clWitness.Node(pstUpper, pstNext, pstLower, ulUpper);
     } else if (pstUpper != nullptr) {
         clWitness.Back(pstUpper, pstLower);
     }
@@ -434,18 +429,19 @@ void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& c
     WriteBack(pstNew, pstLower);
     WriteSize(pstNew, ulSize);
     if (fLower) {
-        WriteSize(pstLower, stLower.ulSize + ulSize);
+        const U32 ulLower = stBlocks.ulFirst - stPlace.ulLower;
+        clWitness.Size(pstLower, ulLower);
+        WriteSize(pstLower, ulLower + ulSize);
         Link(hulHandle, pstLower, pstNext);
     } else {
         Link(hulHandle, pstLower, pstNew);
         Link(hulHandle, pstNew, pstNext);
     }
-    const TMMRun stNone = {MM_NO_BLOCK, 0};
-    stGuarded.clRuns.Give(stBlocks, fLower ? stLower : stNone, fUpper ? stUpper : stNone);
+    stGuarded.clRuns.Give(stBlocks, stPlace, fLower, ulUpper);
 }
 
 /* Releases allocated blocks; the caller has the lock. */
-void Release(U32 hulHandle, TMMStretch* pstStretch, TMMRun stBlocks, CMMWitness& clWitness)
+inline void Release(U32 hulHandle, TMMStretch* pstStretch, TMMRun stBlocks, CMMWitness& clWitness)
 {
     TMMGuarded& stGuarded = astGuarded[hulHandle];
     if (stGuarded.ubMap != 0)
@@ -459,29 +455,32 @@ void Release(U32 hulHandle, TMMStretch* pstStretch, TMMRun stBlocks, CMMWitness&
 /* Takes blocks out of a run, the caller has the lock: false when the run does not hold them. */
 bool Claim(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& clWitness)
 {
-    if (!stGuarded.clRuns.Bits().AllFree(stBlocks.ulFirst, stBlocks.ulSize))
+    CMMFreeRuns& clRuns = stGuarded.clRuns;
+    if (!clRuns.Bits().AllFree(stBlocks.ulFirst, stBlocks.ulSize))
         return false;
-    const TMMRun stRun = stGuarded.clRuns.RunBelow(stGuarded.clRuns.Bits().NextTaken(stBlocks.ulFirst));
-    if (stRun.ulFirst == stBlocks.ulFirst && stRun.ulSize == stBlocks.ulSize) {
-        Unlink(hulHandle, stGuarded, stRun, clWitness);
+    const TMMRun stRun = clRuns.RunAt(clRuns.StartBelow(stBlocks.ulFirst + 1));
+    const CMMFreeRuns::TMMPlace stPlace = {clRuns.StartBelow(stRun.ulFirst), clRuns.StartFrom(stRun.End()), 0};
+    if (stRun.ulSize == stBlocks.ulSize) {
+        Unlink(hulHandle, stGuarded, stRun, stPlace, clWitness);
     } else {
-        TMMBlkStr* const pstBelow = HeaderOf(stGuarded, stGuarded.clRuns.RunBelow(stRun.ulFirst));
-        TMMBlkStr* const pstAbove = HeaderOf(stGuarded, stGuarded.clRuns.RunFrom(stRun.End()));
-        const TMMRun stRest = {stBlocks.End(), stRun.End() - stBlocks.End()};
-        TMMBlkStr* pstFront = HeaderOf(stGuarded, stRun);
-        TMMBlkStr* const pstRest = HeaderOf(stGuarded, stRest);
+        TMMBlkStr* const pstBelow = HeaderOf(stGuarded, stPlace.ulLower);
+        TMMBlkStr* const pstAbove = HeaderOf(stGuarded, stPlace.ulUpper);
+        const U32 ulRest = stRun.End() - stBlocks.End();
+        TMMBlkStr* pstFront = HeaderOf(stGuarded, stRun.ulFirst);
         clWitness.Node(pstFront, pstAbove, pstBelow, stRun.ulSize);
         if (stBlocks.ulFirst == stRun.ulFirst)
             pstFront = pstBelow;
         else
             WriteSize(pstFront, stBlocks.ulFirst - stRun.ulFirst);
-        if (stRest.Is()) {
-            WriteSize(pstRest, stRest.ulSize);
+        if (ulRest != 0) {
+            TMMBlkStr* const pstRest = HeaderOf(stGuarded, stBlocks.End());
+            WriteSize(pstRest, ulRest);
             Link(hulHandle, pstFront, pstRest);
+            pstFront = pstRest;
         }
-        Link(hulHandle, stRest.Is() ? pstRest : pstFront, pstAbove);
+        Link(hulHandle, pstFront, pstAbove);
     }
-    stGuarded.clRuns.CutInside(stRun, stBlocks);
+    clRuns.CutInside(stRun, stBlocks);
     return true;
 }
 
@@ -569,16 +568,30 @@ void AddStretch(TMMGuarded& stGuarded, U32 ulStart, U32 ulBlkNum, U8* pubMapEndA
     stGuarded.ulNumbers = (stStretch.PastNumber() + 32) & ~31u; /* with one that is none at the least */
 }
 
+/* Refusals ----------------------------------------------------------------------------------------------- */
+
+[[gnu::noinline, gnu::cold]] U8* RefuseAllocation(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
+{
+    MM_GuardReport(ulReqBlkNum == 0 ? NOTHING_ASKED : WIDE_OWNER, hulHandle, 0, ubMapID);
+    return nullptr;
+}
+
+/* The caller has the lock. */
+[[gnu::noinline, gnu::cold]] U32 RefuseRelease(U32 hulHandle, const U8* pubRlsAddr, U32 ulBlkNum)
+{
+    MMP_UnlockIrq(search_lock);
+    MM_GuardReport(NOT_ALLOCATED, hulHandle, MM_Addr(pubRlsAddr), ulBlkNum);
+    return EASSERT;
+}
+
 } // namespace
 
 /* Entries ------------------------------------------------------------------------------------------------ */
 
 U8* MM_GuardedAllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 {
-    if (ulReqBlkNum == 0 || !CanHold(astGuarded[hulHandle], ubMapID)) {
-        MM_GuardReport(ulReqBlkNum == 0 ? NOTHING_ASKED : WIDE_OWNER, hulHandle, 0, ubMapID);
-        return nullptr;
-    }
+    if (ulReqBlkNum == 0 || !CanHold(astGuarded[hulHandle], ubMapID))
+        return RefuseAllocation(hulHandle, ulReqBlkNum, ubMapID);
     CMMWitness clWitness;
     MMP_LockIrq(search_lock);
     U8* const pubResult = Allocate(hulHandle, ulReqBlkNum, ubMapID, clWitness);
@@ -593,13 +606,10 @@ U32 MM_GuardedFreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNum)
     U32 ulNumber = 0;
     MMP_LockIrq(search_lock);
     TMMStretch* const pstStretch = FindAllocated(astGuarded[hulHandle], MM_Addr(pubRlsAddr), ulBlkNum, &ulNumber);
-    if (pstStretch != nullptr)
-        Release(hulHandle, pstStretch, {ulNumber, ulBlkNum}, clWitness);
+    if (pstStretch == nullptr)
+        return RefuseRelease(hulHandle, pubRlsAddr, ulBlkNum);
+    Release(hulHandle, pstStretch, {ulNumber, ulBlkNum}, clWitness);
     MMP_UnlockIrq(search_lock);
-    if (pstStretch == nullptr) {
-        MM_GuardReport(NOT_ALLOCATED, hulHandle, MM_Addr(pubRlsAddr), ulBlkNum);
-        return EASSERT;
-    }
     MendIf(hulHandle, clWitness);
     return ENOERR;
 }
@@ -733,6 +743,7 @@ bool MM_GuardOpen(U32 hulHandle)
     MM_GuardClose(hulHandle);
     if (stSeg.stInfoFromApp.ubSegDSType == STACK)
         return true;
+    stGuarded.ulNumbers = CMMFreeRuns::FIRST_BLOCK;
     stGuarded.ubBlkBit = stSeg.ubBlkBit;
     stGuarded.ubMap = stSeg.stInfoFromApp.ubMap;
     stGuarded.ubEntriesBit = stGuarded.ubMap == 0 ? 0 : static_cast<U8>(3 - MM_Log2(stGuarded.ubMap));
@@ -748,9 +759,10 @@ bool MM_GuardOpen(U32 hulHandle)
     if (stGuarded.pulMemory == nullptr)
         return false;
     stGuarded.clRuns.Init(stGuarded.pulMemory, stGuarded.ulNumbers);
-    for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx)
-        stGuarded.clRuns.Give({stGuarded.astStretch[ubIdx].ulFirst, stGuarded.astStretch[ubIdx].ulBlkNum},
-                              {MM_NO_BLOCK, 0}, {MM_NO_BLOCK, 0});
+    for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx) {
+        const TMMRun stBlocks = {stGuarded.astStretch[ubIdx].ulFirst, stGuarded.astStretch[ubIdx].ulBlkNum};
+        stGuarded.clRuns.Give(stBlocks, stGuarded.clRuns.PlaceOfBlocks(stBlocks), false, 0);
+    }
     {
         const CMMBlocksLock clLock;
         astGuarded[hulHandle] = stGuarded;
