@@ -76,8 +76,15 @@ TEST(GuardTables, BitsAnswerAsAnArrayDoesAtEverySizeOfALevel)
             const U32 first = random() % count;
             const U32 blocks = 1 + random() % std::min<U32>(count - first, random() % 4 == 0 ? count : 70);
             const bool take = random() % 2 == 0;
-            take ? bits.Take(first, blocks) : bits.Give(first, blocks);
-            model.set(first, blocks, take);
+            if (take) {
+                bits.Take(first, blocks);
+                model.set(first, blocks, true);
+            } else {
+                const bool given = bits.Give(first, blocks);
+                ASSERT_EQ(given, model.all(first, blocks, true)) << count;
+                if (given)
+                    model.set(first, blocks, false);
+            }
             const U32 from = random() % count;
             if (const U32 taken = model.next(from, true); taken != MM_NO_BLOCK) {
                 ASSERT_EQ(bits.NextTaken(from), taken) << count;
@@ -100,14 +107,18 @@ TEST(GuardTables, RunsAreFoundAsAWalkFromTheTopFindsThem)
         runs.Init(storage.data(), count);
         Model model(count);
         const auto give = [&](TMMRun blocks) {
-            const auto place = runs.PlaceOfBlocks(blocks);
-            EXPECT_EQ(place.ulLower, model.startBelow(blocks.ulFirst));
-            EXPECT_EQ(place.ulUpper, model.next(blocks.End(), false));
-            const U32 upper = place.ulUpper == blocks.End() ? runs.SizeAt(place.ulUpper) : 0;
-            if (upper != 0) {
-                EXPECT_EQ(runs.StartPastUpper(place, blocks.End() + upper), model.next(blocks.End() + upper, false));
+            CMMFreeRuns::TMMGiven given;
+            ASSERT_TRUE(runs.Give(blocks, &given));
+            EXPECT_EQ(given.ulLower, model.startBelow(blocks.ulFirst));
+            EXPECT_EQ(given.ulLowerSize, model.taken(blocks.ulFirst - 1) ? 0 : blocks.ulFirst - given.ulLower);
+            EXPECT_EQ(given.ulUpper, model.next(blocks.End(), false));
+            if (given.ulUpper == blocks.End()) {
+                EXPECT_EQ(given.ulUpperSize, model.next(blocks.End(), true) - blocks.End());
+                EXPECT_EQ(given.ulPastUpper, model.next(model.next(blocks.End(), true), false));
+            } else {
+                EXPECT_EQ(given.ulUpperSize, 0);
             }
-            runs.Give(blocks, place, !model.taken(blocks.ulFirst - 1), upper);
+            EXPECT_FALSE(runs.Give(blocks, &given)) << "twice";
             model.set(blocks.ulFirst, blocks.ulSize, false);
         };
         give({bottom, count - 1 - bottom});
@@ -118,8 +129,8 @@ TEST(GuardTables, RunsAreFoundAsAWalkFromTheTopFindsThem)
             ASSERT_EQ(run.ulFirst, expected.ulFirst) << count << " " << step;
             ASSERT_EQ(run.ulSize, expected.ulSize) << count << " " << step;
             if (run.Is()) {
-                ASSERT_EQ(runs.PlaceOfRun(run).ulLower, model.startBelow(run.ulFirst));
-                ASSERT_EQ(runs.PlaceOfRun(run).ulUpper, model.next(run.End(), false));
+                ASSERT_EQ(runs.PlaceOf(run).ulLower, model.startBelow(run.ulFirst));
+                ASSERT_EQ(runs.PlaceOf(run).ulUpper, model.next(run.End(), false));
             }
             if (run.Is() && random() % 8 == 0) {
                 const U32 skip = random() % (run.ulSize - blocks + 1);

@@ -58,26 +58,26 @@ public:
                         [this](U32 ulWord, U32 ulMask) { return (apulLevel[0][ulWord] & ulMask) == 0; });
     }
 
-    /* Free blocks become allocated, and the other way round. */
-    void Take(U32 ulBlk, U32 ulCount)
+    /* Free blocks become allocated. */
+    [[gnu::always_inline]] void Take(U32 ulBlk, U32 ulCount)
     {
-        EachWord(ulBlk, ulCount, [this](U32 ulWord, U32 ulMask) {
-            const U32 ulOld = apulLevel[0][ulWord];
-            apulLevel[0][ulWord] = ulOld | ulMask;
-            if (ulOld == 0)
-                Appears(ulWord);
-            return true;
-        });
+        const U32 ulWord = ulBlk / 32;
+        if ((ulBlk + ulCount - 1) / 32 != ulWord)
+            return TakeWords(ulBlk, ulCount);
+        TakeOf(ulWord, MaskFrom(ulBlk) & MaskBelow(ulBlk + ulCount));
     }
-    void Give(U32 ulBlk, U32 ulCount)
+
+    /* Blocks become free; false with nothing changed when one of them is so already. */
+    [[gnu::always_inline]] bool Give(U32 ulBlk, U32 ulCount)
     {
-        EachWord(ulBlk, ulCount, [this](U32 ulWord, U32 ulMask) {
-            const U32 ulNew = apulLevel[0][ulWord] & ~ulMask;
-            apulLevel[0][ulWord] = ulNew;
-            if (ulNew == 0)
-                Vanishes(ulWord);
-            return true;
-        });
+        const U32 ulWord = ulBlk / 32;
+        if ((ulBlk + ulCount - 1) / 32 != ulWord)
+            return GiveWords(ulBlk, ulCount);
+        const U32 ulMask = MaskFrom(ulBlk) & MaskBelow(ulBlk + ulCount);
+        if ((FreeOf(ulWord) & ulMask) != 0)
+            return false;
+        GiveOf(ulWord, ulMask);
+        return true;
     }
 
     /* The first allocated block from ulBlk on, which there must be. Most lie in the block's own word or in the next one. */
@@ -100,12 +100,45 @@ private:
     {
         U32 ulWord = ulBlk / 32;
         const U32 ulLast = (ulBlk + ulCount - 1) / 32;
-        const U32 ulLastMask = ALL >> (0 - ulBlk - ulCount) % 32;
-        U32 ulMask = ALL << ulBlk % 32;
+        U32 ulMask = MaskFrom(ulBlk);
         for (; ulWord < ulLast; ++ulWord, ulMask = ALL)
             if (!fnVisit(ulWord, ulMask))
                 return false;
-        return fnVisit(ulWord, ulMask & ulLastMask);
+        return fnVisit(ulWord, ulMask & MaskBelow(ulBlk + ulCount));
+    }
+
+    /* In the word of a block: it and those above it. In the word of the block below one: that and those below it. */
+    static U32 MaskFrom(U32 ulBlk) { return ALL << ulBlk % 32; }
+    static U32 MaskBelow(U32 ulPast) { return ALL >> (0 - ulPast) % 32; }
+
+    void TakeOf(U32 ulWord, U32 ulMask)
+    {
+        const U32 ulOld = apulLevel[0][ulWord];
+        apulLevel[0][ulWord] = ulOld | ulMask;
+        if (ulOld == 0)
+            Appears(ulWord);
+    }
+    void GiveOf(U32 ulWord, U32 ulMask)
+    {
+        const U32 ulNew = apulLevel[0][ulWord] & ~ulMask;
+        apulLevel[0][ulWord] = ulNew;
+        if (ulNew == 0)
+            Vanishes(ulWord);
+    }
+
+    [[gnu::noinline]] void TakeWords(U32 ulBlk, U32 ulCount)
+    {
+        EachWord(ulBlk, ulCount, [this](U32 ulWord, U32 ulMask) {
+            TakeOf(ulWord, ulMask);
+            return true;
+        });
+    }
+    [[gnu::noinline]] bool GiveWords(U32 ulBlk, U32 ulCount)
+    {
+        return AllTaken(ulBlk, ulCount) && EachWord(ulBlk, ulCount, [this](U32 ulWord, U32 ulMask) {
+                   GiveOf(ulWord, ulMask);
+                   return true;
+               });
     }
 
     [[gnu::noinline]] void Appears(U32 ulIdx)

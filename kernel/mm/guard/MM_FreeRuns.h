@@ -64,26 +64,23 @@ public:
     /* The highest run of at least ulBlkNum (1 or more) blocks, or none. */
     TMMFound Find(U32 ulBlkNum) const;
 
-    /* Where blocks lie: the starts of the runs below and above them, and of the first one above in the short table. */
+    /* Where a run or blocks lie: the starts of the runs below and above, and where the latter stands in the short table. */
     struct TMMPlace {
         U32 ulLower, ulUpper, ulAt;
     };
-    /* Of a run that was found; of blocks that are allocated. */
-    TMMPlace PlaceOfRun(const TMMFound& stFound) const;
-    TMMPlace PlaceOfBlocks(TMMRun stBlocks) const;
-    /* The start above the place's upper run, which ends below ulEnd. */
-    U32 StartPastUpper(const TMMPlace& stPlace, U32 ulEnd) const
-    {
-        return fAwake ? StartFrom(ulEnd) : StartInFew(stPlace.ulAt + 1);
-    }
+    TMMPlace PlaceOf(const TMMFound& stFound) const;
 
     /* Takes ulBlkNum blocks off the high end of a run that was found. */
     void CutEnd(const TMMFound& stFound, U32 ulBlkNum);
     /* Takes blocks out of the inside of a run; before and after them something may be left. */
     void CutInside(TMMRun stRun, TMMRun stTaken);
-    /* Gives allocated blocks back at their place. fLower: they touch the lower run. ulUpper: blocks of the upper run if they
-     * touch it, else 0. */
-    void Give(TMMRun stBlocks, const TMMPlace& stPlace, bool fLower, U32 ulUpper);
+    /* Where blocks lie that were given back: the sizes of the runs that they touch, else 0; the start above an upper run that
+     * they touch. */
+    struct TMMGiven : TMMPlace {
+        U32 ulLowerSize, ulUpperSize, ulPastUpper;
+    };
+    /* Gives blocks back; false with nothing changed unless all of them are allocated. */
+    bool Give(TMMRun stBlocks, TMMGiven* pstGiven);
 
     /* True when the tables say what the bits say. */
     bool Agree() const;
@@ -113,8 +110,9 @@ private:
     void CutFew(const TMMFound& stFound, U32 ulBlkNum);
     void GiveFew(TMMRun stBlocks, U32 ulAt, bool fLower, U32 ulUpper);
     void MeasureFew();
+    void GiveAwake(TMMRun stBlocks, const TMMGiven& stGiven);
     void Wake();
-    void SleepIfFew();
+    void Sleep();
 
     U32 StartsOf(U32 ulWord) const;
     U32 LongestOfWord(U32 ulWord) const;
@@ -171,7 +169,7 @@ inline void CMMFreeRuns::RemoveFew(U32 ulAt)
         astFew[ulAt] = astFew[ulAt + 1];
 }
 
-inline void CMMFreeRuns::CutFew(const TMMFound& stFound, U32 ulBlkNum)
+[[gnu::always_inline]] inline void CMMFreeRuns::CutFew(const TMMFound& stFound, U32 ulBlkNum)
 {
     if (ulBlkNum == stFound.ulSize)
         RemoveFew(stFound.ulAt);
@@ -181,7 +179,7 @@ inline void CMMFreeRuns::CutFew(const TMMFound& stFound, U32 ulBlkNum)
         MeasureFew();
 }
 
-inline void CMMFreeRuns::GiveFew(TMMRun stBlocks, U32 ulAt, bool fLower, U32 ulUpper)
+[[gnu::always_inline]] inline void CMMFreeRuns::GiveFew(TMMRun stBlocks, U32 ulAt, bool fLower, U32 ulUpper)
 {
     TMMRun stRun = {stBlocks.ulFirst, stBlocks.ulSize + ulUpper};
     if (fLower) {
@@ -197,17 +195,15 @@ inline void CMMFreeRuns::GiveFew(TMMRun stBlocks, U32 ulAt, bool fLower, U32 ulU
     ulLargestOfFew = MM_Larger(stRun.ulSize, ulLargestOfFew);
 }
 
-inline void CMMFreeRuns::Wake()
+[[gnu::noinline]] inline void CMMFreeRuns::Wake()
 {
     fAwake = true;
     for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt)
         Enter(astFew[ulAt]);
 }
 
-inline void CMMFreeRuns::SleepIfFew()
+[[gnu::noinline]] inline void CMMFreeRuns::Sleep()
 {
-    if (ulRuns >= FEW_AGAIN)
-        return;
     U32 ulBlk = FIRST_BLOCK;
     for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt) {
         astFew[ulAt] = RunAt(StartFrom(ulBlk));
@@ -259,7 +255,7 @@ inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
 
 /* Questions -------------------------------------------------------------------------------------------- */
 
-inline U32 CMMFreeRuns::StartBelow(U32 ulBlk) const
+[[gnu::always_inline]] inline U32 CMMFreeRuns::StartBelow(U32 ulBlk) const
 {
     if (!fAwake)
         return StartBelowInFew(FewFrom(ulBlk));
@@ -274,7 +270,7 @@ inline U32 CMMFreeRuns::StartBelow(U32 ulBlk) const
     return ulWord * 32 + MM_HighestBit(ulStarts);
 }
 
-inline U32 CMMFreeRuns::StartFrom(U32 ulBlk) const
+[[gnu::always_inline]] inline U32 CMMFreeRuns::StartFrom(U32 ulBlk) const
 {
     if (!fAwake)
         return StartInFew(FewFrom(ulBlk));
@@ -310,7 +306,7 @@ inline CMMFreeRuns::TMMFound CMMFreeRuns::FindInWord(U32 ulWord, U32 ulBlkNum) c
     return FindInWord(LastLongOfGroup(ulGroup, ulBlkNum), ulBlkNum);
 }
 
-inline CMMFreeRuns::TMMFound CMMFreeRuns::Find(U32 ulBlkNum) const
+[[gnu::always_inline]] inline CMMFreeRuns::TMMFound CMMFreeRuns::Find(U32 ulBlkNum) const
 {
     if (!fAwake) {
         for (U32 ulAt = ulRuns; ulAt > 0; --ulAt)
@@ -326,26 +322,17 @@ inline CMMFreeRuns::TMMFound CMMFreeRuns::Find(U32 ulBlkNum) const
     return FindInWord(ulWord, ulBlkNum);
 }
 
-inline CMMFreeRuns::TMMPlace CMMFreeRuns::PlaceOfRun(const TMMFound& stFound) const
+[[gnu::always_inline]] inline CMMFreeRuns::TMMPlace CMMFreeRuns::PlaceOf(const TMMFound& stFound) const
 {
     if (!fAwake)
         return {StartBelowInFew(stFound.ulAt), StartInFew(stFound.ulAt + 1), stFound.ulAt + 1};
     return {StartBelow(stFound.ulFirst), StartFrom(stFound.End()), 0};
 }
 
-inline CMMFreeRuns::TMMPlace CMMFreeRuns::PlaceOfBlocks(TMMRun stBlocks) const
-{
-    if (!fAwake) {
-        const U32 ulAt = FewFrom(stBlocks.ulFirst);
-        return {StartBelowInFew(ulAt), StartInFew(ulAt), ulAt};
-    }
-    return {StartBelow(stBlocks.ulFirst), StartFrom(stBlocks.End()), 0};
-}
-
 /* Changes ---------------------------------------------------------------------------------------------- */
 
 /* A run is new or longer. */
-inline void CMMFreeRuns::Enter(TMMRun stRun)
+[[gnu::always_inline]] inline void CMMFreeRuns::Enter(TMMRun stRun)
 {
     const U32 ulWord = stRun.ulFirst / 32;
     const U32 ulLongest = clShort.Get(ulWord);
@@ -356,7 +343,7 @@ inline void CMMFreeRuns::Enter(TMMRun stRun)
 }
 
 /* A run is gone or shorter; the bits say so already. */
-inline void CMMFreeRuns::Leave(TMMRun stOld)
+[[gnu::always_inline]] inline void CMMFreeRuns::Leave(TMMRun stOld)
 {
     const U32 ulWord = stOld.ulFirst / 32;
     const U32 ulGroup = ulWord / GROUP_WORDS;
@@ -367,16 +354,14 @@ inline void CMMFreeRuns::Leave(TMMRun stOld)
         clLong.Set(ulGroup, LongestOfGroup(ulGroup));
 }
 
-inline void CMMFreeRuns::CutEnd(const TMMFound& stFound, U32 ulBlkNum)
+[[gnu::always_inline]] inline void CMMFreeRuns::CutEnd(const TMMFound& stFound, U32 ulBlkNum)
 {
     clBits.Take(stFound.End() - ulBlkNum, ulBlkNum);
     if (!fAwake)
         return CutFew(stFound, ulBlkNum);
     Leave(stFound);
-    if (ulBlkNum == stFound.ulSize) {
-        --ulRuns;
-        SleepIfFew();
-    }
+    if (ulBlkNum == stFound.ulSize && --ulRuns < FEW_AGAIN)
+        Sleep();
 }
 
 inline void CMMFreeRuns::CutInside(TMMRun stRun, TMMRun stTaken)
@@ -390,27 +375,45 @@ inline void CMMFreeRuns::CutInside(TMMRun stRun, TMMRun stTaken)
         Enter({stTaken.End(), stRun.End() - stTaken.End()});
         ++ulRuns;
     }
-    SleepIfFew();
+    if (ulRuns < FEW_AGAIN)
+        Sleep();
 }
 
-inline void CMMFreeRuns::Give(TMMRun stBlocks, const TMMPlace& stPlace, bool fLower, U32 ulUpper)
+/* The bits are changed first: a start below the blocks is none of them, and above them none is new. */
+[[gnu::always_inline]] inline bool CMMFreeRuns::Give(TMMRun stBlocks, TMMGiven* pstGiven)
 {
-    clBits.Give(stBlocks.ulFirst, stBlocks.ulSize);
-    if (!fAwake) {
-        if (ulRuns < MOST_FEW || fLower || ulUpper != 0)
-            return GiveFew(stBlocks, stPlace.ulAt, fLower, ulUpper);
+    if (!clBits.Give(stBlocks.ulFirst, stBlocks.ulSize))
+        return false;
+    const U32 ulEnd = stBlocks.End();
+    const U32 ulAt = fAwake ? 0 : FewFrom(stBlocks.ulFirst);
+    const bool fLower = !clBits.IsTaken(stBlocks.ulFirst - 1);
+    const bool fUpper = !clBits.IsTaken(ulEnd);
+    const U32 ulUpperSize = fUpper ? SizeAt(ulEnd) : 0;
+    const U32 ulLower = fAwake ? StartBelow(stBlocks.ulFirst) : StartBelowInFew(ulAt);
+    const U32 ulUpper = fUpper ? ulEnd : fAwake ? StartFrom(ulEnd) : StartInFew(ulAt);
+    const U32 ulPastUpper =
+        !fUpper ? MM_NO_BLOCK : fAwake ? StartFrom(ulEnd + ulUpperSize) : StartInFew(ulAt + 1);
+
+    *pstGiven = {{ulLower, ulUpper, ulAt}, fLower ? stBlocks.ulFirst - ulLower : 0, ulUpperSize, ulPastUpper};
+    if (fAwake || (ulRuns == MOST_FEW && !fLower && !fUpper))
+        GiveAwake(stBlocks, *pstGiven);
+    else
+        GiveFew(stBlocks, ulAt, fLower, ulUpperSize);
+    return true;
+}
+
+[[gnu::always_inline]] inline void CMMFreeRuns::GiveAwake(TMMRun stBlocks, const TMMGiven& stGiven)
+{
+    if (!fAwake)
         Wake();
-    }
-    const U32 ulFirst = fLower ? stPlace.ulLower : stBlocks.ulFirst;
-    Enter({ulFirst, stBlocks.End() + ulUpper - ulFirst});
-    if (ulUpper != 0)
-        Leave({stPlace.ulUpper, ulUpper});
-    if (!fLower && ulUpper == 0) {
-        ++ulRuns;
-    } else if (fLower && ulUpper != 0) {
-        --ulRuns;
-        SleepIfFew();
-    }
+    const bool fLower = stGiven.ulLowerSize != 0;
+    const bool fUpper = stGiven.ulUpperSize != 0;
+    Enter({stBlocks.ulFirst - stGiven.ulLowerSize, stGiven.ulLowerSize + stBlocks.ulSize + stGiven.ulUpperSize});
+    if (fUpper)
+        Leave({stGiven.ulUpper, stGiven.ulUpperSize});
+    ulRuns += 1 - fLower - fUpper;
+    if (ulRuns < FEW_AGAIN)
+        Sleep();
 }
 
 inline bool CMMFreeRuns::Agree() const

@@ -14,6 +14,7 @@ namespace {
 /* A stretch of a segment's blocks: all of them, or a piece of the heap. */
 struct TMMStretch {
     U32 ulStart; /* address */
+    U32 ulZero;  /* where block 0 would lie, so that a block's address is one step away; wraps */
     U32 ulFirst; /* number of its first block; stretches begin at whole words of bits, with a taken block before */
     U32 ulBlkNum;
     U32 ulFree; /* blocks */
@@ -30,6 +31,7 @@ struct TMMGuarded {
     U8 ubMap;        /* width of an owner's entry, 0 to 8 */
     U8 ubEntriesBit; /* log2 of the entries of a byte */
     U8 ubStretches;
+    TMMStretch* pstLast; /* stretch */
     TMMStretch astStretch[MAX_PIECE_NUM];
 };
 
@@ -49,7 +51,7 @@ public:
 
 inline TMMStretch* StretchOfNumber(TMMGuarded& stGuarded, U32 ulNumber)
 {
-    TMMStretch* pstStretch = stGuarded.astStretch + stGuarded.ubStretches - 1;
+    TMMStretch* pstStretch = stGuarded.pstLast;
     while (ulNumber < pstStretch->ulFirst)
         --pstStretch;
     return pstStretch;
@@ -57,8 +59,7 @@ inline TMMStretch* StretchOfNumber(TMMGuarded& stGuarded, U32 ulNumber)
 
 inline U32 AddrOf(TMMGuarded& stGuarded, U32 ulNumber)
 {
-    const TMMStretch* pstStretch = StretchOfNumber(stGuarded, ulNumber);
-    return pstStretch->ulStart + MM_BlkToBytes(ulNumber - pstStretch->ulFirst, stGuarded.ubBlkBit);
+    return StretchOfNumber(stGuarded, ulNumber)->ulZero + MM_BlkToBytes(ulNumber, stGuarded.ubBlkBit);
 }
 
 /* The header of the run that starts at a block; null for none. */
@@ -72,11 +73,10 @@ inline TMMStretch* FindBlocks(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U
 {
     if (stGuarded.pulMemory == nullptr)
         return nullptr;
-    TMMStretch* pstStretch = stGuarded.astStretch + stGuarded.ubStretches;
-    do {
-        if (pstStretch-- == stGuarded.astStretch)
+    TMMStretch* pstStretch = stGuarded.pstLast;
+    for (; (ulAddr - pstStretch->ulStart) >> stGuarded.ubBlkBit >= pstStretch->ulBlkNum; --pstStretch)
+        if (pstStretch == stGuarded.astStretch)
             return nullptr;
-    } while ((ulAddr - pstStretch->ulStart) >> stGuarded.ubBlkBit >= pstStretch->ulBlkNum);
 
     const U32 ulOffset = ulAddr - pstStretch->ulStart;
     const U32 ulIdx = ulOffset >> stGuarded.ubBlkBit;
@@ -359,7 +359,7 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
 /* Allocation --------------------------------------------------------------------------------------------- */
 
 /* Takes a whole run out of the list, where it has its place. */
-inline void Unlink(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stRun, const CMMFreeRuns::TMMPlace& stPlace,
+[[gnu::always_inline]] inline void Unlink(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stRun, const CMMFreeRuns::TMMPlace& stPlace,
                    CMMWitness& clWitness)
 {
     TMMBlkStr* const pstLower = HeaderOf(stGuarded, stPlace.ulLower);
@@ -374,7 +374,7 @@ inline void Unlink(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stRun, const CMM
 }
 
 /* The caller has the lock. */
-inline U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
+[[gnu::always_inline]] inline U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
 {
     TMMGuarded& stGuarded = astGuarded[hulHandle];
     if (stGuarded.pulMemory == nullptr)
@@ -387,7 +387,7 @@ inline U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitne
     const U32 ulRest = stRun.ulSize - ulBlkNum;
     const TMMRun stTaken = {stRun.ulFirst + ulRest, ulBlkNum};
     if (ulRest == 0) {
-        Unlink(hulHandle, stGuarded, stRun, stGuarded.clRuns.PlaceOfRun(stRun), clWitness);
+        Unlink(hulHandle, stGuarded, stRun, stGuarded.clRuns.PlaceOf(stRun), clWitness);
     } else {
         TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun.ulFirst);
         clWitness.Size(pstRun, stRun.ulSize);
@@ -397,30 +397,27 @@ inline U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitne
     if (stGuarded.ubMap != 0 && ubMapID != 0)
         SetOwner(stGuarded, *pstStretch, stTaken, ubMapID, clWitness);
     Count(hulHandle, pstStretch, 0 - ulBlkNum);
-    return MM_At(pstStretch->ulStart + MM_BlkToBytes(stTaken.ulFirst - pstStretch->ulFirst, stGuarded.ubBlkBit));
+    return MM_At(pstStretch->ulZero + MM_BlkToBytes(stTaken.ulFirst, stGuarded.ubBlkBit));
 }
 
 /* Release ------------------------------------------------------------------------------------------------ */
 
-/* Puts allocated blocks back into the list. The order and extent of the writes are the default build's, whose traces in free
- * memory some read. */
-inline void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& clWitness)
+/* Puts blocks that were given back into the list. The order and extent of the writes are the default build's, whose traces in
+ * free memory some read. */
+[[gnu::always_inline]] inline void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks,
+                                          const CMMFreeRuns::TMMGiven& stGiven, CMMWitness& clWitness)
 {
-    const CMMFreeRuns& clRuns = stGuarded.clRuns;
-    const CMMFreeRuns::TMMPlace stPlace = clRuns.PlaceOfBlocks(stBlocks);
-    const bool fLower = !clRuns.Bits().IsTaken(stBlocks.ulFirst - 1);
-    const U32 ulUpper = stPlace.ulUpper == stBlocks.End() ? clRuns.SizeAt(stPlace.ulUpper) : 0;
     TMMBlkStr* const pstNew = HeaderOf(stGuarded, stBlocks.ulFirst);
-    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stPlace.ulLower);
-    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stPlace.ulUpper);
+    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stGiven.ulLower);
+    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stGiven.ulUpper);
     TMMBlkStr* pstNext = pstUpper;
-    const U32 ulSize = stBlocks.ulSize + ulUpper;
+    const U32 ulSize = stBlocks.ulSize + stGiven.ulUpperSize;
 
     if (pstLower != nullptr)
         clWitness.Next(pstLower, pstUpper);
-    if (ulUpper != 0) {
-        pstNext = HeaderOf(stGuarded, clRuns.StartPastUpper(stPlace, stBlocks.End() + ulUpper));
-        clWitness.Node(pstUpper, pstNext, pstLower, ulUpper);
+    if (stGiven.ulUpperSize != 0) {
+        pstNext = HeaderOf(stGuarded, stGiven.ulPastUpper);
+        clWitness.Node(pstUpper, pstNext, pstLower, stGiven.ulUpperSize);
     } else if (pstUpper != nullptr) {
         clWitness.Back(pstUpper, pstLower);
     }
@@ -428,26 +425,28 @@ inline void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWit
     WriteNext(pstNew, pstNext);
     WriteBack(pstNew, pstLower);
     WriteSize(pstNew, ulSize);
-    if (fLower) {
-        const U32 ulLower = stBlocks.ulFirst - stPlace.ulLower;
-        clWitness.Size(pstLower, ulLower);
-        WriteSize(pstLower, ulLower + ulSize);
+    if (stGiven.ulLowerSize != 0) {
+        clWitness.Size(pstLower, stGiven.ulLowerSize);
+        WriteSize(pstLower, stGiven.ulLowerSize + ulSize);
         Link(hulHandle, pstLower, pstNext);
     } else {
         Link(hulHandle, pstLower, pstNew);
         Link(hulHandle, pstNew, pstNext);
     }
-    stGuarded.clRuns.Give(stBlocks, stPlace, fLower, ulUpper);
 }
 
-/* Releases allocated blocks; the caller has the lock. */
-inline void Release(U32 hulHandle, TMMStretch* pstStretch, TMMRun stBlocks, CMMWitness& clWitness)
+/* Releases blocks, the caller has the lock: false with nothing changed unless all of them are allocated. */
+[[gnu::always_inline]] inline bool Release(U32 hulHandle, TMMStretch* pstStretch, TMMRun stBlocks, CMMWitness& clWitness)
 {
     TMMGuarded& stGuarded = astGuarded[hulHandle];
+    CMMFreeRuns::TMMGiven stGiven;
+    if (!stGuarded.clRuns.Give(stBlocks, &stGiven))
+        return false;
     if (stGuarded.ubMap != 0)
         ClearOwners(hulHandle, stGuarded, *pstStretch, stBlocks);
-    Insert(hulHandle, stGuarded, stBlocks, clWitness);
+    Insert(hulHandle, stGuarded, stBlocks, stGiven, clWitness);
     Count(hulHandle, pstStretch, stBlocks.ulSize);
+    return true;
 }
 
 /* Claim -------------------------------------------------------------------------------------------------- */
@@ -564,7 +563,8 @@ void CleanUpStretch(U32 hulHandle, TMMStretch& stStretch, U8 ubMapID)
 void AddStretch(TMMGuarded& stGuarded, U32 ulStart, U32 ulBlkNum, U8* pubMapEndAddr)
 {
     TMMStretch& stStretch = stGuarded.astStretch[stGuarded.ubStretches++];
-    stStretch = {ulStart, stGuarded.ulNumbers, ulBlkNum, ulBlkNum, pubMapEndAddr};
+    stStretch = {ulStart, ulStart - MM_BlkToBytes(stGuarded.ulNumbers, stGuarded.ubBlkBit), stGuarded.ulNumbers,
+                 ulBlkNum, ulBlkNum, pubMapEndAddr};
     stGuarded.ulNumbers = (stStretch.PastNumber() + 32) & ~31u; /* with one that is none at the least */
 }
 
@@ -605,10 +605,9 @@ U32 MM_GuardedFreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNum)
     CMMWitness clWitness;
     U32 ulNumber = 0;
     MMP_LockIrq(search_lock);
-    TMMStretch* const pstStretch = FindAllocated(astGuarded[hulHandle], MM_Addr(pubRlsAddr), ulBlkNum, &ulNumber);
-    if (pstStretch == nullptr)
+    TMMStretch* const pstStretch = FindBlocks(astGuarded[hulHandle], MM_Addr(pubRlsAddr), ulBlkNum, &ulNumber);
+    if (pstStretch == nullptr || !Release(hulHandle, pstStretch, {ulNumber, ulBlkNum}, clWitness))
         return RefuseRelease(hulHandle, pubRlsAddr, ulBlkNum);
-    Release(hulHandle, pstStretch, {ulNumber, ulBlkNum}, clWitness);
     MMP_UnlockIrq(search_lock);
     MendIf(hulHandle, clWitness);
     return ENOERR;
@@ -760,12 +759,13 @@ bool MM_GuardOpen(U32 hulHandle)
         return false;
     stGuarded.clRuns.Init(stGuarded.pulMemory, stGuarded.ulNumbers);
     for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx) {
-        const TMMRun stBlocks = {stGuarded.astStretch[ubIdx].ulFirst, stGuarded.astStretch[ubIdx].ulBlkNum};
-        stGuarded.clRuns.Give(stBlocks, stGuarded.clRuns.PlaceOfBlocks(stBlocks), false, 0);
+        CMMFreeRuns::TMMGiven stGiven;
+        stGuarded.clRuns.Give({stGuarded.astStretch[ubIdx].ulFirst, stGuarded.astStretch[ubIdx].ulBlkNum}, &stGiven);
     }
     {
         const CMMBlocksLock clLock;
         astGuarded[hulHandle] = stGuarded;
+        astGuarded[hulHandle].pstLast = astGuarded[hulHandle].astStretch + stGuarded.ubStretches - 1;
     }
     MendSegment(hulHandle, MEND_LIST);
     return true;
