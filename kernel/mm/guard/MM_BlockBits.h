@@ -47,36 +47,30 @@ public:
     U32 FreeOf(U32 ulWord) const { return ~apulLevel[0][ulWord]; }
     bool IsTaken(U32 ulBlk) const { return apulLevel[0][ulBlk / 32] >> ulBlk % 32 & 1; }
 
-    /* True when all of ulCount (1 or more) blocks are allocated. */
-    bool AllTaken(U32 ulBlk, U32 ulCount) const
-    {
-        return EachWord(ulBlk, ulCount, [this](U32 ulWord, U32 ulMask) { return (FreeOf(ulWord) & ulMask) == 0; });
-    }
-    bool AllFree(U32 ulBlk, U32 ulCount) const
-    {
-        return EachWord(ulBlk, ulCount,
-                        [this](U32 ulWord, U32 ulMask) { return (apulLevel[0][ulWord] & ulMask) == 0; });
-    }
+    /* True when all of ulCount (1 or more) blocks are allocated, or free. */
+    bool AllTaken(U32 ulBlk, U32 ulCount) const { return !AnyOtherThan(ALL, ulBlk, ulCount); }
+    bool AllFree(U32 ulBlk, U32 ulCount) const { return !AnyOtherThan(0, ulBlk, ulCount); }
 
     /* Free blocks become allocated. */
     [[gnu::always_inline]] void Take(U32 ulBlk, U32 ulCount)
     {
-        const U32 ulWord = ulBlk / 32;
-        if ((ulBlk + ulCount - 1) / 32 != ulWord)
-            return TakeWords(ulBlk, ulCount);
-        TakeOf(ulWord, MaskFrom(ulBlk) & MaskBelow(ulBlk + ulCount));
+        const TMMEnds stEnds = EndsOf(ulBlk, ulCount);
+        for (U32 ulWord = stEnds.ulFirst + 1; ulWord < stEnds.ulLast; ++ulWord)
+            TakeOf(ulWord, ALL);
+        TakeOf(stEnds.ulFirst, stEnds.ulFirstMask);
+        TakeOf(stEnds.ulLast, stEnds.ulLastMask);
     }
 
     /* Blocks become free; false with nothing changed when one of them is so already. */
     [[gnu::always_inline]] bool Give(U32 ulBlk, U32 ulCount)
     {
-        const U32 ulWord = ulBlk / 32;
-        if ((ulBlk + ulCount - 1) / 32 != ulWord)
-            return GiveWords(ulBlk, ulCount);
-        const U32 ulMask = MaskFrom(ulBlk) & MaskBelow(ulBlk + ulCount);
-        if ((FreeOf(ulWord) & ulMask) != 0)
+        const TMMEnds stEnds = EndsOf(ulBlk, ulCount);
+        if (!AllTaken(ulBlk, ulCount))
             return false;
-        GiveOf(ulWord, ulMask);
+        for (U32 ulWord = stEnds.ulFirst + 1; ulWord < stEnds.ulLast; ++ulWord)
+            GiveOf(ulWord, ALL);
+        GiveOf(stEnds.ulFirst, stEnds.ulFirstMask);
+        GiveOf(stEnds.ulLast, stEnds.ulLastMask);
         return true;
     }
 
@@ -95,21 +89,30 @@ public:
 private:
     static constexpr U32 ALL = 0xFFFFFFFF;
 
-    /* Visits the words of a stretch, each with the mask of its blocks, while the visitor answers true. */
-    template <class TVisit> [[gnu::always_inline]] static bool EachWord(U32 ulBlk, U32 ulCount, TVisit fnVisit)
+    /* The words of a stretch's first and last block, each with the mask of its blocks. In one word both masks are the same: that
+     * what is done to it is done twice costs less than to ask, as the answer is as often yes as no. */
+    struct TMMEnds {
+        U32 ulFirst, ulLast, ulFirstMask, ulLastMask;
+    };
+    [[gnu::always_inline]] static TMMEnds EndsOf(U32 ulBlk, U32 ulCount)
     {
-        U32 ulWord = ulBlk / 32;
+        const U32 ulFirst = ulBlk / 32;
         const U32 ulLast = (ulBlk + ulCount - 1) / 32;
-        U32 ulMask = MaskFrom(ulBlk);
-        for (; ulWord < ulLast; ++ulWord, ulMask = ALL)
-            if (!fnVisit(ulWord, ulMask))
-                return false;
-        return fnVisit(ulWord, ulMask & MaskBelow(ulBlk + ulCount));
+        const U32 ulFirstMask = ALL << ulBlk % 32;
+        const U32 ulLastMask = ALL >> (0 - ulBlk - ulCount) % 32;
+        const U32 ulOther = ulFirst == ulLast ? 0 : ALL;
+        return {ulFirst, ulLast, ulFirstMask & (ulLastMask | ulOther), ulLastMask & (ulFirstMask | ulOther)};
     }
 
-    /* In the word of a block: it and those above it. In the word of the block below one: that and those below it. */
-    static U32 MaskFrom(U32 ulBlk) { return ALL << ulBlk % 32; }
-    static U32 MaskBelow(U32 ulPast) { return ALL >> (0 - ulPast) % 32; }
+    [[gnu::always_inline]] bool AnyOtherThan(U32 ulBits, U32 ulBlk, U32 ulCount) const
+    {
+        const TMMEnds stEnds = EndsOf(ulBlk, ulCount);
+        U32 ulOther = ((apulLevel[0][stEnds.ulFirst] ^ ulBits) & stEnds.ulFirstMask) |
+                      ((apulLevel[0][stEnds.ulLast] ^ ulBits) & stEnds.ulLastMask);
+        for (U32 ulWord = stEnds.ulFirst + 1; ulWord < stEnds.ulLast; ++ulWord)
+            ulOther |= apulLevel[0][ulWord] ^ ulBits;
+        return ulOther != 0;
+    }
 
     void TakeOf(U32 ulWord, U32 ulMask)
     {
@@ -124,21 +127,6 @@ private:
         apulLevel[0][ulWord] = ulNew;
         if (ulNew == 0)
             Vanishes(ulWord);
-    }
-
-    [[gnu::noinline]] void TakeWords(U32 ulBlk, U32 ulCount)
-    {
-        EachWord(ulBlk, ulCount, [this](U32 ulWord, U32 ulMask) {
-            TakeOf(ulWord, ulMask);
-            return true;
-        });
-    }
-    [[gnu::noinline]] bool GiveWords(U32 ulBlk, U32 ulCount)
-    {
-        return AllTaken(ulBlk, ulCount) && EachWord(ulBlk, ulCount, [this](U32 ulWord, U32 ulMask) {
-                   GiveOf(ulWord, ulMask);
-                   return true;
-               });
     }
 
     [[gnu::noinline]] void Appears(U32 ulIdx)

@@ -37,6 +37,14 @@ public:
      * zeros that stay the tables'. The numbers below FIRST_BLOCK and the last one must stay allocated. */
     void Init(U32* pulStorage, U32 ulCount);
 
+    /* The storage goes: no run, as in an object of zeros. */
+    void Forget()
+    {
+        ulRuns = 0;
+        ulLargestOfFew = 0;
+        fAwake = false;
+    }
+
     const CMMBlockBits& Bits() const { return clBits; }
 
     /* Size of the longest run, 0 without any. */
@@ -108,9 +116,10 @@ private:
     U32 StartBelowInFew(U32 ulAt) const { return ulAt > 0 ? astFew[ulAt - 1].ulFirst : MM_NO_BLOCK; }
     void RemoveFew(U32 ulAt);
     void CutFew(const TMMFound& stFound, U32 ulBlkNum);
-    void GiveFew(TMMRun stBlocks, U32 ulAt, bool fLower, U32 ulUpper);
+    void GiveFew(TMMRun stBlocks, const TMMGiven& stGiven);
     void MeasureFew();
-    void GiveAwake(TMMRun stBlocks, const TMMGiven& stGiven);
+    TMMGiven GivenAwake(TMMRun stBlocks, bool fLower, bool fUpper) const;
+    TMMGiven GivenFew(TMMRun stBlocks, bool fLower, bool fUpper) const;
     void Wake();
     void Sleep();
 
@@ -149,9 +158,7 @@ inline void CMMFreeRuns::Init(U32* pulStorage, U32 ulCount)
     pulStorage += CMMBlockBits::StorageWords(ulCount);
     clShort.Init(pulStorage, ulWords);
     clLong.Init(pulStorage + TMMShortTree::StorageWords(ulWords), Groups(ulWords));
-    ulRuns = 0;
-    ulLargestOfFew = 0;
-    fAwake = false;
+    Forget();
 }
 
 /* Few runs --------------------------------------------------------------------------------------------- */
@@ -179,18 +186,17 @@ inline void CMMFreeRuns::RemoveFew(U32 ulAt)
         MeasureFew();
 }
 
-[[gnu::always_inline]] inline void CMMFreeRuns::GiveFew(TMMRun stBlocks, U32 ulAt, bool fLower, U32 ulUpper)
+[[gnu::always_inline]] inline void CMMFreeRuns::GiveFew(TMMRun stBlocks, const TMMGiven& stGiven)
 {
-    TMMRun stRun = {stBlocks.ulFirst, stBlocks.ulSize + ulUpper};
-    if (fLower) {
-        --ulAt;
-        stRun = {astFew[ulAt].ulFirst, astFew[ulAt].ulSize + stRun.ulSize};
-        if (ulUpper != 0)
-            RemoveFew(ulAt);
-    } else if (ulUpper == 0) {
+    const bool fLower = stGiven.ulLowerSize != 0;
+    const U32 ulAt = stGiven.ulAt - fLower;
+    const TMMRun stRun = {stBlocks.ulFirst - stGiven.ulLowerSize,
+                          stGiven.ulLowerSize + stBlocks.ulSize + stGiven.ulUpperSize};
+    if (fLower && stGiven.ulUpperSize != 0)
+        RemoveFew(ulAt);
+    else if (!fLower && stGiven.ulUpperSize == 0)
         for (U32 ulTo = ulRuns++; ulTo > ulAt; --ulTo)
             astFew[ulTo] = astFew[ulTo - 1];
-    }
     astFew[ulAt] = stRun;
     ulLargestOfFew = MM_Larger(stRun.ulSize, ulLargestOfFew);
 }
@@ -247,9 +253,11 @@ inline U32 CMMFreeRuns::LastLongOfGroup(U32 ulGroup, U32 ulSize) const
 /* Size of the longest run that starts in a group, if it is a long one; else 0. */
 inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
 {
+    const U32 ulFirst = ulGroup * GROUP_WORDS;
     U32 ulLongest = 0;
-    for (U32 ulWord; (ulWord = LastLongOfGroup(ulGroup, ulLongest + 1)) != MM_NO_ELEMENT;)
-        ulLongest = LongestOfWord(ulWord);
+    for (U32 ulWord = MM_Smaller(ulFirst + GROUP_WORDS, clBits.WordCount()); ulWord > ulFirst; --ulWord)
+        if (clShort.Get(ulWord - 1) == LONG_RUN)
+            ulLongest = MM_Larger(LongestOfWord(ulWord - 1), ulLongest);
     return ulLongest;
 }
 
@@ -384,36 +392,45 @@ inline void CMMFreeRuns::CutInside(TMMRun stRun, TMMRun stTaken)
 {
     if (!clBits.Give(stBlocks.ulFirst, stBlocks.ulSize))
         return false;
-    const U32 ulEnd = stBlocks.End();
-    const U32 ulAt = fAwake ? 0 : FewFrom(stBlocks.ulFirst);
     const bool fLower = !clBits.IsTaken(stBlocks.ulFirst - 1);
-    const bool fUpper = !clBits.IsTaken(ulEnd);
-    const U32 ulUpperSize = fUpper ? SizeAt(ulEnd) : 0;
-    const U32 ulLower = fAwake ? StartBelow(stBlocks.ulFirst) : StartBelowInFew(ulAt);
-    const U32 ulUpper = fUpper ? ulEnd : fAwake ? StartFrom(ulEnd) : StartInFew(ulAt);
-    const U32 ulPastUpper =
-        !fUpper ? MM_NO_BLOCK : fAwake ? StartFrom(ulEnd + ulUpperSize) : StartInFew(ulAt + 1);
-
-    *pstGiven = {{ulLower, ulUpper, ulAt}, fLower ? stBlocks.ulFirst - ulLower : 0, ulUpperSize, ulPastUpper};
-    if (fAwake || (ulRuns == MOST_FEW && !fLower && !fUpper))
-        GiveAwake(stBlocks, *pstGiven);
-    else
-        GiveFew(stBlocks, ulAt, fLower, ulUpperSize);
-    return true;
-}
-
-[[gnu::always_inline]] inline void CMMFreeRuns::GiveAwake(TMMRun stBlocks, const TMMGiven& stGiven)
-{
+    const bool fUpper = !clBits.IsTaken(stBlocks.End());
+    *pstGiven = fAwake ? GivenAwake(stBlocks, fLower, fUpper) : GivenFew(stBlocks, fLower, fUpper);
+    if (!fAwake && (ulRuns < MOST_FEW || fLower || fUpper)) {
+        GiveFew(stBlocks, *pstGiven);
+        return true;
+    }
     if (!fAwake)
         Wake();
-    const bool fLower = stGiven.ulLowerSize != 0;
-    const bool fUpper = stGiven.ulUpperSize != 0;
-    Enter({stBlocks.ulFirst - stGiven.ulLowerSize, stGiven.ulLowerSize + stBlocks.ulSize + stGiven.ulUpperSize});
+    Enter({stBlocks.ulFirst - pstGiven->ulLowerSize,
+           pstGiven->ulLowerSize + stBlocks.ulSize + pstGiven->ulUpperSize});
     if (fUpper)
-        Leave({stGiven.ulUpper, stGiven.ulUpperSize});
+        Leave({pstGiven->ulUpper, pstGiven->ulUpperSize});
     ulRuns += 1 - fLower - fUpper;
     if (ulRuns < FEW_AGAIN)
         Sleep();
+    return true;
+}
+
+[[gnu::always_inline]] inline CMMFreeRuns::TMMGiven CMMFreeRuns::GivenAwake(TMMRun stBlocks, bool fLower,
+                                                                            bool fUpper) const
+{
+    const U32 ulEnd = stBlocks.End();
+    const U32 ulLower = StartBelow(stBlocks.ulFirst);
+    const U32 ulLowerSize = fLower ? stBlocks.ulFirst - ulLower : 0;
+    if (!fUpper)
+        return {{ulLower, StartFrom(ulEnd), 0}, ulLowerSize, 0, MM_NO_BLOCK};
+    const U32 ulUpperSize = SizeAt(ulEnd);
+    return {{ulLower, ulEnd, 0}, ulLowerSize, ulUpperSize, StartFrom(ulEnd + ulUpperSize)};
+}
+
+[[gnu::always_inline]] inline CMMFreeRuns::TMMGiven CMMFreeRuns::GivenFew(TMMRun stBlocks, bool fLower,
+                                                                          bool fUpper) const
+{
+    const U32 ulAt = FewFrom(stBlocks.ulFirst);
+    const U32 ulLowerSize = fLower ? astFew[ulAt - 1].ulSize : 0;
+    if (!fUpper)
+        return {{StartBelowInFew(ulAt), StartInFew(ulAt), ulAt}, ulLowerSize, 0, MM_NO_BLOCK};
+    return {{StartBelowInFew(ulAt), stBlocks.End(), ulAt}, ulLowerSize, astFew[ulAt].ulSize, StartInFew(ulAt + 1)};
 }
 
 inline bool CMMFreeRuns::Agree() const

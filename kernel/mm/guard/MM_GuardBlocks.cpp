@@ -57,9 +57,14 @@ inline TMMStretch* StretchOfNumber(TMMGuarded& stGuarded, U32 ulNumber)
     return pstStretch;
 }
 
+inline U32 AddrIn(const TMMGuarded& stGuarded, const TMMStretch& stStretch, U32 ulNumber)
+{
+    return stStretch.ulZero + MM_BlkToBytes(ulNumber, stGuarded.ubBlkBit);
+}
+
 inline U32 AddrOf(TMMGuarded& stGuarded, U32 ulNumber)
 {
-    return StretchOfNumber(stGuarded, ulNumber)->ulZero + MM_BlkToBytes(ulNumber, stGuarded.ubBlkBit);
+    return AddrIn(stGuarded, *StretchOfNumber(stGuarded, ulNumber), ulNumber);
 }
 
 /* The header of the run that starts at a block; null for none. */
@@ -377,8 +382,6 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
 [[gnu::always_inline]] inline U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
 {
     TMMGuarded& stGuarded = astGuarded[hulHandle];
-    if (stGuarded.pulMemory == nullptr)
-        return nullptr;
     const CMMFreeRuns::TMMFound stRun = stGuarded.clRuns.Find(ulBlkNum);
     if (!stRun.Is())
         return nullptr;
@@ -389,7 +392,7 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
     if (ulRest == 0) {
         Unlink(hulHandle, stGuarded, stRun, stGuarded.clRuns.PlaceOf(stRun), clWitness);
     } else {
-        TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun.ulFirst);
+        TMMBlkStr* const pstRun = MM_At<TMMBlkStr>(AddrIn(stGuarded, *pstStretch, stRun.ulFirst));
         clWitness.Size(pstRun, stRun.ulSize);
         WriteSize(pstRun, ulRest);
     }
@@ -397,7 +400,7 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
     if (stGuarded.ubMap != 0 && ubMapID != 0)
         SetOwner(stGuarded, *pstStretch, stTaken, ubMapID, clWitness);
     Count(hulHandle, pstStretch, 0 - ulBlkNum);
-    return MM_At(pstStretch->ulZero + MM_BlkToBytes(stTaken.ulFirst, stGuarded.ubBlkBit));
+    return MM_At(AddrIn(stGuarded, *pstStretch, stTaken.ulFirst));
 }
 
 /* Release ------------------------------------------------------------------------------------------------ */
@@ -405,9 +408,9 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
 /* Puts blocks that were given back into the list. The order and extent of the writes are the default build's, whose traces in
  * free memory some read. */
 [[gnu::always_inline]] inline void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks,
-                                          const CMMFreeRuns::TMMGiven& stGiven, CMMWitness& clWitness)
+                                          const CMMFreeRuns::TMMGiven& stGiven, TMMBlkStr* pstNew,
+                                          CMMWitness& clWitness)
 {
-    TMMBlkStr* const pstNew = HeaderOf(stGuarded, stBlocks.ulFirst);
     TMMBlkStr* const pstLower = HeaderOf(stGuarded, stGiven.ulLower);
     TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stGiven.ulUpper);
     TMMBlkStr* pstNext = pstUpper;
@@ -444,7 +447,8 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
         return false;
     if (stGuarded.ubMap != 0)
         ClearOwners(hulHandle, stGuarded, *pstStretch, stBlocks);
-    Insert(hulHandle, stGuarded, stBlocks, stGiven, clWitness);
+    Insert(hulHandle, stGuarded, stBlocks, stGiven, MM_At<TMMBlkStr>(AddrIn(stGuarded, *pstStretch, stBlocks.ulFirst)),
+           clWitness);
     Count(hulHandle, pstStretch, stBlocks.ulSize);
     return true;
 }
@@ -778,6 +782,7 @@ void MM_GuardClose(U32 hulHandle)
         const CMMBlocksLock clLock;
         pulMemory = astGuarded[hulHandle].pulMemory;
         astGuarded[hulHandle].pulMemory = nullptr;
+        astGuarded[hulHandle].clRuns.Forget();
     }
     if (pulMemory != nullptr)
         MMP_GiveMemory(pulMemory);
