@@ -20,27 +20,31 @@ public:
     /* Words of storage for ulCount blocks (1 to 2^30). */
     static constexpr U32 StorageWords(U32 ulCount)
     {
-        U32 ulStorage = Words(ulCount);
-        for (U32 ulLevel = Words(ulCount); ulLevel > 1;) {
+        U32 ulLevel = Words(ulCount);
+        U32 ulStorage = ulLevel;
+        do {
             ulLevel = Words(ulLevel);
             ulStorage += ulLevel;
-        }
+        } while (ulLevel > 1);
         return ulStorage;
     }
 
     /* Every block allocated. pulStorage: StorageWords(ulCount) words of zeros that stay the bits'. */
     void Init(U32* pulStorage, U32 ulCount)
     {
-        U32 ulBelow = ulWords = Words(ulCount);
+        ulWords = Words(ulCount);
         apulLevel[0] = pulStorage;
         for (U32 ulWord = 0; ulWord < ulWords; ++ulWord)
             pulStorage[ulWord] = ALL;
-        for (ulLevels = 0; ulBelow > 1; ulBelow = Words(ulBelow)) {
+        U32 ulBelow = ulWords;
+        ulLevels = 0;
+        do {
             apulLevel[ulLevels + 1] = apulLevel[ulLevels] + ulBelow;
             ++ulLevels;
             for (U32 ulIdx = 0; ulIdx < ulBelow; ++ulIdx)
                 apulLevel[ulLevels][ulIdx / 32] |= 1u << ulIdx % 32;
-        }
+            ulBelow = Words(ulBelow);
+        } while (ulBelow > 1);
     }
 
     U32 WordCount() const { return ulWords; }
@@ -118,20 +122,29 @@ private:
     {
         const U32 ulOld = apulLevel[0][ulWord];
         apulLevel[0][ulWord] = ulOld | ulMask;
-        if (ulOld == 0)
-            Appears(ulWord);
+        if (ulOld != 0)
+            return;
+        const U32 ulSummary = apulLevel[1][ulWord / 32];
+        apulLevel[1][ulWord / 32] = ulSummary | 1u << ulWord % 32;
+        if (ulSummary == 0)
+            Appears(ulWord / 32);
     }
     void GiveOf(U32 ulWord, U32 ulMask)
     {
         const U32 ulNew = apulLevel[0][ulWord] & ~ulMask;
         apulLevel[0][ulWord] = ulNew;
-        if (ulNew == 0)
-            Vanishes(ulWord);
+        if (ulNew != 0)
+            return;
+        const U32 ulSummary = apulLevel[1][ulWord / 32] & ~(1u << ulWord % 32);
+        apulLevel[1][ulWord / 32] = ulSummary;
+        if (ulSummary == 0)
+            Vanishes(ulWord / 32);
     }
 
+    /* The same on the levels above, for a word of level 1. */
     [[gnu::noinline]] void Appears(U32 ulIdx)
     {
-        for (U32 ulLevel = 1; ulLevel <= ulLevels; ++ulLevel, ulIdx /= 32) {
+        for (U32 ulLevel = 2; ulLevel <= ulLevels; ++ulLevel, ulIdx /= 32) {
             U32& ulBits = apulLevel[ulLevel][ulIdx / 32];
             const U32 ulOld = ulBits;
             ulBits = ulOld | 1u << ulIdx % 32;
@@ -141,7 +154,7 @@ private:
     }
     [[gnu::noinline]] void Vanishes(U32 ulIdx)
     {
-        for (U32 ulLevel = 1; ulLevel <= ulLevels; ++ulLevel, ulIdx /= 32) {
+        for (U32 ulLevel = 2; ulLevel <= ulLevels; ++ulLevel, ulIdx /= 32) {
             U32& ulBits = apulLevel[ulLevel][ulIdx / 32];
             ulBits &= ~(1u << ulIdx % 32);
             if (ulBits != 0)

@@ -197,31 +197,48 @@ U8 Exchange(U8* pubByte, U8 ubMask, U8 ubValue)
     return ubOld & ubMask;
 }
 
-/* Gives a run's blocks an owner, 0 for none. What the entries held goes to the visitor from the first block on: by bytes,
- * each with the mask of its entries, and by whole words. */
-template <class TVisitor>
-void SetOwner(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun, U8 ubMapID, TVisitor& clVisitor)
+/* Visits entries from the first block on: by bytes, each with the mask of its entries, and by whole words. */
+template <class TByte, class TWord>
+[[gnu::always_inline]] inline void EachEntry(const TMMEntries& stEntries, TByte fnByte, TWord fnWord)
 {
-    const TMMEntries stEntries = EntriesOf(stGuarded, stStretch, stRun);
+    U8* pubByte = stEntries.pubFirst;
+    if (pubByte == stEntries.pubLast)
+        return fnByte(pubByte, stEntries.ubFirstMask & stEntries.ubLastMask);
+    if (stEntries.ubFirstMask != 0xFF)
+        fnByte(pubByte++, stEntries.ubFirstMask);
+    U8* const pubPast = stEntries.pubLast + (stEntries.ubLastMask == 0xFF);
+    for (; MM_Addr(pubByte) % MAP_WORD_BYTES != 0 && pubByte < pubPast; ++pubByte)
+        fnByte(pubByte, 0xFF);
+#pragma GCC unroll 4
+    for (; pubPast - pubByte >= S32(MAP_WORD_BYTES); pubByte += MAP_WORD_BYTES)
+        fnWord(pubByte);
+    for (; pubByte < pubPast; ++pubByte)
+        fnByte(pubByte, 0xFF);
+    if (stEntries.ubLastMask != 0xFF)
+        fnByte(pubByte, stEntries.ubLastMask);
+}
+
+inline U32 ReadWord(const U8* pubWord)
+{
+    MMP_Touch(pubWord, MAP_WORD_BYTES);
+    return *reinterpret_cast<const volatile TMMMapWord*>(pubWord);
+}
+
+/* Gives a run's blocks an owner, 0 for none. What the entries held goes to the visitor. */
+template <class TVisitor>
+[[gnu::always_inline]] inline void SetOwner(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun,
+                                            U8 ubMapID, TVisitor& clVisitor)
+{
     const U8 ubValue = MM_ByteOf(ubMapID, stGuarded.ubMap);
-    U8 ubMask = stEntries.ubFirstMask;
-    for (U8* pubByte = stEntries.pubFirst; pubByte < stEntries.pubLast;) {
-        if (ubMask == 0xFF && MM_Addr(pubByte) % MAP_WORD_BYTES == 0)
-            for (; stEntries.pubLast - pubByte >= S32(MAP_WORD_BYTES); pubByte += MAP_WORD_BYTES) {
-                MMP_Touch(pubByte, MAP_WORD_BYTES);
-                const U32 ulOld = *const_cast<volatile TMMMapWord*>(MM_MapWord(pubByte));
-                *MM_MapWord(pubByte) = ubValue * 0x01010101u;
-                clVisitor.Word(pubByte, ulOld);
-            }
-        if (pubByte == stEntries.pubLast)
-            break;
-        clVisitor.Byte(pubByte, ubMask, Exchange(pubByte, ubMask, ubValue));
-        ubMask = 0xFF;
-        ++pubByte;
-    }
-    ubMask =
-        stEntries.pubFirst == stEntries.pubLast ? stEntries.ubFirstMask & stEntries.ubLastMask : stEntries.ubLastMask;
-    clVisitor.Byte(stEntries.pubLast, ubMask, Exchange(stEntries.pubLast, ubMask, ubValue));
+    const U32 ulValue = ubValue * 0x01010101u;
+    EachEntry(
+        EntriesOf(stGuarded, stStretch, stRun),
+        [&](U8* pubByte, U8 ubMask) { clVisitor.Byte(pubByte, ubMask, Exchange(pubByte, ubMask, ubValue)); },
+        [&](U8* pubWord) {
+            const U32 ulOld = ReadWord(pubWord);
+            *MM_MapWord(pubWord) = ulValue;
+            clVisitor.Word(pubWord, ulOld);
+        });
 }
 
 /* What the entries held does not matter. */
@@ -251,11 +268,11 @@ bool CanHold(const TMMGuarded& stGuarded, U8 ubMapID)
 /* Finds the first byte with a block that was nobody's. One-bit entries count as owned whatever they hold. */
 struct TMMUnowned {
     U8 ubMap;
-    U32 ulLowest; /* lowest bits of the entries of a word */
+    U32 ulOwned; /* a word without any: most of a run's are the same */
     const U8* pubFound;
     U8 ubEntries;
 
-    void Byte(const U8* pubByte, U8 ubMask, U8 ubOld)
+    [[gnu::noinline]] void Byte(const U8* pubByte, U8 ubMask, U8 ubOld)
     {
         const U8 ubOwned = static_cast<U8>(ubOld | ~ubMask);
         if (pubFound != nullptr || MM_AllMarked(ubOwned, ubMap))
@@ -265,17 +282,22 @@ struct TMMUnowned {
     }
     void Word(const U8* pubWord, U32 ulOld)
     {
-        if (ubMap == 1 || ((ulOld - ulLowest) & ~ulOld & ulLowest << (ubMap - 1)) == 0)
-            return;
+        if (ulOld != ulOwned)
+            OtherWord(pubWord, ulOld);
+    }
+    [[gnu::noinline]] void OtherWord(const U8* pubWord, U32 ulOld)
+    {
         for (U32 ulByte = 0; ulByte < MAP_WORD_BYTES; ++ulByte)
             Byte(pubWord + ulByte, 0xFF, static_cast<U8>(ulOld >> ulByte * 8));
+        if (pubFound == nullptr)
+            ulOwned = ulOld;
     }
 };
 
 /* Erases the owners of a run of blocks. As in the default build a block that was nobody's is reported, once. */
 void ClearOwners(U32 hulHandle, const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun)
 {
-    TMMUnowned clUnowned{stGuarded.ubMap, MM_ByteOf(1, stGuarded.ubMap) * 0x01010101u, nullptr, 0};
+    TMMUnowned clUnowned{stGuarded.ubMap, 0xFFFFFFFF, nullptr, 0};
     SetOwner(stGuarded, stStretch, stRun, 0, clUnowned);
     const U8* const pubUnowned = clUnowned.pubFound;
     const U8 ubUnownedEntries = clUnowned.ubEntries;
@@ -500,6 +522,33 @@ bool IsOwned(const TMMGuarded& stGuarded, const TMMStretch& stStretch, U32 ulNum
     return (*const_cast<const volatile U8*>(pubByte) & ulWanted) == ulWanted;
 }
 
+/* True when the entries of all blocks of a run hold all bits of the ID, as they are now. */
+bool AllOwned(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun, U8 ubMapID)
+{
+    const U8 ubOwned = MM_ByteOf(ubMapID, stGuarded.ubMap);
+    U32 ulLacking = 0; /* bits of the ID that an entry does not hold */
+    EachEntry(
+        EntriesOf(stGuarded, stStretch, stRun),
+        [&](const U8* pubByte, U8 ubMask) {
+            MMP_Touch(pubByte, 1);
+            ulLacking |= static_cast<U8>(~*const_cast<const volatile U8*>(pubByte) & ubOwned & ubMask);
+        },
+        [&](const U8* pubWord) { ulLacking |= ~ReadWord(pubWord) & ubOwned * 0x01010101u; });
+    return ulLacking == 0;
+}
+
+/* How far the blocks of a run are allocated and the owner's: past its last block when all are. */
+U32 PastOwned(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun, U8 ubMapID)
+{
+    const CMMBlockBits& clBits = stGuarded.clRuns.Bits();
+    if (clBits.AllTaken(stRun.ulFirst, stRun.ulSize) && AllOwned(stGuarded, stStretch, stRun, ubMapID))
+        return stRun.End();
+    U32 ulPast = stRun.ulFirst;
+    while (ulPast < stRun.End() && clBits.IsTaken(ulPast) && IsOwned(stGuarded, stStretch, ulPast, ubMapID))
+        ++ulPast;
+    return ulPast;
+}
+
 /* Releases what is allocated and still the owner's of a run of blocks that the map gave him. The map is looked at again
  * under the lock: in between the blocks may have become somebody else's. */
 void CollectRun(U32 hulHandle, TMMStretch& stStretch, TMMRun stFound, U8 ubMapID)
@@ -508,56 +557,75 @@ void CollectRun(U32 hulHandle, TMMStretch& stStretch, TMMRun stFound, U8 ubMapID
     CMMWitness clWitness;
     {
         const CMMBlocksLock clLock;
-        const CMMBlockBits& clBits = stGuarded.clRuns.Bits();
         if (stGuarded.pulMemory == nullptr || stFound.End() > stStretch.PastNumber())
             return; /* the library was started afresh */
         for (U32 ulNumber = stFound.ulFirst; ulNumber < stFound.End();) {
-            U32 ulPast = ulNumber;
-            while (ulPast < stFound.End() && clBits.IsTaken(ulPast) && IsOwned(stGuarded, stStretch, ulPast, ubMapID))
-                ++ulPast;
+            const U32 ulPast = PastOwned(stGuarded, stStretch, {ulNumber, stFound.End() - ulNumber}, ubMapID);
             if (ulPast > ulNumber)
                 Release(hulHandle, &stStretch, {ulNumber, ulPast - ulNumber}, clWitness);
             else
-                clWitness.Entry(!clBits.IsTaken(ulPast)); /* a free block that somebody owns */
+                clWitness.Entry(!stGuarded.clRuns.Bits().IsTaken(ulPast)); /* a free block that somebody owns */
             ulNumber = ulPast > ulNumber ? ulPast : ulPast + 1;
         }
     }
     MendIf(hulHandle, clWitness);
 }
 
+/* Entries of a map that are an owner's, as they are met from its end on. */
+struct TMMOwnedRun {
+    U32 hulHandle;
+    TMMStretch& stStretch;
+    U8 ubMapID;
+    U32 ulPast; /* entries looked at */
+    U32 ulRun;  /* the last of them, the owner's */
+
+    void Owned(U32 ulEntries)
+    {
+        ulPast += ulEntries;
+        ulRun += ulEntries;
+    }
+    void Others(U32 ulEntries)
+    {
+        if (ulRun != 0)
+            Collect();
+        ulPast += ulEntries;
+        ulRun = 0;
+    }
+
+private:
+    void Collect() const
+    {
+        const U32 ulBlkNum = MM_Smaller(ulPast, stStretch.ulBlkNum); /* the map may have more entries */
+        if (ulPast - ulRun < ulBlkNum)
+            CollectRun(hulHandle, stStretch, {stStretch.PastNumber() - ulBlkNum, ulBlkNum - (ulPast - ulRun)}, ubMapID);
+    }
+};
+
 /* As in the default build a run that reaches the map's start stays. */
 void CleanUpStretch(U32 hulHandle, TMMStretch& stStretch, U8 ubMapID)
 {
     const TMMGuarded& stGuarded = astGuarded[hulHandle];
-    const U32 ulMapEntries =
-        (MM_Addr(stStretch.pubMapEndAddr) - MM_Addr(MM_RangeOf(hulHandle, MM_At(stStretch.ulStart)).pubMapStartAddr))
-        << stGuarded.ubEntriesBit;
+    const U8* const pubMap = MM_RangeOf(hulHandle, MM_At(stStretch.ulStart)).pubMapStartAddr;
     const U32 ulByteEntries = 1u << stGuarded.ubEntriesBit;
-    const U8 ubOwned = MM_ByteOf(ubMapID, stGuarded.ubMap);
-    U32 ulRun = 0;
+    const U32 ulOwned = MM_ByteOf(ubMapID, stGuarded.ubMap) * 0x01010101u;
+    const U32 ulLowest = MM_ByteOf(1, stGuarded.ubMap) * 0x01010101u;
+    TMMOwnedRun clRun{hulHandle, stStretch, ubMapID, 0, 0};
 
-    for (U32 ulEntry = 0; ulEntry < ulMapEntries; ulEntry += ulByteEntries) {
-        const U8* const pubByte = stStretch.pubMapEndAddr - 1 - (ulEntry >> stGuarded.ubEntriesBit);
-        MMP_Touch(pubByte, 1);
-        const U8 ubByte = *const_cast<const volatile U8*>(pubByte);
-        if (ubByte == 0 && ulRun == 0)
-            continue;
-        if ((ubByte & ubOwned) == ubOwned) {
-            ulRun += ulByteEntries;
-            continue;
-        }
-        for (U32 ulInByte = 0; ulInByte < ulByteEntries; ++ulInByte) {
-            const U32 ulWanted = static_cast<U32>(ubMapID) << ulInByte * stGuarded.ubMap;
-            const U32 ulPast = ulEntry + ulInByte; /* entries of the run end below it */
-            if ((ubByte & ulWanted) == ulWanted) {
-                ++ulRun;
-            } else if (ulRun > 0) {
-                const U32 ulBlkNum = ulPast < stStretch.ulBlkNum ? ulPast : stStretch.ulBlkNum;
-                if (ulPast - ulRun < ulBlkNum)
-                    CollectRun(hulHandle, stStretch, {stStretch.PastNumber() - ulBlkNum, ulBlkNum - (ulPast - ulRun)},
-                               ubMapID);
-                ulRun = 0;
+    for (const U8* pubByte = stStretch.pubMapEndAddr; pubByte > pubMap;) {
+        if (MM_Addr(pubByte) % MAP_WORD_BYTES == 0 && pubByte - pubMap >= S32(MAP_WORD_BYTES)) {
+            const U32 ulLacking = ~ReadWord(pubByte - MAP_WORD_BYTES) & ulOwned; /* an entry of 0 is the owner's */
+            const bool fNone = ((ulLacking - ulLowest) & ~ulLacking & ulLowest << (stGuarded.ubMap - 1)) == 0;
+            if (ulLacking == 0 || fNone) {
+                pubByte -= MAP_WORD_BYTES;
+                fNone ? clRun.Others(ulByteEntries * MAP_WORD_BYTES) : clRun.Owned(ulByteEntries * MAP_WORD_BYTES);
+                continue;
             }
+        }
+        MMP_Touch(--pubByte, 1);
+        const U8 ubByte = *const_cast<const volatile U8*>(pubByte);
+        for (U32 ulBitPos = 0; ulBitPos < 8; ulBitPos += stGuarded.ubMap) {
+            const U32 ulWanted = static_cast<U32>(ubMapID) << ulBitPos;
+            (ubByte & ulWanted) == ulWanted ? clRun.Owned(1) : clRun.Others(1);
         }
     }
 }
@@ -596,6 +664,8 @@ U8* MM_GuardedAllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 {
     if (ulReqBlkNum == 0 || !CanHold(astGuarded[hulHandle], ubMapID))
         return RefuseAllocation(hulHandle, ulReqBlkNum, ubMapID);
+    if (stSegTable[hulHandle].ulTotalFreeBlkNum == 0)
+        return nullptr;
     CMMWitness clWitness;
     MMP_LockIrq(search_lock);
     U8* const pubResult = Allocate(hulHandle, ulReqBlkNum, ubMapID, clWitness);
