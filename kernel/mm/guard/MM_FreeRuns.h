@@ -43,6 +43,7 @@ public:
         ulRuns = 0;
         ulLargestOfFew = 0;
         fAwake = false;
+        astFew[0] = astFew[1] = {MM_NO_BLOCK, 0};
     }
 
     const CMMBlockBits& Bits() const { return clBits; }
@@ -65,16 +66,16 @@ public:
     /* The run that starts there; none for MM_NO_BLOCK. */
     TMMRun RunAt(U32 ulStart) const { return {ulStart, ulStart == MM_NO_BLOCK ? 0 : SizeAt(ulStart)}; }
 
-    /* A run, and where it stands in the short table. */
+    /* A run, and its place in the short table. */
     struct TMMFound : TMMRun {
         U32 ulAt;
     };
     /* The highest run of at least ulBlkNum (1 or more) blocks, or none. */
     TMMFound Find(U32 ulBlkNum) const;
 
-    /* Where a run or blocks lie: the starts of the runs below and above, and where the latter stands in the short table. */
+    /* The starts of the runs below and above a run or blocks. */
     struct TMMPlace {
-        U32 ulLower, ulUpper, ulAt;
+        U32 ulLower, ulUpper;
     };
     TMMPlace PlaceOf(const TMMFound& stFound) const;
 
@@ -104,22 +105,21 @@ private:
     static constexpr U32 MOST_FEW = 24; /* runs of the short table; from so many on the trees are asked */
     static constexpr U32 FEW_AGAIN = 12;
 
-    /* Few runs: place in the short table of the first run from a block on. */
-    U32 FewFrom(U32 ulBlk) const
+    /* Few runs: place in the short table of the last run that starts below a block, 0 when none does. */
+    U32 FewBelow(U32 ulBlk) const
     {
         U32 ulAt = ulRuns;
-        while (ulAt > 0 && astFew[ulAt - 1].ulFirst >= ulBlk)
+        while (ulAt > 0 && astFew[ulAt].ulFirst >= ulBlk)
             --ulAt;
         return ulAt;
     }
-    U32 StartInFew(U32 ulAt) const { return ulAt < ulRuns ? astFew[ulAt].ulFirst : MM_NO_BLOCK; }
-    U32 StartBelowInFew(U32 ulAt) const { return ulAt > 0 ? astFew[ulAt - 1].ulFirst : MM_NO_BLOCK; }
     void RemoveFew(U32 ulAt);
     void CutFew(const TMMFound& stFound, U32 ulBlkNum);
-    void GiveFew(TMMRun stBlocks, const TMMGiven& stGiven);
+    void InsertFew(U32 ulAt, TMMRun stRun);
+    TMMGiven GiveFew(TMMRun stBlocks, U32 ulAt);
     void MeasureFew();
-    TMMGiven GivenAwake(TMMRun stBlocks, bool fLower, bool fUpper) const;
-    TMMGiven GivenFew(TMMRun stBlocks, bool fLower, bool fUpper) const;
+    TMMGiven FindGiven(TMMRun stBlocks) const;
+    void GiveAwake(TMMRun stBlocks, const TMMGiven& stGiven);
     void Wake();
     void Sleep();
 
@@ -136,7 +136,7 @@ private:
     U32 ulRuns;
     U32 ulLargestOfFew;
     bool fAwake; /* the trees are kept; otherwise the short table is, and the trees are empty */
-    TMMRun astFew[MOST_FEW];
+    TMMRun astFew[MOST_FEW + 2]; /* from place 1 on, in order, with none before and behind */
     TMMShortTree clShort; /* for each word: size of the longest run that starts in it, LONG_RUN at the most */
     TMMLongTree clLong;   /* for each group of words: the same, in full, if it is LONG_RUN or more; else 0 */
 };
@@ -166,14 +166,22 @@ inline void CMMFreeRuns::Init(U32* pulStorage, U32 ulCount)
 inline void CMMFreeRuns::MeasureFew()
 {
     ulLargestOfFew = 0;
-    for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt)
+    for (U32 ulAt = ulRuns; ulAt > 0; --ulAt)
         ulLargestOfFew = MM_Larger(astFew[ulAt].ulSize, ulLargestOfFew);
+}
+
+inline void CMMFreeRuns::InsertFew(U32 ulAt, TMMRun stRun)
+{
+    for (U32 ulTo = ++ulRuns + 1; ulTo > ulAt; --ulTo)
+        astFew[ulTo] = astFew[ulTo - 1];
+    astFew[ulAt] = stRun;
 }
 
 inline void CMMFreeRuns::RemoveFew(U32 ulAt)
 {
-    for (--ulRuns; ulAt < ulRuns; ++ulAt)
+    for (; ulAt <= ulRuns; ++ulAt)
         astFew[ulAt] = astFew[ulAt + 1];
+    --ulRuns;
 }
 
 [[gnu::always_inline]] inline void CMMFreeRuns::CutFew(const TMMFound& stFound, U32 ulBlkNum)
@@ -186,36 +194,51 @@ inline void CMMFreeRuns::RemoveFew(U32 ulAt)
         MeasureFew();
 }
 
-[[gnu::always_inline]] inline void CMMFreeRuns::GiveFew(TMMRun stBlocks, const TMMGiven& stGiven)
+/* Blocks above the run at a place, or at the table's low end. */
+[[gnu::always_inline]] inline CMMFreeRuns::TMMGiven CMMFreeRuns::GiveFew(TMMRun stBlocks, U32 ulAt)
 {
-    const bool fLower = stGiven.ulLowerSize != 0;
-    const U32 ulAt = stGiven.ulAt - fLower;
-    const TMMRun stRun = {stBlocks.ulFirst - stGiven.ulLowerSize,
-                          stGiven.ulLowerSize + stBlocks.ulSize + stGiven.ulUpperSize};
-    if (fLower && stGiven.ulUpperSize != 0)
-        RemoveFew(ulAt);
-    else if (!fLower && stGiven.ulUpperSize == 0)
-        for (U32 ulTo = ulRuns++; ulTo > ulAt; --ulTo)
-            astFew[ulTo] = astFew[ulTo - 1];
-    astFew[ulAt] = stRun;
-    ulLargestOfFew = MM_Larger(stRun.ulSize, ulLargestOfFew);
+    TMMRun& stLower = astFew[ulAt];
+    TMMRun& stUpper = astFew[ulAt + 1];
+    const bool fUpper = stUpper.ulFirst == stBlocks.End();
+    TMMGiven stGiven = {{stLower.ulFirst, stUpper.ulFirst}, 0, 0, MM_NO_BLOCK};
+    U32 ulSize = stBlocks.ulSize;
+
+    if (fUpper) {
+        stGiven.ulUpperSize = stUpper.ulSize;
+        stGiven.ulPastUpper = astFew[ulAt + 2].ulFirst;
+        ulSize += stUpper.ulSize;
+    }
+    if (stLower.End() == stBlocks.ulFirst) {
+        stGiven.ulLowerSize = stLower.ulSize;
+        ulSize += stLower.ulSize;
+        stLower.ulSize = ulSize;
+        if (fUpper)
+            RemoveFew(ulAt + 1);
+    } else if (fUpper) {
+        stUpper = {stBlocks.ulFirst, ulSize};
+    } else {
+        InsertFew(ulAt + 1, stBlocks);
+    }
+    ulLargestOfFew = MM_Larger(ulSize, ulLargestOfFew);
+    return stGiven;
 }
 
 [[gnu::noinline]] inline void CMMFreeRuns::Wake()
 {
     fAwake = true;
-    for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt)
+    for (U32 ulAt = ulRuns; ulAt > 0; --ulAt)
         Enter(astFew[ulAt]);
 }
 
 [[gnu::noinline]] inline void CMMFreeRuns::Sleep()
 {
     U32 ulBlk = FIRST_BLOCK;
-    for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt) {
+    for (U32 ulAt = 1; ulAt <= ulRuns; ++ulAt) {
         astFew[ulAt] = RunAt(StartFrom(ulBlk));
         ulBlk = astFew[ulAt].End();
     }
-    for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt) {
+    astFew[ulRuns + 1] = {MM_NO_BLOCK, 0};
+    for (U32 ulAt = ulRuns; ulAt > 0; --ulAt) {
         clShort.Set(astFew[ulAt].ulFirst / 32, 0);
         clLong.Set(astFew[ulAt].ulFirst / 32 / GROUP_WORDS, 0);
     }
@@ -266,7 +289,7 @@ inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
 [[gnu::always_inline]] inline U32 CMMFreeRuns::StartBelow(U32 ulBlk) const
 {
     if (!fAwake)
-        return StartBelowInFew(FewFrom(ulBlk));
+        return astFew[FewBelow(ulBlk)].ulFirst;
     U32 ulWord = ulBlk / 32;
     U32 ulStarts = StartsOf(ulWord) & ((1u << ulBlk % 32) - 1);
     if (ulStarts == 0) {
@@ -281,7 +304,7 @@ inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
 [[gnu::always_inline]] inline U32 CMMFreeRuns::StartFrom(U32 ulBlk) const
 {
     if (!fAwake)
-        return StartInFew(FewFrom(ulBlk));
+        return astFew[FewBelow(ulBlk) + 1].ulFirst;
     U32 ulWord = ulBlk / 32;
     U32 ulStarts = StartsOf(ulWord) & 0xFFFFFFFF << ulBlk % 32;
     if (ulStarts == 0) {
@@ -318,8 +341,8 @@ inline CMMFreeRuns::TMMFound CMMFreeRuns::FindInWord(U32 ulWord, U32 ulBlkNum) c
 {
     if (!fAwake) {
         for (U32 ulAt = ulRuns; ulAt > 0; --ulAt)
-            if (astFew[ulAt - 1].ulSize >= ulBlkNum)
-                return {astFew[ulAt - 1], ulAt - 1};
+            if (astFew[ulAt].ulSize >= ulBlkNum)
+                return {astFew[ulAt], ulAt};
         return {{MM_NO_BLOCK, 0}, 0};
     }
     if (ulBlkNum > LONG_RUN)
@@ -333,8 +356,8 @@ inline CMMFreeRuns::TMMFound CMMFreeRuns::FindInWord(U32 ulWord, U32 ulBlkNum) c
 [[gnu::always_inline]] inline CMMFreeRuns::TMMPlace CMMFreeRuns::PlaceOf(const TMMFound& stFound) const
 {
     if (!fAwake)
-        return {StartBelowInFew(stFound.ulAt), StartInFew(stFound.ulAt + 1), stFound.ulAt + 1};
-    return {StartBelow(stFound.ulFirst), StartFrom(stFound.End()), 0};
+        return {astFew[stFound.ulAt - 1].ulFirst, astFew[stFound.ulAt + 1].ulFirst};
+    return {StartBelow(stFound.ulFirst), StartFrom(stFound.End())};
 }
 
 /* Changes ---------------------------------------------------------------------------------------------- */
@@ -387,50 +410,43 @@ inline void CMMFreeRuns::CutInside(TMMRun stRun, TMMRun stTaken)
         Sleep();
 }
 
-/* The bits are changed first: a start below the blocks is none of them, and above them none is new. */
 [[gnu::always_inline]] inline bool CMMFreeRuns::Give(TMMRun stBlocks, TMMGiven* pstGiven)
 {
     if (!clBits.Give(stBlocks.ulFirst, stBlocks.ulSize))
         return false;
-    const bool fLower = !clBits.IsTaken(stBlocks.ulFirst - 1);
-    const bool fUpper = !clBits.IsTaken(stBlocks.End());
-    *pstGiven = fAwake ? GivenAwake(stBlocks, fLower, fUpper) : GivenFew(stBlocks, fLower, fUpper);
-    if (!fAwake && (ulRuns < MOST_FEW || fLower || fUpper)) {
-        GiveFew(stBlocks, *pstGiven);
+    if (!fAwake && ulRuns < MOST_FEW) {
+        *pstGiven = GiveFew(stBlocks, FewBelow(stBlocks.ulFirst));
         return true;
     }
     if (!fAwake)
         Wake();
-    Enter({stBlocks.ulFirst - pstGiven->ulLowerSize,
-           pstGiven->ulLowerSize + stBlocks.ulSize + pstGiven->ulUpperSize});
-    if (fUpper)
-        Leave({pstGiven->ulUpper, pstGiven->ulUpperSize});
-    ulRuns += 1 - fLower - fUpper;
-    if (ulRuns < FEW_AGAIN)
-        Sleep();
+    *pstGiven = FindGiven(stBlocks);
+    GiveAwake(stBlocks, *pstGiven);
     return true;
 }
 
-[[gnu::always_inline]] inline CMMFreeRuns::TMMGiven CMMFreeRuns::GivenAwake(TMMRun stBlocks, bool fLower,
-                                                                            bool fUpper) const
+/* The bits have been changed already: a start below the blocks is none of them, and above them none is new. */
+[[gnu::always_inline]] inline CMMFreeRuns::TMMGiven CMMFreeRuns::FindGiven(TMMRun stBlocks) const
 {
     const U32 ulEnd = stBlocks.End();
     const U32 ulLower = StartBelow(stBlocks.ulFirst);
-    const U32 ulLowerSize = fLower ? stBlocks.ulFirst - ulLower : 0;
-    if (!fUpper)
-        return {{ulLower, StartFrom(ulEnd), 0}, ulLowerSize, 0, MM_NO_BLOCK};
+    const U32 ulLowerSize = clBits.IsTaken(stBlocks.ulFirst - 1) ? 0 : stBlocks.ulFirst - ulLower;
+    if (clBits.IsTaken(ulEnd))
+        return {{ulLower, StartFrom(ulEnd)}, ulLowerSize, 0, MM_NO_BLOCK};
     const U32 ulUpperSize = SizeAt(ulEnd);
-    return {{ulLower, ulEnd, 0}, ulLowerSize, ulUpperSize, StartFrom(ulEnd + ulUpperSize)};
+    return {{ulLower, ulEnd}, ulLowerSize, ulUpperSize, StartFrom(ulEnd + ulUpperSize)};
 }
 
-[[gnu::always_inline]] inline CMMFreeRuns::TMMGiven CMMFreeRuns::GivenFew(TMMRun stBlocks, bool fLower,
-                                                                          bool fUpper) const
+[[gnu::always_inline]] inline void CMMFreeRuns::GiveAwake(TMMRun stBlocks, const TMMGiven& stGiven)
 {
-    const U32 ulAt = FewFrom(stBlocks.ulFirst);
-    const U32 ulLowerSize = fLower ? astFew[ulAt - 1].ulSize : 0;
-    if (!fUpper)
-        return {{StartBelowInFew(ulAt), StartInFew(ulAt), ulAt}, ulLowerSize, 0, MM_NO_BLOCK};
-    return {{StartBelowInFew(ulAt), stBlocks.End(), ulAt}, ulLowerSize, astFew[ulAt].ulSize, StartInFew(ulAt + 1)};
+    const bool fLower = stGiven.ulLowerSize != 0;
+    const bool fUpper = stGiven.ulUpperSize != 0;
+    Enter({stBlocks.ulFirst - stGiven.ulLowerSize, stGiven.ulLowerSize + stBlocks.ulSize + stGiven.ulUpperSize});
+    if (fUpper)
+        Leave({stGiven.ulUpper, stGiven.ulUpperSize});
+    ulRuns += 1 - fLower - fUpper;
+    if (ulRuns < FEW_AGAIN)
+        Sleep();
 }
 
 inline bool CMMFreeRuns::Agree() const
@@ -442,8 +458,8 @@ inline bool CMMFreeRuns::Agree() const
         const U32 ulLongest = LongestOfWord(ulWord);
         for (U32 ulStarts = StartsOf(ulWord); ulStarts != 0; ulStarts &= ulStarts - 1, ++ulCounted) {
             const TMMRun stRun = RunAt(ulWord * 32 + MM_LowestBit(ulStarts));
-            if (!fAwake && (ulCounted >= ulRuns || astFew[ulCounted].ulFirst != stRun.ulFirst ||
-                            astFew[ulCounted].ulSize != stRun.ulSize))
+            if (!fAwake && (ulCounted >= ulRuns || astFew[ulCounted + 1].ulFirst != stRun.ulFirst ||
+                            astFew[ulCounted + 1].ulSize != stRun.ulSize))
                 return false;
         }
         ulLargest = MM_Larger(ulLongest, ulLargest);
@@ -456,6 +472,8 @@ inline bool CMMFreeRuns::Agree() const
             return false;
         ulLong = 0;
     }
+    if (!fAwake && (astFew[0].ulFirst != MM_NO_BLOCK || astFew[ulRuns + 1].ulFirst != MM_NO_BLOCK))
+        return false;
     return ulCounted == ulRuns && Largest() == ulLargest;
 }
 

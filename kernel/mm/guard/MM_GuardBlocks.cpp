@@ -484,7 +484,7 @@ bool Claim(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& cl
     if (!clRuns.Bits().AllFree(stBlocks.ulFirst, stBlocks.ulSize))
         return false;
     const TMMRun stRun = clRuns.RunAt(clRuns.StartBelow(stBlocks.ulFirst + 1));
-    const CMMFreeRuns::TMMPlace stPlace = {clRuns.StartBelow(stRun.ulFirst), clRuns.StartFrom(stRun.End()), 0};
+    const CMMFreeRuns::TMMPlace stPlace = {clRuns.StartBelow(stRun.ulFirst), clRuns.StartFrom(stRun.End())};
     if (stRun.ulSize == stBlocks.ulSize) {
         Unlink(hulHandle, stGuarded, stRun, stPlace, clWitness);
     } else {
