@@ -78,14 +78,12 @@ public:
         return true;
     }
 
-    /* The first allocated block from ulBlk on, which there must be. Most lie in the block's own word or in the next one. */
-    U32 NextTaken(U32 ulBlk) const
+    /* The first allocated block from ulBlk on, which there must be. Most runs end within 32 blocks. */
+    [[gnu::always_inline]] U32 NextTaken(U32 ulBlk) const
     {
-        const U32 ulBits = apulLevel[0][ulBlk / 32] >> ulBlk % 32;
-        if (ulBits != 0)
-            return ulBlk + Lowest(ulBits);
-        const U32 ulNext = apulLevel[0][ulBlk / 32 + 1];
-        return ulNext != 0 ? (ulBlk / 32 + 1) * 32 + Lowest(ulNext) : TakenAbove(ulBlk / 32 + 1);
+        const U32* const pulWord = apulLevel[0] + ulBlk / 32;
+        const U32 ulBits = pulWord[0] >> ulBlk % 32 | pulWord[1] << 1 << (31 - ulBlk % 32);
+        return ulBits != 0 ? ulBlk + Lowest(ulBits) : FarTaken(ulBlk / 32 + 1);
     }
 
     static U32 Lowest(U32 ulBits) { return static_cast<U32>(__builtin_ctz(ulBits)); }
@@ -162,9 +160,11 @@ private:
         }
     }
 
-    /* The same in the words above one. */
-    [[gnu::noinline]] U32 TakenAbove(U32 ulIdx) const
+    /* The same from a word on. */
+    [[gnu::noinline]] U32 FarTaken(U32 ulIdx) const
     {
+        if (apulLevel[0][ulIdx] != 0)
+            return ulIdx * 32 + Lowest(apulLevel[0][ulIdx]);
         for (U32 ulLevel = 1;; ++ulLevel) {
             const U32 ulBits = apulLevel[ulLevel][ulIdx / 32] & (ALL - 1) << ulIdx % 32;
             ulIdx /= 32;

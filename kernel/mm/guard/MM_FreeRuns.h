@@ -123,7 +123,15 @@ private:
     void Wake();
     void Sleep();
 
-    U32 StartsOf(U32 ulWord) const;
+    /* The free blocks of a word, and the blocks that have a free one below. */
+    struct TMMEdges {
+        U32 ulFree, ulFreeBelow;
+        U32 Starts() const { return ulFree & ~ulFreeBelow; }
+    };
+    TMMEdges EdgesOf(U32 ulWord) const;
+    U32 StartsOf(U32 ulWord) const { return EdgesOf(ulWord).Starts(); }
+    U32 StartBelow(U32 ulBlk, U32 ulStarts) const;
+    U32 StartFrom(U32 ulBlk, U32 ulStarts) const;
     U32 LongestOfWord(U32 ulWord) const;
     U32 LastLongOfGroup(U32 ulGroup, U32 ulSize) const;
     U32 LongestOfGroup(U32 ulGroup) const;
@@ -248,11 +256,10 @@ inline void CMMFreeRuns::RemoveFew(U32 ulAt)
 
 /* Runs of a word --------------------------------------------------------------------------------------- */
 
-/* The free blocks of a word that have none below. */
-inline U32 CMMFreeRuns::StartsOf(U32 ulWord) const
+inline CMMFreeRuns::TMMEdges CMMFreeRuns::EdgesOf(U32 ulWord) const
 {
     const U32 ulFree = clBits.FreeOf(ulWord);
-    return ulFree & ~(ulFree << 1 | clBits.FreeOf(ulWord - 1) >> 31);
+    return {ulFree, ulFree << 1 | clBits.FreeOf(ulWord - 1) >> 31};
 }
 
 inline U32 CMMFreeRuns::LongestOfWord(U32 ulWord) const
@@ -274,7 +281,7 @@ inline U32 CMMFreeRuns::LastLongOfGroup(U32 ulGroup, U32 ulSize) const
 }
 
 /* Size of the longest run that starts in a group, if it is a long one; else 0. */
-inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
+[[gnu::noinline]] inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
 {
     const U32 ulFirst = ulGroup * GROUP_WORDS;
     U32 ulLongest = 0;
@@ -286,12 +293,21 @@ inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
 
 /* Questions -------------------------------------------------------------------------------------------- */
 
-[[gnu::always_inline]] inline U32 CMMFreeRuns::StartBelow(U32 ulBlk) const
+inline U32 CMMFreeRuns::StartBelow(U32 ulBlk) const
 {
-    if (!fAwake)
-        return astFew[FewBelow(ulBlk)].ulFirst;
+    return fAwake ? StartBelow(ulBlk, StartsOf(ulBlk / 32)) : astFew[FewBelow(ulBlk)].ulFirst;
+}
+
+inline U32 CMMFreeRuns::StartFrom(U32 ulBlk) const
+{
+    return fAwake ? StartFrom(ulBlk, StartsOf(ulBlk / 32)) : astFew[FewBelow(ulBlk) + 1].ulFirst;
+}
+
+/* The same by the trees. ulStarts: those of the block's word. */
+[[gnu::always_inline]] inline U32 CMMFreeRuns::StartBelow(U32 ulBlk, U32 ulStarts) const
+{
     U32 ulWord = ulBlk / 32;
-    U32 ulStarts = StartsOf(ulWord) & ((1u << ulBlk % 32) - 1);
+    ulStarts &= (1u << ulBlk % 32) - 1;
     if (ulStarts == 0) {
         ulWord = clShort.FindUsedBelow(ulWord);
         if (ulWord == MM_NO_ELEMENT)
@@ -301,12 +317,10 @@ inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
     return ulWord * 32 + MM_HighestBit(ulStarts);
 }
 
-[[gnu::always_inline]] inline U32 CMMFreeRuns::StartFrom(U32 ulBlk) const
+[[gnu::always_inline]] inline U32 CMMFreeRuns::StartFrom(U32 ulBlk, U32 ulStarts) const
 {
-    if (!fAwake)
-        return astFew[FewBelow(ulBlk) + 1].ulFirst;
     U32 ulWord = ulBlk / 32;
-    U32 ulStarts = StartsOf(ulWord) & 0xFFFFFFFF << ulBlk % 32;
+    ulStarts &= 0xFFFFFFFF << ulBlk % 32;
     if (ulStarts == 0) {
         ulWord = clShort.FindUsedAbove(ulWord);
         if (ulWord == MM_NO_ELEMENT)
@@ -357,7 +371,8 @@ inline CMMFreeRuns::TMMFound CMMFreeRuns::FindInWord(U32 ulWord, U32 ulBlkNum) c
 {
     if (!fAwake)
         return {astFew[stFound.ulAt - 1].ulFirst, astFew[stFound.ulAt + 1].ulFirst};
-    return {StartBelow(stFound.ulFirst), StartFrom(stFound.End())};
+    return {StartBelow(stFound.ulFirst, StartsOf(stFound.ulFirst / 32)),
+            StartFrom(stFound.End(), StartsOf(stFound.End() / 32))};
 }
 
 /* Changes ---------------------------------------------------------------------------------------------- */
@@ -429,12 +444,15 @@ inline void CMMFreeRuns::CutInside(TMMRun stRun, TMMRun stTaken)
 [[gnu::always_inline]] inline CMMFreeRuns::TMMGiven CMMFreeRuns::FindGiven(TMMRun stBlocks) const
 {
     const U32 ulEnd = stBlocks.End();
-    const U32 ulLower = StartBelow(stBlocks.ulFirst);
-    const U32 ulLowerSize = clBits.IsTaken(stBlocks.ulFirst - 1) ? 0 : stBlocks.ulFirst - ulLower;
-    if (clBits.IsTaken(ulEnd))
-        return {{ulLower, StartFrom(ulEnd)}, ulLowerSize, 0, MM_NO_BLOCK};
+    const TMMEdges stLow = EdgesOf(stBlocks.ulFirst / 32);
+    const TMMEdges stHigh = EdgesOf(ulEnd / 32);
+    const U32 ulLower = StartBelow(stBlocks.ulFirst, stLow.Starts());
+    const U32 ulLowerSize = (stLow.ulFreeBelow >> stBlocks.ulFirst % 32 & 1) != 0 ? stBlocks.ulFirst - ulLower : 0;
+    if ((stHigh.ulFree >> ulEnd % 32 & 1) == 0)
+        return {{ulLower, StartFrom(ulEnd, stHigh.Starts())}, ulLowerSize, 0, MM_NO_BLOCK};
     const U32 ulUpperSize = SizeAt(ulEnd);
-    return {{ulLower, ulEnd}, ulLowerSize, ulUpperSize, StartFrom(ulEnd + ulUpperSize)};
+    const U32 ulPast = ulEnd + ulUpperSize;
+    return {{ulLower, ulEnd}, ulLowerSize, ulUpperSize, StartFrom(ulPast, StartsOf(ulPast / 32))};
 }
 
 [[gnu::always_inline]] inline void CMMFreeRuns::GiveAwake(TMMRun stBlocks, const TMMGiven& stGiven)

@@ -113,10 +113,7 @@ public:
         Back(pstRun, pstBack);
         Size(pstRun, ulSize);
     }
-    void Entry(U32 ulEntries) { ulMarked |= ulEntries; }
-    /* Entries of blocks that were free. */
-    void Byte(const U8*, U8, U8 ubOld) { Entry(ubOld); }
-    void Word(const U8*, U32 ulOld) { Entry(ulOld); }
+    void Free(U32 ulEntries) { ulMarked |= ulEntries; }
     bool Disagrees() const { return (ulDifference | ulMarked) != 0; }
     bool MapDisagrees() const { return ulMarked != 0; }
 
@@ -241,12 +238,6 @@ template <class TVisitor>
         });
 }
 
-/* What the entries held does not matter. */
-struct TMMNoVisitor {
-    void Byte(const U8*, U8, U8) {}
-    void Word(const U8*, U32) {}
-};
-
 /* The free blocks of a run are nobody's. */
 void ClearFree(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun)
 {
@@ -294,8 +285,20 @@ struct TMMUnowned {
     }
 };
 
+/* Gives blocks that were free an owner; what their entries held, all together. */
+[[gnu::noinline]] U32 TakeOwner(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun, U8 ubMapID)
+{
+    struct TMMHeld {
+        U32 ulHeld;
+        void Byte(const U8*, U8, U8 ubOld) { ulHeld |= ubOld; }
+        void Word(const U8*, U32 ulOld) { ulHeld |= ulOld; }
+    } clHeld{0};
+    SetOwner(stGuarded, stStretch, stRun, ubMapID, clHeld);
+    return clHeld.ulHeld;
+}
+
 /* Erases the owners of a run of blocks. As in the default build a block that was nobody's is reported, once. */
-void ClearOwners(U32 hulHandle, const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun)
+[[gnu::noinline]] void ClearOwners(U32 hulHandle, const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun)
 {
     TMMUnowned clUnowned{stGuarded.ubMap, 0xFFFFFFFF, nullptr, 0};
     SetOwner(stGuarded, stStretch, stRun, 0, clUnowned);
@@ -420,7 +423,7 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
     }
     stGuarded.clRuns.CutEnd(stRun, ulBlkNum);
     if (stGuarded.ubMap != 0 && ubMapID != 0)
-        SetOwner(stGuarded, *pstStretch, stTaken, ubMapID, clWitness);
+        clWitness.Free(TakeOwner(stGuarded, *pstStretch, stTaken, ubMapID));
     Count(hulHandle, pstStretch, 0 - ulBlkNum);
     return MM_At(AddrIn(stGuarded, *pstStretch, stTaken.ulFirst));
 }
@@ -564,7 +567,7 @@ void CollectRun(U32 hulHandle, TMMStretch& stStretch, TMMRun stFound, U8 ubMapID
             if (ulPast > ulNumber)
                 Release(hulHandle, &stStretch, {ulNumber, ulPast - ulNumber}, clWitness);
             else
-                clWitness.Entry(!stGuarded.clRuns.Bits().IsTaken(ulPast)); /* a free block that somebody owns */
+                clWitness.Free(!stGuarded.clRuns.Bits().IsTaken(ulPast)); /* a free block that somebody owns */
             ulNumber = ulPast > ulNumber ? ulPast : ulPast + 1;
         }
     }
@@ -660,9 +663,9 @@ void AddStretch(TMMGuarded& stGuarded, U32 ulStart, U32 ulBlkNum, U8* pubMapEndA
 
 /* Entries ------------------------------------------------------------------------------------------------ */
 
-U8* MM_GuardedAllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
+[[gnu::flatten]] U8* MM_GuardedAllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 {
-    if (ulReqBlkNum == 0 || !CanHold(astGuarded[hulHandle], ubMapID))
+    if (ulReqBlkNum == 0 || (ubMapID != 0 && !CanHold(astGuarded[hulHandle], ubMapID)))
         return RefuseAllocation(hulHandle, ulReqBlkNum, ubMapID);
     if (stSegTable[hulHandle].ulTotalFreeBlkNum == 0)
         return nullptr;
@@ -674,7 +677,7 @@ U8* MM_GuardedAllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
     return pubResult;
 }
 
-U32 MM_GuardedFreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNum)
+[[gnu::flatten]] U32 MM_GuardedFreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNum)
 {
     CMMWitness clWitness;
     U32 ulNumber = 0;
@@ -728,8 +731,7 @@ bool MM_GuardedMark(U32 hulHandle, U32 ulAddr, U32 ulBlkNum, U8 ubMapID)
     const bool fMarked = pstStretch != nullptr && stGuarded.ubMap != 0 && CanHold(stGuarded, ubMapID);
     if (fMarked) {
         ClearOwners(hulHandle, stGuarded, *pstStretch, {ulNumber, ulBlkNum});
-        TMMNoVisitor clNone;
-        SetOwner(stGuarded, *pstStretch, {ulNumber, ulBlkNum}, ubMapID, clNone);
+        TakeOwner(stGuarded, *pstStretch, {ulNumber, ulBlkNum}, ubMapID);
     }
     MMP_UnlockIrq(search_lock);
     if (!fMarked)
