@@ -176,7 +176,8 @@ private:
         }
     }
 
-    U32* apulLevel[MAX_LEVELS + 1]; /* the bits; above them, bit i is set when word i of the level below has a set bit */
+    U32*
+        apulLevel[MAX_LEVELS + 1]; /* the bits; above them, bit i is set when word i of the level below has a set bit */
     U32 ulWords;
     U32 ulLevels; /* above the bits */
 };

@@ -143,10 +143,10 @@ private:
     CMMBlockBits clBits;
     U32 ulRuns;
     U32 ulLargestOfFew;
-    bool fAwake; /* the trees are kept; otherwise the short table is, and the trees are empty */
+    bool fAwake;                 /* the trees are kept; otherwise the short table is, and the trees are empty */
     TMMRun astFew[MOST_FEW + 2]; /* from place 1 on, in order, with none before and behind */
-    TMMShortTree clShort; /* for each word: size of the longest run that starts in it, LONG_RUN at the most */
-    TMMLongTree clLong;   /* for each group of words: the same, in full, if it is LONG_RUN or more; else 0 */
+    TMMShortTree clShort;        /* for each word: size of the longest run that starts in it, LONG_RUN at the most */
+    TMMLongTree clLong;          /* for each group of words: the same, in full, if it is LONG_RUN or more; else 0 */
 };
 
 inline U32 MM_Smaller(U32 ulLeft, U32 ulRight)

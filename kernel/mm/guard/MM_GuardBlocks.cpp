@@ -17,7 +17,6 @@ struct TMMStretch {
     U32 ulZero;  /* where block 0 would lie, so that a block's address is one step away; wraps */
     U32 ulFirst; /* number of its first block; stretches begin at whole words of bits, with a taken block before */
     U32 ulBlkNum;
-    U32 ulFree; /* blocks */
     U8* pubMapEndAddr;
 
     U32 PastNumber() const { return ulFirst + ulBlkNum; }
@@ -36,6 +35,15 @@ struct TMMGuarded {
 };
 
 TMMGuarded astGuarded[MAX_SEGTABLE_SIZE];
+
+/* A segment's entry by an address that the compiler does not see through: it would work it out again, with a multiplication, at
+ * each of the many accesses of an allocation. */
+inline TMMGuarded& GuardedOf(U32 hulHandle)
+{
+    TMMGuarded* pstGuarded = astGuarded + hulHandle;
+    __asm__("" : "+r"(pstGuarded));
+    return *pstGuarded;
+}
 
 constexpr U32 SLICE_WORDS = 128; /* of bits that are mended without a break: 4096 blocks */
 
@@ -68,9 +76,16 @@ inline U32 AddrOf(TMMGuarded& stGuarded, U32 ulNumber)
 }
 
 /* The header of the run that starts at a block; null for none. */
-inline TMMBlkStr* HeaderOf(TMMGuarded& stGuarded, U32 ulStart)
+[[gnu::noinline]] TMMBlkStr* HeaderOf(TMMGuarded& stGuarded, U32 ulStart)
 {
     return ulStart != MM_NO_BLOCK ? MM_At<TMMBlkStr>(AddrOf(stGuarded, ulStart)) : nullptr;
+}
+
+/* The same for one that lies in the stretch, most probably. */
+[[gnu::always_inline]] inline TMMBlkStr* HeaderNear(TMMGuarded& stGuarded, const TMMStretch& stStretch, U32 ulStart)
+{
+    return ulStart - stStretch.ulFirst < stStretch.ulBlkNum ? MM_At<TMMBlkStr>(AddrIn(stGuarded, stStretch, ulStart))
+                                                            : HeaderOf(stGuarded, ulStart);
 }
 
 /* The stretch that has all the blocks at an address of a block; null when none has. */
@@ -298,7 +313,8 @@ struct TMMUnowned {
 }
 
 /* Erases the owners of a run of blocks. As in the default build a block that was nobody's is reported, once. */
-[[gnu::noinline]] void ClearOwners(U32 hulHandle, const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun)
+[[gnu::noinline]] void ClearOwners(U32 hulHandle, const TMMGuarded& stGuarded, const TMMStretch& stStretch,
+                                   TMMRun stRun)
 {
     TMMUnowned clUnowned{stGuarded.ubMap, 0xFFFFFFFF, nullptr, 0};
     SetOwner(stGuarded, stStretch, stRun, 0, clUnowned);
@@ -333,7 +349,8 @@ void MendSlice(U32 hulHandle, TMMGuarded& stGuarded, U32 ulWord, EMMMend enMend)
     for (;;) { /* the first run began below the slice, and may reach into it */
         const U32 ulFirst = MM_Larger(stRun.ulFirst, ulStart);
         if (fMap && stRun.Is() && stRun.End() > ulStart)
-            ClearFree(stGuarded, *StretchOfNumber(stGuarded, ulFirst), {ulFirst, MM_Smaller(stRun.End(), ulPast) - ulFirst});
+            ClearFree(stGuarded, *StretchOfNumber(stGuarded, ulFirst),
+                      {ulFirst, MM_Smaller(stRun.End(), ulPast) - ulFirst});
         TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun.ulFirst);
         stRun = clRuns.RunAt(clRuns.StartFrom(stRun.Is() ? stRun.End() : ulStart));
         if (stRun.ulFirst >= ulPast) {
@@ -372,14 +389,24 @@ inline void MendIf(U32 hulHandle, const CMMWitness& clWitness)
         Mend(hulHandle, clWitness.MapDisagrees() ? MEND_LIST_AND_MAP : MEND_LIST);
 }
 
+/* Free blocks of words of bits. */
+U32 FreeInSlice(const TMMGuarded& stGuarded, U32 ulWord, U32 ulWords)
+{
+    const CMMBlocksLock clLock;
+    U32 ulFree = 0;
+    for (; stGuarded.pulMemory != nullptr && ulWords > 0; ++ulWord, --ulWords)
+        for (U32 ulBits = stGuarded.clRuns.Bits().FreeOf(ulWord); ulBits != 0; ulBits &= ulBits - 1)
+            ++ulFree;
+    return ulFree;
+}
+
 /* What an allocation and a release change in the segment's entry. */
-inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
+inline void Count(U32 hulHandle, const TMMGuarded& stGuarded, U32 ulMoreFree)
 {
     TMMSegInfo& stSeg = stSegTable[hulHandle];
-    pstStretch->ulFree += ulMoreFree;
     stSeg.ulTotalFreeBlkNum += ulMoreFree;
     stSeg.ulTotalAllocBlkNum -= ulMoreFree;
-    stSeg.ulLargestBlkSize = astGuarded[hulHandle].clRuns.Largest();
+    stSeg.ulLargestBlkSize = stGuarded.clRuns.Largest();
 #ifdef MM_CHECK_RUN_INDEX
     if (!MM_GuardAgrees(hulHandle))
         __builtin_trap();
@@ -389,12 +416,12 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
 /* Allocation --------------------------------------------------------------------------------------------- */
 
 /* Takes a whole run out of the list, where it has its place. */
-[[gnu::always_inline]] inline void Unlink(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stRun, const CMMFreeRuns::TMMPlace& stPlace,
-                   CMMWitness& clWitness)
+[[gnu::always_inline]] inline void Unlink(U32 hulHandle, TMMGuarded& stGuarded, const TMMStretch& stStretch,
+                                          TMMRun stRun, const CMMFreeRuns::TMMPlace& stPlace, CMMWitness& clWitness)
 {
-    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stPlace.ulLower);
-    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stPlace.ulUpper);
-    TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun.ulFirst);
+    TMMBlkStr* const pstLower = HeaderNear(stGuarded, stStretch, stPlace.ulLower);
+    TMMBlkStr* const pstUpper = HeaderNear(stGuarded, stStretch, stPlace.ulUpper);
+    TMMBlkStr* const pstRun = MM_At<TMMBlkStr>(AddrIn(stGuarded, stStretch, stRun.ulFirst));
     clWitness.Node(pstRun, pstUpper, pstLower, stRun.ulSize);
     if (pstLower != nullptr)
         clWitness.Next(pstLower, pstRun);
@@ -406,7 +433,7 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
 /* The caller has the lock. */
 [[gnu::always_inline]] inline U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
 {
-    TMMGuarded& stGuarded = astGuarded[hulHandle];
+    TMMGuarded& stGuarded = GuardedOf(hulHandle);
     const CMMFreeRuns::TMMFound stRun = stGuarded.clRuns.Find(ulBlkNum);
     if (!stRun.Is())
         return nullptr;
@@ -415,7 +442,7 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
     const U32 ulRest = stRun.ulSize - ulBlkNum;
     const TMMRun stTaken = {stRun.ulFirst + ulRest, ulBlkNum};
     if (ulRest == 0) {
-        Unlink(hulHandle, stGuarded, stRun, stGuarded.clRuns.PlaceOf(stRun), clWitness);
+        Unlink(hulHandle, stGuarded, *pstStretch, stRun, stGuarded.clRuns.PlaceOf(stRun), clWitness);
     } else {
         TMMBlkStr* const pstRun = MM_At<TMMBlkStr>(AddrIn(stGuarded, *pstStretch, stRun.ulFirst));
         clWitness.Size(pstRun, stRun.ulSize);
@@ -424,7 +451,7 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
     stGuarded.clRuns.CutEnd(stRun, ulBlkNum);
     if (stGuarded.ubMap != 0 && ubMapID != 0)
         clWitness.Free(TakeOwner(stGuarded, *pstStretch, stTaken, ubMapID));
-    Count(hulHandle, pstStretch, 0 - ulBlkNum);
+    Count(hulHandle, stGuarded, 0 - ulBlkNum);
     return MM_At(AddrIn(stGuarded, *pstStretch, stTaken.ulFirst));
 }
 
@@ -432,19 +459,19 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
 
 /* Puts blocks that were given back into the list. The order and extent of the writes are the default build's, whose traces in
  * free memory some read. */
-[[gnu::always_inline]] inline void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks,
-                                          const CMMFreeRuns::TMMGiven& stGiven, TMMBlkStr* pstNew,
-                                          CMMWitness& clWitness)
+[[gnu::always_inline]] inline void Insert(U32 hulHandle, TMMGuarded& stGuarded, const TMMStretch& stStretch,
+                                          TMMRun stBlocks, const CMMFreeRuns::TMMGiven& stGiven, CMMWitness& clWitness)
 {
-    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stGiven.ulLower);
-    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stGiven.ulUpper);
+    TMMBlkStr* const pstNew = MM_At<TMMBlkStr>(AddrIn(stGuarded, stStretch, stBlocks.ulFirst));
+    TMMBlkStr* const pstLower = HeaderNear(stGuarded, stStretch, stGiven.ulLower);
+    TMMBlkStr* const pstUpper = HeaderNear(stGuarded, stStretch, stGiven.ulUpper);
     TMMBlkStr* pstNext = pstUpper;
     const U32 ulSize = stBlocks.ulSize + stGiven.ulUpperSize;
 
     if (pstLower != nullptr)
         clWitness.Next(pstLower, pstUpper);
     if (stGiven.ulUpperSize != 0) {
-        pstNext = HeaderOf(stGuarded, stGiven.ulPastUpper);
+        pstNext = HeaderNear(stGuarded, stStretch, stGiven.ulPastUpper);
         clWitness.Node(pstUpper, pstNext, pstLower, stGiven.ulUpperSize);
     } else if (pstUpper != nullptr) {
         clWitness.Back(pstUpper, pstLower);
@@ -464,17 +491,16 @@ inline void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulMoreFree)
 }
 
 /* Releases blocks, the caller has the lock: false with nothing changed unless all of them are allocated. */
-[[gnu::always_inline]] inline bool Release(U32 hulHandle, TMMStretch* pstStretch, TMMRun stBlocks, CMMWitness& clWitness)
+[[gnu::always_inline]] inline bool Release(U32 hulHandle, TMMGuarded& stGuarded, const TMMStretch& stStretch,
+                                           TMMRun stBlocks, CMMWitness& clWitness)
 {
-    TMMGuarded& stGuarded = astGuarded[hulHandle];
     CMMFreeRuns::TMMGiven stGiven;
     if (!stGuarded.clRuns.Give(stBlocks, &stGiven))
         return false;
     if (stGuarded.ubMap != 0)
-        ClearOwners(hulHandle, stGuarded, *pstStretch, stBlocks);
-    Insert(hulHandle, stGuarded, stBlocks, stGiven, MM_At<TMMBlkStr>(AddrIn(stGuarded, *pstStretch, stBlocks.ulFirst)),
-           clWitness);
-    Count(hulHandle, pstStretch, stBlocks.ulSize);
+        ClearOwners(hulHandle, stGuarded, stStretch, stBlocks);
+    Insert(hulHandle, stGuarded, stStretch, stBlocks, stGiven, clWitness);
+    Count(hulHandle, stGuarded, stBlocks.ulSize);
     return true;
 }
 
@@ -489,7 +515,7 @@ bool Claim(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& cl
     const TMMRun stRun = clRuns.RunAt(clRuns.StartBelow(stBlocks.ulFirst + 1));
     const CMMFreeRuns::TMMPlace stPlace = {clRuns.StartBelow(stRun.ulFirst), clRuns.StartFrom(stRun.End())};
     if (stRun.ulSize == stBlocks.ulSize) {
-        Unlink(hulHandle, stGuarded, stRun, stPlace, clWitness);
+        Unlink(hulHandle, stGuarded, *StretchOfNumber(stGuarded, stRun.ulFirst), stRun, stPlace, clWitness);
     } else {
         TMMBlkStr* const pstBelow = HeaderOf(stGuarded, stPlace.ulLower);
         TMMBlkStr* const pstAbove = HeaderOf(stGuarded, stPlace.ulUpper);
@@ -565,7 +591,7 @@ void CollectRun(U32 hulHandle, TMMStretch& stStretch, TMMRun stFound, U8 ubMapID
         for (U32 ulNumber = stFound.ulFirst; ulNumber < stFound.End();) {
             const U32 ulPast = PastOwned(stGuarded, stStretch, {ulNumber, stFound.End() - ulNumber}, ubMapID);
             if (ulPast > ulNumber)
-                Release(hulHandle, &stStretch, {ulNumber, ulPast - ulNumber}, clWitness);
+                Release(hulHandle, stGuarded, stStretch, {ulNumber, ulPast - ulNumber}, clWitness);
             else
                 clWitness.Free(!stGuarded.clRuns.Bits().IsTaken(ulPast)); /* a free block that somebody owns */
             ulNumber = ulPast > ulNumber ? ulPast : ulPast + 1;
@@ -639,7 +665,7 @@ void AddStretch(TMMGuarded& stGuarded, U32 ulStart, U32 ulBlkNum, U8* pubMapEndA
 {
     TMMStretch& stStretch = stGuarded.astStretch[stGuarded.ubStretches++];
     stStretch = {ulStart, ulStart - MM_BlkToBytes(stGuarded.ulNumbers, stGuarded.ubBlkBit), stGuarded.ulNumbers,
-                 ulBlkNum, ulBlkNum, pubMapEndAddr};
+                 ulBlkNum, pubMapEndAddr};
     stGuarded.ulNumbers = (stStretch.PastNumber() + 32) & ~31u; /* with one that is none at the least */
 }
 
@@ -682,8 +708,9 @@ void AddStretch(TMMGuarded& stGuarded, U32 ulStart, U32 ulBlkNum, U8* pubMapEndA
     CMMWitness clWitness;
     U32 ulNumber = 0;
     MMP_LockIrq(search_lock);
-    TMMStretch* const pstStretch = FindBlocks(astGuarded[hulHandle], MM_Addr(pubRlsAddr), ulBlkNum, &ulNumber);
-    if (pstStretch == nullptr || !Release(hulHandle, pstStretch, {ulNumber, ulBlkNum}, clWitness))
+    TMMGuarded& stGuarded = GuardedOf(hulHandle);
+    TMMStretch* const pstStretch = FindBlocks(stGuarded, MM_Addr(pubRlsAddr), ulBlkNum, &ulNumber);
+    if (pstStretch == nullptr || !Release(hulHandle, stGuarded, *pstStretch, {ulNumber, ulBlkNum}, clWitness))
         return RefuseRelease(hulHandle, pubRlsAddr, ulBlkNum);
     MMP_UnlockIrq(search_lock);
     MendIf(hulHandle, clWitness);
@@ -699,7 +726,7 @@ U32 MM_GuardedClaim(U32 hulHandle, U8* pubAddr, U32 ulBlkNum)
     TMMStretch* const pstStretch = FindBlocks(stGuarded, MM_Addr(pubAddr), ulBlkNum, &ulNumber);
     const bool fClaimed = pstStretch != nullptr && Claim(hulHandle, stGuarded, {ulNumber, ulBlkNum}, clWitness);
     if (fClaimed)
-        Count(hulHandle, pstStretch, 0 - ulBlkNum);
+        Count(hulHandle, stGuarded, 0 - ulBlkNum);
     MMP_UnlockIrq(search_lock);
     if (!fClaimed) {
         MM_GuardReport(CLAIM_OUTSIDE, hulHandle, MM_Addr(pubAddr), ulBlkNum);
@@ -758,11 +785,15 @@ U32 MM_GuardLargestRun(U32 hulHandle)
 
 U32 MM_GuardFreeInPiece(U32 ulStart)
 {
-    const TMMGuarded& stHeap = astGuarded[HEAPHANDLE];
-    for (U8 ubIdx = 0; stHeap.pulMemory != nullptr && ubIdx < stHeap.ubStretches; ++ubIdx)
-        if (stHeap.astStretch[ubIdx].ulStart == ulStart)
-            return stHeap.astStretch[ubIdx].ulFree;
-    return 0;
+    TMMGuarded& stHeap = astGuarded[HEAPHANDLE];
+    U32 ulFree = 0;
+    for (U8 ubIdx = 0; stHeap.pulMemory != nullptr && ubIdx < stHeap.ubStretches; ++ubIdx) {
+        const TMMStretch& stStretch = stHeap.astStretch[ubIdx];
+        const U32 ulWords = CMMBlockBits::Words(stStretch.ulBlkNum);
+        for (U32 ulWord = 0; stStretch.ulStart == ulStart && ulWord < ulWords; ulWord += SLICE_WORDS)
+            ulFree += FreeInSlice(stHeap, stStretch.ulFirst / 32 + ulWord, MM_Smaller(SLICE_WORDS, ulWords - ulWord));
+    }
+    return ulFree;
 }
 
 void MM_GuardMend(U32 ulAddr, U32 ulBytes)
