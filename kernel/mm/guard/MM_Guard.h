@@ -57,6 +57,11 @@ enum EMMReason : U8 {
     REASON_NUM
 };
 
+/* Addresses from ulStart up to ulEnd. */
+struct TMMFreeMemory {
+    U32 ulStart, ulEnd;
+};
+
 extern "C" {
 /* One line on the kernel log: the reason, the segment, an address, a count. Each reason's first lines are all
  * printed, later ones more and more seldom. Sleeps: no. */
@@ -119,16 +124,11 @@ bool MM_GuardAccepts(const TMMSegInfo& stSegInfo);
 bool MM_GuardEstablish(U32 hulHandle);
 
 bool MM_GuardMayBuildMCT(TMMInitOption enInitOption);
-bool MM_GuardMayStart(TStartOption enStartOption);
-/* The library starts: the free-memory list is forgotten, and the segments' bits are given back. */
-void MM_GuardStart(void);
-/* Looks where memory is free when no segment is there: behind the fixed segments, as far as the next one or the area's end.
- * False when there is none, or a segment; otherwise the two bounds may be asked. */
-bool MM_GuardMeasureFreeMemory(void);
-U32 MM_GuardFreeStart(void);
-U32 MM_GuardFreeEnd(void);
-/* The library has started. */
-void MM_GuardStarted(void);
+/* The library starts, if it may: the free-memory list is forgotten, and the segments' bits are given back. */
+bool MM_GuardStart(TStartOption enStartOption);
+/* Memory that is free when no segment is there: behind the fixed segments, as far as the next one or the area's end. It starts at
+ * 0 when there is none, or when there is a segment; otherwise the library has started. */
+TMMFreeMemory MM_GuardFreeMemory(void);
 /* The module goes, or a simulated machine is switched on: everything is forgotten and given back. */
 void MM_GuardReset(void);
 void MM_GuardOpened(void);
@@ -143,7 +143,8 @@ inline bool MM_GuardHandle(U32 hulHandle)
 bool MM_GuardSelector(U32 ulSelector); /* of the display */
 bool MM_GuardHasMCT(void);
 bool MM_GuardOverflow(U32 hulHandle, U32 ulReqBlkNo);
-bool MM_GuardFill(U32 ulAddr, U32 ulBytes);
+/* Before a command is run: whether it may be, by its record. */
+bool MM_GuardCommand(U32 ulCmd, const void* pvRecord);
 bool MM_GuardMapping(U32 ulPgOff, U32 ulBytes);
 bool MM_GuardArea(U32 ulStart, U32 ulEnd);
 bool MM_GuardRow(U32 ulStart, U32 ulBytes);
