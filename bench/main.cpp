@@ -140,7 +140,7 @@ private:
         measurement.batches(result);
         measurement.lockHold(result);
         if constexpr (requires { work.contender().indexed(); })
-            if (result.contender == "velmora" && !work.contender().indexed())
+            if (!MM_Guarded && result.contender == "velmora" && !work.contender().indexed())
                 std::fprintf(stderr, "%s: the index was dropped; the list was walked\n", nameOf(result).c_str());
         if (const auto log = velmora::sim::machine().takeLog(); !log.empty())
             throw std::runtime_error(nameOf(result) + ": the kernel log has " + log.front());
