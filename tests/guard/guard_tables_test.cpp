@@ -107,8 +107,9 @@ TEST(GuardTables, RunsAreFoundAsAWalkFromTheTopFindsThem)
         runs.Init(storage.data(), count);
         Model model(count);
         const auto give = [&](TMMRun blocks) {
-            CMMFreeRuns::TMMGiven given;
-            ASSERT_TRUE(runs.Give(blocks, &given));
+            CMMFreeRuns::TMMGiven given{};
+            const auto note = [&](const CMMFreeRuns::TMMGiven& noted) { given = noted; };
+            ASSERT_TRUE(runs.Give(blocks, note));
             EXPECT_EQ(given.ulLower, model.startBelow(blocks.ulFirst));
             EXPECT_EQ(given.ulLowerSize, model.taken(blocks.ulFirst - 1) ? 0 : blocks.ulFirst - given.ulLower);
             EXPECT_EQ(given.ulUpper, model.next(blocks.End(), false));
@@ -118,7 +119,7 @@ TEST(GuardTables, RunsAreFoundAsAWalkFromTheTopFindsThem)
             } else {
                 EXPECT_EQ(given.ulUpperSize, 0);
             }
-            EXPECT_FALSE(runs.Give(blocks, &given)) << "twice";
+            EXPECT_FALSE(runs.Give(blocks, note)) << "twice";
             model.set(blocks.ulFirst, blocks.ulSize, false);
         };
         give({bottom, count - 1 - bottom});

@@ -88,8 +88,9 @@ public:
     struct TMMGiven : TMMPlace {
         U32 ulLowerSize, ulUpperSize, ulPastUpper;
     };
-    /* Gives blocks back; false with nothing changed unless all of them are allocated. */
-    bool Give(TMMRun stBlocks, TMMGiven* pstGiven);
+    /* Gives blocks back, and tells the visitor where they lie; false with nothing changed unless all of them are
+     * allocated. */
+    template <class TVisit> bool Give(TMMRun stBlocks, TVisit fnGiven);
 
     /* True when the tables say what the bits say. */
     bool Agree() const;
@@ -425,18 +426,19 @@ inline void CMMFreeRuns::CutInside(TMMRun stRun, TMMRun stTaken)
         Sleep();
 }
 
-[[gnu::always_inline]] inline bool CMMFreeRuns::Give(TMMRun stBlocks, TMMGiven* pstGiven)
+template <class TVisit> [[gnu::always_inline]] inline bool CMMFreeRuns::Give(TMMRun stBlocks, TVisit fnGiven)
 {
     if (!clBits.Give(stBlocks.ulFirst, stBlocks.ulSize))
         return false;
     if (!fAwake && ulRuns < MOST_FEW) {
-        *pstGiven = GiveFew(stBlocks, FewBelow(stBlocks.ulFirst));
+        fnGiven(GiveFew(stBlocks, FewBelow(stBlocks.ulFirst)));
         return true;
     }
     if (!fAwake)
         Wake();
-    *pstGiven = FindGiven(stBlocks);
-    GiveAwake(stBlocks, *pstGiven);
+    const TMMGiven stGiven = FindGiven(stBlocks);
+    fnGiven(stGiven);
+    GiveAwake(stBlocks, stGiven);
     return true;
 }
 

@@ -494,12 +494,13 @@ inline void Count(U32 hulHandle, const TMMGuarded& stGuarded, U32 ulMoreFree)
 [[gnu::always_inline]] inline bool Release(U32 hulHandle, TMMGuarded& stGuarded, const TMMStretch& stStretch,
                                            TMMRun stBlocks, CMMWitness& clWitness)
 {
-    CMMFreeRuns::TMMGiven stGiven;
-    if (!stGuarded.clRuns.Give(stBlocks, &stGiven))
+    const bool fReleased = stGuarded.clRuns.Give(stBlocks, [&](const CMMFreeRuns::TMMGiven& stGiven) {
+        if (stGuarded.ubMap != 0)
+            ClearOwners(hulHandle, stGuarded, stStretch, stBlocks);
+        Insert(hulHandle, stGuarded, stStretch, stBlocks, stGiven, clWitness);
+    });
+    if (!fReleased)
         return false;
-    if (stGuarded.ubMap != 0)
-        ClearOwners(hulHandle, stGuarded, stStretch, stBlocks);
-    Insert(hulHandle, stGuarded, stStretch, stBlocks, stGiven, clWitness);
     Count(hulHandle, stGuarded, stBlocks.ulSize);
     return true;
 }
@@ -865,10 +866,9 @@ bool MM_GuardOpen(U32 hulHandle)
     if (stGuarded.pulMemory == nullptr)
         return false;
     stGuarded.clRuns.Init(stGuarded.pulMemory, stGuarded.ulNumbers);
-    for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx) {
-        CMMFreeRuns::TMMGiven stGiven;
-        stGuarded.clRuns.Give({stGuarded.astStretch[ubIdx].ulFirst, stGuarded.astStretch[ubIdx].ulBlkNum}, &stGiven);
-    }
+    for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx)
+        stGuarded.clRuns.Give({stGuarded.astStretch[ubIdx].ulFirst, stGuarded.astStretch[ubIdx].ulBlkNum},
+                              [](const CMMFreeRuns::TMMGiven&) {});
     {
         const CMMBlocksLock clLock;
         astGuarded[hulHandle] = stGuarded;
