@@ -5,7 +5,9 @@
  *
  * The same source makes both builds. MM_GUARDED is defined for the guarded one; MM_Guarded says so to the core, which
  * uses it in two ways only: MM_GUARD(verb, value) leaves an entry where a rule is broken, and
- * "if constexpr (MM_Guarded)" hands an entry over to the guard. In the default build neither leaves any code.
+ * "if constexpr (MM_Guarded)" hands an entry over to the guard. In the default build neither leaves any code
+ * (tests/objects/same_default.sh). Each stands at an entry: of the device (MM_GuardCommand for all commands, open, release, mapping,
+ * load and unload), of the calls by handle, of the allocators and release routines, of the nodes of the free-memory list.
  *
  * The truth lies in kernel memory that no mapping reaches: which blocks are allocated (MM_BlockBits.h), where the free runs
  * are (MM_FreeRuns.h), the list of free memory (MM_GuardCreate). The lists and owner maps in managed memory are
