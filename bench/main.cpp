@@ -18,6 +18,7 @@ struct Options {
     std::filesystem::path sequence, output;
     std::string only = ".";
     bool quick = false;
+    bool mediansOnly = false;
 };
 
 void describe(CLI::App& app, Options& options)
@@ -29,6 +30,7 @@ void describe(CLI::App& app, Options& options)
         ->required();
     app.add_option("--output", options.output, "results as JSON")->type_name("FILE")->required();
     app.add_flag("--quick", options.quick, "fewer sizes, shorter sequences: under a minute");
+    app.add_flag("--medians-only", options.mediansOnly, "no single operations, no lock times; rates are rough");
     app.add_option("--only", options.only,
                    "workloads and contenders by name, as they are printed: churn/95/1000/velmora")
         ->type_name("REGEX");
@@ -127,20 +129,25 @@ private:
             expect(velmora::sim::machine().takeLog().empty(), "the kernel log is not empty");
         };
         benchmark::RegisterBenchmark(name.c_str(), function)
-            ->MinTime(options_.quick ? 0.02 : 0.1); // processor time: the machine may be shared
+            ->MinTime(options_.mediansOnly ? 0.001
+                      : options_.quick     ? 0.02
+                                           : 0.1); // processor time: the machine may be shared
     }
 
     template <class Work> Result measure(Result result, Work& work, const Effort& effort)
     {
         Measurement<Work> measurement(work, clock_, effort);
-        measurement.singles(result);
+        result.samples = measurement.count();
+        if (!options_.mediansOnly)
+            measurement.singles(result);
         if (measurement.count() == work.operations())
             result.largestRunRatio = work.largestRunRatio();
         result.failed = work.failed();
         measurement.batches(result);
-        measurement.lockHold(result);
+        if (!options_.mediansOnly)
+            measurement.lockHold(result);
         if constexpr (requires { work.contender().indexed(); })
-            if (result.contender == "velmora" && !work.contender().indexed())
+            if (!MM_Guarded && result.contender == "velmora" && !work.contender().indexed())
                 std::fprintf(stderr, "%s: the index was dropped; the list was walked\n", nameOf(result).c_str());
         if (const auto log = velmora::sim::machine().takeLog(); !log.empty())
             throw std::runtime_error(nameOf(result) + ": the kernel log has " + log.front());

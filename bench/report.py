@@ -11,6 +11,7 @@ import pathlib
 import subprocess
 import sys
 
+HERE = pathlib.Path(__file__).resolve().parent
 CONTENDERS = ["velmora", "velmora-walk", "stack", "boost-rbtree", "pmr-pool", "glibc", "mimalloc", "jemalloc", "socket-pair"]
 COLOURS = dict(zip(CONTENDERS, ["#c1272d", "#e8888c", "#888888", "#1f4e9c", "#2e8b57", "#8a5a9e", "#d98e04", "#3aa6b9", "#888888"]))
 TITLES = {
@@ -144,6 +145,24 @@ def checks_text(run):
     return "Goals\n" + lay_out(rows)
 
 
+# The guarded build ----------------------------------------------------------------------------------
+
+
+def guarded_rows(cells):
+    """Rows of a table: what, both times, their ratio, its goal."""
+    rows = [["guarded build", "default", "guarded", "ratio", "goal", ""]]
+    for cell in cells:
+        goal = 1.2 if cell["size"] >= 1000 else 1.5
+        ratio = cell["guarded"] / cell["default"]
+        rows.append([f"{cell['workload']}, {cell_text(cell)}", time_text(cell["default"]), time_text(cell["guarded"]),
+                     ratio_text(ratio), f"{goal:g}", "reached" if round(ratio, 2) <= goal else "not reached"])
+    return rows
+
+
+def guarded_table(cells):
+    return "Default and guarded build\n" + lay_out(guarded_rows(cells))
+
+
 # Plot -----------------------------------------------------------------------------------------------
 
 
@@ -260,6 +279,12 @@ def lock_table(run):
     return markdown(rows)
 
 
+def put_between(page, begin, end, text):
+    before, _, rest = page.read_text().partition(begin)
+    _, _, after = rest.partition(end)
+    page.write_text(before + begin + "\n" + text + "\n\n" + end + after)
+
+
 def document(run, folder, docs):
     parts = ["\n".join("- " + line for line in machine(folder)), "### Goals",
              markdown([["", "measured", "goal", ""]] + [[what, figure, "at most " + goal, "reached" if ok else "not reached"]
@@ -269,11 +294,14 @@ def document(run, folder, docs):
         parts += [f"### {TITLES[workload]}", medians(run, workload), details(run, workload)]
     parts += ["### Interrupts off", lock_table(run)]
     page = docs / "performance.md"
-    begin, end = "<!-- run -->\n", "<!-- end of run -->"
-    before, _, rest = page.read_text().partition(begin)
-    _, _, after = rest.partition(end)
-    page.write_text(before + begin + "\n" + "\n\n".join(parts) + "\n\n" + end + after)
+    put_between(page, "<!-- run -->\n", "<!-- end of run -->", "\n\n".join(parts))
     (docs / "performance.svg").write_text(plot(run))
+
+
+def document_guarded(folder, docs):
+    if (folder / "guarded.json").exists():
+        put_between(docs / "performance.md", "<!-- guarded run -->\n", "<!-- end of guarded run -->",
+                    markdown(guarded_rows(json.loads((folder / "guarded.json").read_text()))))
 
 
 def main(arguments):
@@ -281,6 +309,10 @@ def main(arguments):
         print(__doc__, file=sys.stderr)
         return 2
     folder = pathlib.Path(arguments[0])
+    if len(arguments) == 3:
+        document_guarded(folder, pathlib.Path(arguments[2]))
+        if not (folder / "results.json").exists():
+            return 0
     run = Run(json.loads((folder / "results.json").read_text()))
     if len(arguments) == 3:
         document(run, folder, pathlib.Path(arguments[2]))

@@ -50,6 +50,13 @@ public:
         }
         return {MM_NO_BLOCK, 0};
     }
+    U32 startBelow(U32 below) const
+    {
+        while (below-- > 1)
+            if (!taken_[below] && taken_[below - 1])
+                return below;
+        return MM_NO_BLOCK;
+    }
     U32 size() const { return static_cast<U32>(taken_.size()); }
     bool taken(U32 i) const { return taken_[i]; }
 
@@ -69,16 +76,20 @@ TEST(GuardTables, BitsAnswerAsAnArrayDoesAtEverySizeOfALevel)
             const U32 first = random() % count;
             const U32 blocks = 1 + random() % std::min<U32>(count - first, random() % 4 == 0 ? count : 70);
             const bool take = random() % 2 == 0;
-            take ? bits.Take(first, blocks) : bits.Give(first, blocks);
-            model.set(first, blocks, take);
+            if (take) {
+                bits.Take(first, blocks);
+                model.set(first, blocks, true);
+            } else {
+                const bool given = bits.Give(first, blocks);
+                ASSERT_EQ(given, model.all(first, blocks, true)) << count;
+                if (given)
+                    model.set(first, blocks, false);
+            }
             const U32 from = random() % count;
-            const U32 taken =
-                bits.NextTaken(from); // numbers past the last one count as taken, as far as their word goes
-            ASSERT_EQ(taken < count ? taken : MM_NO_BLOCK, model.next(from, true)) << count;
-            ASSERT_EQ(bits.NextFree(from), model.next(from, false)) << count;
-            ASSERT_EQ(bits.LastTaken(from), model.last(from, true)) << count;
-            ASSERT_EQ(bits.LastFree(from), model.last(from, false)) << count;
-            ASSERT_EQ(bits.LastFree(count), model.last(count, false)) << count;
+            if (const U32 taken = model.next(from, true); taken != MM_NO_BLOCK) {
+                ASSERT_EQ(bits.NextTaken(from), taken) << count;
+            }
+            ASSERT_EQ(bits.IsTaken(from), model.taken(from));
             const U32 part = 1 + random() % std::min<U32>(count - from, 100);
             ASSERT_EQ(bits.AllTaken(from, part), model.all(from, part, true));
             ASSERT_EQ(bits.AllFree(from, part), model.all(from, part, false));
@@ -88,21 +99,40 @@ TEST(GuardTables, BitsAnswerAsAnArrayDoesAtEverySizeOfALevel)
 
 TEST(GuardTables, RunsAreFoundAsAWalkFromTheTopFindsThem)
 {
+    constexpr U32 bottom = CMMFreeRuns::FIRST_BLOCK;
     for (const U32 count : {64U, 320U, 5000U, 12000U}) {
         std::mt19937 random(count);
         std::vector<U32> storage(CMMFreeRuns::StorageWords(count), 0);
         CMMFreeRuns runs;
         runs.Init(storage.data(), count);
         Model model(count);
-        const TMMRun none{MM_NO_BLOCK, 0};
-        runs.Give({0, count - 1}, none, none);
-        model.set(0, count - 1, false);
+        const auto give = [&](TMMRun blocks) {
+            CMMFreeRuns::TMMGiven given{};
+            const auto note = [&](const CMMFreeRuns::TMMGiven& noted) { given = noted; };
+            ASSERT_TRUE(runs.Give(blocks, note));
+            EXPECT_EQ(given.ulLower, model.startBelow(blocks.ulFirst));
+            EXPECT_EQ(given.ulLowerSize, model.taken(blocks.ulFirst - 1) ? 0 : blocks.ulFirst - given.ulLower);
+            EXPECT_EQ(given.ulUpper, model.next(blocks.End(), false));
+            if (given.ulUpper == blocks.End()) {
+                EXPECT_EQ(given.ulUpperSize, model.next(blocks.End(), true) - blocks.End());
+                EXPECT_EQ(given.ulPastUpper, model.next(model.next(blocks.End(), true), false));
+            } else {
+                EXPECT_EQ(given.ulUpperSize, 0);
+            }
+            EXPECT_FALSE(runs.Give(blocks, note)) << "twice";
+            model.set(blocks.ulFirst, blocks.ulSize, false);
+        };
+        give({bottom, count - 1 - bottom});
         for (unsigned step = 0; step < 2000; ++step) {
             const U32 blocks = 1 + random() % (random() % 16 == 0 ? 400 : 20);
-            const TMMRun run = runs.Find(blocks);
+            const CMMFreeRuns::TMMFound run = runs.Find(blocks);
             const TMMRun expected = model.find(blocks);
             ASSERT_EQ(run.ulFirst, expected.ulFirst) << count << " " << step;
             ASSERT_EQ(run.ulSize, expected.ulSize) << count << " " << step;
+            if (run.Is()) {
+                ASSERT_EQ(runs.PlaceOf(run).ulLower, model.startBelow(run.ulFirst));
+                ASSERT_EQ(runs.PlaceOf(run).ulUpper, model.next(run.End(), false));
+            }
             if (run.Is() && random() % 8 == 0) {
                 const U32 skip = random() % (run.ulSize - blocks + 1);
                 runs.CutInside(run, {run.ulFirst + skip, blocks});
@@ -111,17 +141,12 @@ TEST(GuardTables, RunsAreFoundAsAWalkFromTheTopFindsThem)
                 runs.CutEnd(run, blocks);
                 model.set(run.End() - blocks, blocks, true);
             }
-            const U32 first = random() % (count - 1);
+            const U32 first = bottom + random() % (count - 1 - bottom);
             U32 given = 0;
             while (given < blocks && first + given < count - 1 && model.taken(first + given))
                 ++given;
-            if (given > 0) {
-                const TMMRun lower = runs.RunBelow(first);
-                const TMMRun upper = runs.RunFrom(first + given);
-                runs.Give({first, given}, lower.Is() && lower.End() == first ? lower : none,
-                          upper.Is() && upper.ulFirst == first + given ? upper : none);
-                model.set(first, given, false);
-            }
+            if (given > 0)
+                give({first, given});
             ASSERT_EQ(runs.Largest(), [&] {
                 U32 largest = 0;
                 for (U32 at = 0; (at = model.next(at, false)) != MM_NO_BLOCK;) {

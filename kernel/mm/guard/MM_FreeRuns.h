@@ -24,6 +24,8 @@ struct TMMRun {
 class CMMFreeRuns
 {
 public:
+    static constexpr U32 FIRST_BLOCK = 32; /* the first word's numbers are no blocks: there is always a word below */
+
     static constexpr U32 StorageWords(U32 ulCount)
     {
         const U32 ulWords = CMMBlockBits::Words(ulCount);
@@ -31,9 +33,18 @@ public:
                TMMLongTree::StorageWords(Groups(ulWords));
     }
 
-    /* No run. pulStorage: StorageWords(ulCount) words of zeros that stay the tables'. The last block must stay
-     * allocated. */
+    /* No run. ulCount: numbers from 0 on, FIRST_BLOCK and 1 more at the least. pulStorage: StorageWords(ulCount) words of
+     * zeros that stay the tables'. The numbers below FIRST_BLOCK and the last one must stay allocated. */
     void Init(U32* pulStorage, U32 ulCount);
+
+    /* The storage goes: no run, as in an object of zeros. */
+    void Forget()
+    {
+        ulRuns = 0;
+        ulLargestOfFew = 0;
+        fAwake = false;
+        astFew[0] = astFew[1] = {MM_NO_BLOCK, 0};
+    }
 
     const CMMBlockBits& Bits() const { return clBits; }
 
@@ -41,61 +52,47 @@ public:
     U32 Largest() const
     {
         if (!fAwake)
-            return LargestOfFew();
+            return ulLargestOfFew;
         const U32 ulLong = clLong.Max();
         return ulLong != 0 ? ulLong : clShort.Max();
     }
 
-    /* The highest run of at least ulBlkNum (1 or more) blocks. */
-    TMMRun Find(U32 ulBlkNum) const;
-    /* The run that begins at a free block whose lower neighbour is none. */
-    TMMRun RunAt(U32 ulFirst) const { return {ulFirst, clBits.NextTaken(ulFirst) - ulFirst}; }
-    /* The run that ends below a block, wherever that is; the next run from a block on. */
-    TMMRun RunBelow(U32 ulBlk) const
-    {
-        const U32 ulLast = clBits.LastFree(ulBlk);
-        if (ulLast == MM_NO_BLOCK)
-            return {MM_NO_BLOCK, 0};
-        const U32 ulFirst = clBits.LastTaken(ulLast) + 1;
-        return {ulFirst, ulLast + 1 - ulFirst};
-    }
-    TMMRun RunFrom(U32 ulBlk) const
-    {
-        const U32 ulFirst = clBits.NextFree(ulBlk);
-        return ulFirst == MM_NO_BLOCK ? TMMRun{MM_NO_BLOCK, 0} : RunAt(ulFirst);
-    }
+    /* The highest start of a run below a block, the lowest one from a block on (FIRST_BLOCK or above); MM_NO_BLOCK when there
+     * is none. */
+    U32 StartBelow(U32 ulBlk) const;
+    U32 StartFrom(U32 ulBlk) const;
+    /* Blocks of the run that starts there. */
+    U32 SizeAt(U32 ulStart) const { return clBits.NextTaken(ulStart) - ulStart; }
+    /* The run that starts there; none for MM_NO_BLOCK. */
+    TMMRun RunAt(U32 ulStart) const { return {ulStart, ulStart == MM_NO_BLOCK ? 0 : SizeAt(ulStart)}; }
 
-    /* The runs below and above blocks that are allocated, or none. */
-    void Around(TMMRun stBlocks, TMMRun* pstLower, TMMRun* pstUpper) const
-    {
-        if (fAwake) {
-            *pstLower = RunBelow(stBlocks.ulFirst);
-            *pstUpper = RunFrom(stBlocks.End());
-            return;
-        }
-        const U32 ulAt = FirstAbove(stBlocks.ulFirst);
-        *pstLower = ulAt > 0 ? astFew[ulAt - 1] : TMMRun{MM_NO_BLOCK, 0};
-        *pstUpper = ulAt < ulRuns ? astFew[ulAt] : TMMRun{MM_NO_BLOCK, 0};
-    }
+    /* A run, and its place in the short table. */
+    struct TMMFound : TMMRun {
+        U32 ulAt;
+    };
+    /* The highest run of at least ulBlkNum (1 or more) blocks, or none. */
+    TMMFound Find(U32 ulBlkNum) const;
 
-    /* The runs below and above a run. */
-    void Beside(TMMRun stRun, TMMRun* pstLower, TMMRun* pstUpper) const
-    {
-        if (fAwake)
-            return Around(stRun, pstLower, pstUpper);
-        const U32 ulAt = FirstAbove(stRun.ulFirst);
-        *pstLower = ulAt > 1 ? astFew[ulAt - 2] : TMMRun{MM_NO_BLOCK, 0};
-        *pstUpper = ulAt < ulRuns ? astFew[ulAt] : TMMRun{MM_NO_BLOCK, 0};
-    }
+    /* The starts of the runs below and above a run or blocks. */
+    struct TMMPlace {
+        U32 ulLower, ulUpper;
+    };
+    TMMPlace PlaceOf(const TMMFound& stFound) const;
 
-    /* Takes ulBlkNum blocks off the high end of a run. */
-    void CutEnd(TMMRun stRun, U32 ulBlkNum);
+    /* Takes ulBlkNum blocks off the high end of a run that was found. */
+    void CutEnd(const TMMFound& stFound, U32 ulBlkNum);
     /* Takes blocks out of the inside of a run; before and after them something may be left. */
     void CutInside(TMMRun stRun, TMMRun stTaken);
-    /* Gives allocated blocks back; stLower and stUpper are the runs that they touch, or none. */
-    void Give(TMMRun stBlocks, TMMRun stLower, TMMRun stUpper);
+    /* Where blocks lie that were given back: the sizes of the runs that they touch, else 0; the start above an upper run that
+     * they touch. */
+    struct TMMGiven : TMMPlace {
+        U32 ulLowerSize, ulUpperSize, ulPastUpper;
+    };
+    /* Gives blocks back, and tells the visitor where they lie; false with nothing changed unless all of them are
+     * allocated. */
+    template <class TVisit> bool Give(TMMRun stBlocks, TVisit fnGiven);
 
-    /* True when the trees say what the bits say. */
+    /* True when the tables say what the bits say. */
     bool Agree() const;
 
 private:
@@ -109,41 +106,48 @@ private:
     static constexpr U32 MOST_FEW = 24; /* runs of the short table; from so many on the trees are asked */
     static constexpr U32 FEW_AGAIN = 12;
 
-    /* Place in the short table of the first run above a block. */
-    U32 FirstAbove(U32 ulBlk) const
+    /* Few runs: place in the short table of the last run that starts below a block, 0 when none does. */
+    U32 FewBelow(U32 ulBlk) const
     {
         U32 ulAt = ulRuns;
-        while (ulAt > 0 && astFew[ulAt - 1].ulFirst > ulBlk)
+        while (ulAt > 0 && astFew[ulAt].ulFirst >= ulBlk)
             --ulAt;
         return ulAt;
     }
-    U32 LargestOfFew() const
-    {
-        U32 ulLargest = 0;
-        for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt)
-            ulLargest = astFew[ulAt].ulSize > ulLargest ? astFew[ulAt].ulSize : ulLargest;
-        return ulLargest;
-    }
-    void InsertFew(U32 ulAt, TMMRun stRun);
     void RemoveFew(U32 ulAt);
-    void GiveFew(TMMRun stBlocks, bool fLower, bool fUpper);
+    void CutFew(const TMMFound& stFound, U32 ulBlkNum);
+    void InsertFew(U32 ulAt, TMMRun stRun);
+    TMMGiven GiveFew(TMMRun stBlocks, U32 ulAt);
+    void MeasureFew();
+    TMMGiven FindGiven(TMMRun stBlocks) const;
+    void GiveAwake(TMMRun stBlocks, const TMMGiven& stGiven);
     void Wake();
-    void SleepIfFew();
+    void Sleep();
 
-    U32 StartingIn(U32 ulWord) const;
-    TMMRun TopRun(U32 ulWord, U32 ulFree) const;
+    /* The free blocks of a word, and the blocks that have a free one below. */
+    struct TMMEdges {
+        U32 ulFree, ulFreeBelow;
+        U32 Starts() const { return ulFree & ~ulFreeBelow; }
+    };
+    TMMEdges EdgesOf(U32 ulWord) const;
+    U32 StartsOf(U32 ulWord) const { return EdgesOf(ulWord).Starts(); }
+    U32 StartBelow(U32 ulBlk, U32 ulStarts) const;
+    U32 StartFrom(U32 ulBlk, U32 ulStarts) const;
     U32 LongestOfWord(U32 ulWord) const;
     U32 LastLongOfGroup(U32 ulGroup, U32 ulSize) const;
     U32 LongestOfGroup(U32 ulGroup) const;
+    TMMFound FindLong(U32 ulBlkNum) const;
+    TMMFound FindInWord(U32 ulWord, U32 ulBlkNum) const;
     void Enter(TMMRun stRun);
     void Leave(TMMRun stOld);
 
     CMMBlockBits clBits;
     U32 ulRuns;
-    bool fAwake; /* the trees are kept; otherwise the short table is, and the trees are empty */
-    TMMRun astFew[MOST_FEW];
-    TMMShortTree clShort; /* for each word: size of the longest run that starts in it, LONG_RUN at the most */
-    TMMLongTree clLong;   /* for each group of words: the same, in full, if it is LONG_RUN or more; else 0 */
+    U32 ulLargestOfFew;
+    bool fAwake;                 /* the trees are kept; otherwise the short table is, and the trees are empty */
+    TMMRun astFew[MOST_FEW + 2]; /* from place 1 on, in order, with none before and behind */
+    TMMShortTree clShort;        /* for each word: size of the longest run that starts in it, LONG_RUN at the most */
+    TMMLongTree clLong;          /* for each group of words: the same, in full, if it is LONG_RUN or more; else 0 */
 };
 
 inline U32 MM_Smaller(U32 ulLeft, U32 ulRight)
@@ -163,99 +167,107 @@ inline void CMMFreeRuns::Init(U32* pulStorage, U32 ulCount)
     pulStorage += CMMBlockBits::StorageWords(ulCount);
     clShort.Init(pulStorage, ulWords);
     clLong.Init(pulStorage + TMMShortTree::StorageWords(ulWords), Groups(ulWords));
-    ulRuns = 0;
-    fAwake = false;
+    Forget();
 }
 
 /* Few runs --------------------------------------------------------------------------------------------- */
 
+inline void CMMFreeRuns::MeasureFew()
+{
+    ulLargestOfFew = 0;
+    for (U32 ulAt = ulRuns; ulAt > 0; --ulAt)
+        ulLargestOfFew = MM_Larger(astFew[ulAt].ulSize, ulLargestOfFew);
+}
+
 inline void CMMFreeRuns::InsertFew(U32 ulAt, TMMRun stRun)
 {
-    for (U32 ulTo = ulRuns++; ulTo > ulAt; --ulTo)
+    for (U32 ulTo = ++ulRuns + 1; ulTo > ulAt; --ulTo)
         astFew[ulTo] = astFew[ulTo - 1];
     astFew[ulAt] = stRun;
 }
 
 inline void CMMFreeRuns::RemoveFew(U32 ulAt)
 {
-    for (--ulRuns; ulAt < ulRuns; ++ulAt)
+    for (; ulAt <= ulRuns; ++ulAt)
         astFew[ulAt] = astFew[ulAt + 1];
+    --ulRuns;
 }
 
-/* Blocks are given back that touch the runs below and above them, or not. */
-inline void CMMFreeRuns::GiveFew(TMMRun stBlocks, bool fLower, bool fUpper)
+[[gnu::always_inline]] inline void CMMFreeRuns::CutFew(const TMMFound& stFound, U32 ulBlkNum)
 {
-    const U32 ulAt = FirstAbove(stBlocks.ulFirst);
-    if (fLower && fUpper) {
-        astFew[ulAt - 1].ulSize += stBlocks.ulSize + astFew[ulAt].ulSize;
-        RemoveFew(ulAt);
-    } else if (fLower) {
-        astFew[ulAt - 1].ulSize += stBlocks.ulSize;
-    } else if (fUpper) {
-        astFew[ulAt] = {stBlocks.ulFirst, stBlocks.ulSize + astFew[ulAt].ulSize};
-    } else {
-        InsertFew(ulAt, stBlocks);
-    }
+    if (ulBlkNum == stFound.ulSize)
+        RemoveFew(stFound.ulAt);
+    else
+        astFew[stFound.ulAt].ulSize -= ulBlkNum;
+    if (stFound.ulSize == ulLargestOfFew)
+        MeasureFew();
 }
 
-inline void CMMFreeRuns::Wake()
+/* Blocks above the run at a place, or at the table's low end. */
+[[gnu::always_inline]] inline CMMFreeRuns::TMMGiven CMMFreeRuns::GiveFew(TMMRun stBlocks, U32 ulAt)
+{
+    TMMRun& stLower = astFew[ulAt];
+    TMMRun& stUpper = astFew[ulAt + 1];
+    const bool fUpper = stUpper.ulFirst == stBlocks.End();
+    TMMGiven stGiven = {{stLower.ulFirst, stUpper.ulFirst}, 0, 0, MM_NO_BLOCK};
+    U32 ulSize = stBlocks.ulSize;
+
+    if (fUpper) {
+        stGiven.ulUpperSize = stUpper.ulSize;
+        stGiven.ulPastUpper = astFew[ulAt + 2].ulFirst;
+        ulSize += stUpper.ulSize;
+    }
+    if (stLower.End() == stBlocks.ulFirst) {
+        stGiven.ulLowerSize = stLower.ulSize;
+        ulSize += stLower.ulSize;
+        stLower.ulSize = ulSize;
+        if (fUpper)
+            RemoveFew(ulAt + 1);
+    } else if (fUpper) {
+        stUpper = {stBlocks.ulFirst, ulSize};
+    } else {
+        InsertFew(ulAt + 1, stBlocks);
+    }
+    ulLargestOfFew = MM_Larger(ulSize, ulLargestOfFew);
+    return stGiven;
+}
+
+[[gnu::noinline]] inline void CMMFreeRuns::Wake()
 {
     fAwake = true;
-    for (U32 ulAt = 0; ulAt < ulRuns; ++ulAt)
+    for (U32 ulAt = ulRuns; ulAt > 0; --ulAt)
         Enter(astFew[ulAt]);
 }
 
-inline void CMMFreeRuns::SleepIfFew()
+[[gnu::noinline]] inline void CMMFreeRuns::Sleep()
 {
-    if (ulRuns >= FEW_AGAIN)
-        return;
-    U32 ulAt = 0;
-    for (TMMRun stRun = RunFrom(0); stRun.Is(); stRun = RunFrom(stRun.End())) {
-        clShort.Set(stRun.ulFirst / 32, 0);
-        clLong.Set(stRun.ulFirst / 32 / GROUP_WORDS, 0);
-        astFew[ulAt++] = stRun;
+    U32 ulBlk = FIRST_BLOCK;
+    for (U32 ulAt = 1; ulAt <= ulRuns; ++ulAt) {
+        astFew[ulAt] = RunAt(StartFrom(ulBlk));
+        ulBlk = astFew[ulAt].End();
+    }
+    astFew[ulRuns + 1] = {MM_NO_BLOCK, 0};
+    for (U32 ulAt = ulRuns; ulAt > 0; --ulAt) {
+        clShort.Set(astFew[ulAt].ulFirst / 32, 0);
+        clLong.Set(astFew[ulAt].ulFirst / 32 / GROUP_WORDS, 0);
     }
     fAwake = false;
+    MeasureFew();
 }
 
 /* Runs of a word --------------------------------------------------------------------------------------- */
 
-/* The free blocks of a word, less those of a run that began in the word below. */
-inline U32 CMMFreeRuns::StartingIn(U32 ulWord) const
+inline CMMFreeRuns::TMMEdges CMMFreeRuns::EdgesOf(U32 ulWord) const
 {
     const U32 ulFree = clBits.FreeOf(ulWord);
-    if (ulWord == 0 || (ulFree & 1) == 0 || clBits.FreeOf(ulWord - 1) >> 31 == 0)
-        return ulFree;
-    return ulFree & (ulFree + 1); /* the lowest ones vanish */
-}
-
-/* The highest run in a word of which these blocks (not 0) are free. It may reach into the words above. */
-inline TMMRun CMMFreeRuns::TopRun(U32 ulWord, U32 ulFree) const
-{
-    const U32 ulLast = MM_HighestBit(ulFree);
-    const U32 ulBelow = ~ulFree & ((1u << ulLast) - 1);
-    const U32 ulFirst = ulBelow == 0 ? 0 : MM_HighestBit(ulBelow) + 1;
-    if (ulLast == 31)
-        return {ulWord * 32 + ulFirst, clBits.NextTaken(ulWord * 32 + 31) - (ulWord * 32 + ulFirst)};
-    return {ulWord * 32 + ulFirst, ulLast + 1 - ulFirst};
+    return {ulFree, ulFree << 1 | clBits.FreeOf(ulWord - 1) >> 31};
 }
 
 inline U32 CMMFreeRuns::LongestOfWord(U32 ulWord) const
 {
-    U32 ulFree = StartingIn(ulWord);
-    if (ulFree == 0)
-        return 0;
     U32 ulLongest = 0;
-    if (ulFree >> 31 != 0) {
-        const TMMRun stTop = TopRun(ulWord, ulFree);
-        ulLongest = stTop.ulSize;
-        ulFree &= (1u << stTop.ulFirst % 32) - 1;
-    }
-    /* Of every run as many blocks vanish as the longest has so far. */
-    for (U32 ulLess = 0; ulLess < ulLongest && ulFree != 0; ++ulLess)
-        ulFree &= ulFree >> 1;
-    for (; ulFree != 0; ulFree &= ulFree >> 1)
-        ++ulLongest;
+    for (U32 ulStarts = StartsOf(ulWord); ulStarts != 0; ulStarts &= ulStarts - 1)
+        ulLongest = MM_Larger(SizeAt(ulWord * 32 + MM_LowestBit(ulStarts)), ulLongest);
     return ulLongest;
 }
 
@@ -270,43 +282,104 @@ inline U32 CMMFreeRuns::LastLongOfGroup(U32 ulGroup, U32 ulSize) const
 }
 
 /* Size of the longest run that starts in a group, if it is a long one; else 0. */
-inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
+[[gnu::noinline]] inline U32 CMMFreeRuns::LongestOfGroup(U32 ulGroup) const
 {
+    const U32 ulFirst = ulGroup * GROUP_WORDS;
     U32 ulLongest = 0;
-    for (U32 ulWord; (ulWord = LastLongOfGroup(ulGroup, ulLongest + 1)) != MM_NO_ELEMENT;)
-        ulLongest = LongestOfWord(ulWord);
+    for (U32 ulWord = MM_Smaller(ulFirst + GROUP_WORDS, clBits.WordCount()); ulWord > ulFirst; --ulWord)
+        if (clShort.Get(ulWord - 1) == LONG_RUN)
+            ulLongest = MM_Larger(LongestOfWord(ulWord - 1), ulLongest);
     return ulLongest;
 }
 
-inline TMMRun CMMFreeRuns::Find(U32 ulBlkNum) const
+/* Questions -------------------------------------------------------------------------------------------- */
+
+inline U32 CMMFreeRuns::StartBelow(U32 ulBlk) const
 {
-    for (U32 ulAt = fAwake ? 0 : ulRuns; ulAt > 0; --ulAt)
-        if (astFew[ulAt - 1].ulSize >= ulBlkNum)
-            return astFew[ulAt - 1];
-    if (!fAwake)
-        return {MM_NO_BLOCK, 0};
-    U32 ulWord = 0;
-    if (ulBlkNum <= LONG_RUN) {
-        ulWord = clShort.FindLast(ulBlkNum);
-    } else {
-        const U32 ulGroup = clLong.FindLast(ulBlkNum);
-        ulWord = ulGroup == MM_NO_ELEMENT ? ulGroup : LastLongOfGroup(ulGroup, ulBlkNum);
+    return fAwake ? StartBelow(ulBlk, StartsOf(ulBlk / 32)) : astFew[FewBelow(ulBlk)].ulFirst;
+}
+
+inline U32 CMMFreeRuns::StartFrom(U32 ulBlk) const
+{
+    return fAwake ? StartFrom(ulBlk, StartsOf(ulBlk / 32)) : astFew[FewBelow(ulBlk) + 1].ulFirst;
+}
+
+/* The same by the trees. ulStarts: those of the block's word. */
+[[gnu::always_inline]] inline U32 CMMFreeRuns::StartBelow(U32 ulBlk, U32 ulStarts) const
+{
+    U32 ulWord = ulBlk / 32;
+    ulStarts &= (1u << ulBlk % 32) - 1;
+    if (ulStarts == 0) {
+        ulWord = clShort.FindUsedBelow(ulWord);
+        if (ulWord == MM_NO_ELEMENT)
+            return MM_NO_BLOCK;
+        ulStarts = StartsOf(ulWord);
     }
+    return ulWord * 32 + MM_HighestBit(ulStarts);
+}
+
+[[gnu::always_inline]] inline U32 CMMFreeRuns::StartFrom(U32 ulBlk, U32 ulStarts) const
+{
+    U32 ulWord = ulBlk / 32;
+    ulStarts &= 0xFFFFFFFF << ulBlk % 32;
+    if (ulStarts == 0) {
+        ulWord = clShort.FindUsedAbove(ulWord);
+        if (ulWord == MM_NO_ELEMENT)
+            return MM_NO_BLOCK;
+        ulStarts = StartsOf(ulWord);
+    }
+    return ulWord * 32 + MM_LowestBit(ulStarts);
+}
+
+/* The highest run of a word that is long enough; there is one. */
+inline CMMFreeRuns::TMMFound CMMFreeRuns::FindInWord(U32 ulWord, U32 ulBlkNum) const
+{
+    for (U32 ulStarts = StartsOf(ulWord); ulStarts != 0;) {
+        const U32 ulBit = MM_HighestBit(ulStarts);
+        const U32 ulSize = SizeAt(ulWord * 32 + ulBit);
+        if (ulSize >= ulBlkNum)
+            return {{ulWord * 32 + ulBit, ulSize}, 0};
+        ulStarts ^= 1u << ulBit;
+    }
+    return {{MM_NO_BLOCK, 0}, 0};
+}
+
+[[gnu::noinline]] inline CMMFreeRuns::TMMFound CMMFreeRuns::FindLong(U32 ulBlkNum) const
+{
+    const U32 ulGroup = clLong.FindLast(ulBlkNum);
+    if (ulGroup == MM_NO_ELEMENT)
+        return {{MM_NO_BLOCK, 0}, 0};
+    return FindInWord(LastLongOfGroup(ulGroup, ulBlkNum), ulBlkNum);
+}
+
+[[gnu::always_inline]] inline CMMFreeRuns::TMMFound CMMFreeRuns::Find(U32 ulBlkNum) const
+{
+    if (!fAwake) {
+        for (U32 ulAt = ulRuns; ulAt > 0; --ulAt)
+            if (astFew[ulAt].ulSize >= ulBlkNum)
+                return {astFew[ulAt], ulAt};
+        return {{MM_NO_BLOCK, 0}, 0};
+    }
+    if (ulBlkNum > LONG_RUN)
+        return FindLong(ulBlkNum);
+    const U32 ulWord = clShort.FindLast(ulBlkNum);
     if (ulWord == MM_NO_ELEMENT)
-        return {MM_NO_BLOCK, 0};
-    for (U32 ulFree = StartingIn(ulWord); ulFree != 0;) {
-        const TMMRun stRun = TopRun(ulWord, ulFree);
-        if (stRun.ulSize >= ulBlkNum)
-            return stRun;
-        ulFree &= (1u << stRun.ulFirst % 32) - 1;
-    }
-    return {MM_NO_BLOCK, 0};
+        return {{MM_NO_BLOCK, 0}, 0};
+    return FindInWord(ulWord, ulBlkNum);
+}
+
+[[gnu::always_inline]] inline CMMFreeRuns::TMMPlace CMMFreeRuns::PlaceOf(const TMMFound& stFound) const
+{
+    if (!fAwake)
+        return {astFew[stFound.ulAt - 1].ulFirst, astFew[stFound.ulAt + 1].ulFirst};
+    return {StartBelow(stFound.ulFirst, StartsOf(stFound.ulFirst / 32)),
+            StartFrom(stFound.End(), StartsOf(stFound.End() / 32))};
 }
 
 /* Changes ---------------------------------------------------------------------------------------------- */
 
 /* A run is new or longer. */
-inline void CMMFreeRuns::Enter(TMMRun stRun)
+[[gnu::always_inline]] inline void CMMFreeRuns::Enter(TMMRun stRun)
 {
     const U32 ulWord = stRun.ulFirst / 32;
     const U32 ulLongest = clShort.Get(ulWord);
@@ -317,7 +390,7 @@ inline void CMMFreeRuns::Enter(TMMRun stRun)
 }
 
 /* A run is gone or shorter; the bits say so already. */
-inline void CMMFreeRuns::Leave(TMMRun stOld)
+[[gnu::always_inline]] inline void CMMFreeRuns::Leave(TMMRun stOld)
 {
     const U32 ulWord = stOld.ulFirst / 32;
     const U32 ulGroup = ulWord / GROUP_WORDS;
@@ -328,22 +401,14 @@ inline void CMMFreeRuns::Leave(TMMRun stOld)
         clLong.Set(ulGroup, LongestOfGroup(ulGroup));
 }
 
-inline void CMMFreeRuns::CutEnd(TMMRun stRun, U32 ulBlkNum)
+[[gnu::always_inline]] inline void CMMFreeRuns::CutEnd(const TMMFound& stFound, U32 ulBlkNum)
 {
-    clBits.Take(stRun.End() - ulBlkNum, ulBlkNum);
-    const bool fGone = ulBlkNum == stRun.ulSize;
-    if (!fAwake) {
-        const U32 ulAt = FirstAbove(stRun.ulFirst) - 1;
-        if (fGone)
-            RemoveFew(ulAt);
-        else
-            astFew[ulAt].ulSize -= ulBlkNum;
-        return;
-    }
-    Leave(stRun);
-    ulRuns -= fGone;
-    if (fGone)
-        SleepIfFew();
+    clBits.Take(stFound.End() - ulBlkNum, ulBlkNum);
+    if (!fAwake)
+        return CutFew(stFound, ulBlkNum);
+    Leave(stFound);
+    if (ulBlkNum == stFound.ulSize && --ulRuns < FEW_AGAIN)
+        Sleep();
 }
 
 inline void CMMFreeRuns::CutInside(TMMRun stRun, TMMRun stTaken)
@@ -357,48 +422,79 @@ inline void CMMFreeRuns::CutInside(TMMRun stRun, TMMRun stTaken)
         Enter({stTaken.End(), stRun.End() - stTaken.End()});
         ++ulRuns;
     }
-    SleepIfFew();
+    if (ulRuns < FEW_AGAIN)
+        Sleep();
 }
 
-inline void CMMFreeRuns::Give(TMMRun stBlocks, TMMRun stLower, TMMRun stUpper)
+template <class TVisit> [[gnu::always_inline]] inline bool CMMFreeRuns::Give(TMMRun stBlocks, TVisit fnGiven)
 {
-    clBits.Give(stBlocks.ulFirst, stBlocks.ulSize);
-    if (!fAwake && (ulRuns < MOST_FEW || stLower.Is() || stUpper.Is()))
-        return GiveFew(stBlocks, stLower.Is(), stUpper.Is());
+    if (!clBits.Give(stBlocks.ulFirst, stBlocks.ulSize))
+        return false;
+    if (!fAwake && ulRuns < MOST_FEW) {
+        fnGiven(GiveFew(stBlocks, FewBelow(stBlocks.ulFirst)));
+        return true;
+    }
     if (!fAwake)
         Wake();
-    Enter({stLower.Is() ? stLower.ulFirst : stBlocks.ulFirst, stLower.ulSize + stBlocks.ulSize + stUpper.ulSize});
-    ulRuns += 1 - stLower.Is() - stUpper.Is();
-    if (stUpper.Is())
-        Leave(stUpper);
-    if (stLower.Is() && stUpper.Is())
-        SleepIfFew();
+    const TMMGiven stGiven = FindGiven(stBlocks);
+    fnGiven(stGiven);
+    GiveAwake(stBlocks, stGiven);
+    return true;
+}
+
+/* The bits have been changed already: a start below the blocks is none of them, and above them none is new. */
+[[gnu::always_inline]] inline CMMFreeRuns::TMMGiven CMMFreeRuns::FindGiven(TMMRun stBlocks) const
+{
+    const U32 ulEnd = stBlocks.End();
+    const TMMEdges stLow = EdgesOf(stBlocks.ulFirst / 32);
+    const TMMEdges stHigh = EdgesOf(ulEnd / 32);
+    const U32 ulLower = StartBelow(stBlocks.ulFirst, stLow.Starts());
+    const U32 ulLowerSize = (stLow.ulFreeBelow >> stBlocks.ulFirst % 32 & 1) != 0 ? stBlocks.ulFirst - ulLower : 0;
+    if ((stHigh.ulFree >> ulEnd % 32 & 1) == 0)
+        return {{ulLower, StartFrom(ulEnd, stHigh.Starts())}, ulLowerSize, 0, MM_NO_BLOCK};
+    const U32 ulUpperSize = SizeAt(ulEnd);
+    const U32 ulPast = ulEnd + ulUpperSize;
+    return {{ulLower, ulEnd}, ulLowerSize, ulUpperSize, StartFrom(ulPast, StartsOf(ulPast / 32))};
+}
+
+[[gnu::always_inline]] inline void CMMFreeRuns::GiveAwake(TMMRun stBlocks, const TMMGiven& stGiven)
+{
+    const bool fLower = stGiven.ulLowerSize != 0;
+    const bool fUpper = stGiven.ulUpperSize != 0;
+    Enter({stBlocks.ulFirst - stGiven.ulLowerSize, stGiven.ulLowerSize + stBlocks.ulSize + stGiven.ulUpperSize});
+    if (fUpper)
+        Leave({stGiven.ulUpper, stGiven.ulUpperSize});
+    ulRuns += 1 - fLower - fUpper;
+    if (ulRuns < FEW_AGAIN)
+        Sleep();
 }
 
 inline bool CMMFreeRuns::Agree() const
 {
     U32 ulCounted = 0;
-    for (TMMRun stRun = RunFrom(0); stRun.Is(); stRun = RunFrom(stRun.End()), ++ulCounted)
-        if (!fAwake && (ulCounted >= ulRuns || astFew[ulCounted].ulFirst != stRun.ulFirst ||
-                        astFew[ulCounted].ulSize != stRun.ulSize))
-            return false;
-    if (ulCounted != ulRuns || !fAwake)
-        return ulCounted == ulRuns && clShort.Max() == 0 && clLong.Max() == 0;
     U32 ulLargest = 0;
-    for (U32 ulGroup = 0; ulGroup < Groups(clBits.WordCount()); ++ulGroup) {
-        U32 ulLong = 0;
-        const U32 ulPast = MM_Smaller((ulGroup + 1) * GROUP_WORDS, clBits.WordCount());
-        for (U32 ulWord = ulGroup * GROUP_WORDS; ulWord < ulPast; ++ulWord) {
-            const U32 ulLongest = LongestOfWord(ulWord);
-            if (clShort.Get(ulWord) != MM_Smaller(ulLongest, LONG_RUN))
+    U32 ulLong = 0;
+    for (U32 ulWord = FIRST_BLOCK / 32; ulWord < clBits.WordCount(); ++ulWord) {
+        const U32 ulLongest = LongestOfWord(ulWord);
+        for (U32 ulStarts = StartsOf(ulWord); ulStarts != 0; ulStarts &= ulStarts - 1, ++ulCounted) {
+            const TMMRun stRun = RunAt(ulWord * 32 + MM_LowestBit(ulStarts));
+            if (!fAwake && (ulCounted >= ulRuns || astFew[ulCounted + 1].ulFirst != stRun.ulFirst ||
+                            astFew[ulCounted + 1].ulSize != stRun.ulSize))
                 return false;
-            ulLong = ulLongest >= LONG_RUN ? MM_Larger(ulLong, ulLongest) : ulLong;
-            ulLargest = MM_Larger(ulLargest, ulLongest);
         }
-        if (clLong.Get(ulGroup) != ulLong)
+        ulLargest = MM_Larger(ulLongest, ulLargest);
+        ulLong = ulLongest >= LONG_RUN ? MM_Larger(ulLong, ulLongest) : ulLong;
+        if (clShort.Get(ulWord) != (fAwake ? MM_Smaller(ulLongest, LONG_RUN) : 0))
             return false;
+        if ((ulWord + 1) % GROUP_WORDS != 0 && ulWord + 1 != clBits.WordCount())
+            continue;
+        if (clLong.Get(ulWord / GROUP_WORDS) != (fAwake ? ulLong : 0))
+            return false;
+        ulLong = 0;
     }
-    return Largest() == ulLargest;
+    if (!fAwake && (astFew[0].ulFirst != MM_NO_BLOCK || astFew[ulRuns + 1].ulFirst != MM_NO_BLOCK))
+        return false;
+    return ulCounted == ulRuns && Largest() == ulLargest;
 }
 
 #endif

@@ -5,7 +5,9 @@
  *
  * The same source makes both builds. MM_GUARDED is defined for the guarded one; MM_Guarded says so to the core, which
  * uses it in two ways only: MM_GUARD(verb, value) leaves an entry where a rule is broken, and
- * "if constexpr (MM_Guarded)" hands an entry over to the guard. In the default build neither leaves any code.
+ * "if constexpr (MM_Guarded)" hands an entry over to the guard. In the default build neither leaves any code
+ * (tests/objects/same_default.sh). Each stands at an entry: of the device (MM_GuardCommand for all commands, open, release, mapping,
+ * load and unload), of the calls by handle, of the allocators and release routines, of the nodes of the free-memory list.
  *
  * The truth lies in kernel memory that no mapping reaches: which blocks are allocated (MM_BlockBits.h), where the free runs
  * are (MM_FreeRuns.h), the list of free memory (MM_GuardCreate). The lists and owner maps in managed memory are
@@ -55,6 +57,11 @@ enum EMMReason : U8 {
     NEVER_CALLED,      /* an entry that breaks the tables */
     REBUILT,           /* a list or an owner map that disagreed with the blocks */
     REASON_NUM
+};
+
+/* Addresses from ulStart up to ulEnd. */
+struct TMMFreeMemory {
+    U32 ulStart, ulEnd;
 };
 
 extern "C" {
@@ -119,16 +126,11 @@ bool MM_GuardAccepts(const TMMSegInfo& stSegInfo);
 bool MM_GuardEstablish(U32 hulHandle);
 
 bool MM_GuardMayBuildMCT(TMMInitOption enInitOption);
-bool MM_GuardMayStart(TStartOption enStartOption);
-/* The library starts: the free-memory list is forgotten, and the segments' bits are given back. */
-void MM_GuardStart(void);
-/* Looks where memory is free when no segment is there: behind the fixed segments, as far as the next one or the area's end.
- * False when there is none, or a segment; otherwise the two bounds may be asked. */
-bool MM_GuardMeasureFreeMemory(void);
-U32 MM_GuardFreeStart(void);
-U32 MM_GuardFreeEnd(void);
-/* The library has started. */
-void MM_GuardStarted(void);
+/* The library starts, if it may: the free-memory list is forgotten, and the segments' bits are given back. */
+bool MM_GuardStart(TStartOption enStartOption);
+/* Memory that is free when no segment is there: behind the fixed segments, as far as the next one or the area's end. It starts at
+ * 0 when there is none, or when there is a segment; otherwise the library has started. */
+TMMFreeMemory MM_GuardFreeMemory(void);
 /* The module goes, or a simulated machine is switched on: everything is forgotten and given back. */
 void MM_GuardReset(void);
 void MM_GuardOpened(void);
@@ -143,7 +145,8 @@ inline bool MM_GuardHandle(U32 hulHandle)
 bool MM_GuardSelector(U32 ulSelector); /* of the display */
 bool MM_GuardHasMCT(void);
 bool MM_GuardOverflow(U32 hulHandle, U32 ulReqBlkNo);
-bool MM_GuardFill(U32 ulAddr, U32 ulBytes);
+/* Before a command is run: whether it may be, by its record. */
+bool MM_GuardCommand(U32 ulCmd, const void* pvRecord);
 bool MM_GuardMapping(U32 ulPgOff, U32 ulBytes);
 bool MM_GuardArea(U32 ulStart, U32 ulEnd);
 bool MM_GuardRow(U32 ulStart, U32 ulBytes);

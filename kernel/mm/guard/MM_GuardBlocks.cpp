@@ -14,9 +14,9 @@ namespace {
 /* A stretch of a segment's blocks: all of them, or a piece of the heap. */
 struct TMMStretch {
     U32 ulStart; /* address */
+    U32 ulZero;  /* where block 0 would lie, so that a block's address is one step away; wraps */
     U32 ulFirst; /* number of its first block; stretches begin at whole words of bits, with a taken block before */
     U32 ulBlkNum;
-    U32 ulFree; /* blocks */
     U8* pubMapEndAddr;
 
     U32 PastNumber() const { return ulFirst + ulBlkNum; }
@@ -30,10 +30,20 @@ struct TMMGuarded {
     U8 ubMap;        /* width of an owner's entry, 0 to 8 */
     U8 ubEntriesBit; /* log2 of the entries of a byte */
     U8 ubStretches;
+    TMMStretch* pstLast; /* stretch */
     TMMStretch astStretch[MAX_PIECE_NUM];
 };
 
 TMMGuarded astGuarded[MAX_SEGTABLE_SIZE];
+
+/* A segment's entry by an address that the compiler does not see through: it would work it out again, with a multiplication, at
+ * each of the many accesses of an allocation. */
+inline TMMGuarded& GuardedOf(U32 hulHandle)
+{
+    TMMGuarded* pstGuarded = astGuarded + hulHandle;
+    __asm__("" : "+r"(pstGuarded));
+    return *pstGuarded;
+}
 
 constexpr U32 SLICE_WORDS = 128; /* of bits that are mended without a break: 4096 blocks */
 
@@ -49,47 +59,62 @@ public:
 
 inline TMMStretch* StretchOfNumber(TMMGuarded& stGuarded, U32 ulNumber)
 {
-    TMMStretch* pstStretch = stGuarded.astStretch + stGuarded.ubStretches - 1;
+    TMMStretch* pstStretch = stGuarded.pstLast;
     while (ulNumber < pstStretch->ulFirst)
         --pstStretch;
     return pstStretch;
 }
 
-inline U32 AddrOf(TMMGuarded& stGuarded, U32 ulNumber)
+inline U32 AddrIn(const TMMGuarded& stGuarded, const TMMStretch& stStretch, U32 ulNumber)
 {
-    const TMMStretch* pstStretch = StretchOfNumber(stGuarded, ulNumber);
-    return pstStretch->ulStart + MM_BlkToBytes(ulNumber - pstStretch->ulFirst, stGuarded.ubBlkBit);
+    return stStretch.ulZero + MM_BlkToBytes(ulNumber, stGuarded.ubBlkBit);
 }
 
-/* The run's header, or null. */
-inline TMMBlkStr* HeaderOf(TMMGuarded& stGuarded, TMMRun stRun)
+inline U32 AddrOf(TMMGuarded& stGuarded, U32 ulNumber)
 {
-    return stRun.Is() ? MM_At<TMMBlkStr>(AddrOf(stGuarded, stRun.ulFirst)) : nullptr;
+    return AddrIn(stGuarded, *StretchOfNumber(stGuarded, ulNumber), ulNumber);
+}
+
+/* How far one number is above another; more than anything has where it is below. */
+inline U32 StepsUp(U32 ulFrom, U32 ulTo)
+{
+    return ulTo - ulFrom;
+}
+
+/* The header of the run that starts at a block; null for none. */
+[[gnu::noinline]] TMMBlkStr* HeaderOf(TMMGuarded& stGuarded, U32 ulStart)
+{
+    return ulStart != MM_NO_BLOCK ? MM_At<TMMBlkStr>(AddrOf(stGuarded, ulStart)) : nullptr;
+}
+
+/* The same for one that lies in the stretch, most probably. */
+[[gnu::always_inline]] inline TMMBlkStr* HeaderNear(TMMGuarded& stGuarded, const TMMStretch& stStretch, U32 ulStart)
+{
+    return StepsUp(stStretch.ulFirst, ulStart) < stStretch.ulBlkNum
+               ? MM_At<TMMBlkStr>(AddrIn(stGuarded, stStretch, ulStart))
+               : HeaderOf(stGuarded, ulStart);
 }
 
 /* The stretch that has all the blocks at an address of a block; null when none has. */
-TMMStretch* FindBlocks(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pulNumber)
+inline TMMStretch* FindBlocks(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pulNumber)
 {
-    if (stGuarded.pulMemory == nullptr || ulBlkNum == 0)
+    if (stGuarded.pulMemory == nullptr)
         return nullptr;
-    for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx) {
-        TMMStretch& stStretch = stGuarded.astStretch[ubIdx];
-        if (ulAddr < stStretch.ulStart)
-            continue;
-        const U32 ulOffset = ulAddr - stStretch.ulStart;
-        const U32 ulIdx = ulOffset >> stGuarded.ubBlkBit;
-        if (ulIdx >= stStretch.ulBlkNum)
-            continue;
-        if (MM_BlkToBytes(ulIdx, stGuarded.ubBlkBit) != ulOffset || ulBlkNum > stStretch.ulBlkNum - ulIdx)
+    TMMStretch* pstStretch = stGuarded.pstLast;
+    for (; StepsUp(pstStretch->ulStart, ulAddr) >> stGuarded.ubBlkBit >= pstStretch->ulBlkNum; --pstStretch)
+        if (pstStretch == stGuarded.astStretch)
             return nullptr;
-        *pulNumber = stStretch.ulFirst + ulIdx;
-        return &stStretch;
-    }
-    return nullptr;
+
+    const U32 ulOffset = ulAddr - pstStretch->ulStart;
+    const U32 ulIdx = ulOffset >> stGuarded.ubBlkBit;
+    if (MM_BlkToBytes(ulIdx, stGuarded.ubBlkBit) != ulOffset || StepsUp(1, ulBlkNum) >= pstStretch->ulBlkNum - ulIdx)
+        return nullptr; /* 0 blocks included */
+    *pulNumber = pstStretch->ulFirst + ulIdx;
+    return pstStretch;
 }
 
 /* The same where all blocks are allocated. */
-TMMStretch* FindAllocated(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pulNumber)
+inline TMMStretch* FindAllocated(TMMGuarded& stGuarded, U32 ulAddr, U32 ulBlkNum, U32* pulNumber)
 {
     TMMStretch* const pstStretch = FindBlocks(stGuarded, ulAddr, ulBlkNum, pulNumber);
     return pstStretch != nullptr && stGuarded.clRuns.Bits().AllTaken(*pulNumber, ulBlkNum) ? pstStretch : nullptr;
@@ -110,11 +135,8 @@ public:
         Back(pstRun, pstBack);
         Size(pstRun, ulSize);
     }
-    void Entry(U32 ulEntries) { ulMarked |= ulEntries; }
-    /* Entries of blocks that were free. */
-    void Byte(const U8*, U8, U8 ubOld) { Entry(ubOld); }
-    void Word(const U8*, U32 ulOld) { Entry(ulOld); }
-    bool ListDisagrees() const { return ulDifference != 0; }
+    void Free(U32 ulEntries) { ulMarked |= ulEntries; }
+    bool Disagrees() const { return (ulDifference | ulMarked) != 0; }
     bool MapDisagrees() const { return ulMarked != 0; }
 
 private:
@@ -194,38 +216,49 @@ U8 Exchange(U8* pubByte, U8 ubMask, U8 ubValue)
     return ubOld & ubMask;
 }
 
-/* Gives a run's blocks an owner, 0 for none. What the entries held goes to the visitor from the first block on: by bytes,
- * each with the mask of its entries, and by whole words. */
-template <class TVisitor>
-void SetOwner(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun, U8 ubMapID, TVisitor& clVisitor)
+/* Visits entries from the first block on: by bytes, each with the mask of its entries, and by whole words. */
+template <class TByte, class TWord>
+[[gnu::always_inline]] inline void EachEntry(const TMMEntries& stEntries, TByte fnByte, TWord fnWord)
 {
-    const TMMEntries stEntries = EntriesOf(stGuarded, stStretch, stRun);
-    const U8 ubValue = MM_ByteOf(ubMapID, stGuarded.ubMap);
-    U8 ubMask = stEntries.ubFirstMask;
-    for (U8* pubByte = stEntries.pubFirst; pubByte < stEntries.pubLast;) {
-        if (ubMask == 0xFF && MM_Addr(pubByte) % MAP_WORD_BYTES == 0)
-            for (; stEntries.pubLast - pubByte >= S32(MAP_WORD_BYTES); pubByte += MAP_WORD_BYTES) {
-                MMP_Touch(pubByte, MAP_WORD_BYTES);
-                const U32 ulOld = *const_cast<volatile TMMMapWord*>(MM_MapWord(pubByte));
-                *MM_MapWord(pubByte) = ubValue * 0x01010101u;
-                clVisitor.Word(pubByte, ulOld);
-            }
-        if (pubByte == stEntries.pubLast)
-            break;
-        clVisitor.Byte(pubByte, ubMask, Exchange(pubByte, ubMask, ubValue));
-        ubMask = 0xFF;
-        ++pubByte;
-    }
-    ubMask =
-        stEntries.pubFirst == stEntries.pubLast ? stEntries.ubFirstMask & stEntries.ubLastMask : stEntries.ubLastMask;
-    clVisitor.Byte(stEntries.pubLast, ubMask, Exchange(stEntries.pubLast, ubMask, ubValue));
+    U8* pubByte = stEntries.pubFirst;
+    if (pubByte == stEntries.pubLast)
+        return fnByte(pubByte, stEntries.ubFirstMask & stEntries.ubLastMask);
+    if (stEntries.ubFirstMask != 0xFF)
+        fnByte(pubByte++, stEntries.ubFirstMask);
+    U8* const pubPast = stEntries.pubLast + (stEntries.ubLastMask == 0xFF);
+    for (; MM_Addr(pubByte) % MAP_WORD_BYTES != 0 && pubByte < pubPast; ++pubByte)
+        fnByte(pubByte, 0xFF);
+#pragma GCC unroll 4
+    for (; pubPast - pubByte >= S32(MAP_WORD_BYTES); pubByte += MAP_WORD_BYTES)
+        fnWord(pubByte);
+    for (; pubByte < pubPast; ++pubByte)
+        fnByte(pubByte, 0xFF);
+    if (stEntries.ubLastMask != 0xFF)
+        fnByte(pubByte, stEntries.ubLastMask);
 }
 
-/* What the entries held does not matter. */
-struct TMMNoVisitor {
-    void Byte(const U8*, U8, U8) {}
-    void Word(const U8*, U32) {}
-};
+inline U32 ReadWord(const U8* pubWord)
+{
+    MMP_Touch(pubWord, MAP_WORD_BYTES);
+    return *reinterpret_cast<const volatile TMMMapWord*>(pubWord);
+}
+
+/* Gives a run's blocks an owner, 0 for none. What the entries held goes to the visitor. */
+template <class TVisitor>
+[[gnu::always_inline]] inline void SetOwner(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun,
+                                            U8 ubMapID, TVisitor& clVisitor)
+{
+    const U8 ubValue = MM_ByteOf(ubMapID, stGuarded.ubMap);
+    const U32 ulValue = ubValue * 0x01010101u;
+    EachEntry(
+        EntriesOf(stGuarded, stStretch, stRun),
+        [&](U8* pubByte, U8 ubMask) { clVisitor.Byte(pubByte, ubMask, Exchange(pubByte, ubMask, ubValue)); },
+        [&](U8* pubWord) {
+            const U32 ulOld = ReadWord(pubWord);
+            *MM_MapWord(pubWord) = ulValue;
+            clVisitor.Word(pubWord, ulOld);
+        });
+}
 
 /* The free blocks of a run are nobody's. */
 void ClearFree(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun)
@@ -248,11 +281,11 @@ bool CanHold(const TMMGuarded& stGuarded, U8 ubMapID)
 /* Finds the first byte with a block that was nobody's. One-bit entries count as owned whatever they hold. */
 struct TMMUnowned {
     U8 ubMap;
-    U32 ulLowest; /* lowest bits of the entries of a word */
+    U32 ulOwned; /* a word without any: most of a run's are the same */
     const U8* pubFound;
     U8 ubEntries;
 
-    void Byte(const U8* pubByte, U8 ubMask, U8 ubOld)
+    [[gnu::noinline]] void Byte(const U8* pubByte, U8 ubMask, U8 ubOld)
     {
         const U8 ubOwned = static_cast<U8>(ubOld | ~ubMask);
         if (pubFound != nullptr || MM_AllMarked(ubOwned, ubMap))
@@ -262,17 +295,35 @@ struct TMMUnowned {
     }
     void Word(const U8* pubWord, U32 ulOld)
     {
-        if (ubMap == 1 || ((ulOld - ulLowest) & ~ulOld & ulLowest << (ubMap - 1)) == 0)
-            return;
+        if (ulOld != ulOwned)
+            OtherWord(pubWord, ulOld);
+    }
+    [[gnu::noinline]] void OtherWord(const U8* pubWord, U32 ulOld)
+    {
         for (U32 ulByte = 0; ulByte < MAP_WORD_BYTES; ++ulByte)
             Byte(pubWord + ulByte, 0xFF, static_cast<U8>(ulOld >> ulByte * 8));
+        if (pubFound == nullptr)
+            ulOwned = ulOld;
     }
 };
 
-/* Erases the owners of a run of blocks. As in the default build a block that was nobody's is reported, once. */
-void ClearOwners(U32 hulHandle, const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun)
+/* Gives blocks that were free an owner; what their entries held, all together. */
+[[gnu::noinline]] U32 TakeOwner(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun, U8 ubMapID)
 {
-    TMMUnowned clUnowned{stGuarded.ubMap, MM_ByteOf(1, stGuarded.ubMap) * 0x01010101u, nullptr, 0};
+    struct TMMHeld {
+        U32 ulHeld;
+        void Byte(const U8*, U8, U8 ubOld) { ulHeld |= ubOld; }
+        void Word(const U8*, U32 ulOld) { ulHeld |= ulOld; }
+    } clHeld{0};
+    SetOwner(stGuarded, stStretch, stRun, ubMapID, clHeld);
+    return clHeld.ulHeld;
+}
+
+/* Erases the owners of a run of blocks. As in the default build a block that was nobody's is reported, once. */
+[[gnu::noinline]] void ClearOwners(U32 hulHandle, const TMMGuarded& stGuarded, const TMMStretch& stStretch,
+                                   TMMRun stRun)
+{
+    TMMUnowned clUnowned{stGuarded.ubMap, 0xFFFFFFFF, nullptr, 0};
     SetOwner(stGuarded, stStretch, stRun, 0, clUnowned);
     const U8* const pubUnowned = clUnowned.pubFound;
     const U8 ubUnownedEntries = clUnowned.ubEntries;
@@ -291,43 +342,41 @@ void ClearOwners(U32 hulHandle, const TMMGuarded& stGuarded, const TMMStretch& s
 
 /* Mending ------------------------------------------------------------------------------------------------ */
 
-/* The part of a run below a block. */
-TMMRun PartBelow(TMMRun stRun, U32 ulPast)
-{
-    return {stRun.ulFirst, (stRun.End() < ulPast ? stRun.End() : ulPast) - stRun.ulFirst};
-}
-
 enum EMMMend { MEND_LIST, MEND_LIST_AND_MAP };
 
 /* Writes the headers of the runs that start among these words of bits; clears the owners of their free blocks. */
 void MendSlice(U32 hulHandle, TMMGuarded& stGuarded, U32 ulWord, EMMMend enMend)
 {
-    const U32 ulSliceEnd = (ulWord + SLICE_WORDS) * 32;
-    const U32 ulPast = ulSliceEnd < stGuarded.ulNumbers ? ulSliceEnd : stGuarded.ulNumbers;
-    TMMRun stLower = stGuarded.clRuns.RunBelow(ulWord * 32);
+    const CMMFreeRuns& clRuns = stGuarded.clRuns;
+    const bool fMap = enMend == MEND_LIST_AND_MAP && stGuarded.ubMap != 0;
+    const U32 ulStart = ulWord * 32;
+    const U32 ulPast = MM_Smaller(ulStart + SLICE_WORDS * 32, stGuarded.ulNumbers);
+    TMMRun stRun = clRuns.RunAt(clRuns.StartBelow(ulStart));
 
-    for (TMMRun stRun = stGuarded.clRuns.RunFrom(ulWord * 32); stRun.Is() && stRun.ulFirst < ulPast;
-         stRun = stGuarded.clRuns.RunFrom(stLower.End())) {
-        if (enMend == MEND_LIST_AND_MAP && stGuarded.ubMap != 0)
-            ClearFree(stGuarded, *StretchOfNumber(stGuarded, stRun.ulFirst), PartBelow(stRun, ulPast));
-        if (stLower.Is() && stLower.End() == stRun.ulFirst) { /* it began in the slice before */
-            stLower.ulSize += stRun.ulSize;
-            continue;
+    for (;;) { /* the first run began below the slice, and may reach into it */
+        const U32 ulFirst = MM_Larger(stRun.ulFirst, ulStart);
+        if (fMap && stRun.Is() && stRun.End() > ulStart)
+            ClearFree(stGuarded, *StretchOfNumber(stGuarded, ulFirst),
+                      {ulFirst, MM_Smaller(stRun.End(), ulPast) - ulFirst});
+        TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun.ulFirst);
+        stRun = clRuns.RunAt(clRuns.StartFrom(stRun.Is() ? stRun.End() : ulStart));
+        if (stRun.ulFirst >= ulPast) {
+            if (ulPast == stGuarded.ulNumbers)
+                Link(hulHandle, pstRun, nullptr);
+            return;
         }
-        TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun);
-        WriteSize(pstRun, stRun.ulSize);
-        Link(hulHandle, HeaderOf(stGuarded, stLower), pstRun);
-        stLower = stRun;
+        TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stRun.ulFirst);
+        WriteSize(pstUpper, stRun.ulSize);
+        Link(hulHandle, pstRun, pstUpper);
     }
-    if (ulPast == stGuarded.ulNumbers)
-        Link(hulHandle, HeaderOf(stGuarded, stLower), nullptr);
 }
 
 /* Makes the list and the map of a segment again, in slices. A segment that changes in between writes what it changes. */
 void MendSegment(U32 hulHandle, EMMMend enMend)
 {
     TMMGuarded& stGuarded = astGuarded[hulHandle];
-    for (U32 ulWord = 0; ulWord < CMMBlockBits::Words(stGuarded.ulNumbers); ulWord += SLICE_WORDS) {
+    const U32 ulWords = CMMBlockBits::Words(stGuarded.ulNumbers);
+    for (U32 ulWord = CMMFreeRuns::FIRST_BLOCK / 32; ulWord < ulWords; ulWord += SLICE_WORDS) {
         const CMMBlocksLock clLock;
         if (stGuarded.pulMemory == nullptr)
             return;
@@ -335,22 +384,36 @@ void MendSegment(U32 hulHandle, EMMMend enMend)
     }
 }
 
-void MendIf(U32 hulHandle, const CMMWitness& clWitness)
+[[gnu::noinline, gnu::cold]] void Mend(U32 hulHandle, EMMMend enMend)
 {
-    if (!clWitness.ListDisagrees() && !clWitness.MapDisagrees())
-        return;
     MM_GuardReport(REBUILT, hulHandle, 0, stSegTable[hulHandle].ulTotalFreeBlkNum);
-    MendSegment(hulHandle, clWitness.MapDisagrees() ? MEND_LIST_AND_MAP : MEND_LIST);
+    MendSegment(hulHandle, enMend);
+}
+
+inline void MendIf(U32 hulHandle, const CMMWitness& clWitness)
+{
+    if (clWitness.Disagrees())
+        Mend(hulHandle, clWitness.MapDisagrees() ? MEND_LIST_AND_MAP : MEND_LIST);
+}
+
+/* Free blocks of words of bits. */
+U32 FreeInSlice(const TMMGuarded& stGuarded, U32 ulWord, U32 ulWords)
+{
+    const CMMBlocksLock clLock;
+    U32 ulFree = 0;
+    for (; stGuarded.pulMemory != nullptr && ulWords > 0; ++ulWord, --ulWords)
+        for (U32 ulBits = stGuarded.clRuns.Bits().FreeOf(ulWord); ulBits != 0; ulBits &= ulBits - 1)
+            ++ulFree;
+    return ulFree;
 }
 
 /* What an allocation and a release change in the segment's entry. */
-void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulTaken, U32 ulGiven)
+inline void Count(U32 hulHandle, const TMMGuarded& stGuarded, U32 ulTaken, U32 ulGiven)
 {
     TMMSegInfo& stSeg = stSegTable[hulHandle];
-    pstStretch->ulFree = pstStretch->ulFree - ulTaken + ulGiven;
     stSeg.ulTotalFreeBlkNum = stSeg.ulTotalFreeBlkNum - ulTaken + ulGiven;
     stSeg.ulTotalAllocBlkNum = stSeg.ulTotalAllocBlkNum + ulTaken - ulGiven;
-    stSeg.ulLargestBlkSize = astGuarded[hulHandle].clRuns.Largest();
+    stSeg.ulLargestBlkSize = stGuarded.clRuns.Largest();
 #ifdef MM_CHECK_RUN_INDEX
     if (!MM_GuardAgrees(hulHandle))
         __builtin_trap();
@@ -359,14 +422,13 @@ void Count(U32 hulHandle, TMMStretch* pstStretch, U32 ulTaken, U32 ulGiven)
 
 /* Allocation --------------------------------------------------------------------------------------------- */
 
-/* Takes a whole run out of the list. */
-void Unlink(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stRun, CMMWitness& clWitness)
+/* Takes a whole run out of the list, where it has its place. */
+[[gnu::always_inline]] inline void Unlink(U32 hulHandle, TMMGuarded& stGuarded, const TMMStretch& stStretch,
+                                          TMMRun stRun, const CMMFreeRuns::TMMPlace& stPlace, CMMWitness& clWitness)
 {
-    TMMRun stLower, stUpper;
-    stGuarded.clRuns.Beside(stRun, &stLower, &stUpper);
-    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stLower);
-    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stUpper);
-    TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun);
+    TMMBlkStr* const pstLower = HeaderNear(stGuarded, stStretch, stPlace.ulLower);
+    TMMBlkStr* const pstUpper = HeaderNear(stGuarded, stStretch, stPlace.ulUpper);
+    TMMBlkStr* const pstRun = MM_At<TMMBlkStr>(AddrIn(stGuarded, stStretch, stRun.ulFirst));
     clWitness.Node(pstRun, pstUpper, pstLower, stRun.ulSize);
     if (pstLower != nullptr)
         clWitness.Next(pstLower, pstRun);
@@ -376,12 +438,10 @@ void Unlink(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stRun, CMMWitness& clWi
 }
 
 /* The caller has the lock. */
-U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
+[[gnu::always_inline]] inline U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
 {
-    TMMGuarded& stGuarded = astGuarded[hulHandle];
-    if (stGuarded.pulMemory == nullptr)
-        return nullptr;
-    const TMMRun stRun = stGuarded.clRuns.Find(ulBlkNum);
+    TMMGuarded& stGuarded = GuardedOf(hulHandle);
+    const CMMFreeRuns::TMMFound stRun = stGuarded.clRuns.Find(ulBlkNum);
     if (!stRun.Is())
         return nullptr;
 
@@ -389,45 +449,37 @@ U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
     const U32 ulRest = stRun.ulSize - ulBlkNum;
     const TMMRun stTaken = {stRun.ulFirst + ulRest, ulBlkNum};
     if (ulRest == 0) {
-        Unlink(hulHandle, stGuarded, stRun, clWitness);
+        Unlink(hulHandle, stGuarded, *pstStretch, stRun, stGuarded.clRuns.PlaceOf(stRun), clWitness);
     } else {
-        TMMBlkStr* const pstRun = HeaderOf(stGuarded, stRun);
+        TMMBlkStr* const pstRun = MM_At<TMMBlkStr>(AddrIn(stGuarded, *pstStretch, stRun.ulFirst));
         clWitness.Size(pstRun, stRun.ulSize);
         WriteSize(pstRun, ulRest);
     }
     stGuarded.clRuns.CutEnd(stRun, ulBlkNum);
     if (stGuarded.ubMap != 0 && ubMapID != 0)
-        SetOwner(stGuarded, *pstStretch, stTaken, ubMapID, clWitness);
-    Count(hulHandle, pstStretch, ulBlkNum, 0);
-    return MM_At(pstStretch->ulStart + MM_BlkToBytes(stTaken.ulFirst - pstStretch->ulFirst, stGuarded.ubBlkBit));
+        clWitness.Free(TakeOwner(stGuarded, *pstStretch, stTaken, ubMapID));
+    Count(hulHandle, stGuarded, ulBlkNum, 0);
+    return MM_At(AddrIn(stGuarded, *pstStretch, stTaken.ulFirst));
 }
 
 /* Release ------------------------------------------------------------------------------------------------ */
 
-/* Puts allocated blocks back into the list. The order and extent of the writes are the default build's, whose traces in free
- * memory some read. */
-void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& clWitness)
+/* Puts blocks that were given back into the list. The order and extent of the writes are the default build's, whose traces in
+ * free memory some read. */
+[[gnu::always_inline]] inline void Insert(U32 hulHandle, TMMGuarded& stGuarded, const TMMStretch& stStretch,
+                                          TMMRun stBlocks, const CMMFreeRuns::TMMGiven& stGiven, CMMWitness& clWitness)
 {
-    const CMMFreeRuns& clRuns = stGuarded.clRuns;
-    TMMRun stLower, stUpper;
-    clRuns.Around(stBlocks, &stLower, &stUpper);
-    const bool fLower = stLower.Is() && stLower.End() == stBlocks.ulFirst;
-    const bool fUpper = stUpper.Is() && stUpper.ulFirst == stBlocks.End();
-    TMMBlkStr* const pstNew = HeaderOf(stGuarded, stBlocks);
-    TMMBlkStr* const pstLower = HeaderOf(stGuarded, stLower);
-    TMMBlkStr* const pstUpper = HeaderOf(stGuarded, stUpper);
+    TMMBlkStr* const pstNew = MM_At<TMMBlkStr>(AddrIn(stGuarded, stStretch, stBlocks.ulFirst));
+    TMMBlkStr* const pstLower = HeaderNear(stGuarded, stStretch, stGiven.ulLower);
+    TMMBlkStr* const pstUpper = HeaderNear(stGuarded, stStretch, stGiven.ulUpper);
     TMMBlkStr* pstNext = pstUpper;
-    U32 ulSize = stBlocks.ulSize;
+    const U32 ulSize = stBlocks.ulSize + stGiven.ulUpperSize;
 
-    if (pstLower != nullptr) {
+    if (pstLower != nullptr)
         clWitness.Next(pstLower, pstUpper);
-        if (fLower)
-            clWitness.Size(pstLower, stLower.ulSize);
-    }
-    if (fUpper) {
-        pstNext = HeaderOf(stGuarded, clRuns.RunFrom(stUpper.End()));
-        ulSize += stUpper.ulSize;
-        clWitness.Node(pstUpper, pstNext, pstLower, stUpper.ulSize);
+    if (stGiven.ulUpperSize != 0) {
+        pstNext = HeaderNear(stGuarded, stStretch, stGiven.ulPastUpper);
+        clWitness.Node(pstUpper, pstNext, pstLower, stGiven.ulUpperSize);
     } else if (pstUpper != nullptr) {
         clWitness.Back(pstUpper, pstLower);
     }
@@ -435,25 +487,29 @@ void Insert(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& c
     WriteNext(pstNew, pstNext);
     WriteBack(pstNew, pstLower);
     WriteSize(pstNew, ulSize);
-    if (fLower) {
-        WriteSize(pstLower, stLower.ulSize + ulSize);
+    if (stGiven.ulLowerSize != 0) {
+        clWitness.Size(pstLower, stGiven.ulLowerSize);
+        WriteSize(pstLower, stGiven.ulLowerSize + ulSize);
         Link(hulHandle, pstLower, pstNext);
     } else {
         Link(hulHandle, pstLower, pstNew);
         Link(hulHandle, pstNew, pstNext);
     }
-    const TMMRun stNone = {MM_NO_BLOCK, 0};
-    stGuarded.clRuns.Give(stBlocks, fLower ? stLower : stNone, fUpper ? stUpper : stNone);
 }
 
-/* Releases allocated blocks; the caller has the lock. */
-void Release(U32 hulHandle, TMMStretch* pstStretch, TMMRun stBlocks, CMMWitness& clWitness)
+/* Releases blocks, the caller has the lock: false with nothing changed unless all of them are allocated. */
+[[gnu::always_inline]] inline bool Release(U32 hulHandle, TMMGuarded& stGuarded, const TMMStretch& stStretch,
+                                           TMMRun stBlocks, CMMWitness& clWitness)
 {
-    TMMGuarded& stGuarded = astGuarded[hulHandle];
-    if (stGuarded.ubMap != 0)
-        ClearOwners(hulHandle, stGuarded, *pstStretch, stBlocks);
-    Insert(hulHandle, stGuarded, stBlocks, clWitness);
-    Count(hulHandle, pstStretch, 0, stBlocks.ulSize);
+    const bool fReleased = stGuarded.clRuns.Give(stBlocks, [&](const CMMFreeRuns::TMMGiven& stGiven) {
+        if (stGuarded.ubMap != 0)
+            ClearOwners(hulHandle, stGuarded, stStretch, stBlocks);
+        Insert(hulHandle, stGuarded, stStretch, stBlocks, stGiven, clWitness);
+    });
+    if (!fReleased)
+        return false;
+    Count(hulHandle, stGuarded, 0, stBlocks.ulSize);
+    return true;
 }
 
 /* Claim -------------------------------------------------------------------------------------------------- */
@@ -461,29 +517,32 @@ void Release(U32 hulHandle, TMMStretch* pstStretch, TMMRun stBlocks, CMMWitness&
 /* Takes blocks out of a run, the caller has the lock: false when the run does not hold them. */
 bool Claim(U32 hulHandle, TMMGuarded& stGuarded, TMMRun stBlocks, CMMWitness& clWitness)
 {
-    if (!stGuarded.clRuns.Bits().AllFree(stBlocks.ulFirst, stBlocks.ulSize))
+    CMMFreeRuns& clRuns = stGuarded.clRuns;
+    if (!clRuns.Bits().AllFree(stBlocks.ulFirst, stBlocks.ulSize))
         return false;
-    const TMMRun stRun = stGuarded.clRuns.RunBelow(stGuarded.clRuns.Bits().NextTaken(stBlocks.ulFirst));
-    if (stRun.ulFirst == stBlocks.ulFirst && stRun.ulSize == stBlocks.ulSize) {
-        Unlink(hulHandle, stGuarded, stRun, clWitness);
+    const TMMRun stRun = clRuns.RunAt(clRuns.StartBelow(stBlocks.ulFirst + 1));
+    const CMMFreeRuns::TMMPlace stPlace = {clRuns.StartBelow(stRun.ulFirst), clRuns.StartFrom(stRun.End())};
+    if (stRun.ulSize == stBlocks.ulSize) {
+        Unlink(hulHandle, stGuarded, *StretchOfNumber(stGuarded, stRun.ulFirst), stRun, stPlace, clWitness);
     } else {
-        TMMBlkStr* const pstBelow = HeaderOf(stGuarded, stGuarded.clRuns.RunBelow(stRun.ulFirst));
-        TMMBlkStr* const pstAbove = HeaderOf(stGuarded, stGuarded.clRuns.RunFrom(stRun.End()));
-        const TMMRun stRest = {stBlocks.End(), stRun.End() - stBlocks.End()};
-        TMMBlkStr* pstFront = HeaderOf(stGuarded, stRun);
-        TMMBlkStr* const pstRest = HeaderOf(stGuarded, stRest);
+        TMMBlkStr* const pstBelow = HeaderOf(stGuarded, stPlace.ulLower);
+        TMMBlkStr* const pstAbove = HeaderOf(stGuarded, stPlace.ulUpper);
+        const U32 ulRest = stRun.End() - stBlocks.End();
+        TMMBlkStr* pstFront = HeaderOf(stGuarded, stRun.ulFirst);
         clWitness.Node(pstFront, pstAbove, pstBelow, stRun.ulSize);
         if (stBlocks.ulFirst == stRun.ulFirst)
             pstFront = pstBelow;
         else
             WriteSize(pstFront, stBlocks.ulFirst - stRun.ulFirst);
-        if (stRest.Is()) {
-            WriteSize(pstRest, stRest.ulSize);
+        if (ulRest != 0) {
+            TMMBlkStr* const pstRest = HeaderOf(stGuarded, stBlocks.End());
+            WriteSize(pstRest, ulRest);
             Link(hulHandle, pstFront, pstRest);
+            pstFront = pstRest;
         }
-        Link(hulHandle, stRest.Is() ? pstRest : pstFront, pstAbove);
+        Link(hulHandle, pstFront, pstAbove);
     }
-    stGuarded.clRuns.CutInside(stRun, stBlocks);
+    clRuns.CutInside(stRun, stBlocks);
     return true;
 }
 
@@ -500,6 +559,33 @@ bool IsOwned(const TMMGuarded& stGuarded, const TMMStretch& stStretch, U32 ulNum
     return (*const_cast<const volatile U8*>(pubByte) & ulWanted) == ulWanted;
 }
 
+/* True when the entries of all blocks of a run hold all bits of the ID, as they are now. */
+bool AllOwned(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun, U8 ubMapID)
+{
+    const U8 ubOwned = MM_ByteOf(ubMapID, stGuarded.ubMap);
+    U32 ulLacking = 0; /* bits of the ID that an entry does not hold */
+    EachEntry(
+        EntriesOf(stGuarded, stStretch, stRun),
+        [&](const U8* pubByte, U8 ubMask) {
+            MMP_Touch(pubByte, 1);
+            ulLacking |= static_cast<U8>(~*const_cast<const volatile U8*>(pubByte) & ubOwned & ubMask);
+        },
+        [&](const U8* pubWord) { ulLacking |= ~ReadWord(pubWord) & ubOwned * 0x01010101u; });
+    return ulLacking == 0;
+}
+
+/* How far the blocks of a run are allocated and the owner's: past its last block when all are. */
+U32 PastOwned(const TMMGuarded& stGuarded, const TMMStretch& stStretch, TMMRun stRun, U8 ubMapID)
+{
+    const CMMBlockBits& clBits = stGuarded.clRuns.Bits();
+    if (clBits.AllTaken(stRun.ulFirst, stRun.ulSize) && AllOwned(stGuarded, stStretch, stRun, ubMapID))
+        return stRun.End();
+    U32 ulPast = stRun.ulFirst;
+    while (ulPast < stRun.End() && clBits.IsTaken(ulPast) && IsOwned(stGuarded, stStretch, ulPast, ubMapID))
+        ++ulPast;
+    return ulPast;
+}
+
 /* Releases what is allocated and still the owner's of a run of blocks that the map gave him. The map is looked at again
  * under the lock: in between the blocks may have become somebody else's. */
 void CollectRun(U32 hulHandle, TMMStretch& stStretch, TMMRun stFound, U8 ubMapID)
@@ -508,56 +594,81 @@ void CollectRun(U32 hulHandle, TMMStretch& stStretch, TMMRun stFound, U8 ubMapID
     CMMWitness clWitness;
     {
         const CMMBlocksLock clLock;
-        const CMMBlockBits& clBits = stGuarded.clRuns.Bits();
         if (stGuarded.pulMemory == nullptr || stFound.End() > stStretch.PastNumber())
             return; /* the library was started afresh */
         for (U32 ulNumber = stFound.ulFirst; ulNumber < stFound.End();) {
-            U32 ulPast = ulNumber;
-            while (ulPast < stFound.End() && clBits.IsTaken(ulPast) && IsOwned(stGuarded, stStretch, ulPast, ubMapID))
-                ++ulPast;
+            const U32 ulPast = PastOwned(stGuarded, stStretch, {ulNumber, stFound.End() - ulNumber}, ubMapID);
             if (ulPast > ulNumber)
-                Release(hulHandle, &stStretch, {ulNumber, ulPast - ulNumber}, clWitness);
+                Release(hulHandle, stGuarded, stStretch, {ulNumber, ulPast - ulNumber}, clWitness);
             else
-                clWitness.Entry(!clBits.IsTaken(ulPast)); /* a free block that somebody owns */
+                clWitness.Free(!stGuarded.clRuns.Bits().IsTaken(ulPast)); /* a free block that somebody owns */
             ulNumber = ulPast > ulNumber ? ulPast : ulPast + 1;
         }
     }
     MendIf(hulHandle, clWitness);
 }
 
+/* Entries of a map that are an owner's, as they are met from its end on. */
+struct TMMOwnedRun {
+    U32 hulHandle;
+    TMMStretch& stStretch;
+    U8 ubMapID;
+    U32 ulPast; /* entries looked at */
+    U32 ulRun;  /* the last of them, the owner's */
+
+    void Owned(U32 ulEntries)
+    {
+        ulPast += ulEntries;
+        ulRun += ulEntries;
+    }
+    void Others(U32 ulEntries)
+    {
+        if (ulRun != 0)
+            Collect();
+        ulPast += ulEntries;
+        ulRun = 0;
+    }
+
+private:
+    void Collect() const
+    {
+        const U32 ulBlkNum = MM_Smaller(ulPast, stStretch.ulBlkNum); /* the map may have more entries */
+        if (ulPast - ulRun < ulBlkNum)
+            CollectRun(hulHandle, stStretch, {stStretch.PastNumber() - ulBlkNum, ulBlkNum - (ulPast - ulRun)}, ubMapID);
+    }
+};
+
+/* Whether an entry of a word is zero: the carry of a subtraction finds it. ulLowest: the lowest bit of each entry. */
+inline bool HasZeroEntry(U32 ulWord, U32 ulLowest, U8 ubMap)
+{
+    return ((ulWord - ulLowest) & ~ulWord & ulLowest << (ubMap - 1)) != 0;
+}
+
 /* As in the default build a run that reaches the map's start stays. */
 void CleanUpStretch(U32 hulHandle, TMMStretch& stStretch, U8 ubMapID)
 {
     const TMMGuarded& stGuarded = astGuarded[hulHandle];
-    const U32 ulMapEntries =
-        (MM_Addr(stStretch.pubMapEndAddr) - MM_Addr(MM_RangeOf(hulHandle, MM_At(stStretch.ulStart)).pubMapStartAddr))
-        << stGuarded.ubEntriesBit;
+    const U8* const pubMap = MM_RangeOf(hulHandle, MM_At(stStretch.ulStart)).pubMapStartAddr;
     const U32 ulByteEntries = 1u << stGuarded.ubEntriesBit;
-    const U8 ubOwned = MM_ByteOf(ubMapID, stGuarded.ubMap);
-    U32 ulRun = 0;
+    const U32 ulOwned = MM_ByteOf(ubMapID, stGuarded.ubMap) * 0x01010101u;
+    const U32 ulLowest = MM_ByteOf(1, stGuarded.ubMap) * 0x01010101u;
+    TMMOwnedRun clRun{hulHandle, stStretch, ubMapID, 0, 0};
 
-    for (U32 ulEntry = 0; ulEntry < ulMapEntries; ulEntry += ulByteEntries) {
-        const U8* const pubByte = stStretch.pubMapEndAddr - 1 - (ulEntry >> stGuarded.ubEntriesBit);
-        MMP_Touch(pubByte, 1);
-        const U8 ubByte = *const_cast<const volatile U8*>(pubByte);
-        if (ubByte == 0 && ulRun == 0)
-            continue;
-        if ((ubByte & ubOwned) == ubOwned) {
-            ulRun += ulByteEntries;
-            continue;
-        }
-        for (U32 ulInByte = 0; ulInByte < ulByteEntries; ++ulInByte) {
-            const U32 ulWanted = static_cast<U32>(ubMapID) << ulInByte * stGuarded.ubMap;
-            const U32 ulPast = ulEntry + ulInByte; /* entries of the run end below it */
-            if ((ubByte & ulWanted) == ulWanted) {
-                ++ulRun;
-            } else if (ulRun > 0) {
-                const U32 ulBlkNum = ulPast < stStretch.ulBlkNum ? ulPast : stStretch.ulBlkNum;
-                if (ulPast - ulRun < ulBlkNum)
-                    CollectRun(hulHandle, stStretch, {stStretch.PastNumber() - ulBlkNum, ulBlkNum - (ulPast - ulRun)},
-                               ubMapID);
-                ulRun = 0;
+    for (const U8* pubByte = stStretch.pubMapEndAddr; pubByte > pubMap;) {
+        if (MM_Addr(pubByte) % MAP_WORD_BYTES == 0 && pubByte - pubMap >= S32(MAP_WORD_BYTES)) {
+            const U32 ulLacking = ~ReadWord(pubByte - MAP_WORD_BYTES) & ulOwned; /* an entry of 0 is the owner's */
+            const bool fNone = !HasZeroEntry(ulLacking, ulLowest, stGuarded.ubMap);
+            if (ulLacking == 0 || fNone) {
+                pubByte -= MAP_WORD_BYTES;
+                fNone ? clRun.Others(ulByteEntries * MAP_WORD_BYTES) : clRun.Owned(ulByteEntries * MAP_WORD_BYTES);
+                continue;
             }
+        }
+        MMP_Touch(--pubByte, 1);
+        const U8 ubByte = *const_cast<const volatile U8*>(pubByte);
+        for (U32 ulBitPos = 0; ulBitPos < 8; ulBitPos += stGuarded.ubMap) {
+            const U32 ulWanted = static_cast<U32>(ubMapID) << ulBitPos;
+            (ubByte & ulWanted) == ulWanted ? clRun.Owned(1) : clRun.Others(1);
         }
     }
 }
@@ -567,20 +678,37 @@ void CleanUpStretch(U32 hulHandle, TMMStretch& stStretch, U8 ubMapID)
 void AddStretch(TMMGuarded& stGuarded, U32 ulStart, U32 ulBlkNum, U8* pubMapEndAddr)
 {
     TMMStretch& stStretch = stGuarded.astStretch[stGuarded.ubStretches++];
-    stStretch = {ulStart, stGuarded.ulNumbers, ulBlkNum, ulBlkNum, pubMapEndAddr};
+    stStretch = {ulStart, ulStart - MM_BlkToBytes(stGuarded.ulNumbers, stGuarded.ubBlkBit), stGuarded.ulNumbers,
+                 ulBlkNum, pubMapEndAddr};
     stGuarded.ulNumbers = (stStretch.PastNumber() + 32) & ~31u; /* with one that is none at the least */
+}
+
+/* Refusals ----------------------------------------------------------------------------------------------- */
+
+[[gnu::noinline, gnu::cold]] U8* RefuseAllocation(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
+{
+    MM_GuardReport(ulReqBlkNum == 0 ? NOTHING_ASKED : WIDE_OWNER, hulHandle, 0, ubMapID);
+    return nullptr;
+}
+
+/* The caller has the lock. */
+[[gnu::noinline, gnu::cold]] U32 RefuseRelease(U32 hulHandle, const U8* pubRlsAddr, U32 ulBlkNum)
+{
+    MMP_UnlockIrq(search_lock);
+    MM_GuardReport(NOT_ALLOCATED, hulHandle, MM_Addr(pubRlsAddr), ulBlkNum);
+    return EASSERT;
 }
 
 } // namespace
 
 /* Entries ------------------------------------------------------------------------------------------------ */
 
-U8* MM_GuardedAllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
+[[gnu::flatten]] U8* MM_GuardedAllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
 {
-    if (ulReqBlkNum == 0 || !CanHold(astGuarded[hulHandle], ubMapID)) {
-        MM_GuardReport(ulReqBlkNum == 0 ? NOTHING_ASKED : WIDE_OWNER, hulHandle, 0, ubMapID);
+    if (ulReqBlkNum == 0 || (ubMapID != 0 && !CanHold(astGuarded[hulHandle], ubMapID)))
+        return RefuseAllocation(hulHandle, ulReqBlkNum, ubMapID);
+    if (stSegTable[hulHandle].ulTotalFreeBlkNum == 0)
         return nullptr;
-    }
     CMMWitness clWitness;
     MMP_LockIrq(search_lock);
     U8* const pubResult = Allocate(hulHandle, ulReqBlkNum, ubMapID, clWitness);
@@ -589,19 +717,16 @@ U8* MM_GuardedAllocBlk(U32 hulHandle, U32 ulReqBlkNum, U8 ubMapID)
     return pubResult;
 }
 
-U32 MM_GuardedFreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNum)
+[[gnu::flatten]] U32 MM_GuardedFreeBlk(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNum)
 {
     CMMWitness clWitness;
     U32 ulNumber = 0;
     MMP_LockIrq(search_lock);
-    TMMStretch* const pstStretch = FindAllocated(astGuarded[hulHandle], MM_Addr(pubRlsAddr), ulBlkNum, &ulNumber);
-    if (pstStretch != nullptr)
-        Release(hulHandle, pstStretch, {ulNumber, ulBlkNum}, clWitness);
+    TMMGuarded& stGuarded = GuardedOf(hulHandle);
+    TMMStretch* const pstStretch = FindBlocks(stGuarded, MM_Addr(pubRlsAddr), ulBlkNum, &ulNumber);
+    if (pstStretch == nullptr || !Release(hulHandle, stGuarded, *pstStretch, {ulNumber, ulBlkNum}, clWitness))
+        return RefuseRelease(hulHandle, pubRlsAddr, ulBlkNum);
     MMP_UnlockIrq(search_lock);
-    if (pstStretch == nullptr) {
-        MM_GuardReport(NOT_ALLOCATED, hulHandle, MM_Addr(pubRlsAddr), ulBlkNum);
-        return EASSERT;
-    }
     MendIf(hulHandle, clWitness);
     return ENOERR;
 }
@@ -615,7 +740,7 @@ U32 MM_GuardedClaim(U32 hulHandle, U8* pubAddr, U32 ulBlkNum)
     TMMStretch* const pstStretch = FindBlocks(stGuarded, MM_Addr(pubAddr), ulBlkNum, &ulNumber);
     const bool fClaimed = pstStretch != nullptr && Claim(hulHandle, stGuarded, {ulNumber, ulBlkNum}, clWitness);
     if (fClaimed)
-        Count(hulHandle, pstStretch, ulBlkNum, 0);
+        Count(hulHandle, stGuarded, ulBlkNum, 0);
     MMP_UnlockIrq(search_lock);
     if (!fClaimed) {
         MM_GuardReport(CLAIM_OUTSIDE, hulHandle, MM_Addr(pubAddr), ulBlkNum);
@@ -647,8 +772,7 @@ bool MM_GuardedMark(U32 hulHandle, U32 ulAddr, U32 ulBlkNum, U8 ubMapID)
     const bool fMarked = pstStretch != nullptr && stGuarded.ubMap != 0 && CanHold(stGuarded, ubMapID);
     if (fMarked) {
         ClearOwners(hulHandle, stGuarded, *pstStretch, {ulNumber, ulBlkNum});
-        TMMNoVisitor clNone;
-        SetOwner(stGuarded, *pstStretch, {ulNumber, ulBlkNum}, ubMapID, clNone);
+        TakeOwner(stGuarded, *pstStretch, {ulNumber, ulBlkNum}, ubMapID);
     }
     MMP_UnlockIrq(search_lock);
     if (!fMarked)
@@ -675,11 +799,15 @@ U32 MM_GuardLargestRun(U32 hulHandle)
 
 U32 MM_GuardFreeInPiece(U32 ulStart)
 {
-    const TMMGuarded& stHeap = astGuarded[HEAPHANDLE];
-    for (U8 ubIdx = 0; stHeap.pulMemory != nullptr && ubIdx < stHeap.ubStretches; ++ubIdx)
-        if (stHeap.astStretch[ubIdx].ulStart == ulStart)
-            return stHeap.astStretch[ubIdx].ulFree;
-    return 0;
+    TMMGuarded& stHeap = astGuarded[HEAPHANDLE];
+    U32 ulFree = 0;
+    for (U8 ubIdx = 0; stHeap.pulMemory != nullptr && ubIdx < stHeap.ubStretches; ++ubIdx) {
+        const TMMStretch& stStretch = stHeap.astStretch[ubIdx];
+        const U32 ulWords = CMMBlockBits::Words(stStretch.ulBlkNum);
+        for (U32 ulWord = 0; stStretch.ulStart == ulStart && ulWord < ulWords; ulWord += SLICE_WORDS)
+            ulFree += FreeInSlice(stHeap, stStretch.ulFirst / 32 + ulWord, MM_Smaller(SLICE_WORDS, ulWords - ulWord));
+    }
+    return ulFree;
 }
 
 void MM_GuardMend(U32 ulAddr, U32 ulBytes)
@@ -737,7 +865,7 @@ bool MM_GuardOpen(U32 hulHandle)
     MM_GuardClose(hulHandle);
     if (stSeg.stInfoFromApp.ubSegDSType == STACK)
         return true;
-    stGuarded.ulNumbers = 0;
+    stGuarded.ulNumbers = CMMFreeRuns::FIRST_BLOCK;
     stGuarded.ubStretches = 0;
     stGuarded.ubBlkBit = stSeg.ubBlkBit;
     stGuarded.ubMap = stSeg.stInfoFromApp.ubMap;
@@ -756,9 +884,10 @@ bool MM_GuardOpen(U32 hulHandle)
     stGuarded.clRuns.Init(pulMemory, stGuarded.ulNumbers);
     for (U8 ubIdx = 0; ubIdx < stGuarded.ubStretches; ++ubIdx)
         stGuarded.clRuns.Give({stGuarded.astStretch[ubIdx].ulFirst, stGuarded.astStretch[ubIdx].ulBlkNum},
-                              {MM_NO_BLOCK, 0}, {MM_NO_BLOCK, 0});
+                              [](const CMMFreeRuns::TMMGiven&) {});
     {
         const CMMBlocksLock clLock;
+        stGuarded.pstLast = stGuarded.astStretch + stGuarded.ubStretches - 1;
         stGuarded.pulMemory = pulMemory;
     }
     MendSegment(hulHandle, MEND_LIST);
@@ -772,6 +901,7 @@ void MM_GuardClose(U32 hulHandle)
         const CMMBlocksLock clLock;
         pulMemory = astGuarded[hulHandle].pulMemory;
         astGuarded[hulHandle].pulMemory = nullptr;
+        astGuarded[hulHandle].clRuns.Forget();
     }
     if (pulMemory != nullptr)
         MMP_GiveMemory(pulMemory);

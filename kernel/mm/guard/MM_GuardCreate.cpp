@@ -249,6 +249,45 @@ bool IsIdle()
     return (ulOpens <= 1 && !MM_GuardAnyAllocated()) || Report(IN_USE, 0, 0, ulOpens);
 }
 
+/* Looks where memory is free when no segment is there, and lets it be written. */
+bool MeasureFreeMemory()
+{
+    U32 ulStart = CM_IF_ReadFixedSegEndAddr();
+    U32 ulEnd = memend;
+    for (U32 hulHandle = 0; hulHandle < MAX_SEGTABLE_SIZE; ++hulHandle)
+        if (MM_CheckSegInitCompleted(hulHandle))
+            return Report(IN_USE, hulHandle, 0, 0);
+    if (ulStart < memstart || ulStart >= ulEnd || ulEnd > memend)
+        return Report(NOT_STARTED, 0, ulStart, 0);
+    /* Rows that begin inside end it, the others move its start; each of the five does so once at the most. */
+    for (U8 ubPass = 0; ubPass < MAX_MCT_NUM; ++ubPass)
+        for (const TMCTInfo* pstRow : pstMCTTable) {
+            const U32 ulRow = MM_Addr(pstRow->pubStartAddr);
+            if (ulRow == 0 || ulRow >= ulEnd || ulRow + pstRow->ulSize <= ulStart)
+                continue;
+            if (ulRow > ulStart)
+                ulEnd = ulRow;
+            else
+                ulStart = ulRow + pstRow->ulSize;
+        }
+    if (ulStart >= ulEnd || ulEnd - ulStart < HEAP_BLOCK_SIZE)
+        return Report(BAD_AREA, 0, ulStart, 0);
+    astWritable[0] = {ulStart, ulEnd};
+    ulWritable = 1;
+    return true;
+}
+
+/* As before the library was started. */
+void Forget()
+{
+    MM_GuardCloseAll();
+    fStarted = false;
+    stNodes.ulNodes = 0;
+    ulWritable = 0;
+    pstSegBlkHead = nullptr;
+    pstSegBlkTail = nullptr;
+}
+
 } // namespace
 
 TMMBlkStr* MM_GuardNext(const TMMBlkStr* pstNode)
@@ -331,68 +370,27 @@ bool MM_GuardMayBuildMCT(TMMInitOption enInitOption)
     return IsIdle();
 }
 
-bool MM_GuardMayStart(TStartOption enStartOption)
+bool MM_GuardStart(TStartOption enStartOption)
 {
     if (enStartOption > SM_BKUP_FLASH)
         return Report(BAD_OPTION, 0, 0, enStartOption);
-    return MM_GuardHasMCT() && IsIdle();
-}
-
-void MM_GuardStart(void)
-{
-    MM_GuardCloseAll();
-    fStarted = false;
-    stNodes.ulNodes = 0;
-    ulWritable = 0;
-    pstSegBlkHead = nullptr;
-    pstSegBlkTail = nullptr;
-}
-
-bool MM_GuardMeasureFreeMemory(void)
-{
-    U32 ulStart = CM_IF_ReadFixedSegEndAddr();
-    U32 ulEnd = memend;
-    for (U32 hulHandle = 0; hulHandle < MAX_SEGTABLE_SIZE; ++hulHandle)
-        if (MM_CheckSegInitCompleted(hulHandle))
-            return Report(IN_USE, hulHandle, 0, 0);
-    if (ulStart < memstart || ulStart >= ulEnd || ulEnd > memend)
-        return Report(NOT_STARTED, 0, ulStart, 0);
-    /* Rows that begin inside end it, the others move its start; each of the five does so once at the most. */
-    for (U8 ubPass = 0; ubPass < MAX_MCT_NUM; ++ubPass)
-        for (const TMCTInfo* pstRow : pstMCTTable) {
-            const U32 ulRow = MM_Addr(pstRow->pubStartAddr);
-            if (ulRow == 0 || ulRow >= ulEnd || ulRow + pstRow->ulSize <= ulStart)
-                continue;
-            if (ulRow > ulStart)
-                ulEnd = ulRow;
-            else
-                ulStart = ulRow + pstRow->ulSize;
-        }
-    if (ulStart >= ulEnd || ulEnd - ulStart < HEAP_BLOCK_SIZE)
-        return Report(BAD_AREA, 0, ulStart, 0);
-    astWritable[0] = {ulStart, ulEnd};
-    ulWritable = 1;
+    if (!MM_GuardHasMCT() || !IsIdle())
+        return false;
+    Forget();
     return true;
 }
 
-U32 MM_GuardFreeStart(void)
+TMMFreeMemory MM_GuardFreeMemory(void)
 {
-    return astWritable[0].ulStart;
-}
-
-U32 MM_GuardFreeEnd(void)
-{
-    return astWritable[0].ulEnd;
-}
-
-void MM_GuardStarted(void)
-{
+    if (!MM_GuardHasMCT() || !MeasureFreeMemory())
+        return {0, 0};
     fStarted = true;
+    return {astWritable[0].ulStart, astWritable[0].ulEnd};
 }
 
 void MM_GuardReset(void)
 {
-    MM_GuardStart();
+    Forget();
     MM_GuardForgetReports();
     ulOpens = 0;
 }

@@ -55,6 +55,13 @@ bool LiesInRow(U32 ulAddr, U32 ulBytes)
     return false;
 }
 
+/* Fixed segments, allocated blocks and what was pushed may be filled. */
+bool MayFill(U32 ulAddr, U32 ulBytes)
+{
+    return ulBytes == 0 || LiesInRow(ulAddr, ulBytes) || MM_GuardHeld(ulAddr, ulBytes) ||
+           MM_GuardPushed(ulAddr, ulBytes) || Report(BAD_FILL, 0, ulAddr, ulBytes);
+}
+
 } // namespace
 
 void MM_GuardReport(EMMReason enReason, U32 hulHandle, U32 ulAddr, U32 ulCount)
@@ -88,10 +95,18 @@ bool MM_GuardOverflow(U32 hulHandle, U32 ulReqBlkNo)
            Report(SMALL_HEAP_BLOCKS, hulHandle, 0, ulReqBlkNo);
 }
 
-bool MM_GuardFill(U32 ulAddr, U32 ulBytes)
+bool MM_GuardCommand(U32 ulCmd, const void* pvRecord)
 {
-    return ulBytes == 0 || LiesInRow(ulAddr, ulBytes) || MM_GuardHeld(ulAddr, ulBytes) ||
-           MM_GuardPushed(ulAddr, ulBytes) || Report(BAD_FILL, 0, ulAddr, ulBytes);
+    switch (ulCmd) {
+    case MM_CMD_MEMSET: {
+        const auto* const pstFill = static_cast<const TMemsetInfo*>(pvRecord);
+        return MayFill(pstFill->s, pstFill->n);
+    }
+    case MM_CMD_CHECK_SEGMENT: return MM_GuardHandle(static_cast<const TCheckSegmentInfo*>(pvRecord)->hulHandle);
+    case MM_CMD_DISPLAY_MST:
+        return MM_GuardSelector(static_cast<U8>(static_cast<const TDisplayMSTInfo*>(pvRecord)->hulHandle));
+    default: return true;
+    }
 }
 
 bool MM_GuardMapping(U32 ulPgOff, U32 ulBytes)
@@ -114,6 +129,8 @@ bool MM_GuardArea(U32 ulStart, U32 ulEnd)
 
 bool MM_GuardRow(U32 ulStart, U32 ulBytes)
 {
+    if (!MM_GuardHasMCT())
+        return false;
     bool fGood = ulBytes <= memend - memstart;
     if (ulStart != 0 && ulBytes != 0) {
         fGood = LiesIn(ulStart, ulBytes, memstart, memend);

@@ -49,14 +49,12 @@ U32 MM_Entry(TMMInitOption enInitOption)
 
 U32 MM_LibEntry(TStartOption enStartOption, void (*)(void))
 {
-    MM_GUARD(MM_GuardMayStart(enStartOption), EASSERT);
+    MM_GUARD(MM_GuardStart(enStartOption), EASSERT);
     hulFloatHandle = FIRST_FLOAT_HANDLE;
     hulFixedHandle = 0;
     for (TMMSegInfo& stSeg : stSegTable)
         stSeg = TMMSegInfo{};
     MM_ResetRunIndexes();
-    if constexpr (MM_Guarded)
-        MM_GuardStart();
 
     U8 aubJobControl[4] = {'$', 'J', 'C', 'B'};
     switch (enStartOption) {
@@ -69,11 +67,24 @@ U32 MM_LibEntry(TStartOption enStartOption, void (*)(void))
     return MM_ConstructSegLinkedList();
 }
 
+namespace {
+
+/* Memory that no segment has when the library starts: from the fixed segments to the area's end. */
+TMMFreeMemory FreeMemory()
+{
+    if constexpr (MM_Guarded)
+        return MM_GuardFreeMemory();
+    return {CM_IF_ReadFixedSegEndAddr(), *pubSegMemEndAddr};
+}
+
+} // namespace
+
 U32 MM_ConstructSegLinkedList(void)
 {
-    MM_GUARD(MM_GuardHasMCT() && MM_GuardMeasureFreeMemory(), EASSERT);
-    const U32 ulStart = MM_Guarded ? MM_GuardFreeStart() : CM_IF_ReadFixedSegEndAddr();
-    const U32 ulEnd = MM_Guarded ? MM_GuardFreeEnd() : *pubSegMemEndAddr;
+    const TMMFreeMemory stFree = FreeMemory();
+    MM_GUARD(stFree.ulStart != 0, EASSERT);
+    const U32 ulStart = stFree.ulStart;
+    const U32 ulEnd = stFree.ulEnd;
     TMMBlkStr* pstNode = MM_At<TMMBlkStr>(ulStart);
 
     MM_WriteNode(pstNode, {nullptr, nullptr, ulEnd - ulStart});
@@ -93,8 +104,6 @@ U32 MM_ConstructSegLinkedList(void)
     pstSegBlkHead = pstNode;
     pstSegBlkTail = pstNode;
     CM_IF_UpdateFixedSegEndAddr(ulStart);
-    if constexpr (MM_Guarded)
-        MM_GuardStarted();
     return ENOERR;
 }
 
@@ -224,6 +233,14 @@ bool IsMapIDAllowed(U8 ubMap, U8 ubMapID)
     return ubMapID >= 1 && ubMapID < (1u << ubMap);
 }
 
+/* Leaves the function with what a release answers to its caller. INTENDED(release-result): success; what the release routine says
+ * is on the kernel log only. */
+#define MM_RETURN_RELEASED(call)                    \
+    do {                                            \
+        const U32 ulResult = (call);                \
+        return MM_Guarded ? ulResult : U32(ENOERR); \
+    } while (0)
+
 bool IsInHeap(U32 ulAddr)
 {
     return MM_IsPiece(MM_FindPiece(ulAddr));
@@ -281,10 +298,7 @@ U32 MM_Free(U32 hulHandle, U8* pubRlsAddr, U32 ulBytesNo)
     MM_ASSERT(ulBlockSize, EASSERT);
     const U32 ulRlsBlock = BytesToBlocks(ulBytesNo, ulBlockSize);
     MM_ASSERT(ulRlsBlock, EASSERT);
-    if constexpr (MM_Guarded)
-        return MM_FreeBlock(hulHandle, pubRlsAddr, ulRlsBlock);
-    MM_FreeBlock(hulHandle, pubRlsAddr, ulRlsBlock); /* INTENDED(release-result): on the kernel log only */
-    return ENOERR;
+    MM_RETURN_RELEASED(MM_FreeBlock(hulHandle, pubRlsAddr, ulRlsBlock));
 }
 
 U32 MM_FreeBlock(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
@@ -294,31 +308,20 @@ U32 MM_FreeBlock(U32 hulHandle, U8* pubRlsAddr, U32 ulBlkNo)
     MM_ASSERT(ulBlkNo > 0, EASSERT);
     MM_ASSERT((hulHandle < MAX_SEGTABLE_SIZE && hulHandle >= 0) && "The range of Handle is beyond MST range", EASSERT);
 
-    /* INTENDED(release-result): what a release routine answers is on the kernel log and is not passed on. */
     if (stSegTable[hulHandle].pfnFree == MM_FreeBlk) {
         if (IsInHeap(MM_Addr(pubRlsAddr))) {
             if (!MM_CheckSegInitCompleted(HEAPHANDLE))
                 MM_ASSERT(0, EASSERT);
             MM_ASSERT(stSegTable[HEAPHANDLE].pfnFree, EASSERT); /* GCOVR_EXCL_BR_LINE: the line before has tested it */
-            if constexpr (MM_Guarded)
-                return stSegTable[HEAPHANDLE].pfnFree(HEAPHANDLE, pubRlsAddr, ulBlkNo);
-            stSegTable[HEAPHANDLE].pfnFree(HEAPHANDLE, pubRlsAddr, ulBlkNo);
-            return ENOERR;
+            MM_RETURN_RELEASED(stSegTable[HEAPHANDLE].pfnFree(HEAPHANDLE, pubRlsAddr, ulBlkNo));
         }
         if (!MM_CheckSegInitCompleted(hulHandle))
             MM_ASSERT(0, EASSERT);
         MM_ASSERT(stSegTable[hulHandle].pfnFree, EASSERT); /* GCOVR_EXCL_BR_LINE: the line before has tested it */
-        if constexpr (MM_Guarded)
-            return stSegTable[hulHandle].pfnFree(hulHandle, pubRlsAddr, ulBlkNo);
-        stSegTable[hulHandle].pfnFree(hulHandle, pubRlsAddr, ulBlkNo);
-        return ENOERR;
+        MM_RETURN_RELEASED(stSegTable[hulHandle].pfnFree(hulHandle, pubRlsAddr, ulBlkNo));
     }
-    if (stSegTable[hulHandle].pfnFree == MM_Pop) {
-        if constexpr (MM_Guarded)
-            return MM_Pop(hulHandle, pubRlsAddr, ulBlkNo);
-        MM_Pop(hulHandle, pubRlsAddr, ulBlkNo);
-        return ENOERR;
-    }
+    if (stSegTable[hulHandle].pfnFree == MM_Pop)
+        MM_RETURN_RELEASED(MM_Pop(hulHandle, pubRlsAddr, ulBlkNo));
     MM_ASSERT(0 && "Release function is not matched", EASSERT);
 }
 

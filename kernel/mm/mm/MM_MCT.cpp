@@ -59,7 +59,7 @@ U32 MM_AddSegment(U8* aubCFGID, U32 ulSize, U8* pubAddr)
 {
     TSegRange stEmptyRow;
 
-    MM_GUARD(MM_GuardHasMCT() && MM_GuardRow(MM_Addr(pubAddr), ulSize), EASSERT);
+    MM_GUARD(MM_GuardRow(MM_Addr(pubAddr), ulSize), EASSERT);
     if (MM_ReadSegOnMCT(const_cast<U8*>(aubEmptyID), &stEmptyRow) != ENOERR)
         MM_ASSERT(0 && "There is no more space to add segment", EASSERT);
 

@@ -19,6 +19,11 @@ inline U32 MM_HighestBit(U32 ulBits)
     return 31 ^ static_cast<U32>(__builtin_clz(ulBits));
 }
 
+inline U32 MM_LowestBit(U32 ulBits)
+{
+    return static_cast<U32>(__builtin_ctz(ulBits));
+}
+
 /* 16 numbers of 32 bits. */
 class CMMWordNode
 {
@@ -194,6 +199,19 @@ public:
         return MM_NO_ELEMENT;
     }
 
+    /* The lowest index above ulLimit, an element's, whose element is not 0; MM_NO_ELEMENT when there is none. */
+    U32 FindUsedAbove(U32 ulLimit) const
+    {
+        for (U32 ulLevel = 0; ulLevel < ulLevels; ++ulLevel) {
+            const U32 ulNode = ulLimit / FANOUT;
+            const U32 ulUsed = apstLevel[ulLevel][ulNode].ulUsed & (0u - 2) << ulLimit % FANOUT;
+            if (ulUsed != 0)
+                return FirstUsedOf(ulLevel, ulNode * FANOUT + MM_LowestBit(ulUsed));
+            ulLimit = ulNode;
+        }
+        return MM_NO_ELEMENT;
+    }
+
 private:
     struct TMMNode {
         TNumbers clNumbers;
@@ -240,6 +258,14 @@ private:
     {
         while (ulLevel > 0)
             ulIdx = ulIdx * FANOUT + MM_HighestBit(apstLevel[--ulLevel][ulIdx].ulUsed);
+        return ulIdx;
+    }
+
+    /* The same to the first one. */
+    U32 FirstUsedOf(U32 ulLevel, U32 ulIdx) const
+    {
+        while (ulLevel > 0)
+            ulIdx = ulIdx * FANOUT + MM_LowestBit(apstLevel[--ulLevel][ulIdx].ulUsed);
         return ulIdx;
     }
 

@@ -8,8 +8,9 @@ TMMRunIndex astRunIndex[MAX_SEGTABLE_SIZE];
 
 namespace {
 
-constexpr U32 POOL_WORDS = MM_Guarded ? 1 : 260000; /* of all tables; with the descriptors below 1 MiB */
-constexpr U32 SMALLEST_SHARE = 512;                 /* what a segment of many gets */
+constexpr U32 POOL_WORDS =
+    MM_Guarded ? 1 : 260000;        /* of all tables, below 1 MiB with the descriptors; 1 is room for none */
+constexpr U32 SMALLEST_SHARE = 512; /* what a segment of many gets */
 constexpr U32 HELD_BACK_WORDS = SMALLEST_SHARE * MAX_SEGTABLE_SIZE;
 constexpr U8 MIN_BLK_BIT = 4; /* blocks that hold a run's header */
 
@@ -83,8 +84,7 @@ U32 ShareOfPool(U32 hulHandle)
 bool CanBeIndexed(U32 hulHandle, TMMSpan stSpan)
 {
     const TMMSegInfo& stSeg = stSegTable[hulHandle];
-    return !MM_Guarded && !fNoIndex && stSeg.pfnAlloc == MM_AllocBlk && stSeg.ubBlkBit >= MIN_BLK_BIT &&
-           stSpan.ulStart < stSpan.ulEnd;
+    return !fNoIndex && stSeg.pfnAlloc == MM_AllocBlk && stSeg.ubBlkBit >= MIN_BLK_BIT && stSpan.ulStart < stSpan.ulEnd;
 }
 
 /* Begins anew from the list, asleep unless it is long. */

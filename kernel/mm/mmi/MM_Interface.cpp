@@ -283,7 +283,6 @@ U32 RunFree(TMMCommandRecord& stRecord)
 U32 RunMemset(TMMCommandRecord& stRecord)
 {
     const TMemsetInfo& stInfo = stRecord.stMemset;
-    MM_GUARD(MM_GuardFill(stInfo.s, stInfo.n), EASSERT);
     if (stInfo.n != 0)
         MM_FillMemory(MM_At(stInfo.s), static_cast<U8>(stInfo.c), stInfo.n); /* INTENDED(fill-trusts) */
     MMP_Print("%s", "");
@@ -320,14 +319,12 @@ U32 RunCollectGarbage(TMMCommandRecord& stRecord)
 
 U32 RunCheckSegment(TMMCommandRecord& stRecord)
 {
-    MM_GUARD(MM_GuardHandle(stRecord.stCheck.hulHandle), EASSERT);
     stRecord.stCheck.status = static_cast<U8>(MM_CheckSegment(stRecord.stCheck.hulHandle, stRecord.stCheck.ulAddr));
     return ENOERR;
 }
 
 U32 RunDisplayMST(TMMCommandRecord& stRecord)
 {
-    MM_GUARD(MM_GuardSelector(static_cast<U8>(stRecord.stDisplay.hulHandle)), EASSERT);
     MM_DisplayMST(static_cast<U8>(stRecord.stDisplay.hulHandle));
     stRecord.stDisplay.status = 0;
     return ENOERR;
@@ -372,6 +369,12 @@ constexpr TMMCommand astCommand[MM_CMD_COUNT] = {
     /* MM_CMD_GET_MCT */ {sizeof(TGetMCTInfo), COPY_BACK, RunGetMCT},
 };
 
+U32 Run(const TMMCommand& stCommand, [[maybe_unused]] U32 cmd, TMMCommandRecord& stRecord)
+{
+    MM_GUARD(MM_GuardCommand(cmd, &stRecord), EASSERT);
+    return stCommand.pfnRun(stRecord);
+}
+
 } // namespace
 
 S32 Velmora_MM_ioctl(U32 cmd, U32 arg)
@@ -392,7 +395,7 @@ S32 Velmora_MM_ioctl(U32 cmd, U32 arg)
         MMP_Print(acCopyFailed, __func__);
         return -KERNEL_EFAULT;
     }
-    const U32 ulResult = stCommand.pfnRun(stRecord);
+    const U32 ulResult = Run(stCommand, cmd, stRecord);
     if (stCommand.enCopyBack == COPY_BACK && MMP_CopyToUser(arg, &stRecord, stCommand.ubBytes) != 0) {
         MMP_Print(acCopyFailed, __func__); /* what the command did stays done */
         return -KERNEL_EFAULT;
