@@ -441,6 +441,8 @@ inline void Count(U32 hulHandle, const TMMGuarded& stGuarded, U32 ulTaken, U32 u
 [[gnu::always_inline]] inline U8* Allocate(U32 hulHandle, U32 ulBlkNum, U8 ubMapID, CMMWitness& clWitness)
 {
     TMMGuarded& stGuarded = GuardedOf(hulHandle);
+    if (stGuarded.pulMemory == nullptr) /* being opened, or closed: its runs are not to be looked at */
+        return nullptr;
     const CMMFreeRuns::TMMFound stRun = stGuarded.clRuns.Find(ulBlkNum);
     if (!stRun.Is())
         return nullptr;
