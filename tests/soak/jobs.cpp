@@ -1,6 +1,7 @@
 #include "jobs.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <stdexcept>
 
 #include "kernel/mm/guard/MM_Guard.h"
@@ -144,7 +145,7 @@ bool Printer::drawPage(unsigned number, Job& job)
             bands.push_back(address);
     }
     for (U32 fonts = below(8); room && fonts > 0 && !lists.empty(); --fonts) {
-        const auto font = lists.begin() + below(static_cast<U32>(lists.size()));
+        const auto font = lists.begin() + static_cast<std::ptrdiff_t>(below(static_cast<U32>(lists.size())));
         bands.push_back(*font);
         lists.erase(font);
     }
