@@ -11,11 +11,11 @@
 
 enum { FENCE_BYTES = 0x100000, FILLED = 0x5A };
 
-static ulong start, end;
+static unsigned long start, end;
 module_param(start, ulong, 0);
 module_param(end, ulong, 0);
 
-static unsigned int changed_in(const u8 *from, const u8 **first)
+static unsigned int changed_in(const unsigned char *from, const unsigned char **first)
 {
 	unsigned int changed = 0, i;
 
@@ -31,13 +31,13 @@ static unsigned int changed_in(const u8 *from, const u8 **first)
 
 static ssize_t fence_read(struct file *file, char __user *to, size_t count, loff_t *offset)
 {
-	const u8 *first = NULL;
-	unsigned int changed = changed_in((const u8 *)start, &first);
+	const unsigned char *first = NULL;
+	unsigned int changed = changed_in((const unsigned char *)start, &first);
 	char text[64];
 	int length;
 
-	changed += changed_in((const u8 *)end - FENCE_BYTES, &first);
-	length = scnprintf(text, sizeof(text), "changed=%u first=0x%lx\n", changed, (ulong)first);
+	changed += changed_in((const unsigned char *)end - FENCE_BYTES, &first);
+	length = scnprintf(text, sizeof(text), "changed=%u first=0x%lx\n", changed, (unsigned long)first);
 	return simple_read_from_buffer(to, count, offset, text, length);
 }
 
