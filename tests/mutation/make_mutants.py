@@ -81,6 +81,10 @@ def written_out(text, guarded):
     for match in reversed([] if guarded else list(re.finditer(r"^ +(MM_GUARD)\(", text, flags=re.M))):
         end, _ = closing(text, match.end() - 1)
         text = text[:match.start(1)] + "\n" * text.count("\n", match.start(), end) + text[end + 1:]
+    for match in reversed(list(re.finditer(r"^ +(MM_RETURN_RELEASED)\(", text, flags=re.M))):
+        end, _ = closing(text, match.end() - 1)
+        body = f"do {{ const U32 ulResult = {text[match.end() - 1:end + 1]}; return MM_Guarded ? ulResult : U32(ENOERR); }} while (0)"
+        text = text[:match.start(1)] + body + text[end + 1:]
     for match in reversed(list(re.finditer(r"\b(MM_ASSERT(?:_FOR|_MESSAGE|_SILENT)?)\(", text))):
         start = match.start()
         end, commas = closing(text, match.end() - 1)
