@@ -66,6 +66,7 @@ session_lines() {
     for check in $device_checks; do
         echo "/bin/sh /check/tool/$check /dev/Velmora_MM /bin/velmora-mm"
     done
+    echo "/bin/velmora-mm-load --unload"
 } | run tests
 
 # Once more with the system calls that the oldest kernels have, a log without times, an initial RAM disk that the
