@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <fcntl.h>
 #include <new>
@@ -28,6 +27,7 @@
 #include "lib/descriptor_message.hpp"
 #include "lib/socket_protocol.hpp"
 #include "recording.hpp"
+#include "units.hpp"
 
 namespace velmora::tools {
 
@@ -227,8 +227,6 @@ private:
 ManagedMemory memoryOf(const std::string& path, const std::string& area)
 {
     constexpr std::uint32_t margin = 1U << 20; // at each end of the area
-    ManagedMemory memory{};
-    int past = 0;
     if (area.empty()) {
         KernelLog log(path);
         if (const auto known = managedMemoryIn(log.take()))
@@ -236,11 +234,10 @@ ManagedMemory memoryOf(const std::string& path, const std::string& area)
         throw std::runtime_error("the kernel log does not say any more where the area of " + path +
                                  " lies: say it by --area START-END, as the module's parameter has it");
     }
-    if (std::sscanf(area.c_str(), "%8x-%8x%n", &memory.start, &memory.end, &past) != 2 ||
-        area.size() != static_cast<std::size_t>(past) || memory.end <= memory.start ||
-        memory.end - memory.start <= 2 * margin)
+    const auto range = parseArea(area);
+    if (!range || range->end <= range->start || range->end - range->start <= 2 * margin)
         throw UsageError("--area: '" + area + "' is not START-END with two hexadecimal addresses");
-    return {memory.start + margin, memory.end - margin};
+    return {range->start + margin, range->end - margin};
 }
 
 } // namespace

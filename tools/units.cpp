@@ -58,6 +58,23 @@ std::optional<std::uint64_t> parseBytes(std::string_view text, std::uint64_t mos
     return value && *value <= most >> shift ? std::optional(*value << shift) : std::nullopt;
 }
 
+std::optional<AddressRange> parseArea(std::string_view text)
+{
+    const auto address = [](std::string_view digits) -> std::optional<std::uint32_t> {
+        if (digits.starts_with("0x") || digits.starts_with("0X"))
+            digits.remove_prefix(2);
+        std::uint32_t value = 0;
+        const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value, 16);
+        const bool whole = error == std::errc() && end == digits.data() + digits.size();
+        return whole ? std::optional(value) : std::nullopt;
+    };
+    const std::size_t dash = text.find('-');
+    if (dash == text.npos)
+        return std::nullopt;
+    const auto start = address(text.substr(0, dash)), end = address(text.substr(dash + 1));
+    return start && end ? std::optional(AddressRange{*start, *end}) : std::nullopt;
+}
+
 std::string bytesText(std::uint64_t bytes)
 {
     std::size_t unit = 0;

@@ -15,6 +15,12 @@ std::optional<std::uint32_t> parseNumber(std::string_view text);
 // At most most. nullopt where it is none, or is larger.
 std::optional<std::uint64_t> parseBytes(std::string_view text, std::uint64_t most = 0xFFFFFFFF);
 
+// START-END, two hexadecimal addresses with or without 0x, as the module's parameter has an area. nullopt where it is none.
+struct AddressRange {
+    std::uint32_t start, end;
+};
+std::optional<AddressRange> parseArea(std::string_view text);
+
 // Bytes in the largest unit that divides them: 512 B, 64 KiB, 8 MiB; and rounded to what four characters hold: 1.5 MiB.
 std::string bytesText(std::uint64_t bytes);
 std::string roundedBytes(std::uint64_t bytes);

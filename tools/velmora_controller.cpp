@@ -84,14 +84,11 @@ std::uint32_t parseRam(const std::string& text)
 
 void parseArea(const std::string& text, velmora::sim::ServiceOptions& options)
 {
-    const std::size_t dash = text.find('-');
-    const auto start = number<std::uint32_t>(std::string_view(text).substr(0, dash), 16);
-    const auto end =
-        dash == text.npos ? std::nullopt : number<std::uint32_t>(std::string_view(text).substr(dash + 1), 16);
-    if (!start || !end)
+    const auto area = velmora::tools::parseArea(text);
+    if (!area)
         throw UsageError("--area: '" + text + "' is not START-END with two hexadecimal addresses");
-    options.areaStart = *start;
-    options.areaEnd = *end;
+    options.areaStart = area->start;
+    options.areaEnd = area->end;
 }
 
 // The manager takes any area above the start of RAM, and stands still at its first command if there is no memory.
